@@ -1,0 +1,165 @@
+// Timed capture: the calling thread reads the instrument, a writer thread fills the file.
+
+#include <algorithm>
+#include <exception>
+#include <thread>
+#include <utility>
+
+#include "orvo/timing/capture_queue.h"
+#include "orvo/timing/device.h"
+#include "orvo/timing/library_status.h"
+#include "orvo/timing/stream_files.h"
+
+namespace orvo::timing {
+namespace {
+
+constexpr std::uint64_t kMinChunkBytes = 4096;
+constexpr std::uint64_t kMinQueueChunks = 2;
+constexpr int kReadTimeoutMs = 20;
+// What the packed-delta configuration is taken to be where the library does not tell.
+constexpr std::uint8_t kPresetDeltaBits = 16;
+constexpr std::uint16_t kPresetQuantumPs = 8;
+// Arguments of ot_stop_stream_mode.
+constexpr int kStopCompleted = 1;
+constexpr int kStopAbandoned = 0;
+
+/// The thread that writes a queue's chunks to a file. Always joined before it is destroyed.
+class WriterThread {
+ public:
+  WriterThread(StreamFileWriter& file, detail::CaptureQueue& queue)
+      : file_(file), queue_(queue), thread_([this] { run(); }) {}
+  ~WriterThread() { finish(); }
+  WriterThread(const WriterThread&) = delete;
+  WriterThread& operator=(const WriterThread&) = delete;
+
+  /// Returns when all that was queued is written and the file closed, or the writer has failed.
+  void finish() {
+    queue_.finish();
+    if (thread_.joinable()) {
+      thread_.join();
+    }
+  }
+
+  /// After finish(): what was appended to the file.
+  [[nodiscard]] std::uint64_t written_bytes() const noexcept { return written_bytes_; }
+
+ private:
+  void run() noexcept {
+    try {
+      while (auto chunk = queue_.pop()) {
+        file_.write(chunk->bytes.data(), chunk->used);
+        written_bytes_ += chunk->used;
+        queue_.recycle(std::move(*chunk));
+      }
+      file_.close();
+    } catch (...) {
+      queue_.fail(std::current_exception());
+    }
+  }
+
+  StreamFileWriter& file_;
+  detail::CaptureQueue& queue_;
+  std::uint64_t written_bytes_ = 0;
+  std::thread thread_;  // last: it uses the others
+};
+
+}  // namespace
+
+std::uint64_t Device::capture(const CaptureRequest& request) {
+  const StreamFileHeader header = configure_stream(request);
+  StreamFileWriter file;
+  file.open(request.path, header);
+  detail::CaptureQueue queue(std::max(request.chunk_bytes, kMinChunkBytes),
+                             std::max(request.queue_chunks, kMinQueueChunks));
+  WriterThread writer(file, queue);
+  bool stream_running = false;
+  try {
+    detail::CaptureChunk first = queue.take_spare();
+    start_stream(request);
+    stream_running = true;
+    read_stream(request, queue, std::move(first));
+    detail::check(ot_stop_stream_mode(handle, kStopCompleted), "stop_stream_any", handle);
+    stream_running = false;
+  } catch (...) {
+    if (stream_running) {
+      ot_stop_stream_mode(handle, kStopAbandoned);  // the first failure is the one to tell
+    }
+    writer.finish();
+    if (const std::exception_ptr error = queue.error()) {
+      std::rethrow_exception(error);
+    }
+    throw;
+  }
+  writer.finish();
+  if (const std::exception_ptr error = queue.error()) {
+    std::rethrow_exception(error);
+  }
+  return writer.written_bytes();
+}
+
+/// Everything before the stream starts; returns what the file's header has to say.
+StreamFileHeader Device::configure_stream(const CaptureRequest& request) {
+  StreamFileHeader header;
+  header.stream_format = request.format;
+  header.mode = request.mode;
+  header.stream_transport = request.transport;
+  header.channel_mask = request.channel_mask & 0x0F;
+  header.tdl_index = request.tdl_index;
+  header.delta_bits = request.packed_bits;
+  header.quantum_ps = request.packed_quantum_ps;
+  header.raw64_tag_format =
+      request.mode == Mode::internal && request.format == Format::raw64 ? "raw_cf" : "ps";
+
+  detail::check(ot_set_stream_channel_mask(handle, request.channel_mask), "set_stream_channels",
+                handle);
+  if (request.format == Format::packed_delta) {
+    header.delta_bits = kPresetDeltaBits;
+    header.quantum_ps = kPresetQuantumPs;
+    detail::check(ot_set_packed_delta_config(handle, request.packed_bits, request.packed_quantum_ps,
+                                             &header.delta_bits, &header.quantum_ps),
+                  "set_packed_delta_config", handle);
+  }
+  detail::check(ot_set_stream_interface(handle, static_cast<ot_transport>(request.transport),
+                                        static_cast<ot_format>(request.format)),
+                "set_stream_interface", handle);
+  if (request.mode == Mode::internal) {
+    std::uint32_t divider = 0;
+    detail::check(ot_set_calibration_freq(handle, request.cal_freq_hz, &divider),
+                  "set_calibration_freq", handle);
+  }
+  return header;
+}
+
+void Device::start_stream(const CaptureRequest& request) {
+  detail::check(ot_start_stream_mode(handle, static_cast<ot_mode>(request.mode), request.tdl_index),
+                "start_stream(mode)", handle);
+  stream_mode = request.mode;
+  stream_state = {};
+}
+
+void Device::read_stream(const CaptureRequest& request, detail::CaptureQueue& queue,
+                         detail::CaptureChunk chunk) {
+  using SteadyClock = std::chrono::steady_clock;
+  const auto deadline = SteadyClock::now() + request.duration;  // in floating point
+  while (deadline > SteadyClock::now()) {  // false for a duration that is not a number
+    std::uint64_t got = 0;
+    const ot_status status =
+        ot_read_stream_bytes(handle, chunk.bytes.data(), chunk.bytes.size(), &got, kReadTimeoutMs);
+    if (status == OT_ERR_TIMEOUT || (status == OT_OK && got == 0)) {
+      continue;
+    }
+    if (status != OT_OK) {
+      detail::throw_status(status, "read_stream_bytes", ot_last_error(handle));
+    }
+    ++stream_state.reads;
+    stream_state.payload_bytes += got;
+    if (got > chunk.bytes.size()) {
+      chunk.bytes.resize(got);  // bytes that the library claims beyond the buffer count as zero
+    }
+    chunk.used = got;
+    queue.push(std::move(chunk));
+    chunk = queue.take_spare();
+  }
+}
+
+}  // namespace orvo::timing

@@ -1,0 +1,84 @@
+#include "orvo/timing/capture_queue.h"
+
+#include <utility>
+
+#include "orvo/timing/error.h"
+
+namespace orvo::timing::detail {
+
+CaptureChunk CaptureQueue::take_spare() {
+  {
+    const std::lock_guard lock(mutex_);
+    if (!spare_.empty()) {
+      CaptureChunk chunk = std::move(spare_.front());
+      spare_.pop_front();
+      return chunk;
+    }
+  }
+  return {std::vector<std::uint8_t>(chunk_bytes_), 0};
+}
+
+void CaptureQueue::push(CaptureChunk&& chunk) {
+  {
+    std::unique_lock lock(mutex_);
+    not_full_.wait(lock, [&] { return done_ || has_room(); });
+    if (error_ != nullptr) {
+      std::rethrow_exception(error_);
+    }
+    if (done_) {
+      throw Error(OT_ERR_IO, "stream_to_file_for: writer stopped");
+    }
+    chunks_.push_back(std::move(chunk));
+  }
+  not_empty_.notify_one();
+}
+
+void CaptureQueue::finish() {
+  {
+    const std::lock_guard lock(mutex_);
+    done_ = true;
+  }
+  not_empty_.notify_all();
+  not_full_.notify_all();
+}
+
+std::exception_ptr CaptureQueue::error() {
+  const std::lock_guard lock(mutex_);
+  return error_;
+}
+
+std::optional<CaptureChunk> CaptureQueue::pop() {
+  std::optional<CaptureChunk> chunk;
+  {
+    std::unique_lock lock(mutex_);
+    not_empty_.wait(lock, [&] { return done_ || !chunks_.empty(); });
+    if (chunks_.empty()) {
+      return std::nullopt;
+    }
+    chunk = std::move(chunks_.front());
+    chunks_.pop_front();
+  }
+  not_full_.notify_one();
+  return chunk;
+}
+
+void CaptureQueue::recycle(CaptureChunk&& chunk) {
+  chunk.bytes.resize(chunk_bytes_);
+  chunk.used = 0;
+  const std::lock_guard lock(mutex_);
+  if (!done_) {
+    spare_.push_back(std::move(chunk));
+  }
+}
+
+void CaptureQueue::fail(std::exception_ptr error) {
+  {
+    const std::lock_guard lock(mutex_);
+    error_ = std::move(error);
+    done_ = true;
+  }
+  not_full_.notify_all();
+  not_empty_.notify_all();
+}
+
+}  // namespace orvo::timing::detail

@@ -1,0 +1,69 @@
+// Chunks of a capture on their way from the thread that reads the instrument to the one that
+// writes the file. docs/capture-queue.md tells who owns a chunk when and how every end is reached.
+//
+// Threads: exactly one reader and one writer; each operation says whose it is.
+#pragma once
+
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <exception>
+#include <mutex>
+#include <optional>
+#include <vector>
+
+namespace orvo::timing::detail {
+
+/// A read buffer and how much of it is filled: a short read costs nothing to take back.
+struct CaptureChunk {
+  std::vector<std::uint8_t> bytes;
+  std::size_t used = 0;
+};
+
+class CaptureQueue {
+ public:
+  /// At most `limit_chunks` filled chunks wait. Chunks have `chunk_bytes`.
+  CaptureQueue(std::size_t chunk_bytes, std::size_t limit_chunks)
+      : chunk_bytes_(chunk_bytes), limit_chunks_(limit_chunks) {}
+  CaptureQueue(const CaptureQueue&) = delete;
+  CaptureQueue& operator=(const CaptureQueue&) = delete;
+
+  /// Reader: an empty chunk of full size, a written one where there is one.
+  [[nodiscard]] CaptureChunk take_spare();
+
+  /// Reader: hands a filled chunk over; waits while the queue is full. Throws the writer's
+  /// failure, or "writer stopped" where the queue was finished without one.
+  void push(CaptureChunk&& chunk);
+
+  /// Reader: nothing more will come.
+  void finish();
+
+  /// Reader, after the writer has been joined: its failure, or null.
+  [[nodiscard]] std::exception_ptr error();
+
+  /// Writer: the oldest chunk; waits for one. Nothing: the queue is finished and empty.
+  [[nodiscard]] std::optional<CaptureChunk> pop();
+
+  /// Writer: a written chunk, for take_spare().
+  void recycle(CaptureChunk&& chunk);
+
+  /// Writer: it failed and takes no more chunks.
+  void fail(std::exception_ptr error);
+
+ private:
+  [[nodiscard]] bool has_room() const noexcept { return chunks_.size() < limit_chunks_; }
+
+  const std::size_t chunk_bytes_;
+  const std::size_t limit_chunks_;
+
+  std::mutex mutex_;  // guards everything below
+  std::condition_variable not_empty_;
+  std::condition_variable not_full_;
+  std::deque<CaptureChunk> chunks_;  // oldest first
+  std::deque<CaptureChunk> spare_;
+  bool done_ = false;
+  std::exception_ptr error_;
+};
+
+}  // namespace orvo::timing::detail

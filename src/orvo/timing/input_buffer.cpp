@@ -1,0 +1,40 @@
+#include "orvo/timing/input_buffer.h"
+
+#include <algorithm>
+#include <cstring>
+#include <new>
+
+namespace orvo::timing::detail {
+
+std::span<std::uint8_t> InputBuffer::prepare(std::size_t count) {
+  const std::size_t used = size();
+  if (count > SIZE_MAX / 4 - used) {
+    throw std::bad_alloc();
+  }
+  const std::size_t needed = used + count + kSlackBytes;
+  if (head_ >= used && capacity_ >= needed && head_ > 0) {
+    // Moves no more bytes than were consumed since the last move: linear in the bytes received.
+    std::memmove(storage_.get(), data(), used);
+  } else if (capacity_ - head_ >= needed) {
+    return {storage_.get() + tail_, count};
+  } else {
+    const std::size_t capacity = needed + std::max(needed / 8, used);
+    auto storage = std::make_unique_for_overwrite<std::uint8_t[]>(capacity);
+    if (used > 0) {
+      std::memcpy(storage.get(), data(), used);
+    }
+    storage_ = std::move(storage);
+    capacity_ = capacity;
+  }
+  head_ = 0;
+  tail_ = used;
+  return {storage_.get() + tail_, count};
+}
+
+void InputBuffer::append(std::span<const std::uint8_t> bytes) {
+  const std::span<std::uint8_t> room = prepare(bytes.size());
+  std::copy(bytes.begin(), bytes.end(), room.begin());
+  commit(bytes.size());
+}
+
+}  // namespace orvo::timing::detail

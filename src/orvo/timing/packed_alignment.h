@@ -1,0 +1,37 @@
+// Where records begin in a packed-delta stream: nothing in it marks the place, so it is searched.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <span>
+
+#include "orvo/timing/packed_format.h"
+
+namespace orvo::timing::detail {
+
+/// A place from which records parse into syncs and data, and how well the channels did.
+struct AlignmentCandidate {
+  std::uint64_t drop_bytes = 0;  ///< whole bytes before the first record
+  std::uint64_t bit_offset = 0;  ///< 0 to 7, within the next byte
+  unsigned synced = 0;           ///< channels
+  std::uint64_t min = 0;         ///< records of the least and the most active channel, and of all
+  std::uint64_t max = 0;
+  std::uint64_t total = 0;
+
+  bool operator==(const AlignmentCandidate&) const = default;
+};
+
+struct AlignmentSearch {
+  std::optional<AlignmentCandidate> found;
+  /// With nothing found: the best that was refused for its imbalance.
+  std::optional<AlignmentCandidate> rejected;
+
+  bool operator==(const AlignmentSearch&) const = default;
+};
+
+/// Searches the front of `buffer`: the first 65 byte offsets (17 for a single active channel),
+/// every bit shift of a record at each, over at most 65,536 bytes.
+[[nodiscard]] AlignmentSearch probe_packed_alignment(std::span<const std::uint8_t> buffer,
+                                                     const PackedFormat& format);
+
+}  // namespace orvo::timing::detail

@@ -1,0 +1,83 @@
+// Stream files: eight bytes of magic, a length, a JSON header, then the raw payload to the end.
+//
+// Threads: neither class locks; each object belongs to one thread at a time.
+// Ownership: each object owns its file and closes it when destroyed.
+// Errors: Error, with the messages and states given at each operation.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <fstream>
+#include <memory>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "orvo/timing/stream_decoder.h"
+#include "orvo/timing/stream_header.h"
+
+namespace orvo::timing {
+
+inline constexpr std::array<char, 8> kStreamFileMagic = {'O', 'R', 'T', 'I', 'M', 'E', '1', '\n'};
+
+/// Writes one stream file from front to back.
+class StreamFileWriter {
+ public:
+  StreamFileWriter() = default;
+  ~StreamFileWriter();
+  StreamFileWriter(const StreamFileWriter&) = delete;
+  StreamFileWriter& operator=(const StreamFileWriter&) = delete;
+
+  /// Creates or truncates `path` and writes everything before the payload. A file still open is
+  /// closed first. After a failure the writer is not open.
+  void open(const std::string& path, const StreamFileHeader& header);
+
+  /// Appends `size` bytes to the payload. A null `data` is allowed for no bytes.
+  void write(const std::uint8_t* data, std::uint64_t size);
+
+  /// Writes out what is buffered and closes. A failure is not reported.
+  void close() noexcept;
+
+ private:
+  std::vector<char> write_buffer_;  // outlives the stream that uses it
+  std::ofstream file_;
+  StreamFileHeader header_;
+};
+
+/// Reads a stream file back as timestamps.
+class StreamFileReader {
+ public:
+  StreamFileReader() = default;
+  StreamFileReader(const StreamFileReader&) = delete;
+  StreamFileReader& operator=(const StreamFileReader&) = delete;
+
+  /// Opens and checks `path` and stands at its first payload byte. Nothing of an earlier file is
+  /// kept. After a failure the reader is not open.
+  void open(const std::string& path);
+  void close() noexcept;
+
+  [[nodiscard]] const StreamFileHeader& header() const noexcept { return header_; }
+
+  /// The next timestamps in decoding order, at most `max_tags`; none at the end of the payload.
+  /// Reads `chunk_bytes` (0 counts as 1) at a time.
+  [[nodiscard]] std::vector<TimeTag> decode_next_tags(unsigned long max_tags,
+                                                      unsigned long chunk_bytes);
+
+  /// The same without a copy: valid until the next call on this reader, and empty only at the end
+  /// of the payload or for no `max_tags`.
+  [[nodiscard]] std::span<const TimeTag> next_tags(std::uint64_t max_tags,
+                                                   std::uint64_t chunk_bytes);
+
+ private:
+  [[nodiscard]] bool decode_chunk(std::uint64_t chunk_bytes);
+  [[nodiscard]] std::span<const TimeTag> take_pending(std::uint64_t max_tags) noexcept;
+
+  std::ifstream file_;
+  bool usable_ = false;
+  StreamFileHeader header_;
+  std::unique_ptr<StreamDecoder> decoder_;
+  std::span<const TimeTag> pending_;  // in the decoder's storage
+};
+
+}  // namespace orvo::timing

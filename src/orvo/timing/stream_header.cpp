@@ -1,0 +1,242 @@
+#include "orvo/timing/stream_header.h"
+
+#include <algorithm>
+#include <cctype>
+#include <chrono>
+#include <ctime>
+#include <utility>
+
+namespace orvo::timing::detail {
+namespace {
+
+constexpr std::string_view kWhiteSpace = " \t\n\v\f\r";
+
+const char* text_name(Format format) {
+  switch (format) {
+    case Format::delta32:
+      return "delta32";
+    case Format::packed_delta:
+      return "packed_delta";
+    case Format::raw64:
+      break;
+  }
+  return "raw64";
+}
+
+const char* text_name(Mode mode) { return mode == Mode::internal ? "internal" : "external"; }
+
+const char* text_name(Transport transport) {
+  switch (transport) {
+    case Transport::usb:
+      return "usb";
+    case Transport::usb_async:
+      return "usb_async";
+    case Transport::uart:
+      break;
+  }
+  return "uart";
+}
+
+Format format_from(std::string_view name) {
+  if (name == "delta32") return Format::delta32;
+  if (name == "packed_delta" || name == "packeddelta") return Format::packed_delta;
+  return Format::raw64;
+}
+
+Transport transport_from(std::string_view name) {
+  if (name == "usb") return Transport::usb;
+  if (name == "usb_async" || name == "usb-async" || name == "usbasync") return Transport::usb_async;
+  return Transport::uart;
+}
+
+std::string to_lower(std::string text) {
+  std::transform(text.begin(), text.end(), text.begin(), [](char c) {
+    return static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  });
+  return text;
+}
+
+/// For example 2026-03-14T09:26:53.058979Z.
+std::string utc_now() {
+  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  const auto nanoseconds = std::chrono::duration_cast<std::chrono::nanoseconds>(now).count();
+  const auto seconds = static_cast<std::time_t>(nanoseconds / 1'000'000'000);
+  std::tm calendar{};
+  gmtime_r(&seconds, &calendar);
+  char text[32];
+  std::string result(text, std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &calendar));
+  const std::string microseconds = std::to_string(nanoseconds % 1'000'000'000 / 1000);
+  result += '.';
+  if (microseconds.size() < 6) {
+    result.append(6 - microseconds.size(), '0');
+  }
+  return result + microseconds + 'Z';
+}
+
+std::string fitting_raw64_tag_format(Mode mode) { return mode == Mode::internal ? "raw_cf" : "ps"; }
+
+/// What follows the first ':' behind the first "key"; nothing when there is no such place or
+/// the text ends with it.
+std::optional<std::string_view> find_value(std::string_view text, std::string_view key) {
+  const std::string needle = '"' + std::string(key) + '"';
+  const std::size_t found = text.find(needle);
+  if (found == std::string_view::npos) {
+    return std::nullopt;
+  }
+  const std::size_t colon = text.find(':', found + needle.size());
+  if (colon == std::string_view::npos || colon + 1 == text.size()) {
+    return std::nullopt;
+  }
+  return text.substr(colon + 1);
+}
+
+void append_string_member(std::string& json, const char* key, std::string_view value) {
+  json += '"';
+  json += key;
+  json += "\":\"";
+  json += json_escape(value);
+  json += "\",";
+}
+
+void append_number_member(std::string& json, const char* key, unsigned value, char end) {
+  json += '"';
+  json += key;
+  json += "\":";
+  json += std::to_string(value);
+  json += end;
+}
+
+}  // namespace
+
+std::string json_escape(std::string_view text) {
+  std::string escaped;
+  escaped.reserve(text.size() + 8);
+  for (const char c : text) {
+    switch (c) {
+      case '\t':
+        escaped += "\\t";
+        break;
+      case '\n':
+        escaped += "\\n";
+        break;
+      case '\r':
+        escaped += "\\r";
+        break;
+      case '"':
+        escaped += "\\\"";
+        break;
+      case '\\':
+        escaped += "\\\\";
+        break;
+      default:
+        escaped += static_cast<unsigned char>(c) < 0x20 ? '?' : c;
+    }
+  }
+  return escaped;
+}
+
+std::optional<std::string> json_find_string(std::string_view text, std::string_view key) {
+  const std::optional<std::string_view> value = find_value(text, key);
+  const std::size_t quote = value ? value->find('"') : std::string_view::npos;
+  if (quote == std::string_view::npos) {
+    return std::nullopt;
+  }
+  std::string result;
+  for (std::size_t i = quote + 1; i < value->size(); ++i) {
+    char c = (*value)[i];
+    if (c == '"') {
+      return result;
+    }
+    if (c == '\\') {
+      if (++i == value->size()) {
+        break;
+      }
+      c = (*value)[i];
+      c = c == 'r' ? '\r' : c == 't' ? '\t' : c == 'n' ? '\n' : c;
+    }
+    result += c;
+  }
+  return std::nullopt;  // the text ends inside the value
+}
+
+std::optional<std::uint64_t> json_find_uint(std::string_view text, std::string_view key) {
+  const std::optional<std::string_view> value = find_value(text, key);
+  std::size_t i = value ? value->find_first_not_of(kWhiteSpace) : std::string_view::npos;
+  if (i == std::string_view::npos || (*value)[i] < '0' || (*value)[i] > '9') {
+    return std::nullopt;
+  }
+  std::uint64_t number = 0;
+  for (; i < value->size() && (*value)[i] >= '0' && (*value)[i] <= '9'; ++i) {
+    number = number * 10 + static_cast<std::uint64_t>((*value)[i] - '0');
+  }
+  return number;
+}
+
+std::string stream_header_to_json(StreamFileHeader header) {
+  if (header.created_utc.empty()) {
+    header.created_utc = utc_now();
+  }
+  if (header.raw64_tag_format.empty()) {
+    header.raw64_tag_format = fitting_raw64_tag_format(header.mode);
+  }
+  std::string json = R"({"file_type":"orvo_timing_raw_stream_capture","schema_version":1,)";
+  append_string_member(json, "created_utc", header.created_utc);
+  append_string_member(json, "application", header.application);
+  append_string_member(json, "device_product", header.device_product);
+  append_string_member(json, "device_serial", header.device_serial);
+  append_string_member(json, "device_port", header.device_port);
+  append_string_member(json, "stream_format", text_name(header.stream_format));
+  append_string_member(json, "mode", text_name(header.mode));
+  append_string_member(json, "stream_transport", text_name(header.stream_transport));
+  append_string_member(json, "raw64_tag_format", header.raw64_tag_format);
+  append_number_member(json, "channel_mask", header.channel_mask & 0x0FU, ',');
+  append_number_member(json, "tdl_index", header.tdl_index, ',');
+  json += R"("packed_delta_config":{)";
+  append_number_member(json, "delta_bits", header.delta_bits, ',');
+  append_number_member(json, "quantum_ps", header.quantum_ps, '}');
+  json += '}';
+  return json;
+}
+
+StreamFileHeader stream_header_from_json(std::string_view text) {
+  StreamFileHeader header;
+  if (auto name = json_find_string(text, "stream_format")) {
+    header.stream_format = format_from(to_lower(std::move(*name)));
+  }
+  if (auto name = json_find_string(text, "mode")) {
+    header.mode = to_lower(std::move(*name)) == "internal" ? Mode::internal : Mode::external;
+  }
+  if (auto name = json_find_string(text, "stream_transport")) {
+    header.stream_transport = transport_from(to_lower(std::move(*name)));
+  }
+
+  const auto read_text = [&](const char* key, std::string& field) {
+    if (auto value = json_find_string(text, key)) {
+      field = std::move(*value);
+    }
+  };
+  read_text("raw64_tag_format", header.raw64_tag_format);
+  read_text("created_utc", header.created_utc);
+  read_text("application", header.application);
+  read_text("device_product", header.device_product);
+  read_text("device_serial", header.device_serial);
+  read_text("device_port", header.device_port);
+
+  const auto read_number = [&](const char* key, auto& field) {
+    if (const auto value = json_find_uint(text, key)) {
+      field = static_cast<std::remove_reference_t<decltype(field)>>(*value);
+    }
+  };
+  read_number("channel_mask", header.channel_mask);
+  header.channel_mask &= 0x0F;
+  read_number("tdl_index", header.tdl_index);
+  read_number("delta_bits", header.delta_bits);
+  read_number("quantum_ps", header.quantum_ps);
+
+  if (header.raw64_tag_format.empty()) {
+    header.raw64_tag_format = fitting_raw64_tag_format(header.mode);
+  }
+  return header;
+}
+
+}  // namespace orvo::timing::detail

@@ -1,0 +1,55 @@
+// What a stream file says about its own payload, and the JSON text that carries it.
+// Plain values and functions without state: any thread may call them.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace orvo::timing {
+
+/// Record format of a payload.
+enum class Format : std::int32_t { raw64 = 0, delta32 = 1, packed_delta = 2 };
+/// Source of the events: the calibration source or the inputs.
+enum class Mode : std::int32_t { internal = 0, external = 1 };
+enum class Transport : std::int32_t { uart = 0, usb = 1, usb_async = 2 };
+
+struct StreamFileHeader {
+  Format stream_format = Format::packed_delta;
+  Mode mode = Mode::external;
+  Transport stream_transport = Transport::usb;
+  std::uint8_t channel_mask = 0x0F;  ///< bit c for channel c, 0 to 3
+  std::uint8_t tdl_index = 0;
+  std::uint8_t delta_bits = 16;         ///< width of one packed delta
+  std::uint16_t quantum_ps = 8;         ///< time quantum of one packed-delta step
+  std::string raw64_tag_format = "ps";  ///< "ps" or "raw_cf" (coarse and fine count)
+  std::string created_utc;              ///< empty: filled from the clock when written
+  std::string application;
+  std::string device_product;
+  std::string device_serial;
+  std::string device_port;
+};
+
+namespace detail {
+
+/// The header as one line of JSON. An empty `created_utc` becomes the present time, an empty
+/// `raw64_tag_format` the one that fits the mode.
+[[nodiscard]] std::string stream_header_to_json(StreamFileHeader header);
+
+/// Reads any text: a field whose key is missing or unreadable keeps its default.
+[[nodiscard]] StreamFileHeader stream_header_from_json(std::string_view text);
+
+/// `text` made safe inside a JSON string; control bytes without a short escape become '?'.
+[[nodiscard]] std::string json_escape(std::string_view text);
+
+/// The string after the first "key" in `text`, at any depth; nothing when there is none.
+[[nodiscard]] std::optional<std::string> json_find_string(std::string_view text,
+                                                          std::string_view key);
+
+/// The decimal digits after the first "key" in `text`, modulo 2^64; nothing when there are none.
+[[nodiscard]] std::optional<std::uint64_t> json_find_uint(std::string_view text,
+                                                          std::string_view key);
+
+}  // namespace detail
+}  // namespace orvo::timing

@@ -1,0 +1,13 @@
+// One decoded event.
+#pragma once
+
+#include <cstdint>
+
+namespace orvo::timing {
+
+struct TimeTag {
+  std::uint8_t channel;  ///< 0 to 3
+  std::int64_t time_ps;  ///< on the decoder's continuous time line
+};
+
+}  // namespace orvo::timing
