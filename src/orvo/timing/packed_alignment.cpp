@@ -56,7 +56,7 @@ std::uint64_t read_record(std::span<const std::uint8_t> span, std::uint64_t posi
                           unsigned width) {
   std::uint64_t value = 0;
   for (unsigned i = 0; i < width; ++i, ++position) {
-    value = value << 1 | (span[position / 8] >> (7 - position % 8) & 1U);
+    value = value << 1 | (unsigned{span[position / 8]} >> (7 - position % 8) & 1);
   }
   return value;
 }

@@ -1,0 +1,40 @@
+# Sourced by the other scripts: what the build needs, installed where it is missing.
+# Everything said here goes to standard error; standard output belongs to what a script runs.
+
+project_dir=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+
+# need_packages PACKAGE...: installs missing Debian packages as root, else names the command.
+need_packages() {
+  local missing=() package
+  for package in "$@"; do
+    dpkg-query -W -f '${Status}' "$package" 2>/dev/null | grep -q '^install ok installed$' ||
+      missing+=("$package")
+  done
+  [ ${#missing[@]} -eq 0 ] && return
+  if [ "$(id -u)" -ne 0 ]; then
+    echo "Missing packages. As root: apt-get update && apt-get install -y ${missing[*]}" >&2
+    exit 1
+  fi
+  echo "Installing: ${missing[*]}" >&2
+  { apt-get update -q && DEBIAN_FRONTEND=noninteractive apt-get install -q -y --no-install-recommends \
+      "${missing[@]}"; } >&2 </dev/null || exit 1
+}
+
+# build PRESET [TARGET...]: configures and builds; the whole output only where it fails.
+build() {
+  local preset=$1 log
+  shift
+  log=$(mktemp)
+  echo "Building ($preset) ..." >&2
+  if ! { cd "$project_dir" && cmake --preset "$preset" &&
+         cmake --build --preset "$preset" ${@:+--target "$@"}; } >"$log" 2>&1; then
+    cat "$log" >&2
+    rm -f "$log"
+    echo "The build failed." >&2
+    exit 1
+  fi
+  rm -f "$log"
+}
+
+build_packages=(cmake ninja-build g++)
+test_packages=("${build_packages[@]}" libgtest-dev)
