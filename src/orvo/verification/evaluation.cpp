@@ -1,0 +1,103 @@
+#include "orvo/verification/evaluation.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "orvo/timing/stream_files.h"
+
+namespace orvo::verification {
+namespace {
+
+constexpr std::uint64_t kTagsPerRead = 65536;
+constexpr double kPicosecondsPerSecond = 1e12;
+constexpr double kPartsPerMillion = 1e6;
+// Wider records than this are not taken to need overflow records at any rate.
+constexpr unsigned kMaxOverflowBits = 30;
+
+bool overflow_required(double expected_decoded_hz, const EvaluationSettings& settings) {
+  if (!(expected_decoded_hz > 0) || settings.packed_bits < 1 ||
+      settings.packed_bits > kMaxOverflowBits || settings.packed_quantum_ps == 0) {
+    return false;
+  }
+  const auto largest_delta = static_cast<double>((std::uint64_t{1} << settings.packed_bits) - 1);
+  return kPicosecondsPerSecond / expected_decoded_hz > largest_delta * settings.packed_quantum_ps;
+}
+
+/// `last_ps` - `first_ps` in 64 bits, for any two times.
+std::int64_t span_between(std::int64_t first_ps, std::int64_t last_ps) {
+  return static_cast<std::int64_t>(static_cast<std::uint64_t>(last_ps) -
+                                   static_cast<std::uint64_t>(first_ps));
+}
+
+ChannelResult judge_channel(const TagStatistics::Channel& tags, double expected_decoded_hz,
+                            const EvaluationSettings& settings) {
+  ChannelResult result;
+  result.count = tags.count;
+  if (tags.count >= 2) {
+    result.first_ps = tags.smallest_ps;
+    result.last_ps = tags.largest_ps;
+    const std::int64_t span_ps = span_between(result.first_ps, result.last_ps);
+    if (span_ps > 0) {
+      result.measured_hz = static_cast<double>(tags.count - 1) * kPicosecondsPerSecond /
+                           static_cast<double>(span_ps);
+    }
+  }
+  if (expected_decoded_hz > 0 && result.measured_hz > 0) {
+    result.ppm_error =
+        (result.measured_hz - expected_decoded_hz) / expected_decoded_hz * kPartsPerMillion;
+  }
+  result.pass = tags.count >= settings.min_tags_per_channel && std::isfinite(result.ppm_error) &&
+                std::abs(result.ppm_error) <= settings.tolerance_ppm;
+  return result;
+}
+
+}  // namespace
+
+void TagStatistics::add(std::span<const timing::TimeTag> tags) {
+  for (const timing::TimeTag& tag : tags) {
+    Channel& channel = channels_[std::min<std::size_t>(tag.channel, kChannels)];
+    ++channel.count;
+    channel.smallest_ps = std::min(channel.smallest_ps, tag.time_ps);
+    channel.largest_ps = std::max(channel.largest_ps, tag.time_ps);
+  }
+}
+
+std::uint64_t TagStatistics::tags() const noexcept {
+  std::uint64_t tags = 0;
+  for (const Channel& channel : channels_) {
+    tags += channel.count;
+  }
+  return tags;
+}
+
+void derive_rates(std::uint32_t divider, const EvaluationSettings& settings, RunResult& result) {
+  result.divider = divider;
+  result.effective_hz = divider == 0 ? 0 : kCalibrationBaseHz / divider;
+  result.expected_decoded_hz = result.effective_hz / kDecodedTimestampSecondsPerSecond;
+  result.overflow_required = overflow_required(result.expected_decoded_hz, settings);
+}
+
+void judge(const TagStatistics& statistics, const EvaluationSettings& settings, RunResult& result) {
+  result.decoded_tags = statistics.tags();
+  result.pass = true;
+  for (std::size_t channel = 0; channel < kChannels; ++channel) {
+    result.channels[channel] =
+        judge_channel(statistics.channel(channel), result.expected_decoded_hz, settings);
+    if (channel_counts(settings.channel_mask, channel)) {
+      result.pass = result.pass && result.channels[channel].pass;
+    }
+  }
+}
+
+TagStatistics read_tag_statistics(const std::string& path, std::uint64_t chunk_bytes) {
+  timing::StreamFileReader reader;
+  reader.open(path);
+  TagStatistics statistics;
+  for (auto tags = reader.next_tags(kTagsPerRead, chunk_bytes); !tags.empty();
+       tags = reader.next_tags(kTagsPerRead, chunk_bytes)) {
+    statistics.add(tags);
+  }
+  return statistics;
+}
+
+}  // namespace orvo::verification

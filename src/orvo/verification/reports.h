@@ -1,0 +1,45 @@
+// The reports of a whole verification and their publication as the latest results.
+//
+// Threads: no state; one thread at a time for each folder. Errors: timing::Error with OT_ERR_IO for
+// a file that cannot be opened or published; a failing write to an opened file goes unreported.
+// Files written before a failure stay.
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "orvo/verification/config.h"
+#include "orvo/verification/run_result.h"
+
+namespace orvo::verification {
+
+/// Writes overflow_frequency.csv, .json and .summary.txt into `run_dir`, publishes them in
+/// `output_root` and prints the summary on standard output.
+void write_reports(const std::filesystem::path& output_root, const std::filesystem::path& run_dir,
+                   const Config& config, const std::vector<RunResult>& results, bool all_pass);
+
+/// One row for each run and channel, whatever the channel mask.
+void write_csv(const std::filesystem::path& csv_path, const std::vector<RunResult>& results);
+
+void write_json_report(const std::filesystem::path& json_path, const Config& config,
+                       const std::vector<RunResult>& results, bool all_pass);
+
+/// Text for people; shows the channels that count.
+[[nodiscard]] std::string format_summary(const std::filesystem::path& run_dir,
+                                         const std::filesystem::path& csv_path,
+                                         const std::filesystem::path& json_path,
+                                         const Config& config,
+                                         const std::vector<RunResult>& results, bool all_pass);
+
+/// Replaces the content of `path`.
+void write_text_file(const std::filesystem::path& path, const std::string& text);
+
+/// Removes `to`, also where it is a link or an empty folder, then copies `from` there.
+void copy_file_checked(const std::filesystem::path& from, const std::filesystem::path& to);
+
+/// Makes latest.csv, latest.json and latest_summary.txt in `output_root`, created where missing.
+void publish_latest(const std::filesystem::path& output_root, const std::filesystem::path& csv_path,
+                    const std::filesystem::path& json_path, const std::string& summary_text);
+
+}  // namespace orvo::verification
