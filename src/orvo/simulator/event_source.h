@@ -1,0 +1,101 @@
+// When the channels fire: the events of all channels of one stream in the order of their times.
+//
+// Threads: a source belongs to one thread. Ownership: copies what it needs from the settings.
+// Errors: none. Times are exact at any distance: nothing is rounded twice.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <vector>
+
+#include "orvo/simulator/instrument.h"
+#include "orvo/simulator/settings.h"
+#include "orvo/timing/stream_header.h"
+
+namespace orvo::simulator {
+
+/// A period of whole_ps + remainder / divisor picoseconds of instrument time.
+struct Period {
+  std::uint64_t whole_ps = 0;
+  std::uint64_t remainder = 0;
+  std::uint64_t divisor = 1;
+};
+
+/// Period of the calibration source, (712500000/23)/divider Hz, in an instrument whose time runs
+/// 0.9999 s a second, when the channel is too fast by `rate_error` millionths of a ppm.
+[[nodiscard]] Period calibration_period(std::uint32_t divider, std::int64_t rate_error);
+[[nodiscard]] Period input_period(std::uint64_t hz, std::int64_t rate_error);
+
+struct SourceConfig {
+  timing::Mode mode = timing::Mode::internal;
+  std::uint8_t channel_mask = 0;  ///< 0: all
+  std::uint32_t divider = 1;
+  std::uint64_t start_ps = 0;
+};
+
+class EventSource {
+ public:
+  EventSource(const Settings& settings, const SourceConfig& config);
+
+  /// The next event; its time is kNever when no channel fires at all.
+  [[nodiscard]] const Event& front() const { return queue_[0]; }
+
+  void pop() {
+    const unsigned number = queue_[0].channel;
+    advance(channels_[number]);
+    insert({channels_[number].next_ps, number});
+  }
+
+ private:
+  struct Channel {
+    std::uint64_t next_ps = kNever;
+    std::uint64_t nominal_ps = 0;
+    std::uint64_t fraction = 0;  // of a picosecond, in 1 / period.divisor
+    std::uint64_t number = 0;    // of the next event
+    std::uint64_t next_loss = kNever;
+    std::uint64_t jitter_seed = 0;
+    std::uint64_t jitter_values = 1;
+    Period period;
+    std::vector<Loss> losses;
+  };
+
+  static void skip(Channel& channel, std::uint64_t count);
+  static void skip_losses(Channel& channel);
+
+  static void step(Channel& channel) {
+    channel.nominal_ps += channel.period.whole_ps;
+    channel.fraction += channel.period.remainder;
+    const std::uint64_t carry = channel.fraction >= channel.period.divisor ? 1 : 0;
+    channel.fraction -= carry * channel.period.divisor;
+    channel.nominal_ps += carry;
+    ++channel.number;
+  }
+
+  static void fire(Channel& channel) {
+    const std::uint64_t random = random_at(channel.jitter_seed, channel.number) >> 32;
+    channel.next_ps = channel.nominal_ps + ((random * channel.jitter_values) >> 32);
+  }
+
+  static void advance(Channel& channel) {
+    step(channel);
+    if (channel.number == channel.next_loss) skip_losses(channel);
+    fire(channel);
+  }
+
+  /// Puts the channel of the front at its new place. Channels mostly fire in turn, so that the
+  /// branch is foreseen and no event waits for the times of the one before.
+  void insert(const Event& event) {
+    unsigned place = 0;
+    for (; place + 1 < kChannels && queue_[place + 1].time_ps <= event.time_ps; ++place) {
+      queue_[place] = queue_[place + 1];
+    }
+    queue_[place] = event;
+  }
+
+  void set_up(unsigned number, const Settings& settings, const SourceConfig& config);
+
+  std::array<Channel, kChannels> channels_;
+  std::array<Event, kChannels> queue_;  // in the order of their times
+};
+
+}  // namespace orvo::simulator

@@ -1,0 +1,66 @@
+// What the simulated instrument is commanded to do: the text of ORVO_SIM as values.
+// Plain values and a function without state: any thread may use them.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "orvo/simulator/instrument.h"
+#include "orvo/simulator/operation.h"
+#include "orvo/timing/ot_status.h"
+
+namespace orvo::simulator {
+
+/// `count` events of a channel, from number `first` of a stream on, are lost before encoding.
+struct Loss {
+  unsigned channel = 0;
+  std::uint64_t count = 0;
+  std::uint64_t first = 0;
+};
+
+enum class DamageKind { flip, drop, repeat };
+
+struct Damage {
+  DamageKind kind = DamageKind::flip;
+  std::uint64_t offset = 0;  ///< byte of the undamaged stream
+};
+
+struct Failure {
+  Operation operation = Operation::open;
+  std::uint64_t call = 1;  ///< counted from 1, from the loading of the library on
+  ot_status status = OT_ERR_IO;
+  bool always = false;  ///< this call and all later ones
+  bool effect = false;  ///< the call does its work before it reports the failure
+  std::string detail;
+};
+
+enum class Pace { real_time, unpaced_bytes, unpaced_ps };
+
+struct Settings {
+  std::uint64_t seed = 1;
+  std::uint64_t instruments = 1;
+  std::array<std::int64_t, kChannels> rate_error_1e6_ppm{};  ///< in millionths of a ppm
+  std::uint64_t jitter_ps = 3;
+  std::array<std::uint64_t, kChannels> external_hz{100000, 80000, 60000, 40000};
+  std::array<bool, kChannels> silent{};
+  std::vector<Loss> losses;
+  std::optional<std::uint64_t> bit_phase;  ///< unset: from the seed
+  std::uint64_t clock_ps = 1'000'000'000'000;
+  std::uint64_t sync_interval = 256;
+  std::uint64_t noise_bytes = 0;
+  std::vector<Damage> damage;
+  Pace pace = Pace::real_time;
+  std::uint64_t end = kNever;  ///< of an unpaced stream, in the unit of its pace
+  std::string replay;
+  std::vector<Failure> failures;
+  std::string ledger;
+};
+
+/// Reads "key=value;key=value". Throws std::invalid_argument with a text that names the key.
+[[nodiscard]] Settings parse_settings(std::string_view text);
+
+}  // namespace orvo::simulator
