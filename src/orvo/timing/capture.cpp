@@ -23,6 +23,14 @@ constexpr std::uint16_t kPresetQuantumPs = 8;
 constexpr int kStopCompleted = 1;
 constexpr int kStopAbandoned = 0;
 
+/// Stops a stream after a failure, which is the one to tell: that of the stop is discarded.
+void abandon_stream(ot_device* handle) noexcept {
+  try {
+    detail::check(ot_stop_stream_mode(handle, kStopAbandoned), "stop_stream_any", handle);
+  } catch (...) {
+  }
+}
+
 /// The thread that writes a queue's chunks to a file. Always joined before it is destroyed.
 class WriterThread {
  public:
@@ -82,7 +90,7 @@ std::uint64_t Device::capture(const CaptureRequest& request) {
     stream_running = false;
   } catch (...) {
     if (stream_running) {
-      ot_stop_stream_mode(handle, kStopAbandoned);  // the first failure is the one to tell
+      abandon_stream(handle);
     }
     writer.finish();
     if (const std::exception_ptr error = queue.error()) {

@@ -28,9 +28,8 @@ PackedFormat::PackedFormat(const StreamFileHeader& header)
       period_ps(std::uint64_t{1} << (kTickBits + quantum_shift)),
       wrap_excess_ps((kWrapPs + period_ps - 1) / period_ps * period_ps - kWrapPs),
       sync_modulus_ps(std::min(period_ps, kWrapPs)),
-      active_mask(static_cast<std::uint8_t>((header.channel_mask & kAllChannels) == 0
-                                                ? kAllChannels
-                                                : header.channel_mask & kAllChannels)),
+      active_mask(static_cast<std::uint8_t>(
+          header.channel_mask == 0 ? kAllChannels : header.channel_mask & kAllChannels)),
       active_channels(static_cast<unsigned>(std::popcount(active_mask))),
       required_synced(header.mode == Mode::internal
                           ? active_channels

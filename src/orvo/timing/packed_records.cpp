@@ -9,14 +9,23 @@
 namespace orvo::timing::detail {
 namespace {
 
-/// One channel as the fast loop sees it. The two bounds fold every question that the rules ask of
-/// an ordinary record into one comparison; 0 leaves all of a channel's records to the rules.
+/// One channel as the fast loop sees it. The bounds fold every question that the rules ask of an
+/// ordinary record into one comparison; 0 leaves a channel's records to the rules.
 struct Lane {
-  std::uint64_t overflow;
   std::uint64_t time_ps;
-  std::uint64_t step_bound_ps;   // a data record's step below this is taken as it is
+  std::uint64_t step_bound_ps;   // without overflow, a step below this is taken as it is
   std::uint64_t overflow_bound;  // a flagged payload below this only adds up
+  std::uint64_t overflow;
+  std::uint64_t full_step_bound_ps;  // the same as step_bound_ps, with overflow
   std::uint64_t tags;
+};
+
+/// Where a batch stands: the next record's first bit, the end of the last record, the next tag.
+struct Cursor {
+  const std::uint8_t* data;
+  std::uint64_t position;
+  std::uint64_t stop;
+  TimeTag* end;
 };
 
 /// Up to this step none of the corrections and limits of the rules can apply.
@@ -29,73 +38,122 @@ void load_lanes(const PackedFormat& format, const PackedState& state, Lane (&lan
   for (unsigned c = 0; c < 4; ++c) {
     const PackedState::Channel& channel = state.channels[c];
     const bool plain = format.active(c) && state.sync_records_left == 0;
-    lanes[c].overflow = channel.overflow;
+    const bool anchored = plain && channel.timed && c != state.pending_sync_channel;
     lanes[c].time_ps = static_cast<std::uint64_t>(channel.last_time_ps);
-    lanes[c].step_bound_ps =
-        plain && channel.timed && c != state.pending_sync_channel ? plain_step_ps(format) + 1 : 0;
+    lanes[c].overflow = channel.overflow;
     lanes[c].overflow_bound = plain ? format.all_ones : 0;
+    lanes[c].full_step_bound_ps = anchored ? plain_step_ps(format) + 1 : 0;
+    lanes[c].step_bound_ps = channel.overflow == 0 ? lanes[c].full_step_bound_ps : 0;
   }
 }
 
 void store_lanes(const Lane (&lanes)[4], PackedState& state) {
   for (unsigned c = 0; c < 4; ++c) {
-    state.channels[c].overflow = lanes[c].overflow;
     state.channels[c].last_time_ps = static_cast<std::int64_t>(lanes[c].time_ps);
+    state.channels[c].overflow = lanes[c].overflow;
   }
 }
 
-/// `kBits` is the payload width, known to the compiler, or 0 for any.
+/// Takes records up to the first that the lanes leave to the rules. `kBits` is the payload width,
+/// known to the compiler, or 0 for any.
 template <unsigned kBits>
-PackedBatch decode(const std::uint8_t* data, std::uint64_t bit_offset, std::uint64_t records,
-                   const PackedFormat& format, PackedState& state, TimeTag* const tags) {
+void take_plain_records(Cursor& cursor, const PackedFormat& format, Lane (&lanes)[4]) {
   const unsigned bits = kBits > 0 ? kBits : format.bits;
   const unsigned width = bits + 3;
   const std::uint64_t all_ones = (std::uint64_t{1} << bits) - 1;
-  const unsigned shift = format.quantum_shift;
+  const std::uint64_t tick_ps = std::uint64_t{1} << format.quantum_shift;
+  const std::uint8_t* const data = cursor.data;
+  const std::uint64_t stop = cursor.stop;
+  std::uint64_t position = cursor.position;
+  TimeTag* end = cursor.end;
 
-  PackedRules rules(format, state);
-  PackedBatch batch;
-  Lane lanes[4] = {};
-  load_lanes(format, state, lanes);
-  TimeTag* end = tags;
-  std::uint64_t position = bit_offset;
-  for (std::uint64_t i = 0; i < records; ++i, position += width) {
+  const auto emit = [&](unsigned channel, std::uint64_t step_ps) {
+    Lane& lane = lanes[channel];
+    lane.time_ps += step_ps;
+    ++lane.tags;
+    *end++ = {static_cast<std::uint8_t>(channel), static_cast<std::int64_t>(lane.time_ps)};
+  };
+
+  while (position < stop) {
     const std::uint64_t record = record_at(data, position, width);
     const auto channel = static_cast<unsigned>(record >> (bits + 1));
     const std::uint64_t payload = record & all_ones;
     Lane& lane = lanes[channel];
     if ((record >> bits & 1) == 0) {
-      const std::uint64_t step = ((lane.overflow << bits) + payload) << shift;
-      if (step < lane.step_bound_ps) [[likely]] {
+      const std::uint64_t step_ps = payload * tick_ps;
+      const std::uint64_t full_step_ps = ((lane.overflow << bits) + payload) * tick_ps;
+      if (step_ps < lane.step_bound_ps) [[likely]] {
+        emit(channel, step_ps);
+      } else if (full_step_ps < lane.full_step_bound_ps) {
         lane.overflow = 0;
-        lane.time_ps += step;
-        ++lane.tags;
-        *end++ = {static_cast<std::uint8_t>(channel), static_cast<std::int64_t>(lane.time_ps)};
-        continue;
+        lane.step_bound_ps = lane.full_step_bound_ps;
+        emit(channel, full_step_ps);
+      } else {
+        break;
       }
-    } else if (payload < lane.overflow_bound) [[likely]] {
-      lane.overflow += payload;
-      continue;
-    }
-
-    store_lanes(lanes, state);
-    const PackedRules::Outcome outcome = rules.take(record);
-    if (outcome == PackedRules::Outcome::drop) {
-      batch.drop = rules.drop();
-      batch.drop->record = i;
-      batch.drop->records = records;
-      records = i + 1;
+    } else if (payload < lane.overflow_bound) {
+      // Nearly always the channel's data record is next: both at once, without the lane's overflow.
+      const std::uint64_t next = record_at(data, position + width, width);
+      const std::uint64_t step_ps = ((payload << bits) + (next & all_ones)) * tick_ps;
+      if ((record ^ next) >> bits == 1 && step_ps < lane.step_bound_ps && position + width < stop)
+          [[likely]] {
+        emit(channel, step_ps);
+        position += width;
+      } else {
+        lane.overflow += payload;
+        lane.step_bound_ps = 0;
+      }
+    } else {
       break;
     }
+    position += width;
+  }
+  cursor.position = position;
+  cursor.end = end;
+}
+
+/// Lets the rules take the next record and, where it belongs to a sync, the rest of that with the
+/// data record it anchors. False: the lock is lost.
+[[nodiscard]] bool follow_rules(Cursor& cursor, PackedRules& rules, const PackedFormat& format,
+                                const PackedState& state, Lane (&lanes)[4]) {
+  unsigned channel = 0;
+  do {
+    const std::uint64_t record = record_at(cursor.data, cursor.position, format.width);
+    channel = static_cast<unsigned>(record >> (format.bits + 1));
+    cursor.position += format.width;
+    switch (rules.take(record)) {
+      case PackedRules::Outcome::silent:
+        break;
+      case PackedRules::Outcome::tag:
+        ++lanes[channel].tags;
+        *cursor.end++ = {static_cast<std::uint8_t>(channel), state.channels[channel].last_time_ps};
+        break;
+      case PackedRules::Outcome::drop:
+        return false;
+    }
+  } while (cursor.position < cursor.stop &&
+           (state.sync_records_left > 0 || state.pending_sync_channel == channel));
+  return true;
+}
+
+template <unsigned kBits>
+PackedBatch decode(Cursor cursor, const PackedFormat& format, PackedState& state) {
+  const Cursor start = cursor;
+  PackedRules rules(format, state);
+  PackedBatch batch;
+  Lane lanes[4] = {};
+  while (cursor.position < cursor.stop && !batch.drop) {
     load_lanes(format, state, lanes);
-    if (outcome == PackedRules::Outcome::tag) {
-      ++lane.tags;
-      *end++ = {static_cast<std::uint8_t>(channel), static_cast<std::int64_t>(lane.time_ps)};
+    take_plain_records<kBits>(cursor, format, lanes);
+    store_lanes(lanes, state);
+    if (cursor.position < cursor.stop && !follow_rules(cursor, rules, format, state, lanes)) {
+      batch.drop = rules.drop();
+      batch.drop->record = (cursor.position - start.position) / format.width - 1;
+      batch.drop->records = (start.stop - start.position) / format.width;
     }
   }
-  store_lanes(lanes, state);
-  batch.records = records;
-  batch.tags = static_cast<std::size_t>(end - tags);
+  batch.records = (cursor.position - start.position) / format.width;
+  batch.tags = static_cast<std::size_t>(cursor.end - start.end);
   for (unsigned c = 0; c < 4; ++c) {
     batch.channel_tags[c] = lanes[c].tags;
   }
@@ -107,15 +165,16 @@ PackedBatch decode(const std::uint8_t* data, std::uint64_t bit_offset, std::uint
 PackedBatch decode_packed_records(const std::uint8_t* data, std::uint64_t bit_offset,
                                   std::uint64_t records, const PackedFormat& format,
                                   PackedState& state, TimeTag* tags) {
+  const Cursor cursor = {data, bit_offset, bit_offset + records * format.width, tags};
   switch (format.bits) {
     case 8:
-      return decode<8>(data, bit_offset, records, format, state, tags);
+      return decode<8>(cursor, format, state);
     case 16:
-      return decode<16>(data, bit_offset, records, format, state, tags);
+      return decode<16>(cursor, format, state);
     case 24:
-      return decode<24>(data, bit_offset, records, format, state, tags);
+      return decode<24>(cursor, format, state);
     default:
-      return decode<0>(data, bit_offset, records, format, state, tags);
+      return decode<0>(cursor, format, state);
   }
 }
 

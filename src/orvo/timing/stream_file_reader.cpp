@@ -39,6 +39,7 @@ void StreamFileReader::open(const std::string& path) {
   close();
   pending_ = {};
   decoder_.reset();
+  header_ = {};
   file_.open(path, std::ios::in | std::ios::binary);
   if (!file_) {
     throw Error(OT_ERR_IO, "StreamFileReader: cannot open " + path);

@@ -4,6 +4,7 @@
 #include <cctype>
 #include <chrono>
 #include <ctime>
+#include <type_traits>
 #include <utility>
 
 namespace orvo::timing::detail {

@@ -1,0 +1,39 @@
+// Packed-delta streams out of a seed: as an instrument sends them, with faults that a decoder has
+// to notice, and damaged afterwards. One seed and one compiler give the same streams again.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <random>
+#include <vector>
+
+#include "orvo/timing/stream_header.h"
+
+namespace orvo::tests {
+
+class PackedStreams {
+ public:
+  explicit PackedStreams(std::uint64_t seed) : random_(seed) {}
+
+  std::uint64_t below(std::uint64_t end) { return random_() % end; }
+  bool one_in(std::uint64_t n) { return below(n) == 0; }
+
+  timing::StreamFileHeader header();
+
+  /// About `bytes` bytes that start in mid-record. One event in `fault_interval` is not as an
+  /// instrument sends it; 0 for none. Channel 0 may slow down for the second half.
+  std::vector<std::uint8_t> stream(const timing::StreamFileHeader& header, std::size_t bytes,
+                                   std::uint64_t fault_interval, bool slows_down);
+
+  /// Random bytes, often with long runs of one bits.
+  std::vector<std::uint8_t> noise(std::size_t bytes);
+
+  /// Flips a bit, drops some bytes or repeats some, at a random place of a
+  /// stream that is not empty.
+  void damage(std::vector<std::uint8_t>& bytes);
+
+ private:
+  std::mt19937_64 random_;
+};
+
+}  // namespace orvo::tests

@@ -1,0 +1,47 @@
+// A directory for one test, and whole files in and out of it.
+#pragma once
+
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <string_view>
+
+namespace orvo::tests {
+
+/// Made empty, removed with all it holds when destroyed.
+class ScratchDirectory {
+ public:
+  ScratchDirectory() {
+    static int count = 0;
+    path_ = std::filesystem::temp_directory_path() /
+            ("orvo_test_" + std::to_string(getpid()) + "_" + std::to_string(count++));
+    std::filesystem::create_directories(path_);
+  }
+  ~ScratchDirectory() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+  }
+  ScratchDirectory(const ScratchDirectory&) = delete;
+  ScratchDirectory& operator=(const ScratchDirectory&) = delete;
+
+  [[nodiscard]] std::string file(std::string_view name) const { return (path_ / name).string(); }
+  [[nodiscard]] const std::filesystem::path& path() const { return path_; }
+
+ private:
+  std::filesystem::path path_;
+};
+
+inline void write_file(const std::string& path, std::string_view bytes) {
+  std::ofstream file(path, std::ios::binary);
+  file.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+}
+
+inline std::string read_file(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+}  // namespace orvo::tests

@@ -1,0 +1,69 @@
+// A driver library inside the test program: it does what a script says and writes down every call.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+#include "orvo/timing/ot_api.h"
+
+namespace orvo::tests {
+
+struct ScriptedRead {
+  ot_status status = OT_OK;
+  std::string bytes;  // copied as far as they fit; the count told is that of all, on any status
+};
+
+struct ScriptedInstrument {
+  std::optional<std::string> port;
+  std::optional<ot_identity> identity;
+};
+
+struct ScriptedFailure {
+  std::string call;  // beginning of the recorded lines that fail
+  ot_status status;
+};
+
+/// Installs itself as what the ot_ operations do, for as long as it lives; one at a time.
+///
+/// Each call is one line: its name and inputs, then, where it has outputs, "preset" and what they
+/// held on entry ("ot_set_calibration_freq 1000 preset 0"). A call on a wrong handle or list, or
+/// from a thread other than the one that made the script, is marked with "!".
+class ScriptedDriver {
+ public:
+  ScriptedDriver();
+  ~ScriptedDriver();
+  ScriptedDriver(const ScriptedDriver&) = delete;
+  ScriptedDriver& operator=(const ScriptedDriver&) = delete;
+
+  std::vector<ScriptedInstrument> instruments;
+  std::vector<ScriptedFailure> failures;
+  std::optional<std::string> status_text = "status text";
+  std::optional<std::string> detail_text = "detail";
+  std::optional<std::uint8_t> effective_bits;  // nothing: the output is left as it was
+  std::optional<std::uint16_t> effective_quantum_ps;
+  std::vector<ScriptedRead> reads;                // one a call, oldest first
+  ot_status status_after_reads = OT_ERR_TIMEOUT;  // without data; not written down
+
+  std::vector<std::string> calls;
+
+  [[nodiscard]] std::size_t count(std::string_view call) const;
+
+  // For the ot_ operations.
+  ot_status record(const std::string& call, bool valid = true);
+  ot_status read(bool valid, std::uint8_t* buffer, std::uint64_t capacity, std::uint64_t& got,
+                 int timeout_ms);
+
+ private:
+  const std::thread::id owner_ = std::this_thread::get_id();
+  std::size_t next_read_ = 0;
+};
+
+/// The script in force.
+ScriptedDriver& scripted_driver();
+
+}  // namespace orvo::tests

@@ -1,0 +1,110 @@
+#include "support/tool_runner.h"
+
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <sstream>
+#include <string_view>
+#include <system_error>
+
+#include "support/scratch.h"
+
+namespace orvo::tests {
+namespace {
+
+std::vector<char*> pointers(Texts& texts) {
+  std::vector<char*> result;
+  for (std::string& text : texts) result.push_back(text.data());
+  result.push_back(nullptr);
+  return result;
+}
+
+Texts environment_with(const Texts& additions) {
+  Texts result;
+  for (char** variable = environ; *variable != nullptr; ++variable) {
+    if (!std::string_view(*variable).starts_with("ORVO_")) result.emplace_back(*variable);
+  }
+  result.insert(result.end(), additions.begin(), additions.end());
+  return result;
+}
+
+bool redirect(int descriptor, const char* path) {
+  const int file = open(path, O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  return file >= 0 && dup2(file, descriptor) >= 0;
+}
+
+bool limit_file_size(std::uint64_t bytes) {
+  const rlimit limit = {bytes, bytes};
+  // Ignored, the signal leaves the write with an error, as a full disk does.
+  return setrlimit(RLIMIT_FSIZE, &limit) == 0 && std::signal(SIGXFSZ, SIG_IGN) != SIG_ERR;
+}
+
+int wait_for(pid_t child) {
+  int status = 0;
+  while (waitpid(child, &status, 0) < 0) {
+    if (errno != EINTR) throw std::system_error(errno, std::generic_category(), "waitpid");
+  }
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+}  // namespace
+
+ToolResult run_tool(const std::filesystem::path& directory, const ToolCall& call) {
+  const ScratchDirectory captured;
+  const std::string out = captured.file("out");
+  const std::string err = captured.file("err");
+  Texts arguments = call.arguments;
+  arguments.insert(arguments.begin(), call.program);
+  Texts environment = environment_with(call.environment);
+  const std::vector<char*> argv = pointers(arguments);
+  const std::vector<char*> envp = pointers(environment);
+
+  const pid_t child = fork();
+  if (child < 0) throw std::system_error(errno, std::generic_category(), "fork");
+  if (child == 0) {
+    constexpr int kCannotRun = 127;
+    if (chdir(directory.c_str()) == 0 && redirect(STDOUT_FILENO, out.c_str()) &&
+        redirect(STDERR_FILENO, err.c_str()) &&
+        (call.max_file_bytes == 0 || limit_file_size(call.max_file_bytes))) {
+      execve(ORVO_TOOL, argv.data(), envp.data());
+    }
+    _exit(kCannotRun);
+  }
+  ToolResult result;
+  result.status = wait_for(child);
+  result.out = read_file(out);
+  result.err = read_file(err);
+  return result;
+}
+
+std::string lines_with(const std::string& text, const std::string& start) {
+  std::istringstream stream(text);
+  std::string found;
+  for (std::string line; std::getline(stream, line);) {
+    if (line.starts_with(start)) found += line + '\n';
+  }
+  return found;
+}
+
+std::filesystem::path run_dir_of(const ToolResult& result) {
+  const std::string line = lines_with(result.out, "Output: ");
+  return line.empty() ? "" : line.substr(8, line.size() - 9);
+}
+
+std::string names_in(const std::filesystem::path& directory) {
+  Texts names;
+  for (const auto& entry : std::filesystem::directory_iterator(directory)) {
+    names.push_back(entry.path().filename().string() + ' ');
+  }
+  std::sort(names.begin(), names.end());
+  std::string text;
+  for (const std::string& name : names) text += name;
+  return text;
+}
+
+}  // namespace orvo::tests
