@@ -7,6 +7,7 @@
 
 #include "orvo/timing/capture_queue.h"
 #include "orvo/timing/device.h"
+#include "orvo/timing/error.h"
 #include "orvo/timing/library_status.h"
 #include "orvo/timing/stream_files.h"
 
@@ -150,6 +151,9 @@ void Device::read_stream(const CaptureRequest& request, detail::CaptureQueue& qu
   using SteadyClock = std::chrono::steady_clock;
   const auto deadline = SteadyClock::now() + request.duration;  // in floating point
   while (deadline > SteadyClock::now()) {  // false for a duration that is not a number
+    if (interrupted != nullptr && interrupted()) {
+      throw Interrupted();
+    }
     std::uint64_t got = 0;
     const ot_status status =
         ot_read_stream_bytes(handle, chunk.bytes.data(), chunk.bytes.size(), &got, kReadTimeoutMs);

@@ -86,6 +86,8 @@ class Device {
   /// Fine-time table of each channel, in picoseconds.
   std::array<std::vector<std::int64_t>, 4> fine_lut;
   StreamState stream_state;
+  /// Asked before each read of a capture, which is abandoned with Interrupted when it says so.
+  bool (*interrupted)() = nullptr;
 
  private:
   struct CaptureRequest {

@@ -1,6 +1,8 @@
-// The one exception type of the timing layer and of the tool's own file failures.
+// The exception type of the timing layer's and the tool's own failures, and that of an
+// interruption.
 #pragma once
 
+#include <exception>
 #include <stdexcept>
 #include <string>
 
@@ -19,6 +21,12 @@ class Error : public std::runtime_error {
 
  private:
   ot_status status_;
+};
+
+/// A capture or a read-back that was asked to end early, which is no failure of its own.
+class Interrupted : public std::exception {
+ public:
+  [[nodiscard]] const char* what() const noexcept override { return "interrupted"; }
 };
 
 }  // namespace orvo::timing

@@ -14,8 +14,10 @@
 #include "orvo/verification/config.h"
 #include "orvo/verification/config_file.h"
 #include "orvo/verification/exit_status.h"
+#include "orvo/verification/interruption.h"
 #include "orvo/verification/sequence.h"
 #include "orvo/verification/source_dir.h"
+#include "orvo/verification/standard_descriptors.h"
 
 namespace orvo::verification {
 namespace {
@@ -109,9 +111,13 @@ int configure_and_verify(int argc, char** argv) {
 }  // namespace
 
 int run_tool(int argc, char** argv) {
+  occupy_standard_descriptors();
   try {
-    return configure_and_verify(argc, argv);
+    const int status = configure_and_verify(argc, argv);
+    end_if_interrupted();
+    return status;
   } catch (const std::exception& error) {
+    end_if_interrupted();
     std::cerr << error.what() << '\n';
     return kExitError;
   }

@@ -64,7 +64,8 @@ void derive_rates(std::uint32_t divider, const EvaluationSettings& settings, Run
 void judge(const TagStatistics& statistics, const EvaluationSettings& settings, RunResult& result);
 
 /// Decodes the stream file at `path`, reading `chunk_bytes` at a time. Errors: timing::Error of the
-/// reader.
-[[nodiscard]] TagStatistics read_tag_statistics(const std::string& path, std::uint64_t chunk_bytes);
+/// reader; timing::Interrupted once `interrupted`, where there is one, says so.
+[[nodiscard]] TagStatistics read_tag_statistics(const std::string& path, std::uint64_t chunk_bytes,
+                                                bool (*interrupted)() = nullptr);
 
 }  // namespace orvo::verification

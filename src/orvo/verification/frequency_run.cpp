@@ -48,7 +48,7 @@ RunResult run_one(timing::Device& device, const Config& config,
       config.packed_bits, config.packed_quantum_ps, timing::Transport::usb, config.chunk_bytes,
       config.queue_chunks);
 
-  judge(read_tag_statistics(path, config.chunk_bytes), settings, result);
+  judge(read_tag_statistics(path, config.chunk_bytes, device.interrupted), settings, result);
   return result;
 }
 

@@ -7,9 +7,11 @@
 #include <vector>
 
 #include "orvo/timing/device.h"
+#include "orvo/timing/error.h"
 #include "orvo/timing/library_status.h"
 #include "orvo/verification/exit_status.h"
 #include "orvo/verification/frequency_run.h"
+#include "orvo/verification/interruption.h"
 #include "orvo/verification/report_stream.h"
 #include "orvo/verification/reports.h"
 
@@ -54,13 +56,18 @@ void announce_run(const Config& config, std::size_t index) {
 
 int run_verification(const Config& config, const std::filesystem::path& output_root,
                      const std::filesystem::path& run_dir) {
+  const InterruptionWatch watch;  // from before the device is open until after it is closed
   timing::Device device = open_device(config);
+  device.interrupted = interrupted;
   print_identity(device);
 
   std::vector<RunResult> results;
   results.reserve(config.frequencies_hz.size());
   bool all_pass = true;
   for (std::size_t i = 0; i < config.frequencies_hz.size(); ++i) {
+    if (interrupted()) {
+      throw timing::Interrupted();
+    }
     announce_run(config, i);
     results.push_back(run_one(device, config, run_dir, i + 1, config.frequencies_hz[i]));
     all_pass = all_pass && results.back().pass;
