@@ -20,14 +20,14 @@ need_packages() {
       "${missing[@]}"; } >&2 </dev/null || exit 1
 }
 
-# build PRESET [TARGET...]: configures and builds; the whole output only where it fails.
+# build PRESET TESTS: configures and builds, with tests (ON) or without (OFF, which needs no
+# GoogleTest); the whole output only where it fails.
 build() {
   local preset=$1 log
-  shift
   log=$(mktemp)
   echo "Building ($preset) ..." >&2
-  if ! { cd "$project_dir" && cmake --preset "$preset" &&
-         cmake --build --preset "$preset" ${@:+--target "$@"}; } >"$log" 2>&1; then
+  if ! { cd "$project_dir" && cmake --preset "$preset" -DORVO_BUILD_TESTS="$2" &&
+         cmake --build --preset "$preset"; } >"$log" 2>&1; then
     cat "$log" >&2
     rm -f "$log"
     echo "The build failed." >&2
