@@ -65,8 +65,9 @@ std::span<const TimeTag> StreamDecoder::feed_packed_delta() {
     return {};
   }
   TimeTag* const tags = tags_.room_for(records);
-  const detail::PackedBatch batch = detail::decode_packed_records(
-      input_buffer.data(), bit_offset_, records, packed_format_, packed_, tags);
+  const detail::PackedBatch batch =
+      detail::decode_packed_records(input_buffer.data(), bit_offset_, records, packed_format_,
+                                    packed_, packed_groups_.get(), tags);
 
   if (batch.drop) {
     report(*batch.drop);

@@ -4,29 +4,11 @@
 
 #include "orvo/timing/big_endian.h"
 #include "orvo/timing/instrument_time.h"
+#include "orvo/timing/packed/record_groups.h"
 #include "orvo/timing/packed_rules.h"
 
 namespace orvo::timing::detail {
 namespace {
-
-/// One channel as the fast loop sees it. The bounds fold every question that the rules ask of an
-/// ordinary record into one comparison; 0 leaves a channel's records to the rules.
-struct Lane {
-  std::uint64_t time_ps;
-  std::uint64_t step_bound_ps;   // without overflow, a step below this is taken as it is
-  std::uint64_t overflow_bound;  // a flagged payload below this only adds up
-  std::uint64_t overflow;
-  std::uint64_t full_step_bound_ps;  // the same as step_bound_ps, with overflow
-  std::uint64_t tags;
-};
-
-/// Where a batch stands: the next record's first bit, the end of the last record, the next tag.
-struct Cursor {
-  const std::uint8_t* data;
-  std::uint64_t position;
-  std::uint64_t stop;
-  TimeTag* end;
-};
 
 /// Up to this step none of the corrections and limits of the rules can apply.
 std::uint64_t plain_step_ps(const PackedFormat& format) {
@@ -34,7 +16,7 @@ std::uint64_t plain_step_ps(const PackedFormat& format) {
   return format.internal ? std::min(limit, kInternalStepLimitPs) : limit;
 }
 
-void load_lanes(const PackedFormat& format, const PackedState& state, Lane (&lanes)[4]) {
+void load_lanes(const PackedFormat& format, const PackedState& state, PackedLane (&lanes)[4]) {
   for (unsigned c = 0; c < 4; ++c) {
     const PackedState::Channel& channel = state.channels[c];
     const bool plain = format.active(c) && state.sync_records_left == 0;
@@ -47,7 +29,7 @@ void load_lanes(const PackedFormat& format, const PackedState& state, Lane (&lan
   }
 }
 
-void store_lanes(const Lane (&lanes)[4], PackedState& state) {
+void store_lanes(const PackedLane (&lanes)[4], PackedState& state) {
   for (unsigned c = 0; c < 4; ++c) {
     state.channels[c].last_time_ps = static_cast<std::int64_t>(lanes[c].time_ps);
     state.channels[c].overflow = lanes[c].overflow;
@@ -57,7 +39,7 @@ void store_lanes(const Lane (&lanes)[4], PackedState& state) {
 /// Takes records up to the first that the lanes leave to the rules. `kBits` is the payload width,
 /// known to the compiler, or 0 for any.
 template <unsigned kBits>
-void take_plain_records(Cursor& cursor, const PackedFormat& format, Lane (&lanes)[4]) {
+void take_plain_records(PackedCursor& cursor, const PackedFormat& format, PackedLane (&lanes)[4]) {
   const unsigned bits = kBits > 0 ? kBits : format.bits;
   const unsigned width = bits + 3;
   const std::uint64_t all_ones = (std::uint64_t{1} << bits) - 1;
@@ -68,7 +50,7 @@ void take_plain_records(Cursor& cursor, const PackedFormat& format, Lane (&lanes
   TimeTag* end = cursor.end;
 
   const auto emit = [&](unsigned channel, std::uint64_t step_ps) {
-    Lane& lane = lanes[channel];
+    PackedLane& lane = lanes[channel];
     lane.time_ps += step_ps;
     ++lane.tags;
     *end++ = {static_cast<std::uint8_t>(channel), static_cast<std::int64_t>(lane.time_ps)};
@@ -78,7 +60,7 @@ void take_plain_records(Cursor& cursor, const PackedFormat& format, Lane (&lanes
     const std::uint64_t record = record_at(data, position, width);
     const auto channel = static_cast<unsigned>(record >> (bits + 1));
     const std::uint64_t payload = record & all_ones;
-    Lane& lane = lanes[channel];
+    PackedLane& lane = lanes[channel];
     if ((record >> bits & 1) == 0) {
       const std::uint64_t step_ps = payload * tick_ps;
       const std::uint64_t full_step_ps = ((lane.overflow << bits) + payload) * tick_ps;
@@ -114,8 +96,9 @@ void take_plain_records(Cursor& cursor, const PackedFormat& format, Lane (&lanes
 
 /// Lets the rules take the next record and, where it belongs to a sync, the rest of that with the
 /// data record it anchors. False: the lock is lost.
-[[nodiscard]] bool follow_rules(Cursor& cursor, PackedRules& rules, const PackedFormat& format,
-                                const PackedState& state, Lane (&lanes)[4]) {
+[[nodiscard]] bool follow_rules(PackedCursor& cursor, PackedRules& rules,
+                                const PackedFormat& format, const PackedState& state,
+                                PackedLane (&lanes)[4]) {
   unsigned channel = 0;
   do {
     const std::uint64_t record = record_at(cursor.data, cursor.position, format.width);
@@ -137,13 +120,17 @@ void take_plain_records(Cursor& cursor, const PackedFormat& format, Lane (&lanes
 }
 
 template <unsigned kBits>
-PackedBatch decode(Cursor cursor, const PackedFormat& format, PackedState& state) {
-  const Cursor start = cursor;
+PackedBatch decode(PackedCursor cursor, const PackedFormat& format, PackedState& state,
+                   RecordGroups* groups) {
+  const PackedCursor start = cursor;
   PackedRules rules(format, state);
   PackedBatch batch;
-  Lane lanes[4] = {};
+  PackedLane lanes[4] = {};
   while (cursor.position < cursor.stop && !batch.drop) {
     load_lanes(format, state, lanes);
+    if (groups != nullptr) {
+      groups->take(cursor, lanes);
+    }
     take_plain_records<kBits>(cursor, format, lanes);
     store_lanes(lanes, state);
     if (cursor.position < cursor.stop && !follow_rules(cursor, rules, format, state, lanes)) {
@@ -164,17 +151,20 @@ PackedBatch decode(Cursor cursor, const PackedFormat& format, PackedState& state
 
 PackedBatch decode_packed_records(const std::uint8_t* data, std::uint64_t bit_offset,
                                   std::uint64_t records, const PackedFormat& format,
-                                  PackedState& state, TimeTag* tags) {
-  const Cursor cursor = {data, bit_offset, bit_offset + records * format.width, tags};
+                                  PackedState& state, RecordGroups* groups, TimeTag* tags) {
+  if (groups != nullptr) {
+    groups->begin_batch();
+  }
+  const PackedCursor cursor = {data, bit_offset, bit_offset + records * format.width, tags};
   switch (format.bits) {
     case 8:
-      return decode<8>(cursor, format, state);
+      return decode<8>(cursor, format, state, groups);
     case 16:
-      return decode<16>(cursor, format, state);
+      return decode<16>(cursor, format, state, groups);
     case 24:
-      return decode<24>(cursor, format, state);
+      return decode<24>(cursor, format, state, groups);
     default:
-      return decode<0>(cursor, format, state);
+      return decode<0>(cursor, format, state, groups);
   }
 }
 

@@ -12,6 +12,8 @@
 
 namespace orvo::timing::detail {
 
+class RecordGroups;
+
 /// What a lock knows; lost with it. Times are picoseconds modulo 2^64, read as signed.
 struct PackedState {
   struct Channel {
@@ -45,10 +47,11 @@ struct PackedBatch {
 };
 
 /// Decodes `records` whole records that start at bit `bit_offset` (0 to 7) of `data`, up to the
-/// first that loses the lock. `tags` has room for one a record. Up to
-/// InputBuffer::kSlackBytes behind the last record are read and not used.
+/// first that loses the lock. `groups` may be null and changes the speed alone. `tags` has room for
+/// one a record. Up to InputBuffer::kSlackBytes behind the last record are read and not used.
 [[nodiscard]] PackedBatch decode_packed_records(const std::uint8_t* data, std::uint64_t bit_offset,
                                                 std::uint64_t records, const PackedFormat& format,
-                                                PackedState& state, TimeTag* tags);
+                                                PackedState& state, RecordGroups* groups,
+                                                TimeTag* tags);
 
 }  // namespace orvo::timing::detail

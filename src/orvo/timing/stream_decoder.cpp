@@ -3,13 +3,17 @@
 #include <utility>
 
 #include "orvo/timing/fine_table.h"
+#include "orvo/timing/packed/record_groups.h"
 
 namespace orvo::timing {
 
 StreamDecoder::StreamDecoder(StreamFileHeader header)
     : header_(std::move(header)),
       fine_table_(detail::default_fine_table()),
-      packed_format_(header_) {}
+      packed_format_(header_),
+      packed_groups_(detail::RecordGroups::make(packed_format_)) {}
+
+StreamDecoder::~StreamDecoder() = default;
 
 bool StreamDecoder::decodes() const noexcept {
   switch (header_.stream_format) {

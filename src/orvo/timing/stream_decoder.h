@@ -8,6 +8,7 @@
 
 #include <array>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <span>
 #include <string>
@@ -24,6 +25,7 @@ namespace orvo::timing {
 class StreamDecoder {
  public:
   explicit StreamDecoder(StreamFileHeader header);
+  ~StreamDecoder();
   StreamDecoder(const StreamDecoder&) = delete;
   StreamDecoder& operator=(const StreamDecoder&) = delete;
 
@@ -90,6 +92,7 @@ class StreamDecoder {
   Delta32State delta32_;
 
   detail::PackedFormat packed_format_;
+  std::unique_ptr<detail::RecordGroups> packed_groups_;
   detail::PackedState packed_;
   bool locked_ = false;
   std::uint64_t bit_offset_ = 0;
