@@ -1,208 +1,148 @@
-// Raw64 and delta32 records to timestamps.
+// Raw64 and delta32 records to timestamps, whatever chunks they come in.
 #include <gtest/gtest.h>
 
-#include "orvo/timing/fine_table.h"
+#include <algorithm>
+#include <cstdio>
+#include <sstream>
+
 #include "support/decoding.h"
 
 namespace orvo::tests {
 namespace {
 
 using timing::Format;
-using timing::Mode;
-using timing::StreamDecoder;
-using timing::StreamFileHeader;
 
-constexpr std::int64_t kWrapPs = 14'315'125'997'568;
-
-StreamFileHeader header_for(Format format, const char* raw64_tag_format = "ps") {
-  StreamFileHeader header;
+/// The tags, from chunks of several sizes, which must not matter.
+std::string decoded(Format format, const char* raw64_tag_format, const Bytes& bytes) {
+  timing::StreamFileHeader header;
   header.stream_format = format;
   header.raw64_tag_format = raw64_tag_format;
-  return header;
+  timing::StreamDecoder whole(header);
+  const Tags tags = feed(whole, bytes);
+  for (const std::size_t chunk_bytes : {1U, 3U, 4U, 7U, 8U}) {
+    timing::StreamDecoder decoder(header);
+    Tags in_chunks;
+    for (std::span<const std::uint8_t> rest = bytes; !rest.empty();) {
+      const std::size_t count = std::min(chunk_bytes, rest.size());
+      const Tags some = feed(decoder, rest.first(count));
+      in_chunks.insert(in_chunks.end(), some.begin(), some.end());
+      rest = rest.subspan(count);
+    }
+    EXPECT_EQ(in_chunks, tags) << chunk_bytes;
+  }
+  return text_of(tags);
 }
 
-std::uint64_t ps_record(unsigned channel, std::int64_t time_ps) {
-  return std::uint64_t{channel} << 61 | static_cast<std::uint64_t>(time_ps);
-}
-
-std::uint64_t coarse_fine_record(unsigned channel, std::uint64_t coarse, unsigned fine) {
-  return std::uint64_t{channel} << 61 | 0xA5C3ULL << 45 | coarse << 13 | fine;
-}
-
-struct Raw64Case {
-  const char* name;
-  const char* tag_format;
-  std::vector<std::uint64_t> records;
-  Tags tags;
+/// One record of a stream, told as its kind and up to three numbers: "d1,500".
+struct Item {
+  char kind = 0;
+  unsigned long a = 0, b = 0, c = 0;
 };
+
+std::vector<Item> items(const std::string& text) {
+  std::istringstream words(text);
+  std::vector<Item> all;
+  for (std::string word; words >> word;) {
+    Item& item = all.emplace_back();
+    std::sscanf(word.c_str(), "%c%lu,%lu,%lu", &item.kind, &item.a, &item.b, &item.c);
+  }
+  return all;
+}
+
+/// p: channel, time. c: channel, coarse and fine count. x: a byte.
+Bytes raw64_bytes(const char* text) {
+  Bytes bytes;
+  for (const Item& item : items(text)) {
+    if (item.kind == 'x') {
+      bytes.push_back(static_cast<std::uint8_t>(item.a));
+    } else if (item.kind == 'p') {
+      put_big_endian(bytes, item.a << 61 | item.b, 8);
+    } else {
+      put_big_endian(bytes, item.a << 61 | 0xA5C3UL << 45 | item.b << 13 | item.c, 8);
+    }
+  }
+  return bytes;
+}
 
 TEST(Raw64, RecordsBecomeTags) {
-  const std::vector<Raw64Case> cases = {
-      {"clock wrap is counted on its channel alone",
-       "ps",
-       {ps_record(1, 14'000'000'000'000), ps_record(2, 5), ps_record(1, 100'000'000'000)},
-       {{1, 14'000'000'000'000}, {2, 5}, {1, 100'000'000'000 + kWrapPs}}},
-      {"half a wrap back is no wrap",
-       "ps",
-       {ps_record(0, kWrapPs / 2 + 7), ps_record(0, 7), ps_record(3, kWrapPs / 2 + 8),
-        ps_record(3, 7)},
-       {{0, kWrapPs / 2 + 7}, {0, 7}, {3, kWrapPs / 2 + 8}, {3, 7 + kWrapPs}}},
-      {"times are modulo the wrap", "", {ps_record(0, kWrapPs + 3)}, {{0, 3}}},
-      {"coarse periods less fine time",
-       "RAW_CF",
-       {coarse_fine_record(0, 10, 0), coarse_fine_record(0, 10, 1), coarse_fine_record(2, 10, 181),
-        coarse_fine_record(3, 0, 8191)},
-       {{0, 33'330}, {0, 33'311}, {2, 33'330 - 3332}, {3, -3332}}},
-      {"coarse wrap",
-       "raw_cf",
-       {coarse_fine_record(1, 0xFFFFFFFF, 0), coarse_fine_record(1, 1, 0),
-        coarse_fine_record(0, 1U << 31, 0), coarse_fine_record(0, 0, 0)},
-       {{1, 0xFFFFFFFFLL * 3333}, {1, 0x100000001LL * 3333}, {0, (1LL << 31) * 3333}, {0, 0}}},
-      {"the other layout is no record", "ps", {coarse_fine_record(0, 10, 0)}, {}},
+  const struct {
+    const char *tag_format, *records, *tags;
+  } cases[] = {
+      // The clock's wrap counts on its channel alone, for a step back of more than half of it.
+      {"ps", "p1,14000000000000 p2,5 p1,1", "1:14000000000000 2:5 1:14315125997569 "},
+      {"ps", "p0,7157562998791 p0,7", "0:7157562998791 0:7 "},
+      {"ps", "p3,7157562998792 p3,7", "3:7157562998792 3:14315125997575 "},
+      {"", "p0,14315125997571", "0:3 "},
+      {"RAW_CF", "c0,10,0 c0,10,1 c2,10,180 c2,10,181", "0:33330 0:33311 2:30000 2:29998 "},
+      {"raw_cf", "c3,0,8191", "3:-3332 "},
+      {"raw_cf", "c1,4294967295,0 c1,1,0", "1:14315125994235 1:14315126000901 "},
+      {"raw_cf", "c0,2147483648,0 c0,0,0", "0:7157562998784 0:0 "},
+      {"ps", "c0,10,0", ""},  // the other layout
+      {"ps", "x255 x255 x255 p2,11259375 x255 x1 x2 x3", "2:11259375 "},
   };
-  for (const Raw64Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    Bytes bytes;
-    for (const std::uint64_t record : c.records) {
-      put_big_endian(bytes, record, 8);
-    }
-    for (const std::size_t chunk_bytes : {1U, 3U, 8U, 1000U}) {
-      StreamDecoder decoder(header_for(Format::raw64, c.tag_format));
-      EXPECT_EQ(feed_in_chunks(decoder, bytes, chunk_bytes), c.tags) << chunk_bytes;
-    }
+  for (const auto& c : cases) {
+    EXPECT_EQ(decoded(Format::raw64, c.tag_format, raw64_bytes(c.records)), c.tags) << c.records;
   }
 }
 
-TEST(Raw64, FindsRecordsBehindForeignBytes) {
-  StreamDecoder decoder(header_for(Format::raw64));
-  Bytes bytes = {0xFF, 0xFF, 0xFF};
-  put_big_endian(bytes, ps_record(2, 0x0FEDCBA98765), 8);
-  bytes.insert(bytes.end(), {0xFF, 1, 2, 3});
-  EXPECT_EQ(feed(decoder, bytes), (Tags{{2, 0x0FEDCBA98765 - kWrapPs}}));
-  EXPECT_EQ(decoder.input_buffer.size(), 4U);
-}
-
-TEST(FineTable, RisesByEighteenAndAHalfPicosecondsToItsCap) {
-  const std::vector<std::int64_t> table = timing::detail::default_fine_table();
-  ASSERT_EQ(table.size(), 8192U);
-  EXPECT_EQ(std::vector<std::int64_t>(table.begin(), table.begin() + 5),
-            (std::vector<std::int64_t>{0, 19, 37, 56, 74}));
-  EXPECT_EQ(table[180], 3330);
-  EXPECT_EQ(table[181], 3332);
-  EXPECT_EQ(table[8191], 3332);
-}
-
-// Delta32 words.
-constexpr std::uint32_t kMarker = 0xEB5A55AA;
-constexpr std::uint32_t control(unsigned field, std::uint32_t payload) {
-  return 1U << 31 | field << 29 | 5U << 25 | payload;
-}
-constexpr std::uint32_t overflow(std::uint32_t count) { return control(0, count); }
-constexpr std::uint32_t time_low(std::uint32_t bits) { return control(1, bits); }
-constexpr std::uint32_t time_high(std::uint32_t bits) { return control(2, bits); }
-constexpr std::uint32_t event(unsigned channel, std::uint32_t payload) {
-  return channel << 29 | 10U << 25 | payload;
-}
-constexpr std::int64_t kPeriod = 1LL << 25;  // that an overflow word counts
-constexpr std::int64_t kTicks = 1LL << 41;   // of a base time
-constexpr std::int64_t kExcess = 1'078'036'791'296;
-
-struct Delta32Case {
-  const char* name;
-  std::vector<std::uint32_t> words;
-  Tags tags;
-};
-
-// Overflow words and an event that step `ps` on.
-std::vector<std::uint32_t> step(unsigned channel, std::int64_t ps) {
-  std::vector<std::uint32_t> words;
-  std::int64_t periods = ps / kPeriod;
-  for (; periods > 0xFFFF; periods -= 0xFFFF) {
-    words.push_back(overflow(0xFFFF));
+/// m: a marker. c: a control word of field and payload: overflow (0), the low (1) or high half (2)
+/// of a base time. e: an event. b: a whole base. s: overflow and an event that step so far.
+void put_delta32(Bytes& bytes, const Item& item) {
+  const auto put = [&](char kind, std::uint64_t a, std::uint64_t b) {
+    put_delta32(bytes, {kind, a, b, 0});
+  };
+  switch (item.kind) {
+    case 'x':
+      return bytes.push_back(static_cast<std::uint8_t>(item.a));
+    case 'm':
+      return put_big_endian(bytes, 0xEB5A55AA, 4);
+    case 'c':
+      return put_big_endian(bytes, 1U << 31 | item.a << 29 | 5U << 25 | item.b, 4);
+    case 'e':
+      return put_big_endian(bytes, item.a << 29 | 10U << 25 | item.b, 4);
+    case 'b':
+      put('m', 0, 0);
+      put('c', 1, item.a);
+      return put('c', 2, 0);
+    default:
+      std::uint64_t periods = item.b >> 25;
+      for (; periods > 0xFFFF; periods -= 0xFFFF) put('c', 0, 0xFFFF);
+      put('c', 0, periods);
+      put('e', item.a, item.b % (1U << 25));
   }
-  words.push_back(overflow(static_cast<std::uint32_t>(periods)));
-  words.push_back(event(channel, static_cast<std::uint32_t>(ps % kPeriod)));
-  return words;
 }
-
-std::vector<std::uint32_t> operator+(std::vector<std::uint32_t> a,
-                                     const std::vector<std::uint32_t>& b) {
-  a.insert(a.end(), b.begin(), b.end());
-  return a;
-}
-
-const std::vector<std::uint32_t> kBase1000 = {kMarker, time_low(1000), time_high(0)};
 
 TEST(Delta32, WordsBecomeTags) {
-  const std::vector<Delta32Case> cases = {
-      {"base, then steps",
-       kBase1000 + std::vector{event(1, 7), event(1, 5), overflow(2), event(1, 1)},
-       {{1, 1007}, {1, 1012}, {1, 1013 + 2 * kPeriod}}},
-      {"the base serves one event", kBase1000 + std::vector{event(1, 7), event(2, 7)}, {{1, 1007}}},
-      {"no history, no base: dropped with its overflow",
-       kBase1000 + std::vector{event(0, 0), overflow(3), event(1, 7), event(0, 1)},
-       {{0, 1000}, {0, 1001}}},
-      {"time-high carries bits 25 to 40",
-       {kMarker, time_low(1), time_high(0xFFFF), event(0, 0)},
-       {{0, 0xFFFF * kPeriod + 1}}},
-      {"time-high with a bit above 15 loses",
-       {kMarker, time_low(1), time_high(0x10000), event(0, 0)},
-       {}},
-      {"an overflow word while a base is pending loses",
-       kBase1000 + std::vector{overflow(1), event(0, 1)},
-       {}},
-      {"a second marker starts over",
-       {kMarker, kMarker, time_low(1), kMarker, time_low(2), time_high(0), event(0, 0)},
-       {{0, 2}}},
-      {"marker in mid-stream, base behind the last event loses",
-       kBase1000 + std::vector{event(0, 0)} + kBase1000 + std::vector{event(0, 0), event(0, 5)},
-       {{0, 1000}}},
-      {"control words of field 3 are ignored",
-       kBase1000 + std::vector{control(3, 1), event(0, 0)},
-       {{0, 1000}}},
-      {"time-low while running loses until the next marker",
-       kBase1000 + std::vector{event(0, 0), time_low(1), event(0, 1)} +
-           std::vector{kMarker, time_low(5000), time_high(0), event(0, 0)},
-       {{0, 1000}, {0, 5000}}},
-      {"a base near the last event's place in its own 2^41",
-       kBase1000 + std::vector{event(0, 0)} + step(0, kTicks - 2000) + kBase1000 +
-           std::vector{event(0, 1)},
-       {{0, 1000}, {0, kTicks - 1000}, {0, kTicks + 1001}}},
-      {"a step too large by the wrap's excess",
-       kBase1000 + std::vector{event(0, 0)} + step(0, kExcess + 500),
-       {{0, 1000}, {0, 1500}}},
-      {"beyond 10 ms only across the wrap",
-       kBase1000 + std::vector{event(0, 0)} + step(0, kExcess + 10'000'000'001),
-       {{0, 1000}, {0, 1000 + kExcess + 10'000'000'001}}},
+  const struct {
+    const char *name, *words, *tags;
+  } cases[] = {
+      {"base, then steps", "b1000 e1,7 e1,5 c0,2 e1,1", "1:1007 1:1012 1:67109877 "},
+      {"the base serves one event", "b1000 e1,7 e2,7", "1:1007 "},
+      {"unknown channel, with overflow", "b1000 e0,0 c0,3 e1,7 e0,1", "0:1000 0:1001 "},
+      {"bits 25 to 40", "m c1,1 c2,65535 e0,0", "0:2198989701121 "},
+      {"a time-high bit above 15 loses", "m c1,1 c2,65536 e0,0", ""},
+      {"overflow with a base pending loses", "b1000 c0,1 e0,1", ""},
+      {"a second marker starts over", "m m c1,1 m c1,2 c2,0 e0,0", "0:2 "},
+      {"a base behind the last event loses", "b1000 e0,0 b1000 e0,0 e0,5", "0:1000 "},
+      {"field 3 is ignored", "b1000 c3,1 e0,0", "0:1000 "},
+      {"time-low loses", "b1000 e0,0 c1,1 e0,1 b5000 e0,0", "0:1000 0:5000 "},
+      {"the base's own place in 2^41", "b1000 e0,0 s0,2199023253552 b1000 e0,1",
+       "0:1000 0:2199023254552 0:2199023256553 "},
+      {"the wrap's excess", "b1000 e0,0 s0,1078036791796", "0:1000 0:1500 "},
+      {"more than 10 ms beyond it", "b1000 e0,0 s0,1088036791297", "0:1000 0:1088036792297 "},
+      {"a marker inside the losing word", "b1000 x128 b1000 e3,9", "3:1009 "},
   };
-  for (const Delta32Case& c : cases) {
-    SCOPED_TRACE(c.name);
+  for (const auto& c : cases) {
     Bytes bytes = {0xEB, 0x5A, 0x55};  // almost a marker
-    for (const std::uint32_t word : c.words) {
-      put_big_endian(bytes, word, 4);
-    }
-    for (const std::size_t chunk_bytes : {1U, 3U, 4U, 7U, 100'000U}) {
-      StreamDecoder decoder(header_for(Format::delta32));
-      EXPECT_EQ(feed_in_chunks(decoder, bytes, chunk_bytes), c.tags) << chunk_bytes;
-    }
+    for (const Item& item : items(c.words)) put_delta32(bytes, item);
+    EXPECT_EQ(decoded(Format::delta32, "", bytes), c.tags) << c.name;
   }
-}
-
-TEST(Delta32, SearchesTheMarkerFromTheLosingWordsFirstByte) {
-  Bytes bytes;
-  for (const std::uint32_t word : kBase1000) {
-    put_big_endian(bytes, word, 4);
-  }
-  bytes.push_back(0x80);  // loses; the next marker begins inside the same word
-  for (const std::uint32_t word : kBase1000 + std::vector{event(3, 9)}) {
-    put_big_endian(bytes, word, 4);
-  }
-  StreamDecoder decoder(header_for(Format::delta32));
-  EXPECT_EQ(feed(decoder, bytes), (Tags{{3, 1009}}));
 }
 
 TEST(Delta32, KeepsThreeBytesOfABufferWithoutAMarker) {
-  StreamDecoder decoder(header_for(Format::delta32));
+  timing::StreamFileHeader header;
+  header.stream_format = Format::delta32;
+  timing::StreamDecoder decoder(header);
   EXPECT_TRUE(feed(decoder, Bytes(1000, 0xEB)).empty());
   EXPECT_EQ(decoder.input_buffer.size(), 3U);
 }

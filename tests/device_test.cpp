@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <array>
 #include <cstring>
 
@@ -16,9 +15,6 @@ namespace orvo::tests {
 namespace {
 
 using timing::Device;
-using timing::Identity;
-
-using Calls = std::vector<std::string>;
 
 ot_identity identity_of(const std::array<std::string, 4>& texts) {
   ot_identity record;
@@ -34,186 +30,114 @@ TEST(LibraryStatus, BecomesAnErrorWithLabelTextAndDetail) {
   using Text = std::optional<std::string>;
   const struct {
     ot_status status;
-    Text status_text;
-    Text detail_text;
-    const char* error;
+    Text status_text, detail_text;
+    const char *error, *calls;
   } cases[] = {
-      {OT_OK, "T", "D", "no error"},
-      {-3, "T", "D", "some_call: T (D) [-3]"},
-      {7, "T", "", "some_call: T [7]"},
-      {INT32_MIN, "T", std::nullopt, "some_call: T [-2147483648]"},
-      {-1, std::nullopt, "D", "some_call:  (D) [-1]"},
+      {OT_OK, "T", "D", "no error", ""},
+      {-3, "T", "D", "some_call: T (D) [-3]", "last_error; status_string -3; "},
+      {7, "T", "", "some_call: T [7]", "last_error; status_string 7; "},
+      {9, "T", {}, "some_call: T [9]", "last_error; status_string 9; "},
+      {-1, {}, "D", "some_call:  (D) [-1]", "last_error; status_string -1; "},
   };
+  ScriptedDriver driver;
+  const Device device = Device::open("p", 1);
+  driver.take_calls();
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.error);
-    ScriptedDriver driver;
-    const Device device = Device::open("p", 1);
-    driver.calls.clear();
     driver.status_text = c.status_text;
     driver.detail_text = c.detail_text;
-    EXPECT_EQ(error_of([&] { timing::detail::check(c.status, "some_call", device.handle); }),
-              c.error);
-    EXPECT_EQ(driver.calls.size(), c.status == OT_OK ? 0u : 2u);
+    const auto check = [&] { timing::detail::check(c.status, "some_call", device.handle); };
+    EXPECT_EQ(error_of(check), c.error);
+    EXPECT_EQ(driver.take_calls(), c.calls);
   }
-  ScriptedDriver driver;
-  EXPECT_EQ(error_of([] { timing::detail::check(-2, "some_call", nullptr); }),
-            "some_call: status text [-2]");
-  EXPECT_EQ(driver.calls, (Calls{"ot_status_string -2"}));
-}
-
-TEST(Identity, TextsEndAtTheirFirstNulOrFillTheirField) {
-  const Identity identity =
-      Identity::from_c(identity_of({std::string(16, 'a'), std::string("b\xE9 \0cd", 6),
-                                    std::string("\0e", 2), std::string(48, 'f')}));
-  EXPECT_EQ(identity.id_field_1, std::string(16, 'a'));
-  EXPECT_EQ(identity.id_field_2, "b\xE9 ");
-  EXPECT_EQ(identity.id_field_3, "");
-  EXPECT_EQ(identity.description, std::string(48, 'f'));
+  EXPECT_EQ(error_of([] { timing::detail::check(-2, "some_call", nullptr); }), "some_call:  [-2]");
+  EXPECT_EQ(driver.take_calls(), "status_string -2; ");
 }
 
 TEST(Discovery, ListsWhatTheLibraryListsAndReleasesTheList) {
   ScriptedDriver driver;
-  const std::string nul(1, '\0');
-  driver.instruments = {{std::nullopt, identity_of({"A" + nul, "B" + nul, "C" + nul, "D" + nul})},
-                        {"port 1", std::nullopt}};
+  const std::string full(16, 'a');
+  const std::string longest(48, 'f');
+  driver.instruments = {
+      {{}, identity_of({full, std::string("b\xE9 \0cd", 6), std::string("\0e", 2), longest})},
+      {"port 1", {}}};
   const std::vector<timing::DiscoveredDevice> devices = Device::discover();
   ASSERT_EQ(devices.size(), 2u);
   EXPECT_EQ(devices[0].port, "");
-  EXPECT_EQ(devices[0].identity.id_field_1, "A");
-  EXPECT_EQ(devices[0].identity.description, "D");
+  EXPECT_EQ(devices[0].identity.id_field_1, full);
+  EXPECT_EQ(devices[0].identity.id_field_2, "b\xE9 ");
+  EXPECT_EQ(devices[0].identity.id_field_3, "");
+  EXPECT_EQ(devices[0].identity.description, longest);
   EXPECT_EQ(devices[1].port, "port 1");
   EXPECT_EQ(devices[1].identity.description, "");
-  EXPECT_EQ(driver.calls,
-            (Calls{"ot_discover preset null", "ot_discover_count", "ot_discover_port 0",
-                   "ot_discover_identity 0", "ot_discover_port 1", "ot_discover_identity 1",
-                   "ot_discover_free"}));
+  EXPECT_EQ(driver.take_calls(), "discover; count; port 0; identity 0; port 1; identity 1; free; ");
 }
 
-TEST(Discovery, FailureCarriesNoDetailAndReleasesNothing) {
-  ScriptedDriver driver;
-  driver.failures = {{"ot_discover ", 12}};
-  EXPECT_EQ(error_of([] { (void)Device::open_first(3'000'000); }), "discover: status text [12]");
-  EXPECT_EQ(driver.calls, (Calls{"ot_discover preset null", "ot_status_string 12"}));
-}
-
-TEST(Open, RateChoosesTheCallAndTheDestructorClosesOnce) {
-  const std::string_view longer = "/dev/ttyX and more";
-  for (const auto& [baud, call] :
-       {std::pair(3'000'000, "ot_open_serial \"/dev/ttyX\" preset null"),
-        std::pair(115'200, "ot_open \"/dev/ttyX\" 115200 preset null")}) {
+TEST(Open, MakesTheCallsAndClosesOnce) {
+  const std::string all = "discover; count; port 0; identity 0; port 1; identity 1; free; ";
+  const struct {
+    const char* port;  // or the first one
+    int baud;
+    std::size_t instruments;
+    const char *failing, *error;
+    std::string calls;
+  } cases[] = {
+      {"p", 3000000, 0, "-", "no error", "open_serial p; close; "},
+      {"p", 115200, 0, "-", "no error", "open p 115200; close; "},
+      {"p", 3000000, 0, "open", "open: status text [-2]", "open_serial p; status_string -2; "},
+      {{}, 9600, 2, "-", "no error", all + "open first 9600; close; "},
+      {{}, 9600, 2, "open", "open: status text [-2]", all + "open first 9600; status_string -2; "},
+      {{}, 9600, 0, "-", "open_first: no ORVO device found [-5]", "discover; count; free; "},
+      {{}, 9600, 2, "discover", "discover: status text [-2]", "discover; status_string -2; "},
+  };
+  for (const auto& c : cases) {
     ScriptedDriver driver;
-    {
-      const Device device = Device::open(longer.substr(0, 9), baud);
-      EXPECT_NE(device.handle, nullptr);
+    driver.failures = {{c.failing, -2}};
+    driver.instruments.resize(c.instruments);
+    if (c.instruments > 0) driver.instruments[0].port = "first";
+    const auto open = [&] {
+      const std::string_view more = "p and more";
+      const Device device =
+          c.port != nullptr ? Device::open(more.substr(0, 1), c.baud) : Device::open_first(c.baud);
       EXPECT_EQ(device.stream_mode, timing::Mode::internal);
-    }
-    EXPECT_EQ(driver.calls, (Calls{call, "ot_close"}));
+    };
+    EXPECT_EQ(error_of(open), c.error);
+    EXPECT_EQ(driver.take_calls(), c.calls);
   }
 }
 
-TEST(Open, FailureClosesNothing) {
+TEST(FineTables, FileReplacesAllTablesOrNone) {
+  const ScratchDirectory scratch;
+  const std::filesystem::path before = std::filesystem::current_path();
+  std::filesystem::current_path(scratch.path());
   ScriptedDriver driver;
-  driver.failures = {{"ot_open_serial", -2}};
-  EXPECT_EQ(error_of([] { (void)Device::open("p", 3'000'000); }), "open: status text [-2]");
-  EXPECT_EQ(driver.calls, (Calls{"ot_open_serial \"p\" preset null", "ot_status_string -2"}));
-}
-
-TEST(OpenFirst, TakesTheFirstInstrumentAlone) {
-  ScriptedDriver driver;
-  EXPECT_EQ(error_of([] { (void)Device::open_first(9600); }),
-            "open_first: no ORVO device found [-5]");
-  EXPECT_EQ(driver.calls,
-            (Calls{"ot_discover preset null", "ot_discover_count", "ot_discover_free"}));
-
-  driver.instruments = {{"first", std::nullopt}, {"second", std::nullopt}};
-  driver.failures = {{"ot_open \"first\"", -6}};
-  EXPECT_EQ(error_of([] { (void)Device::open_first(9600); }), "open: status text [-6]");
-  EXPECT_EQ(driver.count("ot_open"), 1u);
-
-  driver.failures.clear();
-  { const Device device = Device::open_first(9600); }
-  EXPECT_EQ(driver.count("ot_open \"first\" 9600"), 2u);
-  EXPECT_EQ(driver.count("ot_open"), 2u);
-  EXPECT_EQ(driver.count("ot_close"), 1u);
-}
-
-class FineTables : public testing::Test {
- protected:
-  using Sizes = std::array<std::size_t, 4>;
-
-  FineTables() { std::filesystem::current_path(scratch_.path()); }
-  ~FineTables() override { std::filesystem::current_path(before_); }
-
-  static std::string little_endian(std::uint64_t value, unsigned bytes) {
-    std::string text;
-    for (unsigned i = 0; i < bytes; ++i) text += static_cast<char>(value >> (8 * i));
-    return text;
-  }
-
-  /// The last entry of table c, of n entries, is -(1000 c + n); the others are 0.
-  static std::string file_of(const std::array<std::uint32_t, 4>& counts,
-                             std::uint32_t version = 1) {
-    std::string bytes = "TLUT" + little_endian(version, 4);
-    for (std::uint64_t c = 0; c < 4; ++c) {
-      bytes += little_endian(counts[c], 4);
-      if (counts[c] == 0) continue;
-      bytes.append(8 * (std::size_t{counts[c]} - 1), '\0');
-      bytes += little_endian(-(1000 * c + counts[c]), 8);
-    }
-    return bytes;
-  }
-
-  /// Sizes of the tables after opening with this file, 0 for one that holds the defaults.
-  Sizes sizes_with(const std::string& file) {
+  driver.instruments.resize(1);
+  const auto tables_with = [](const std::string& file) {
     write_file("fine_lut.bin", file);
-    ScriptedDriver driver;
-    driver.instruments = {{"first", std::nullopt}};
-    const Device device = Device::open_first(9600);
-    const Device defaults = Device::open("first", 9600);
-    Sizes sizes{};
-    for (std::size_t c = 0; c < 4; ++c) {
-      if (device.fine_lut[c] == defaults.fine_lut[c]) continue;
-      sizes[c] = device.fine_lut[c].size();
-      const auto last = static_cast<std::int64_t>(1000 * c + sizes[c]);
-      EXPECT_EQ(device.fine_lut[c].back(), -last);
+    std::string text;
+    for (const std::vector<std::int64_t>& table : Device::open_first(9600).fine_lut) {
+      text += std::to_string(table.size()) + ':' + std::to_string(table.back()) + ' ';
     }
-    return sizes;
+    return text;
+  };
+  const std::string magic("TLUT\1\0\0\0", 8);
+  const std::string one("\1\0\0\0\2\0\0\0\0\0\0\x80", 12);  // the entry is 2 - 2^63
+  const std::string most = std::string("\0\0\x10\0", 4) + std::string(8 << 20, '\xFF');
+  const std::string more = std::string("\1\0\x10\0", 4) + std::string(9 << 20, '\xFF');
+  const std::string entry = "1:-9223372036854775806 ";
+  const std::string defaults = "8192:3332 8192:3332 8192:3332 8192:3332 ";
+  EXPECT_EQ(tables_with(magic + one + one + one + most + "more"),
+            entry + entry + entry + "1048576:-1 ");
+  EXPECT_EQ(tables_with(magic + one + one + one + more), defaults);
+  EXPECT_EQ(tables_with(magic + one + std::string(4, '\0') + one + one), defaults);
+  const std::string good = magic + one + one + one + one;
+  EXPECT_EQ(tables_with(std::string("TLUT\2") + good.substr(5)), defaults);
+  EXPECT_EQ(tables_with("TLUt" + good.substr(4)), defaults);
+  for (std::size_t size = 0; size < good.size(); ++size) {
+    EXPECT_EQ(tables_with(good.substr(0, size)), defaults) << size;
   }
-
- private:
-  ScratchDirectory scratch_;
-  const std::filesystem::path before_ = std::filesystem::current_path();
-};
-
-TEST_F(FineTables, DefaultsRiseToTheCoarsePeriod) {
-  write_file("fine_lut.bin", file_of({1, 1, 1, 1}));
-  ScriptedDriver driver;
-  const Device device = Device::open("p", 9600);  // reads no file
-  for (const std::vector<std::int64_t>& table : device.fine_lut) {
-    ASSERT_EQ(table.size(), 8192u);
-    EXPECT_EQ(std::vector(table.begin(), table.begin() + 5),
-              (std::vector<std::int64_t>{0, 19, 37, 56, 74}));
-    EXPECT_EQ(table[180], 3330);
-    EXPECT_EQ(std::count(table.begin(), table.end(), 3332), 8192 - 181);
-  }
-}
-
-TEST_F(FineTables, FileReplacesAllTablesOrNone) {
-  constexpr Sizes kDefaults{};
-  const std::string good = file_of({1, 2, 3, 1 << 20});
-  EXPECT_EQ(sizes_with(good + "more"), (Sizes{1, 2, 3, 1 << 20}));
-  EXPECT_EQ(sizes_with(good.substr(0, good.size() - 8)), kDefaults);
-  EXPECT_EQ(sizes_with(file_of({1, 2, 3, (1 << 20) + 1})), kDefaults);
-  EXPECT_EQ(sizes_with(file_of({1, 2, 3, 4}, 2)), kDefaults);
-  EXPECT_EQ(sizes_with(file_of({1, 0, 3, 4})), kDefaults);
-
-  const std::string small = file_of({1, 2, 1, 1});
-  for (std::size_t size = 0; size < small.size(); ++size) {
-    SCOPED_TRACE(size);
-    EXPECT_EQ(sizes_with(small.substr(0, size)), kDefaults);
-  }
-  EXPECT_EQ(sizes_with("TLUt" + small.substr(4)), kDefaults);
-  EXPECT_EQ(sizes_with(small), (Sizes{1, 2, 1, 1}));
+  EXPECT_EQ(tables_with(good), entry + entry + entry + entry);
+  EXPECT_EQ(Device::open("p", 9600).fine_lut[3].size(), 8192u);  // reads no file
+  std::filesystem::current_path(before);
 }
 
 }  // namespace

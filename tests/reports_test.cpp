@@ -1,37 +1,31 @@
 #include "orvo/verification/reports.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <filesystem>
-#include <fstream>
-#include <iostream>
-#include <iterator>
-#include <sstream>
+#include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
-#include "orvo/timing/error.h"
+#include "support/error_of.h"
+#include "support/scratch.h"
 
 namespace orvo::verification {
 namespace {
 
 namespace fs = std::filesystem;
 
-constexpr const char* kCsv =
+const std::string kCsvHead =
     "requested_hz,effective_hz,expected_decoded_hz,divider,overflow_required,channel,count,"
-    "first_ps,last_ps,measured_hz,ppm_error,pass,stream_file\n"
+    "first_ps,last_ps,measured_hz,ppm_error,pass,stream_file\n";
+const std::string kCsvRun =
     "1000.000,999.976,1000.076,30979,1,0,350,-5,349000000000,1000.000000125,-0.123457,1,\"/r/"
     "\"1\\.ortime\"\n"
     "1000.000,999.976,1000.076,30979,1,1,0,0,0,0.000000000,0.000000,0,\"/r/\"1\\.ortime\"\n"
     "1000.000,999.976,1000.076,30979,1,2,0,0,0,0.000000000,0.000000,0,\"/r/\"1\\.ortime\"\n"
-    "1000.000,999.976,1000.076,30979,1,3,0,0,0,0.000000000,0.000000,0,\"/r/\"1\\.ortime\"\n"
-    "2500000.500,0.000,0.000,0,0,0,0,0,0,0.000000000,0.000000,0,\"/r/2\"\n"
-    "2500000.500,0.000,0.000,0,0,1,0,0,0,0.000000000,0.000000,0,\"/r/2\"\n"
-    "2500000.500,0.000,0.000,0,0,2,0,0,0,0.000000000,0.000000,0,\"/r/2\"\n"
-    "2500000.500,0.000,0.000,0,0,3,0,0,0,0.000000000,0.000000,0,\"/r/2\"\n";
+    "1000.000,999.976,1000.076,30979,1,3,0,0,0,0.000000000,0.000000,0,\"/r/\"1\\.ortime\"\n";
 
-constexpr const char* kJson = R"({
+const std::string kJsonHead = R"({
   "verification":"overflow_frequency",
   "pass":false,
   "capture_s":0.350000,
@@ -41,7 +35,8 @@ constexpr const char* kJson = R"({
   "decoded_timestamp_seconds_per_second":0.999900000,
   "tolerance_ppm":25.000,
   "runs":[
-    {
+)";
+const std::string kJsonRun = R"(    {
       "requested_hz":1000.000,
       "effective_hz":999.976,
       "expected_decoded_hz":1000.076,
@@ -57,133 +52,78 @@ constexpr const char* kJson = R"({
         {"channel":2,"count":0,"first_ps":0,"last_ps":0,"measured_hz":0.000000000,"ppm_error":0.000000,"pass":false},
         {"channel":3,"count":0,"first_ps":0,"last_ps":0,"measured_hz":0.000000000,"ppm_error":0.000000,"pass":false}
       ]
-    },
-    {
-      "requested_hz":2500000.500,
-      "effective_hz":0.000,
-      "expected_decoded_hz":0.000,
-      "divider":0,
-      "overflow_required":false,
-      "pass":false,
-      "stream_file":"/r/2",
-      "payload_bytes":0,
-      "decoded_tags":0,
-      "channels":[
-        {"channel":0,"count":0,"first_ps":0,"last_ps":0,"measured_hz":0.000000000,"ppm_error":0.000000,"pass":false},
-        {"channel":1,"count":0,"first_ps":0,"last_ps":0,"measured_hz":0.000000000,"ppm_error":0.000000,"pass":false},
-        {"channel":2,"count":0,"first_ps":0,"last_ps":0,"measured_hz":0.000000000,"ppm_error":0.000000,"pass":false},
-        {"channel":3,"count":0,"first_ps":0,"last_ps":0,"measured_hz":0.000000000,"ppm_error":0.000000,"pass":false}
-      ]
-    }
-  ]
-}
-)";
+    })";
 
-constexpr const char* kSummary = R"(Orvo timing packed-delta overflow frequency verification
-output=/r "x"
-csv=/r/a.csv
-json=/r/../a.json
+const std::string kSummaryHead = R"(Orvo timing packed-delta overflow frequency verification
+output=/r/../"x"
+csv=/r/../"x"/overflow_frequency.csv
+json=/r/../"x"/overflow_frequency.json
 capture_s=0.350
 packed_bits=16
 packed_quantum_ps=8
 decoded_timestamp_seconds_per_second=0.999900000
 tolerance_ppm=25.000
 pass=false
-run requested_hz=1000.000 effective_hz=999.976 expected_decoded_hz=1000.076 divider=30979 overflow_required=true decoded_tags=351 pass=true
+)";
+const std::string kSummaryRun =
+    R"(run requested_hz=1000.000 effective_hz=999.976 expected_decoded_hz=1000.076 divider=30979 overflow_required=true decoded_tags=351 pass=true
   ch0 count=350 measured_hz=1000.000000 ppm_error=-0.123457 pass=true
-  ch2 count=0 measured_hz=0.000000 ppm_error=0.000000 pass=false
-run requested_hz=2500000.500 effective_hz=0.000 expected_decoded_hz=0.000 divider=0 overflow_required=false decoded_tags=0 pass=false
-  ch0 count=0 measured_hz=0.000000 ppm_error=0.000000 pass=false
   ch2 count=0 measured_hz=0.000000 ppm_error=0.000000 pass=false
 )";
 
 std::vector<RunResult> two_runs() {
-  std::vector<RunResult> runs(2);
-  runs[0].requested_hz = 1000;
-  runs[0].effective_hz = 999.97614;
-  runs[0].expected_decoded_hz = 1000.07615;
-  runs[0].divider = 30979;
-  runs[0].stream_file = "/r/\"1\\.ortime";
-  runs[0].payload_bytes = ~0ULL;
-  runs[0].decoded_tags = 351;
-  runs[0].overflow_required = runs[0].pass = true;
-  runs[0].channels[0] = {350, -5, 349000000000, 1000.000000125, -0.1234567, true};
-  runs[1].requested_hz = 2500000.5;
-  runs[1].stream_file = "/r/2";
-  return runs;
+  RunResult run;
+  run.requested_hz = 1000;
+  run.effective_hz = 999.97614;
+  run.expected_decoded_hz = 1000.07615;
+  run.divider = 30979;
+  run.stream_file = "/r/\"1\\.ortime";
+  run.payload_bytes = ~0ULL;
+  run.decoded_tags = 351;
+  run.overflow_required = run.pass = true;
+  run.channels[0] = {350, -5, 349000000000, 1000.000000125, -0.1234567, true};
+  return {run, run};
 }
 
 class Reports : public testing::Test {
  protected:
-  Reports() {
-    fs::create_directories(dir_);
-    config_.channel_mask = 5;
-  }
-  ~Reports() override { fs::remove_all(dir_); }
+  Reports() { config_.channel_mask = 5; }
 
-  std::string read(const char* name) const {
-    std::ifstream file(dir_ / name);
-    EXPECT_TRUE(file) << name;
-    return std::string(std::istreambuf_iterator<char>(file), {});
+  [[nodiscard]] std::string read(const std::string& name) const {
+    return tests::read_file(scratch_.file(name));
   }
-
   void write(const char* name, const std::string& text) const {
-    std::ofstream(dir_ / name) << text;
+    tests::write_file(scratch_.file(name), text);
+  }
+  [[nodiscard]] std::string summary(const fs::path& run_dir, bool pass) const {
+    return format_summary(run_dir, run_dir / "overflow_frequency.csv",
+                          run_dir / "overflow_frequency.json", config_, two_runs(), pass);
   }
 
-  const fs::path dir_ = testing::TempDir() + "reports_test_" + std::to_string(getpid());
+  const tests::ScratchDirectory scratch_;
+  const fs::path dir_ = scratch_.path();
   Config config_;
 };
 
-template <class Action>
-std::string io_error(Action action) {
-  try {
-    action();
-  } catch (const timing::Error& error) {
-    EXPECT_EQ(error.status(), OT_ERR_IO);
-    return error.what();
-  }
-  return "no error";
-}
-
-TEST_F(Reports, CsvListsEveryChannelWithPathsAsTheyAre) {
-  write_csv(dir_ / "csv", two_runs());
-  EXPECT_EQ(read("csv"), kCsv);
-}
-
-TEST_F(Reports, JsonListsEveryChannelWithPathsEscaped) {
-  write_json_report(dir_ / "json", config_, two_runs(), false);
-  EXPECT_EQ(read("json"), kJson);
-}
-
 TEST_F(Reports, SummaryShowsTheChannelsThatCount) {
-  const auto summary = [&] {
-    return format_summary("/r \"x\"", "/r/a.csv", "/r/../a.json", config_, two_runs(), false);
-  };
-  EXPECT_EQ(summary(), kSummary);
+  EXPECT_EQ(summary("/r/../\"x\"", false), kSummaryHead + kSummaryRun + kSummaryRun);
   config_.channel_mask = 0;
-  EXPECT_NE(summary().find("  ch0 "), std::string::npos);
-  EXPECT_NE(summary().find("  ch1 "), std::string::npos);
-  EXPECT_NE(summary().find("  ch3 "), std::string::npos);
+  EXPECT_NE(summary("/r", false).find("  ch1 "), std::string::npos);
 }
 
 TEST_F(Reports, WritingPublishesAndPrints) {
   fs::create_directories(dir_ / "run");
-  std::ostringstream console;
-  std::streambuf* const old = std::cout.rdbuf(console.rdbuf());
-  write_reports(dir_, dir_ / "run", config_, two_runs(), true);
-  std::cout.rdbuf(old);
-
-  const std::string root = dir_.string();
-  const std::string summary =
-      format_summary(dir_ / "run", root + "/run/overflow_frequency.csv",
-                     root + "/run/overflow_frequency.json", config_, two_runs(), true);
-  EXPECT_EQ(read("latest.csv"), kCsv);
-  EXPECT_EQ(read("latest.json"), read("run/overflow_frequency.json"));
-  EXPECT_EQ(read("latest_summary.txt"), summary);
-  EXPECT_EQ(read("run/overflow_frequency.summary.txt"), summary);
-  EXPECT_EQ(console.str(), summary + "latest_summary=" + root + "/latest_summary.txt\n" +
-                               "latest_json=" + root + "/latest.json\n");
+  testing::internal::CaptureStdout();
+  write_reports(dir_, dir_ / "run", config_, two_runs(), false);
+  const std::string console = testing::internal::GetCapturedStdout();
+  const std::string text = summary(dir_ / "run", false);
+  for (const std::string at : {"run/overflow_frequency", "latest"}) {
+    EXPECT_EQ(read(at + ".csv"), kCsvHead + kCsvRun + kCsvRun);
+    EXPECT_EQ(read(at + ".json"), kJsonHead + kJsonRun + ",\n" + kJsonRun + "\n  ]\n}\n");
+    EXPECT_EQ(read(at + (at == "latest" ? "_summary.txt" : ".summary.txt")), text);
+  }
+  EXPECT_EQ(console, text + "latest_summary=" + (dir_ / "latest_summary.txt").string() +
+                         "\nlatest_json=" + (dir_ / "latest.json").string() + "\n");
 }
 
 TEST_F(Reports, PublishedCopiesReplaceWhatIsThere) {
@@ -197,7 +137,6 @@ TEST_F(Reports, PublishedCopiesReplaceWhatIsThere) {
   EXPECT_FALSE(fs::is_symlink(dir_ / "latest.json"));
   EXPECT_EQ(read("latest.json"), "new");
   EXPECT_EQ(read("kept"), "summary");  // the summary alone is written through a link
-
   fs::create_directory(dir_ / "empty");
   copy_file_checked(dir_ / "new", dir_ / "empty");
   EXPECT_EQ(read("empty"), "new");
@@ -205,16 +144,20 @@ TEST_F(Reports, PublishedCopiesReplaceWhatIsThere) {
 
 TEST_F(Reports, FailuresNameTheOutput) {
   const fs::path nowhere = dir_ / "missing" / "file";
-  EXPECT_EQ(io_error([&] { write_csv(nowhere, {}); }), "could not open overflow CSV output");
-  EXPECT_EQ(io_error([&] { write_json_report(nowhere, config_, {}, true); }),
-            "could not open overflow JSON output");
-  EXPECT_EQ(io_error([&] { write_text_file(dir_, ""); }), "could not open text output");
-  EXPECT_EQ(io_error([&] { publish_latest("/dev/null/x", nowhere, nowhere, ""); }),
-            "could not create output root /dev/null/x: Not a directory");
+  const fs::path latest = dir_ / "latest.csv";
   write("latest.csv", "old");
-  EXPECT_EQ(io_error([&] { copy_file_checked(nowhere, dir_ / "latest.csv"); }),
-            "could not publish " + (dir_ / "latest.csv").string() + ": No such file or directory");
-  EXPECT_FALSE(fs::exists(dir_ / "latest.csv"));
+  const std::pair<std::function<void()>, std::string> cases[] = {
+      {[&] { write_csv(nowhere, {}); }, "could not open overflow CSV output"},
+      {[&] { write_json_report(nowhere, config_, {}, true); },
+       "could not open overflow JSON output"},
+      {[&] { write_text_file(dir_, ""); }, "could not open text output"},
+      {[&] { publish_latest("/dev/null/x", nowhere, nowhere, ""); },
+       "could not create output root /dev/null/x: Not a directory"},
+      {[&] { copy_file_checked(nowhere, latest); },
+       "could not publish " + latest.string() + ": No such file or directory"},
+  };
+  for (const auto& [action, message] : cases) EXPECT_EQ(tests::error_of(action), message + " [-2]");
+  EXPECT_FALSE(fs::exists(latest));
 }
 
 }  // namespace

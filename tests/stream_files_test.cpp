@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <limits>
+#include <utility>
 
 #include "support/decoding.h"
 #include "support/error_of.h"
@@ -13,12 +13,9 @@
 namespace orvo::tests {
 namespace {
 
-using timing::Format;
 using timing::StreamFileHeader;
-using timing::StreamFileReader;
-using timing::StreamFileWriter;
 
-constexpr unsigned long kAll = std::numeric_limits<unsigned long>::max();
+constexpr unsigned long kAll = ~0UL;
 
 class StreamFiles : public testing::Test {
  protected:
@@ -27,30 +24,34 @@ class StreamFiles : public testing::Test {
     return error_of([&] { reader.open(path); });
   }
 
-  /// A raw64 file with one tag a microsecond, channels in turn.
-  void write_tags(std::size_t count) {
+  /// Opens a raw64 file with one tag a microsecond, channels in turn.
+  void open_tags(unsigned count) {
     StreamFileHeader header;
-    header.stream_format = Format::raw64;
+    header.stream_format = timing::Format::raw64;
     Bytes payload;
-    tags.clear();
-    for (std::uint64_t i = 0; i < count; ++i) {
-      tags.push_back({static_cast<std::uint8_t>(i % 4), static_cast<std::int64_t>(i * 1'000'000)});
-      put_big_endian(payload, (i % 4) << 61 | i * 1'000'000, 8);
-    }
-    StreamFileWriter writer;
+    for (std::uint64_t i = 0; i < count; ++i) put_big_endian(payload, i % 4 << 61 | i * 1000000, 8);
     writer.open(path, header);
     writer.write(payload.data(), payload.size());
+    writer.close();
+    reader.open(path);
   }
 
-  /// Tags `first` to `last`, not included, of the file written.
-  [[nodiscard]] Tags tags_from(std::size_t first, std::size_t last) const {
-    return {tags.data() + first, tags.data() + last};
+  /// The next tags, and what they must be.
+  std::string next(unsigned long max_tags, unsigned long chunk_bytes = 1000) {
+    return text_of(reader.decode_next_tags(max_tags, chunk_bytes));
+  }
+  static std::string tags(std::uint64_t first, std::uint64_t end) {
+    std::string text;
+    for (; first < end; ++first) {
+      text += std::to_string(first % 4) + ':' + std::to_string(first * 1000000) + ' ';
+    }
+    return text;
   }
 
   ScratchDirectory scratch;
   std::string path = scratch.file("a b.ortime");
-  StreamFileReader reader;
-  Tags tags;
+  timing::StreamFileReader reader;
+  timing::StreamFileWriter writer;
 };
 
 TEST_F(StreamFiles, WriterFramesHeaderAndPayload) {
@@ -58,134 +59,104 @@ TEST_F(StreamFiles, WriterFramesHeaderAndPayload) {
   header.created_utc = "now";
   header.application = std::string(300, 'a');
   const std::string text = timing::detail::stream_header_to_json(header);
-  ASSERT_EQ(text.size() >> 8, 2u);
   const std::string front = std::string("ORTIME1\n") + static_cast<char>(text.size() & 0xFF) +
                             std::string("\2\0\0", 3) + text;
-
-  StreamFileWriter writer;
   writer.open(path, header);
-  const Bytes first = {0, 1, 255};
-  const Bytes second(3 << 20, 'x');
-  writer.write(first.data(), first.size());
+  const Bytes bytes(3 << 20, 'x');
+  writer.write(bytes.data(), 3);
   writer.write(nullptr, 0);
   EXPECT_EQ(error_of([&] { writer.write(nullptr, 1); }), "StreamFileWriter: null data [-1]");
-  writer.write(second.data(), second.size());
+  writer.write(bytes.data(), bytes.size());
   writer.close();
-  EXPECT_EQ(read_file(path), front + std::string("\0\1\377", 3) + std::string(3 << 20, 'x'));
-
+  EXPECT_EQ(read_file(path), front + std::string((3 << 20) + 3, 'x'));
   writer.open(path, header);  // truncates
   writer.open(scratch.file("other"), header);
   EXPECT_EQ(read_file(path), front);
 }
 
 TEST_F(StreamFiles, WriterFailuresAreToldWhereTheyAreMet) {
-  StreamFileWriter writer;
   const std::string missing = scratch.file("missing/file");
   EXPECT_EQ(error_of([&] { writer.open(missing, {}); }),
             "StreamFileWriter: cannot open " + missing + " [-2]");
   const Bytes bytes(2 << 20);
-  EXPECT_EQ(error_of([&] { writer.write(bytes.data(), 1); }), "StreamFileWriter: not open [-6]");
-
+  const auto write_error = [&](std::size_t count) {
+    return error_of([&] { writer.write(bytes.data(), count); });
+  };
+  EXPECT_EQ(write_error(1), "StreamFileWriter: not open [-6]");
   StreamFileHeader large;
   large.application = std::string(2 << 20, 'a');
   EXPECT_EQ(error_of([&] { writer.open("/dev/full", large); }),
             "StreamFileWriter: failed to write header [-2]");
-
   writer.open("/dev/full", {});
-  writer.write(bytes.data(), 10);  // waits in the buffer
-  EXPECT_EQ(error_of([&] { writer.write(bytes.data(), bytes.size()); }),
-            "StreamFileWriter: payload write failed [-2]");
-  EXPECT_EQ(error_of([&] { writer.write(bytes.data(), 1); }), "StreamFileWriter: not open [-6]");
-
+  EXPECT_EQ(write_error(10), "no error");  // waits in the buffer
+  EXPECT_EQ(write_error(bytes.size()), "StreamFileWriter: payload write failed [-2]");
+  EXPECT_EQ(write_error(1), "StreamFileWriter: not open [-6]");
   writer.open("/dev/full", {});
-  writer.write(bytes.data(), 10);
+  EXPECT_EQ(write_error(10), "no error");
   writer.close();  // a failure met here stays silent
-  writer.open(path, {});
-  writer.write(bytes.data(), 10);
 }
 
 TEST_F(StreamFiles, ReaderRefusesWhatIsNoStreamFile) {
-  EXPECT_EQ(error_of([&] { reader.open(scratch.file("missing")); }),
-            "StreamFileReader: cannot open " + scratch.file("missing") + " [-2]");
-  EXPECT_EQ(error_of([&] { reader.open(scratch.path().string()); }),
-            "StreamFileReader: truncated magic [-2]");  // a directory
+  const std::string missing = scratch.file("missing");
+  EXPECT_EQ(error_of([&] { reader.open(missing); }),
+            "StreamFileReader: cannot open " + missing + " [-2]");
   const std::string good = std::string("ORTIME1\n\5\0\0\0", 12) + "{   }";
+  const char* const no_magic = "StreamFileReader: truncated magic [-2]";
+  const char* const no_length = "stream file: truncated header length [-2]";
+  const char* const no_text = "StreamFileReader: truncated JSON header [-2]";
+  EXPECT_EQ(error_of([&] { reader.open(scratch.path().string()); }), no_magic);
   for (std::size_t size = 0; size < good.size(); ++size) {
-    EXPECT_EQ(open_error(good.substr(0, size)),
-              size < 8    ? "StreamFileReader: truncated magic [-2]"
-              : size < 12 ? "stream file: truncated header length [-2]"
-                          : "StreamFileReader: truncated JSON header [-2]")
-        << size;
+    EXPECT_EQ(open_error(good.substr(0, size)), size < 8    ? no_magic
+                                                : size < 12 ? no_length
+                                                            : no_text);
   }
-  for (std::size_t i = 0; i < 8; ++i) {
-    std::string bad = good;
-    bad[i] ^= 3;
-    EXPECT_EQ(open_error(bad), "StreamFileReader: not an Orvo timing stream file [-4]") << i;
-  }
-  EXPECT_EQ(open_error("ORTIME1\n\xFF\xFF\xFF\xFF{}"),
-            "StreamFileReader: truncated JSON header [-2]");
+  EXPECT_EQ(open_error("ORTIME1\n\xFF\xFF\xFF\xFF{}"), no_text);
+  EXPECT_EQ(open_error("ORTIME2" + good.substr(7)),
+            "StreamFileReader: not an Orvo timing stream file [-4]");
   EXPECT_EQ(open_error(good), "no error");
 }
 
-TEST_F(StreamFiles, ReaderAcceptsTheOlderMagicAndAnEmptyHeader) {
-  for (const char* magic : {"ORTIME1\n", "OTSTRM1\n"}) {
-    EXPECT_EQ(open_error(magic + std::string(4, '\0')), "no error");
-    EXPECT_EQ(reader.header().stream_format, Format::packed_delta);
-    EXPECT_TRUE(reader.decode_next_tags(10, 10).empty());
-  }
-  const std::string text = R"({"tdl_index":77,"x":")" + std::string(300'000, 'x') + "\"}";
-  std::string length;
-  for (unsigned i = 0; i < 4; ++i) length += static_cast<char>(text.size() >> (8 * i));
-  EXPECT_EQ(open_error("OTSTRM1\n" + length + text), "no error");
+TEST_F(StreamFiles, ReaderAcceptsTheOlderMagicAndAnyHeader) {
+  EXPECT_EQ(open_error("OTSTRM1\n" + std::string(4, '\0')), "no error");
+  EXPECT_EQ(reader.header().stream_format, timing::Format::packed_delta);
+  EXPECT_EQ(next(10), "");
+  const std::string text = R"({"x":")" + std::string(0x30000, 'x') + R"(","tdl_index":77})";
+  ASSERT_EQ(text.size(), 0x30017U);
+  EXPECT_EQ(open_error("ORTIME1\n" + std::string("\x17\0\3\0", 4) + text), "no error");
   EXPECT_EQ(reader.header().tdl_index, 77);
 }
 
-TEST_F(StreamFiles, ReaderWithoutAFileIsNotOpen) {
-  const auto decode = [&] { (void)reader.decode_next_tags(1, 1); };
-  EXPECT_TRUE(reader.decode_next_tags(0, 1).empty());
-  EXPECT_EQ(error_of(decode), "StreamFileReader: not open [-6]");
-
-  write_tags(9);
-  reader.open(path);
-  EXPECT_EQ(reader.decode_next_tags(1, 1000), tags_from(0, 1));
+TEST_F(StreamFiles, ReaderForgetsTheEarlierFile) {
+  EXPECT_EQ(next(0), "");
+  EXPECT_EQ(error_of([&] { next(1); }), "StreamFileReader: not open [-6]");
+  open_tags(9);
+  EXPECT_EQ(next(1), tags(0, 1));
   EXPECT_NE(open_error("not a stream file at all"), "no error");
-  EXPECT_EQ(error_of(decode), "StreamFileReader: not open [-6]");  // no tag of the earlier file
-
-  write_tags(9);
-  reader.open(path);
-  EXPECT_EQ(reader.decode_next_tags(kAll, 1000), tags_from(0, 9));
+  EXPECT_EQ(error_of([&] { next(1); }), "StreamFileReader: not open [-6]");
+  open_tags(9);
+  EXPECT_EQ(next(kAll), tags(0, 9));
 }
 
 TEST_F(StreamFiles, TagsDoNotDependOnBatchOrChunk) {
-  write_tags(103);
-  for (const unsigned long chunk_bytes : {0ul, 1ul, 7ul, 8ul, 200ul, 824ul, kAll}) {
-    for (const unsigned long max_tags : {1ul, 10ul, 103ul, 104ul, kAll}) {
+  for (const unsigned long chunk_bytes : {0ul, 1ul, 7ul, 200ul, 824ul, kAll}) {
+    for (const unsigned long max_tags : {1ul, 10ul, 103ul, kAll}) {
       SCOPED_TRACE(testing::Message() << chunk_bytes << " bytes, " << max_tags << " tags");
-      reader.open(path);
-      std::size_t done = 0;
-      while (done < tags.size()) {
-        const std::size_t batch = std::min<std::size_t>(max_tags, tags.size() - done);
-        ASSERT_EQ(reader.decode_next_tags(max_tags, chunk_bytes), tags_from(done, done + batch));
-        done += batch;
+      open_tags(103);
+      for (unsigned long at = 0; at < 103; at += std::min(103UL, max_tags)) {
+        ASSERT_EQ(next(max_tags, chunk_bytes), tags(at, at + std::min(max_tags, 103 - at)));
       }
-      EXPECT_TRUE(reader.decode_next_tags(max_tags, chunk_bytes).empty());
-      EXPECT_TRUE(reader.decode_next_tags(max_tags, chunk_bytes).empty());
+      EXPECT_EQ(next(max_tags, chunk_bytes), "");
     }
   }
 }
 
 TEST_F(StreamFiles, SpansHoldWhatIsPendingBeforeMoreIsRead) {
-  write_tags(30);
-  reader.open(path);
-  const auto next = [&] {
-    const std::span<const timing::TimeTag> span = reader.next_tags(10, 200);  // 25 tags a chunk
-    return Tags(span.begin(), span.end());
-  };
-  EXPECT_EQ(next(), tags_from(0, 10));
-  EXPECT_EQ(next(), tags_from(10, 20));
-  EXPECT_EQ(next(), tags_from(20, 25));
-  EXPECT_EQ(next(), tags_from(25, 30));
-  EXPECT_TRUE(next().empty());
+  open_tags(30);
+  unsigned first = 0;
+  for (const unsigned end : {10U, 20U, 25U, 30U, 30U}) {
+    const std::string text = text_of(reader.next_tags(10, 200));  // 25 tags a chunk
+    EXPECT_EQ(text, tags(std::exchange(first, end), end));
+  }
 }
 
 }  // namespace

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <tuple>
 
 namespace orvo::tests {
 namespace {
@@ -13,16 +12,18 @@ using timing::Format;
 using timing::Mode;
 using timing::StreamFileHeader;
 using timing::Transport;
-using timing::detail::json_find_string;
-using timing::detail::json_find_uint;
 using timing::detail::stream_header_from_json;
 using timing::detail::stream_header_to_json;
 
-auto fields(const StreamFileHeader& h) {
-  return std::make_tuple(h.stream_format, h.mode, h.stream_transport, h.channel_mask, h.tdl_index,
-                         h.delta_bits, h.quantum_ps, h.raw64_tag_format, h.created_utc,
-                         h.application, h.device_product, h.device_serial, h.device_port);
-}
+/// A text in which every member differs from its default; it reads back as it is.
+constexpr const char* kText =
+    R"({"file_type":"orvo_timing_raw_stream_capture","schema_version":1,)"
+    R"("created_utc":"now","application":"a\tb\"c\\d\ne\rf )"
+    "\xC3\xA9\","
+    R"("device_product":"product","device_serial":"s/n 1","device_port":"/dev/ttyUSB0",)"
+    R"("stream_format":"delta32","mode":"internal","stream_transport":"usb_async",)"
+    R"("raw64_tag_format":"Raw_CF","channel_mask":5,"tdl_index":255,)"
+    R"("packed_delta_config":{"delta_bits":31,"quantum_ps":65535}})";
 
 StreamFileHeader full_header() {
   StreamFileHeader header;
@@ -34,7 +35,7 @@ StreamFileHeader full_header() {
   header.delta_bits = 31;
   header.quantum_ps = 65535;
   header.raw64_tag_format = "Raw_CF";
-  header.created_utc = "2026-03-14T09:26:53.058979Z";
+  header.created_utc = "now";
   header.application = "a\tb\"c\\d\ne\rf \xC3\xA9";
   header.device_product = "product";
   header.device_serial = "s/n 1";
@@ -42,145 +43,73 @@ StreamFileHeader full_header() {
   return header;
 }
 
-TEST(StreamHeader, TextHasAFixedForm) {
-  EXPECT_EQ(stream_header_to_json(full_header()),
-            R"({"file_type":"orvo_timing_raw_stream_capture","schema_version":1,)"
-            R"("created_utc":"2026-03-14T09:26:53.058979Z",)"
-            R"("application":"a\tb\"c\\d\ne\rf )"
-            "\xC3\xA9\","
-            R"("device_product":"product","device_serial":"s/n 1",)"
-            R"("device_port":"/dev/ttyUSB0","stream_format":"delta32","mode":"internal",)"
-            R"("stream_transport":"usb_async","raw64_tag_format":"Raw_CF","channel_mask":5,)"
-            R"("tdl_index":255,"packed_delta_config":{"delta_bits":31,"quantum_ps":65535}})");
+TEST(StreamHeader, TextHasAFixedFormAndReadsBack) {
+  EXPECT_EQ(stream_header_to_json(full_header()), kText);
+  EXPECT_EQ(stream_header_to_json(stream_header_from_json(kText)), kText);
 }
 
-TEST(StreamHeader, ReadsBackWhatWasWritten) {
-  EXPECT_EQ(fields(stream_header_from_json(stream_header_to_json(full_header()))),
-            fields(full_header()));
-  for (const Format format : {Format::raw64, Format::delta32, Format::packed_delta}) {
-    for (const Transport transport : {Transport::uart, Transport::usb, Transport::usb_async}) {
-      StreamFileHeader header = full_header();
-      header.stream_format = format;
-      header.stream_transport = transport;
-      header.mode = Mode::external;
-      EXPECT_EQ(fields(stream_header_from_json(stream_header_to_json(header))), fields(header));
-    }
+TEST(StreamHeader, ReadsEveryMemberTolerantly) {
+  const struct {
+    const char *text, *member;  // as it is written again
+  } cases[] = {
+      {"", R"("stream_format":"packed_delta","mode":"external","stream_transport":"usb")"},
+      {R"("mode")", R"("mode":"external")"},
+      {R"("mode":"inter)", R"("mode":"external")"},
+      {R"("mode" : "Internal")", R"("mode":"internal")"},
+      {R"("mode":1,"x":"internal")", R"("mode":"external")"},  // the next quoted text is x
+      {R"("mode":1,"internal")", R"("mode":"internal")"},
+      {R"("stream_format":"PackedDelta")", R"("stream_format":"packed_delta")"},
+      {R"("stream_format":"packed_delta")", R"("stream_format":"packed_delta")"},
+      {R"("stream_format":"raw_cf")", R"("stream_format":"raw64")"},
+      {R"("stream_format":"DELTA32")", R"("stream_format":"delta32")"},
+      {R"("stream_transport":"USB-Async")", R"("stream_transport":"usb_async")"},
+      {R"("stream_transport":"usbasync")", R"("stream_transport":"usb_async")"},
+      {R"("stream_transport":"usb")", R"("stream_transport":"usb")"},
+      {R"("stream_transport":"serial")", R"("stream_transport":"uart")"},
+      {R"("channel_mask":31,"tdl_index":257)", R"("channel_mask":15,"tdl_index":1)"},
+      {R"("channel_mask":16,"tdl_index":"9")", R"("channel_mask":0,"tdl_index":0)"},
+      {R"("delta_bits":258,"quantum_ps":65539)", R"("delta_bits":2,"quantum_ps":3)"},
+      {R"("raw64_tag_format":"")", R"("raw64_tag_format":"ps")"},
+      {R"("raw64_tag_format":"","mode":"internal")", R"("raw64_tag_format":"raw_cf")"},
+      {R"("application":"first","application":"second")", R"("application":"first")"},
+      {R"({"a":{"application" x : 7 "v"}})", R"("application":"v")"},
+      {R"("a":"application":"v")", R"("application":"v")"},
+      {R"("application":"\r\t\n\"\\\/\u00e9")", R"("application":"\r\t\n\"\\/u00e9")"},
+      {R"(application:"v")", R"("application":"")"},
+      {R"("application":"v\)", R"("application":"")"},
+      {R"("application":"v\")", R"("application":"")"},
+      {R"("application":)", R"("application":"")"},
+      {R"("application":7)", R"("application":"")"},
+      {"\"quantum_ps\": \t\n\v\f\r0075}", R"("quantum_ps":75)"},
+      {R"("quantum_ps":1.5)", R"("quantum_ps":1})"},
+      {R"("quantum_ps":0x10)", R"("quantum_ps":0)"},
+      {R"("quantum_ps":18446744073709551618)", R"("quantum_ps":2)"},  // modulo 2^64
+      {R"("quantum_ps":-7)", R"("quantum_ps":8)"},
+      {R"("quantum_ps": )", R"("quantum_ps":8)"},
+  };
+  for (const auto& c : cases) {
+    const std::string written = stream_header_to_json(stream_header_from_json(c.text));
+    EXPECT_NE(written.find(c.member), std::string::npos) << c.text << " became " << written;
   }
+  EXPECT_EQ(stream_header_from_json(R"("channel_mask":31)").channel_mask, 15);
 }
 
-TEST(StreamHeader, EmptyTextsAreFilledInWhenWritten) {
-  for (const auto& [mode, tag_format] :
-       {std::pair(Mode::internal, "raw_cf"), std::pair(Mode::external, "ps")}) {
-    StreamFileHeader header;
-    header.mode = mode;
-    header.raw64_tag_format.clear();
-    const StreamFileHeader read = stream_header_from_json(stream_header_to_json(header));
-    EXPECT_EQ(read.raw64_tag_format, tag_format);
-    std::string form = read.created_utc;
-    std::replace_if(
-        form.begin(), form.end(), [](char c) { return c >= '0' && c <= '9'; }, '0');
-    EXPECT_EQ(form, "0000-00-00T00:00:00.000000Z") << read.created_utc;
-  }
-}
-
-TEST(StreamHeader, ValuesOutOfRangeAreWrittenAsTheNearestName) {
-  StreamFileHeader header = full_header();
+TEST(StreamHeader, ValuesThatCannotStandAreReplacedWhenWritten) {
+  StreamFileHeader header;
   header.stream_format = static_cast<Format>(7);
   header.mode = static_cast<Mode>(2);
   header.stream_transport = static_cast<Transport>(5);
   header.channel_mask = 0xFF;
   header.application = "\x01\x1F\x7F";
-  const std::string text = stream_header_to_json(header);
+  header.raw64_tag_format.clear();
+  std::string text = stream_header_to_json(header);
+  std::replace_if(
+      text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; }, '0');
   for (const char* member :
-       {R"("stream_format":"raw64")", R"("mode":"external")", R"("stream_transport":"uart")",
-        R"("channel_mask":15)", "\"application\":\"??\x7F\""}) {
-    EXPECT_NE(text.find(member), std::string::npos) << member;
-  }
-}
-
-TEST(StreamHeader, AnyTextIsReadTolerantly) {
-  const struct {
-    const char* text;
-    void (*expect)(StreamFileHeader&);
-  } cases[] = {
-      {"", [](StreamFileHeader&) {}},
-      {"\"mode\"", [](StreamFileHeader&) {}},
-      {"\"mode\":\"inter", [](StreamFileHeader&) {}},
-      {"\"tdl_index\":\"9\"", [](StreamFileHeader&) {}},
-      {"\"stream_format\":\"PackedDelta\"", [](StreamFileHeader&) {}},
-      {"\"stream_format\":\"raw_cf\"",
-       [](StreamFileHeader& h) { h.stream_format = Format::raw64; }},
-      {"\"stream_format\":\"DELTA32\"",
-       [](StreamFileHeader& h) { h.stream_format = Format::delta32; }},
-      {"\"mode\" : \"Internal\"", [](StreamFileHeader& h) { h.mode = Mode::internal; }},
-      {"\"mode\":1,\"x\":\"internal\"", [](StreamFileHeader&) {}},  // the next quoted text is x
-      {"\"mode\":1,\"internal\"", [](StreamFileHeader& h) { h.mode = Mode::internal; }},
-      {"\"stream_transport\":\"USB-Async\"",
-       [](StreamFileHeader& h) { h.stream_transport = Transport::usb_async; }},
-      {"\"stream_transport\":\"usbasync\"",
-       [](StreamFileHeader& h) { h.stream_transport = Transport::usb_async; }},
-      {"\"stream_transport\":\"serial\"",
-       [](StreamFileHeader& h) { h.stream_transport = Transport::uart; }},
-      {"\"channel_mask\":31,\"tdl_index\":257,\"delta_bits\":258,\"quantum_ps\":65539",
-       [](StreamFileHeader& h) {
-         h.tdl_index = 1;
-         h.delta_bits = 2;
-         h.quantum_ps = 3;
-       }},
-      {"\"channel_mask\":16", [](StreamFileHeader& h) { h.channel_mask = 0; }},
-      {"\"raw64_tag_format\":\"\",\"mode\":\"internal\"",
-       [](StreamFileHeader& h) {
-         h.mode = Mode::internal;
-         h.raw64_tag_format = "raw_cf";
-       }},
-      {"\"application\":\"first\",\"application\":\"second\"",
-       [](StreamFileHeader& h) { h.application = "first"; }},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.text);
-    StreamFileHeader expected;
-    c.expect(expected);
-    EXPECT_EQ(fields(stream_header_from_json(c.text)), fields(expected));
-  }
-}
-
-TEST(StreamHeader, StringSearch) {
-  using Found = std::optional<std::string>;
-  const std::pair<const char*, Found> cases[] = {
-      {R"("k":"v")", "v"},
-      {R"({"a":{"k" x : 7 "v"}})", "v"},
-      {R"("k":"\r\t\n\"\\\/\u00e9")", "\r\t\n\"\\/u00e9"},
-      {R"("k":"")", ""},
-      {R"("a":"k":"v")", "v"},
-      {R"("k")", std::nullopt},
-      {R"("k":)", std::nullopt},
-      {R"("k":7)", std::nullopt},
-      {R"("k":")", std::nullopt},
-      {R"("k":"v)", std::nullopt},
-      {R"("k":"v\)", std::nullopt},
-      {R"("k":"v\")", std::nullopt},
-      {R"(k:"v")", std::nullopt},
-  };
-  for (const auto& [text, found] : cases) {
-    EXPECT_EQ(json_find_string(text, "k"), found) << text;
-  }
-}
-
-TEST(StreamHeader, NumberSearch) {
-  using Found = std::optional<std::uint64_t>;
-  const std::pair<const char*, Found> cases[] = {
-      {R"("k":7)", 7},
-      {"\"k\": \t\n\v\f\r007}", 7},
-      {R"("k":1.5)", 1},
-      {R"("k":0x10)", 0},
-      {R"("k":18446744073709551618)", 2},  // modulo 2^64
-      {R"("k":-7)", std::nullopt},
-      {R"("k":"7")", std::nullopt},
-      {R"("k": )", std::nullopt},
-      {R"("k":)", std::nullopt},
-  };
-  for (const auto& [text, found] : cases) {
-    EXPECT_EQ(json_find_uint(text, "k"), found) << text;
+       {R"("created_utc":"0000-00-00T00:00:00.000000Z")", "\"application\":\"??\x7F\"",
+        R"("stream_format":"raw00","mode":"external","stream_transport":"uart")",
+        R"("raw00_tag_format":"ps","channel_mask":00,)"}) {
+    EXPECT_NE(text.find(member), std::string::npos) << member << " in " << text;
   }
 }
 

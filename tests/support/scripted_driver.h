@@ -1,12 +1,11 @@
 // A driver library inside the test program: it does what a script says and writes down every call.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "orvo/timing/ot_api.h"
@@ -24,15 +23,15 @@ struct ScriptedInstrument {
 };
 
 struct ScriptedFailure {
-  std::string call;  // beginning of the recorded lines that fail
+  std::string call;  // beginning of the recorded calls that fail
   ot_status status;
 };
 
 /// Installs itself as what the ot_ operations do, for as long as it lives; one at a time.
 ///
-/// Each call is one line: its name and inputs, then, where it has outputs, "preset" and what they
-/// held on entry ("ot_set_calibration_freq 1000 preset 0"). A call on a wrong handle or list, or
-/// from a thread other than the one that made the script, is marked with "!".
+/// A call is recorded as its name without "ot_" and its inputs, then, where it has outputs, "/" and
+/// what they held on entry ("set_calibration_freq 1000/0"), with "; " behind it. A call on a wrong
+/// handle or list, or from a thread other than the one that made the script, is marked with "!".
 class ScriptedDriver {
  public:
   ScriptedDriver();
@@ -49,9 +48,8 @@ class ScriptedDriver {
   std::vector<ScriptedRead> reads;                // one a call, oldest first
   ot_status status_after_reads = OT_ERR_TIMEOUT;  // without data; not written down
 
-  std::vector<std::string> calls;
-
-  [[nodiscard]] std::size_t count(std::string_view call) const;
+  /// The calls since the last time.
+  std::string take_calls() { return std::exchange(calls_, {}); }
 
   // For the ot_ operations.
   ot_status record(const std::string& call, bool valid = true);
@@ -60,10 +58,7 @@ class ScriptedDriver {
 
  private:
   const std::thread::id owner_ = std::this_thread::get_id();
-  std::size_t next_read_ = 0;
+  std::string calls_;
 };
-
-/// The script in force.
-ScriptedDriver& scripted_driver();
 
 }  // namespace orvo::tests

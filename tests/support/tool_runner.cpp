@@ -1,13 +1,12 @@
 #include "support/tool_runner.h"
 
 #include <fcntl.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <csignal>
+#include <numeric>
+#include <set>
 #include <sstream>
 #include <string_view>
 #include <system_error>
@@ -38,16 +37,10 @@ bool redirect(int descriptor, const char* path) {
   return file >= 0 && dup2(file, descriptor) >= 0;
 }
 
-bool limit_file_size(std::uint64_t bytes) {
-  const rlimit limit = {bytes, bytes};
-  // Ignored, the signal leaves the write with an error, as a full disk does.
-  return setrlimit(RLIMIT_FSIZE, &limit) == 0 && std::signal(SIGXFSZ, SIG_IGN) != SIG_ERR;
-}
-
 int wait_for(pid_t child) {
   int status = 0;
-  while (waitpid(child, &status, 0) < 0) {
-    if (errno != EINTR) throw std::system_error(errno, std::generic_category(), "waitpid");
+  if (waitpid(child, &status, 0) < 0) {
+    throw std::system_error(errno, std::generic_category(), "waitpid");
   }
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
@@ -69,17 +62,13 @@ ToolResult run_tool(const std::filesystem::path& directory, const ToolCall& call
   if (child == 0) {
     constexpr int kCannotRun = 127;
     if (chdir(directory.c_str()) == 0 && redirect(STDOUT_FILENO, out.c_str()) &&
-        redirect(STDERR_FILENO, err.c_str()) &&
-        (call.max_file_bytes == 0 || limit_file_size(call.max_file_bytes))) {
+        redirect(STDERR_FILENO, err.c_str())) {
       execve(ORVO_TOOL, argv.data(), envp.data());
     }
     _exit(kCannotRun);
   }
-  ToolResult result;
-  result.status = wait_for(child);
-  result.out = read_file(out);
-  result.err = read_file(err);
-  return result;
+  const int status = wait_for(child);
+  return {status, read_file(out), read_file(err)};
 }
 
 std::string lines_with(const std::string& text, const std::string& start) {
@@ -97,14 +86,11 @@ std::filesystem::path run_dir_of(const ToolResult& result) {
 }
 
 std::string names_in(const std::filesystem::path& directory) {
-  Texts names;
+  std::set<std::string> names;
   for (const auto& entry : std::filesystem::directory_iterator(directory)) {
-    names.push_back(entry.path().filename().string() + ' ');
+    names.insert(entry.path().filename().string() + ' ');
   }
-  std::sort(names.begin(), names.end());
-  std::string text;
-  for (const std::string& name : names) text += name;
-  return text;
+  return std::accumulate(names.begin(), names.end(), std::string());
 }
 
 }  // namespace orvo::tests

@@ -1,7 +1,6 @@
 // Runs the real tool as a process of its own, and looks at what it has left.
 #pragma once
 
-#include <cstdint>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -14,7 +13,6 @@ struct ToolCall {
   Texts arguments;
   Texts environment;  ///< "NAME=value", beside the test's own without its ORVO_ variables
   std::string program = "ot_verify_overflow_frequency";  ///< as the tool is told, in argv[0]
-  std::uint64_t max_file_bytes = 0;                      ///< a write beyond fails; 0: no limit
 };
 
 struct ToolResult {

@@ -69,6 +69,9 @@ class StreamFileReader {
   [[nodiscard]] std::span<const TimeTag> next_tags(std::uint64_t max_tags,
                                                    std::uint64_t chunk_bytes);
 
+  /// Asked before each chunk is read; reading ends with Interrupted when it says so.
+  bool (*interrupted)() = nullptr;
+
  private:
   [[nodiscard]] bool decode_chunk(std::uint64_t chunk_bytes);
   [[nodiscard]] std::span<const TimeTag> take_pending(std::uint64_t max_tags) noexcept;

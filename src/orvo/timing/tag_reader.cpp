@@ -52,6 +52,9 @@ bool StreamFileReader::decode_chunk(std::uint64_t chunk_bytes) {
   if (!usable_) {
     throw Error(OT_ERR_NOT_OPEN, "StreamFileReader: not open");
   }
+  if (interrupted != nullptr && interrupted()) {
+    throw Interrupted();
+  }
   if (decoder_ == nullptr) {
     decoder_ = std::make_unique<StreamDecoder>(header_);
   }

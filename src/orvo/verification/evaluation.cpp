@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cmath>
 
-#include "orvo/timing/error.h"
 #include "orvo/timing/stream_files.h"
 
 namespace orvo::verification {
@@ -93,14 +92,12 @@ void judge(const TagStatistics& statistics, const EvaluationSettings& settings, 
 TagStatistics read_tag_statistics(const std::string& path, std::uint64_t chunk_bytes,
                                   bool (*interrupted)()) {
   timing::StreamFileReader reader;
+  reader.interrupted = interrupted;
   reader.open(path);
   TagStatistics statistics;
   for (auto tags = reader.next_tags(kTagsPerRead, chunk_bytes); !tags.empty();
        tags = reader.next_tags(kTagsPerRead, chunk_bytes)) {
     statistics.add(tags);
-    if (interrupted != nullptr && interrupted()) {
-      throw timing::Interrupted();
-    }
   }
   return statistics;
 }

@@ -1,14 +1,17 @@
 #include "orvo/verification/interruption.h"
 
+#include <atomic>
 #include <csignal>
 #include <iostream>
 
 namespace orvo::verification {
 namespace {
 
-constexpr int kSignals[] = {SIGINT, SIGTERM};
+constexpr int kSignals[] = {SIGINT, SIGTERM, SIGHUP};
 
-volatile std::sig_atomic_t noted_signal = 0;
+// The handler may run on any thread.
+std::atomic<int> noted_signal = 0;
+static_assert(std::atomic<int>::is_always_lock_free, "or a handler must not touch it");
 
 void by_default(int signal) { std::signal(signal, SIG_DFL); }
 

@@ -1,4 +1,4 @@
-// Ctrl-C and SIGTERM: the work at hand is abandoned in good order (the stream stopped, the
+// Ctrl-C, SIGTERM and a closed terminal: the work at hand is abandoned in good order (the stream stopped, the
 // recording closed, the instrument released) and the process then ends by the signal, as a shell
 // expects.
 //
@@ -7,7 +7,7 @@
 
 namespace orvo::verification {
 
-/// While one lives, a first SIGINT or SIGTERM is noted and a second one ends the process at once.
+/// While one lives, a first SIGINT, SIGTERM or SIGHUP is noted and a second one ends the process at once.
 /// A signal that was ignored before stays ignored. A closed console no longer ends the process:
 /// the reports tell the verdict.
 class InterruptionWatch {

@@ -1,0 +1,152 @@
+// A disk that is full at any byte: of a small recording and of the reports behind it, at every
+// size, and of a large recording, at sizes around those at which its buffer is written.
+//
+//     campaign_full_disk [RUNS | all]
+#include <algorithm>
+#include <regex>
+
+#include "campaigns/tool_process.h"
+#include "campaigns/traces.h"
+#include "support/scratch.h"
+
+namespace orvo::campaigns {
+namespace {
+
+namespace fs = std::filesystem;
+using tests::read_file;
+
+constexpr std::uint64_t kSweptBytes = 2300;  // the JSON report is the largest file
+constexpr std::uint64_t kLargePayload = 3'500'000;
+constexpr std::uint64_t kWriteBuffer = 1 << 20;  // of a recording
+constexpr std::uint64_t kChunk = 1 << 16;
+constexpr const char* kFirst = "overflow_frequency_01.ortime";
+
+struct Files {
+  std::string recording;
+  std::string csv;  ///< reports with RUN_DIR for the directory
+  std::string json;
+};
+
+ToolCall small_call() {
+  return {{"--output-root=out", "--capture-s=0.01", "--frequencies-hz=1000,1e5"}, "pace=bytes:150"};
+}
+
+ToolCall large_call() {
+  return {{"--output-root=out", "--capture-s=0.2", "--frequencies-hz=100000",
+           "--chunk-bytes=" + std::to_string(kChunk), "--queue-chunks=100"},
+          "pace=bytes:" + std::to_string(kLargePayload)};
+}
+
+Files run_untouched() {
+  const tests::ScratchDirectory directory;
+  ToolProcess tool(directory.path(), small_call());
+  tool.finish();
+  const fs::path run_dir = run_dir_in(fs::canonical(directory.file("out")));
+  const auto report = [&](const char* name) {
+    return with(read_file(run_dir / name), run_dir.string(), "RUN_DIR");
+  };
+  return {read_file(run_dir / kFirst), report("overflow_frequency.csv"),
+          report("overflow_frequency.json")};
+}
+
+/// The reading back meets a recording of `size` bytes; "" where it can begin to decode.
+std::string expected_message(std::uint64_t size, const Files& untouched) {
+  const std::size_t header_end = untouched.recording.size() - 150;
+  if (size < 8) return "StreamFileReader: truncated magic\n";
+  if (size < 12) return "stream file: truncated header length\n";
+  if (size < header_end) return "StreamFileReader: truncated JSON header\n";
+  return "";
+}
+
+std::string wrong_reports(const fs::path& root, const ToolProcess& tool, std::uint64_t size,
+                          const Files& untouched) {
+  const fs::path run_dir = run_dir_in(root);
+  const fs::path stem = run_dir / "overflow_frequency";
+  const std::string csv = read_file(stem.string() + ".csv");
+  const std::string json = read_file(stem.string() + ".json");
+  const std::string summary = read_file(stem.string() + ".summary.txt");
+  const std::size_t begin = tool.out.find("Orvo timing packed-delta");
+  const std::size_t end = tool.out.find("latest_summary=");
+  if (begin == std::string::npos || end == std::string::npos) return "no summary";
+  if (summary != tool.out.substr(begin, end - begin).substr(0, size)) return "another summary";
+  if (read_file(root / "latest.csv") != csv || read_file(root / "latest.json") != json ||
+      read_file(root / "latest_summary.txt") != summary) {
+    return "published otherwise";
+  }
+  if (size < untouched.recording.size()) return "";  // other counts than in the untouched run
+  const auto expected = [&](const std::string& report) {
+    return with(report, "RUN_DIR", run_dir.string()).substr(0, size);
+  };
+  return csv != expected(untouched.csv) || json != expected(untouched.json) ? "another report" : "";
+}
+
+std::string attempt_small(std::uint64_t size, const Files& untouched) {
+  const tests::ScratchDirectory directory;
+  ToolCall call = small_call();
+  call.max_file_bytes = size;
+  ToolProcess tool(directory.path(), call);
+  tool.finish();
+  const fs::path root = fs::canonical(directory.file("out"));
+  const std::string recording = read_file(run_dir_in(root) / kFirst);
+  if (recording.size() != std::min<std::uint64_t>(size, untouched.recording.size())) {
+    return std::to_string(recording.size()) + " bytes recorded: " + to_repeat(call);
+  }
+  const std::string message = expected_message(size, untouched);
+  std::string wrong;
+  if (tool.err != message) wrong = "the wrong message: " + tool.err;
+  if (tool.exit_status != (message.empty() ? 2 : 1)) wrong = "the wrong exit status";
+  const char* const captures = message.empty() ? "{2}" : "";
+  if (!std::regex_match(calls_in(tool.ledger),
+                        std::regex(std::string("DLOI") + kCapture + captures + "C\\."))) {
+    wrong = "calls " + calls_in(tool.ledger);
+  }
+  if (wrong.empty() && message.empty()) wrong = wrong_reports(root, tool, size, untouched);
+  return wrong.empty() ? "" : wrong + ": " + to_repeat(call);
+}
+
+/// Told when a write fails while the recording is open, silent when only its close does.
+std::string attempt_large(std::uint64_t size, const Files& untouched) {
+  const tests::ScratchDirectory directory;
+  ToolCall call = large_call();
+  call.max_file_bytes = size;
+  ToolProcess tool(directory.path(), call);
+  tool.finish();
+  const fs::path run_dir = run_dir_in(directory.file("out"));
+  const std::uint64_t whole =
+      streamed_bytes(tool.ledger).front() + untouched.recording.size() - 150;
+  const bool told = tool.err == "StreamFileWriter: payload write failed\n";
+  std::string wrong;
+  if (fs::file_size(run_dir / kFirst) != (told ? size : std::min(size, whole)))
+    wrong = "other bytes recorded";
+  if (!told && tool.err != "") wrong = "the wrong message: " + tool.err;
+  if (told ? size >= whole : size + kWriteBuffer + kChunk < whole) wrong = told ? "told" : "silent";
+  if (told ? tool.exit_status != 1 : tool.exit_status != 0) wrong = "the wrong exit status";
+  if (told && names_in(run_dir) != std::string(kFirst) + ' ') wrong = "reports written";
+  const std::regex protocol(std::string("DLOIFMPXFSR?") + (told ? "[TZ]" : "T") + "C\\.");
+  if (!std::regex_match(calls_in(tool.ledger), protocol)) wrong = "calls " + calls_in(tool.ledger);
+  return wrong.empty() ? "" : wrong + ": " + to_repeat(call);
+}
+
+std::vector<std::uint64_t> large_sizes() {
+  std::vector<std::uint64_t> sizes;
+  for (std::uint64_t size = 4000; size < kLargePayload; size += 49'999) sizes.push_back(size);
+  for (std::uint64_t block = kWriteBuffer; block < kLargePayload; block += kWriteBuffer) {
+    for (std::uint64_t size = block - 2; size <= block + 2; ++size) sizes.push_back(size);
+  }
+  for (std::uint64_t bytes = 0; bytes < 400; bytes += 50) sizes.push_back(kLargePayload + bytes);
+  return sizes;
+}
+
+}  // namespace
+}  // namespace orvo::campaigns
+
+int main(int argc, char** argv) {
+  using namespace orvo::campaigns;
+  const Files untouched = run_untouched();
+  const std::vector<std::uint64_t> large = large_sizes();
+  return run_campaign("full_disk", kSweptBytes + large.size(), budget_from(argc, argv, 150),
+                      [&](std::size_t i) {
+                        return i < kSweptBytes ? attempt_small(i, untouched)
+                                               : attempt_large(large[i - kSweptBytes], untouched);
+                      });
+}

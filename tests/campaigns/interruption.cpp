@@ -1,0 +1,196 @@
+// Ctrl-C and SIGTERM at every driver call of a run and some time after it, so that they also meet
+// the reading back; in a long capture, while the driver is slow to answer, while reports are
+// written.
+//
+//     campaign_interruption [RUNS | all]
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <regex>
+
+#include "campaigns/tool_process.h"
+#include "campaigns/traces.h"
+#include "orvo/timing/stream_files.h"
+#include "support/scratch.h"
+
+namespace orvo::campaigns {
+namespace {
+
+namespace fs = std::filesystem;
+using std::chrono::microseconds;
+using std::chrono::milliseconds;
+
+constexpr std::ptrdiff_t kCallsOfARun = 44;  // about: the number of reads varies
+
+std::string wrong_end(const ToolProcess& tool, int signal) {
+  if (tool.hung) return "hung";
+  if (tool.end_signal != signal || tool.err != "") {
+    return "signal " + std::to_string(tool.end_signal) + ", status " +
+           std::to_string(tool.exit_status) + ": " + tool.err;
+  }
+  return "";
+}
+
+/// Empty when all recordings hold what was captured and a reader gets tags from them.
+std::string wrong_files(const fs::path& root, const std::string& ledger) {
+  const fs::path run_dir = run_dir_in(root);
+  const std::vector<std::uint64_t> streams = streamed_bytes(ledger);
+  for (std::size_t run = 1; run <= streams.size(); ++run) {
+    timing::StreamFileReader reader;
+    reader.open((run_dir / ("overflow_frequency_0" + std::to_string(run) + ".ortime")).string());
+    if (reader.next_tags(1, 1U << 20).empty() && streams[run - 1] > 1000) return "no tags";
+  }
+  return wrong_recordings(run_dir, ledger);
+}
+
+/// As judged from what the driver has seen, and from what it had seen when the signal came.
+std::string wrong_calls(const std::string& before, const std::string& all) {
+  static const std::regex kProtocol(std::string("DLOI") + kCapture + "{0,3}(FMPXFSR?Z)?C\\.?");
+  if (!std::regex_match(all, kProtocol)) return "calls " + all;
+  // At most what was begun is ended; nothing new begins.
+  const auto begun =
+      std::count(all.begin(), all.end(), 'S') - std::count(before.begin(), before.end(), 'S');
+  const bool stopped_again = before.ends_with('R') && all.ends_with("ZC") && begun > 0;
+  return begun > 1 || stopped_again ? "calls " + before + " and then up to " + all : "";
+}
+
+/// A signal some time after the given line of the ledger.
+std::string at_call(std::ptrdiff_t line, microseconds delay, int signal) {
+  const tests::ScratchDirectory directory;
+  const ToolCall call{{"--output-root=out", "--capture-s=0.06", "--chunk-bytes=4096"},
+                      "pace=bytes:9000"};
+  ToolProcess tool(directory.path(), call);
+  tool.run_until([&] { return std::count(tool.ledger.begin(), tool.ledger.end(), '\n') >= line; });
+  tool.run_for(delay);
+  const std::string before = calls_in(tool.ledger);
+  tool.signal(signal);
+  tool.finish();
+  std::string wrong;
+  const std::string calls = calls_in(tool.ledger);
+  if (tool.exit_status == 0) {  // it came too late
+    wrong = std::count(before.begin(), before.end(), 'T') == 3 ? "" : "not ended by the signal";
+  } else {
+    wrong = wrong_end(tool, signal) + wrong_calls(before, calls) +
+            wrong_files(directory.file("out"), tool.ledger);
+  }
+  return wrong.empty()
+             ? ""
+             : wrong + ": signal " + std::to_string(signal) + ", " + std::to_string(delay.count()) +
+                   " us after line " + std::to_string(line) + " of the ledger: " + to_repeat(call);
+}
+
+/// A capture of many minutes is abandoned at once.
+std::string in_long_capture(const Texts& arguments, const std::string& sim, const char* reached,
+                            int signal) {
+  const tests::ScratchDirectory directory;
+  ToolCall call{arguments, sim};
+  call.arguments.push_back("--output-root=out");
+  ToolProcess tool(directory.path(), call);
+  tool.run_until([&] { return tool.ledger.find(reached) != std::string::npos; });
+  tool.run_for(milliseconds(30));
+  tool.signal(signal);
+  const bool late = tool.run_for(std::chrono::seconds(2));
+  tool.finish();
+  const std::string calls = calls_in(tool.ledger);
+  const std::string wrong = (late ? "ends late" : "") + wrong_end(tool, signal) +
+                            (calls == "DLOIFMPXFSRZC" ? "" : "calls " + calls) +
+                            wrong_files(directory.file("out"), tool.ledger);
+  return wrong.empty() ? "" : wrong + ": " + to_repeat(call);
+}
+
+/// While the discovery lasts: the first signal waits for it, a second does not.
+std::string while_driver_is_slow(int first, int second) {
+  const tests::ScratchDirectory directory;
+  ToolCall call{{"--output-root=out"}, "pace=bytes:9000"};
+  call.driver_held = true;
+  ToolProcess tool(directory.path(), call);
+  tool.run_until([&] { return fs::exists(directory.file("out")); });
+  tool.run_for(milliseconds(100));
+  tool.signal(first);
+  if (!tool.run_for(milliseconds(50))) return "ended within a driver call";
+  if (second != 0) {
+    tool.signal(second);
+    const bool late = tool.run_for(milliseconds(500));
+    tool.finish();
+    return late ? "a second signal is not enough" : wrong_end(tool, second);
+  }
+  tool.release_driver();
+  tool.finish();
+  const std::string calls = calls_in(tool.ledger);
+  return wrong_end(tool, first) + (calls == "DLOIC" ? "" : "calls " + calls);
+}
+
+/// A summary that is slow to take its text: what is begun is written, then the process ends.
+std::string while_reports_are_written(int signal, bool twice) {
+  const tests::ScratchDirectory directory;
+  fs::create_directory(directory.file("out"));
+  const std::string slow = directory.file("out/latest_summary.txt");
+  if (mkfifo(slow.c_str(), 0600) != 0) return "no pipe can be made";
+  ToolProcess tool(directory.path(),
+                   {{"--output-root=out", "--capture-s=0.01"}, "pace=bytes:9000"});
+  tool.run_until([&] { return fs::exists(directory.file("out/latest.json")); });
+  tool.run_for(milliseconds(50));
+  tool.signal(signal);
+  if (!tool.run_for(milliseconds(50))) return "ended while it published";
+  if (twice) {
+    tool.signal(signal);
+  } else {
+    const int reader = open(slow.c_str(), O_RDONLY | O_CLOEXEC);
+    tool.finish();
+    close(reader);
+  }
+  tool.finish();
+  const std::string calls = calls_in(tool.ledger);
+  const bool closed = calls.ends_with("TC");
+  return wrong_end(tool, signal) + (closed == twice ? "calls " + calls : "");
+}
+
+/// A signal that whoever started the tool has ignored stays ignored.
+std::string while_ignored(int signal) {
+  const tests::ScratchDirectory directory;
+  ToolCall call{{"--output-root=out", "--capture-s=0.06"}, "pace=bytes:9000"};
+  call.ignored_signal = signal;
+  ToolProcess tool(directory.path(), call);
+  tool.run_until([&] { return tool.ledger.find("ot_read") != std::string::npos; });
+  tool.signal(signal);
+  tool.finish();
+  return tool.exit_status == 0 ? "" : "an ignored signal ends the tool";
+}
+
+std::vector<std::function<std::string()>> make_cases() {
+  std::vector<std::function<std::string()>> cases;
+  for (const int signal : {SIGINT, SIGTERM}) {
+    for (std::ptrdiff_t line = 1; line <= kCallsOfARun; ++line) {
+      for (const int delay_us : {0, 300, 1000, 5000, 15000, 40000}) {
+        cases.push_back([=] { return at_call(line, microseconds(delay_us), signal); });
+      }
+    }
+    cases.push_back([=] {
+      return in_long_capture({"--capture-s=1000", "--chunk-bytes=4096"}, "",
+                             "ot_read_stream_bytes k=5", signal);
+    });
+    cases.push_back(
+        [=] { return in_long_capture({"--capture-s=1000"}, "pace=bytes:1", "status=-3", signal); });
+    for (const int second : {0, SIGINT, SIGTERM}) {
+      cases.push_back([=] { return while_driver_is_slow(signal, second); });
+    }
+    for (const bool twice : {false, true}) {
+      cases.push_back([=] { return while_reports_are_written(signal, twice); });
+    }
+    cases.push_back([=] { return while_ignored(signal); });
+  }
+  return cases;
+}
+
+}  // namespace
+}  // namespace orvo::campaigns
+
+int main(int argc, char** argv) {
+  using namespace orvo::campaigns;
+  const auto cases = make_cases();
+  return run_campaign("interruption", cases.size(), budget_from(argc, argv, 150),
+                      [&](std::size_t i) { return cases[i](); });
+}
