@@ -56,8 +56,12 @@ void take_plain_records(PackedCursor& cursor, const PackedFormat& format, Packed
     *end++ = {static_cast<std::uint8_t>(channel), static_cast<std::int64_t>(lane.time_ps)};
   };
 
+  // Two records lie in one word wherever they begin, unless they are wide.
+  constexpr bool kPairInWord = kBits > 0 && 2 * (kBits + 3) + 7 <= 64;
+
   while (position < stop) {
-    const std::uint64_t record = record_at(data, position, width);
+    const std::uint64_t word = load_big_endian_64(data + position / 8) << (position % 8);
+    const std::uint64_t record = word >> (64 - width);
     const auto channel = static_cast<unsigned>(record >> (bits + 1));
     const std::uint64_t payload = record & all_ones;
     PackedLane& lane = lanes[channel];
@@ -75,7 +79,8 @@ void take_plain_records(PackedCursor& cursor, const PackedFormat& format, Packed
       }
     } else if (payload < lane.overflow_bound) {
       // Nearly always the channel's data record is next: both at once, without the lane's overflow.
-      const std::uint64_t next = record_at(data, position + width, width);
+      const std::uint64_t next =
+          kPairInWord ? word << width >> (64 - width) : record_at(data, position + width, width);
       const std::uint64_t step_ps = ((payload << bits) + (next & all_ones)) * tick_ps;
       if ((record ^ next) >> bits == 1 && step_ps < lane.step_bound_ps && position + width < stop)
           [[likely]] {

@@ -54,7 +54,7 @@ HalfPlan plan_half(std::span<const Tag> tags) {
 }  // namespace
 
 GroupPlan make_group_plan(std::uint64_t key, const GroupTops& tops, unsigned top_before,
-                          unsigned plain_channels) {
+                          std::uint8_t active_mask) {
   GroupPlan plan;
   plan.key = key;
   plan.ordinary = true;
@@ -66,10 +66,8 @@ GroupPlan make_group_plan(std::uint64_t key, const GroupTops& tops, unsigned top
     const unsigned channel = top >> 1;
     const bool after_overflow = (before & 1) != 0;
     const bool joins = after_overflow && (top ^ before) == 1;  // its channel's data record
-    plan.ordinary &= (plain_channels >> channel & 1) != 0 && joins == after_overflow;
-    if ((top & 1) != 0) {
-      plan.flagged |= static_cast<std::uint16_t>(1U << i);
-    } else {
+    plan.ordinary &= (active_mask >> channel & 1) != 0 && joins == after_overflow;
+    if ((top & 1) == 0) {
       plan.joined |= static_cast<std::uint16_t>((joins ? 1U : 0U) << i);
       tags[count++] = {static_cast<std::uint8_t>(i), static_cast<std::uint8_t>(channel)};
       ++plan.channel_tags[channel];

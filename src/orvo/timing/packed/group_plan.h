@@ -37,17 +37,15 @@ struct GroupPlan {
   static constexpr std::uint64_t kNoKey = UINT64_MAX;
 
   std::uint64_t key = kNoKey;  ///< the pattern
-  bool ordinary = false;       ///< nothing for the rules, whatever the payloads but sync starts
-  std::uint16_t flagged = 0;   ///< overflow records, unless they start a sync
+  bool ordinary = false;       ///< nothing for the rules, unless a sync starts
   std::uint16_t joined = 0;    ///< data records that add to the overflow record before them
   std::uint8_t last_top = 0;   ///< of the last record
-  std::array<std::uint8_t, 4> channel_tags{};
+  alignas(64) std::array<std::uint64_t, kHalfTags> channel_tags{};  ///< by channel, then zeros
   std::array<HalfPlan, 2> halves;
 };
 
-/// Plan for records with these `tops` behind a record with `top_before`; `plain_channels` has a
-/// bit for each channel whose records may be taken without the rules.
+/// Plan for records with these `tops` behind a record with `top_before`.
 [[nodiscard]] GroupPlan make_group_plan(std::uint64_t key, const GroupTops& tops,
-                                        unsigned top_before, unsigned plain_channels);
+                                        unsigned top_before, std::uint8_t active_mask);
 
 }  // namespace orvo::timing::detail

@@ -53,7 +53,7 @@ ORVO_AVX512 inline __m512i add(__m512i values, const HalfPlan::Sum& sum) {
                                _mm512_permutexvar_epi64(load(sum.from.data()), values));
 }
 
-/// Adds the steps of up to eight tags to `times`, by channel, and stores the tags.
+/// Stores up to eight tags and adds their steps to `times`, by channel.
 ORVO_AVX512 inline TimeTag* emit(const HalfPlan& half, __m512i steps, __m128i quantum_shift,
                                  __m512i& times, TimeTag* end) {
   __m512i sums = _mm512_maskz_permutexvar_epi32(half.step_lanes, load(half.steps.data()), steps);
@@ -66,7 +66,9 @@ ORVO_AVX512 inline TimeTag* emit(const HalfPlan& half, __m512i steps, __m128i qu
   }
   const __m512i channels = load(half.channels.data());
   const __m512i tag_times = _mm512_add_epi64(sums, _mm512_permutexvar_epi64(channels, times));
-  times = _mm512_mask_permutexvar_epi64(times, half.last_lanes, load(half.last.data()), tag_times);
+  // From the sums, not from the times of the tags: the next half waits for one addition only.
+  times = _mm512_add_epi64(
+      times, _mm512_maskz_permutexvar_epi64(half.last_lanes, load(half.last.data()), sums));
 
   const __m512i first_four = _mm512_set_epi64(11, 3, 10, 2, 9, 1, 8, 0);
   const __m512i last_four = _mm512_set_epi64(15, 7, 14, 6, 13, 5, 12, 4);
@@ -91,12 +93,12 @@ struct RecordGroups::Plans {
   }
 
   /// Plan for the records' tops; null when a new one is too dear.
-  ORVO_AVX512 const GroupPlan* plan_for(__m128i tops, unsigned top_before, unsigned plain) {
+  ORVO_AVX512 const GroupPlan* plan_for(__m128i tops, unsigned top_before) {
     constexpr std::uint64_t kTopBits = 0x0707'0707'0707'0707;
     const auto low = static_cast<std::uint64_t>(_mm_cvtsi128_si64(tops));
     const auto high = static_cast<std::uint64_t>(_mm_extract_epi64(tops, 1));
     const std::uint64_t key = _pext_u64(low, kTopBits) | _pext_u64(high, kTopBits) << 24 |
-                              std::uint64_t{top_before} << 48 | std::uint64_t{plain} << 52;
+                              std::uint64_t{top_before} << 48;
     constexpr std::uint64_t kSpreadingFactor = 0x9E37'79B9'7F4A'7C15;  // 2^64 / golden ratio
     GroupPlan& plan = plans[key * kSpreadingFactor >> (64 - kPlanBits)];
     if (plan.key != key) [[unlikely]] {
@@ -106,7 +108,7 @@ struct RecordGroups::Plans {
       }
       alignas(16) GroupTops stored;
       _mm_store_si128(reinterpret_cast<__m128i*>(stored.data()), tops);
-      plan = make_group_plan(key, stored, top_before, plain);
+      plan = make_group_plan(key, stored, top_before, format.active_mask);
     } else if (credit < kMaxCredit) {
       ++credit;
     }
@@ -137,14 +139,15 @@ ORVO_AVX512 void RecordGroups::take(PackedCursor& cursor, PackedLane (&lanes)[4]
   const PackedFormat& format = plans_->format;
   const std::uint64_t group_bits = std::uint64_t{kGroupRecords} * format.width;
   const std::uint64_t step_limit_ps = std::uint64_t{1} << (2 * format.bits + format.quantum_shift);
-  if (plans_->credit < 0 || cursor.stop - cursor.position < group_bits) {
-    return;
-  }
-  unsigned plain = 0;
+  // Until all channels are on their way, groups are not worth their plans.
+  bool plain = plans_->credit >= 0 && cursor.stop - cursor.position >= group_bits;
   alignas(64) std::array<std::uint64_t, kHalfTags> lane_times{};
   for (unsigned c = 0; c < 4; ++c) {
-    plain |= (lanes[c].step_bound_ps >= step_limit_ps ? 1U : 0U) << c;
+    plain = plain && (lanes[c].step_bound_ps >= step_limit_ps || !format.active(c));
     lane_times[c] = lanes[c].time_ps;
+  }
+  if (!plain) {
+    return;
   }
 
   const Spread& spread = plans_->spreads[cursor.position % 8];
@@ -157,17 +160,24 @@ ORVO_AVX512 void RecordGroups::take(PackedCursor& cursor, PackedLane (&lanes)[4]
   const __m512i sync_start = _mm512_set1_epi32(static_cast<int>(2 * format.all_ones + 1));
 
   __m512i times = load(lane_times.data());
+  __m512i tags = _mm512_setzero_si512();
   __m512i payloads_before = _mm512_setzero_si512();
   unsigned top_before = 0;
-  for (; cursor.stop - cursor.position >= group_bits; cursor.position += group_bits) {
-    const __m512i bytes = _mm512_loadu_si512(cursor.data + cursor.position / 8);
+  // Local, for a store of tags could be to anything else as far as the compiler knows.
+  const std::uint8_t* group = cursor.data + cursor.position / 8;
+  TimeTag* end = cursor.end;
+  std::uint64_t groups = (cursor.stop - cursor.position) / group_bits;
+  for (; groups > 0; --groups, group += group_bits / 8) {
+    const __m512i bytes = _mm512_loadu_si512(group);
     const __m512i words = _mm512_permutexvar_epi8(spread_bytes, bytes);
     const __m512i records = _mm512_srl_epi32(_mm512_sllv_epi32(words, spread_shifts), record_shift);
+    const __m512i sync_parts = _mm512_and_si512(records, sync_start);
+    if (_mm512_cmpeq_epi32_mask(sync_parts, sync_start) != 0) [[unlikely]] {
+      break;
+    }
     const __m128i tops = _mm512_cvtepi32_epi8(_mm512_srl_epi32(records, payload_bits));
-    const GroupPlan* plan = plans_->plan_for(tops, top_before, plain);
-    if (plan == nullptr || !plan->ordinary ||
-        _mm512_mask_cmpeq_epi32_mask(plan->flagged, _mm512_and_si512(records, sync_start),
-                                     sync_start) != 0) [[unlikely]] {
+    const GroupPlan* plan = plans_->plan_for(tops, top_before);
+    if (plan == nullptr || !plan->ordinary) [[unlikely]] {
       break;
     }
     const __m512i payloads = _mm512_and_si512(records, all_ones);
@@ -175,21 +185,24 @@ ORVO_AVX512 void RecordGroups::take(PackedCursor& cursor, PackedLane (&lanes)[4]
         plan->joined, _mm512_alignr_epi32(payloads, payloads_before, kGroupRecords - 1),
         payload_bits);
     const __m512i steps = _mm512_or_si512(overflow, payloads);
-    cursor.end = emit(plan->halves[0], steps, quantum_shift, times, cursor.end);
+    end = emit(plan->halves[0], steps, quantum_shift, times, end);
     if (plan->halves[1].tags > 0) {
-      cursor.end = emit(plan->halves[1], steps, quantum_shift, times, cursor.end);
+      end = emit(plan->halves[1], steps, quantum_shift, times, end);
     }
-    for (unsigned c = 0; c < 4; ++c) {
-      lanes[c].tags += plan->channel_tags[c];
-    }
+    tags = _mm512_add_epi64(tags, load(plan->channel_tags.data()));
     payloads_before = payloads;
     top_before = plan->last_top;
   }
 
+  alignas(64) std::array<std::uint64_t, kHalfTags> lane_tags;
+  _mm512_store_si512(lane_tags.data(), tags);
   _mm512_store_si512(lane_times.data(), times);
   for (unsigned c = 0; c < 4; ++c) {
     lanes[c].time_ps = lane_times[c];
+    lanes[c].tags += lane_tags[c];
   }
+  cursor.position = 8 * static_cast<std::uint64_t>(group - cursor.data) + cursor.position % 8;
+  cursor.end = end;
   if ((top_before & 1) != 0) {  // its data record is behind the last group
     alignas(64) std::array<std::uint32_t, kGroupRecords> payloads;
     _mm512_store_si512(payloads.data(), payloads_before);
