@@ -33,10 +33,10 @@ StreamConfig Device::power_on_config() {
 
 Outcome Device::set_calibration_freq(double freq_hz, std::uint32_t& divider) {
   if (streaming()) return running();
-  const Outcome out_of_range{OT_ERR_ARGUMENT, "calibration frequency out of range"};
-  if (!std::isfinite(freq_hz) || freq_hz <= 0) return out_of_range;
   const double nearest = std::max(std::round(kCalibrationBaseHz / freq_hz), 1.0);
-  if (nearest > 4294967295.0) return out_of_range;
+  if (!(std::isfinite(freq_hz) && freq_hz > 0 && nearest <= 4294967295.0)) {
+    return {OT_ERR_ARGUMENT, "calibration frequency out of range"};
+  }
   config_.source.divider = static_cast<std::uint32_t>(nearest);
   divider = config_.source.divider;
   return {};

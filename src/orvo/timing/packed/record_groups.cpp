@@ -53,6 +53,47 @@ ORVO_AVX512 inline __m512i add(__m512i values, const HalfPlan::Sum& sum) {
                                _mm512_permutexvar_epi64(load(sum.from.data()), values));
 }
 
+/// Whether nothing that sixteen ordinary records can hold is beyond what the lanes take.
+bool all_plain(const PackedLane (&lanes)[4], const PackedFormat& format) {
+  const std::uint64_t step_limit_ps = std::uint64_t{1} << (2 * format.bits + format.quantum_shift);
+  for (unsigned c = 0; c < 4; ++c) {
+    if (format.active(c) && lanes[c].step_bound_ps < step_limit_ps) {
+      return false;
+    }
+  }
+  return true;
+}
+
+/// Time of each channel and tags counted since, in the first four lanes.
+struct ChannelTotals {
+  ORVO_AVX512 explicit ChannelTotals(const PackedLane (&lanes)[4])
+      : times(_mm512_set_epi64(0, 0, 0, 0, static_cast<long long>(lanes[3].time_ps),
+                               static_cast<long long>(lanes[2].time_ps),
+                               static_cast<long long>(lanes[1].time_ps),
+                               static_cast<long long>(lanes[0].time_ps))),
+        tags(_mm512_setzero_si512()) {}
+
+  ORVO_AVX512 void store(PackedLane (&lanes)[4]) const {
+    alignas(64) std::array<std::uint64_t, kHalfTags> stored_times;
+    alignas(64) std::array<std::uint64_t, kHalfTags> stored_tags;
+    _mm512_store_si512(stored_times.data(), times);
+    _mm512_store_si512(stored_tags.data(), tags);
+    for (unsigned c = 0; c < 4; ++c) {
+      lanes[c].time_ps = stored_times[c];
+      lanes[c].tags += stored_tags[c];
+    }
+  }
+
+  __m512i times;
+  __m512i tags;
+};
+
+ORVO_AVX512 std::uint32_t last_of(__m512i values) {
+  alignas(64) std::array<std::uint32_t, kGroupRecords> stored;
+  _mm512_store_si512(stored.data(), values);
+  return stored.back();
+}
+
 /// Stores up to eight tags and adds their steps to `times`, by channel.
 ORVO_AVX512 inline TimeTag* emit(const HalfPlan& half, __m512i steps, __m128i quantum_shift,
                                  __m512i& times, TimeTag* end) {
@@ -138,18 +179,11 @@ void RecordGroups::begin_batch() { plans_->credit = Plans::kMaxCredit; }
 ORVO_AVX512 void RecordGroups::take(PackedCursor& cursor, PackedLane (&lanes)[4]) {
   const PackedFormat& format = plans_->format;
   const std::uint64_t group_bits = std::uint64_t{kGroupRecords} * format.width;
-  const std::uint64_t step_limit_ps = std::uint64_t{1} << (2 * format.bits + format.quantum_shift);
+  std::uint64_t groups = (cursor.stop - cursor.position) / group_bits;
   // Until all channels are on their way, groups are not worth their plans.
-  bool plain = plans_->credit >= 0 && cursor.stop - cursor.position >= group_bits;
-  alignas(64) std::array<std::uint64_t, kHalfTags> lane_times{};
-  for (unsigned c = 0; c < 4; ++c) {
-    plain = plain && (lanes[c].step_bound_ps >= step_limit_ps || !format.active(c));
-    lane_times[c] = lanes[c].time_ps;
-  }
-  if (!plain) {
+  if (plans_->credit < 0 || groups == 0 || !all_plain(lanes, format)) {
     return;
   }
-
   const Spread& spread = plans_->spreads[cursor.position % 8];
   const __m512i spread_bytes = load(spread.bytes.data());
   const __m512i spread_shifts = load(spread.shifts.data());
@@ -159,17 +193,14 @@ ORVO_AVX512 void RecordGroups::take(PackedCursor& cursor, PackedLane (&lanes)[4]
   const __m512i all_ones = _mm512_set1_epi32(static_cast<int>(format.all_ones));
   const __m512i sync_start = _mm512_set1_epi32(static_cast<int>(2 * format.all_ones + 1));
 
-  __m512i times = load(lane_times.data());
-  __m512i tags = _mm512_setzero_si512();
+  ChannelTotals totals(lanes);
   __m512i payloads_before = _mm512_setzero_si512();
   unsigned top_before = 0;
   // Local, for a store of tags could be to anything else as far as the compiler knows.
   const std::uint8_t* group = cursor.data + cursor.position / 8;
   TimeTag* end = cursor.end;
-  std::uint64_t groups = (cursor.stop - cursor.position) / group_bits;
   for (; groups > 0; --groups, group += group_bits / 8) {
-    const __m512i bytes = _mm512_loadu_si512(group);
-    const __m512i words = _mm512_permutexvar_epi8(spread_bytes, bytes);
+    const __m512i words = _mm512_permutexvar_epi8(spread_bytes, _mm512_loadu_si512(group));
     const __m512i records = _mm512_srl_epi32(_mm512_sllv_epi32(words, spread_shifts), record_shift);
     const __m512i sync_parts = _mm512_and_si512(records, sync_start);
     if (_mm512_cmpeq_epi32_mask(sync_parts, sync_start) != 0) [[unlikely]] {
@@ -185,28 +216,19 @@ ORVO_AVX512 void RecordGroups::take(PackedCursor& cursor, PackedLane (&lanes)[4]
         plan->joined, _mm512_alignr_epi32(payloads, payloads_before, kGroupRecords - 1),
         payload_bits);
     const __m512i steps = _mm512_or_si512(overflow, payloads);
-    end = emit(plan->halves[0], steps, quantum_shift, times, end);
+    end = emit(plan->halves[0], steps, quantum_shift, totals.times, end);
     if (plan->halves[1].tags > 0) {
-      end = emit(plan->halves[1], steps, quantum_shift, times, end);
+      end = emit(plan->halves[1], steps, quantum_shift, totals.times, end);
     }
-    tags = _mm512_add_epi64(tags, load(plan->channel_tags.data()));
+    totals.tags = _mm512_add_epi64(totals.tags, load(plan->channel_tags.data()));
     payloads_before = payloads;
     top_before = plan->last_top;
   }
-
-  alignas(64) std::array<std::uint64_t, kHalfTags> lane_tags;
-  _mm512_store_si512(lane_tags.data(), tags);
-  _mm512_store_si512(lane_times.data(), times);
-  for (unsigned c = 0; c < 4; ++c) {
-    lanes[c].time_ps = lane_times[c];
-    lanes[c].tags += lane_tags[c];
-  }
   cursor.position = 8 * static_cast<std::uint64_t>(group - cursor.data) + cursor.position % 8;
   cursor.end = end;
+  totals.store(lanes);
   if ((top_before & 1) != 0) {  // its data record is behind the last group
-    alignas(64) std::array<std::uint32_t, kGroupRecords> payloads;
-    _mm512_store_si512(payloads.data(), payloads_before);
-    lanes[top_before >> 1].overflow = payloads.back();
+    lanes[top_before >> 1].overflow = last_of(payloads_before);
     lanes[top_before >> 1].step_bound_ps = 0;
   }
 }
