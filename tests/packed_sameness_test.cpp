@@ -161,6 +161,31 @@ TEST_F(PackedSameness, EveryFeed) {
   std::cout << "\n";
 }
 
+// Records in bulk, a million unless ORVO_SAMENESS_RECORDS says otherwise: few locks are searched,
+// which is what takes the plain decoder its time.
+TEST_F(PackedSameness, LongStreams) {
+  const std::uint64_t budget = setting("ORVO_SAMENESS_RECORDS", 1'000'000);
+  PackedStreams random(seed() + 2'000'000);
+  std::uint64_t records = 0, tags = 0;
+  while (records < budget) {
+    const timing::StreamFileHeader header = random.header();
+    Bytes stream = random.stream(header, budget < 100'000'000 ? 200'000 : 8'000'000, 0, false);
+    if (random.one_in(3)) stream[random.below(stream.size())] ^= 4;
+    Pair pair(header);
+    for (std::size_t at = 0; at < stream.size();) {
+      const std::size_t end =
+          std::min(at + (at == 0 ? 2000 : random.below(1 << 20)), stream.size());
+      ASSERT_EQ(pair.feed({stream.data() + at, stream.data() + end}), "")
+          << "bytes " << at << " to " << end << ", "
+          << timing::detail::stream_header_to_json(header);
+      at = end;
+    }
+    records += pair.plain().records_decoded;
+    tags += pair.tags();
+  }
+  std::cout << records << " records, " << tags << " tags\n";
+}
+
 // Widths of five bits make a record a byte.
 TEST_F(PackedSameness, LimitsOfLinesAndBuffer) {
   timing::StreamFileHeader header;
