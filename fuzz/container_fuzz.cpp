@@ -3,16 +3,16 @@
 #include <algorithm>
 #include <cstdint>
 #include <iostream>
-#include <vector>
 
 #include "check.h"
 #include "orvo/timing/error.h"
 #include "orvo/timing/stream_files.h"
+#include "support/decoding.h"
 
 namespace orvo::fuzz {
 namespace {
 
-using Tags = std::vector<timing::TimeTag>;
+using tests::Tags;
 
 constexpr std::size_t kMaxBufferedBytes = 65'536;  // of a decoder that has not found its records
 
@@ -47,12 +47,6 @@ Tags read(timing::StreamFileReader& reader, const std::string& path, std::size_t
   }
 }
 
-bool same(const Tags& a, const Tags& b) {
-  return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](const auto& x, const auto& y) {
-    return x.channel == y.channel && x.time_ps == y.time_ps;
-  });
-}
-
 /// Where chunks end may matter to the search of a lock, and to nothing else.
 bool chunks_matter(const timing::StreamFileHeader& header) {
   return header.stream_format == timing::Format::packed_delta;
@@ -65,7 +59,7 @@ void check_file(Bytes bytes) {
   try {
     const Tags tags = read(reader, file.path(), bytes.size());
     const bool any_chunks = !chunks_matter(reader.header());
-    require(!any_chunks || same(tags, read(reader, file.path(), 1 + bytes.size() % 61)));
+    require(!any_chunks || tags == read(reader, file.path(), 1 + bytes.size() % 61));
   } catch (const timing::Error& error) {
     require(error.status() == OT_ERR_IO || error.status() == OT_ERR_FORMAT);
   }
@@ -74,7 +68,7 @@ void check_file(Bytes bytes) {
 void check_decoder(const DecoderInput& input) {
   const Tags tags = decode(input.header, input.payload, input.chunk_bytes);
   if (!chunks_matter(input.header)) {
-    require(same(tags, decode(input.header, input.payload, input.payload.size())));
+    require(tags == decode(input.header, input.payload, input.payload.size()));
   }
 }
 

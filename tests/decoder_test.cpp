@@ -77,7 +77,8 @@ TEST(Raw64, RecordsBecomeTags) {
       {"raw_cf", "c3,0,8191", "3:-3332 "},
       {"raw_cf", "c1,4294967295,0 c1,1,0", "1:14315125994235 1:14315126000901 "},
       {"raw_cf", "c0,2147483648,0 c0,0,0", "0:7157562998784 0:0 "},
-      {"ps", "c0,10,0", ""},  // the other layout
+      {"raw_cf", "c0,2147483649,0 c1,0,0", "0:7157563002117 1:0 "},  // wraps one by one
+      {"ps", "c0,10,0", ""},                                         // the other layout
       {"ps", "x255 x255 x255 p2,11259375 x255 x1 x2 x3", "2:11259375 "},
   };
   for (const auto& c : cases) {
@@ -129,6 +130,7 @@ TEST(Delta32, WordsBecomeTags) {
       {"the base's own place in 2^41", "b1000 e0,0 s0,2199023253552 b1000 e0,1",
        "0:1000 0:2199023254552 0:2199023256553 "},
       {"the wrap's excess", "b1000 e0,0 s0,1078036791796", "0:1000 0:1500 "},
+      {"the wrap's excess in a base", "b1000 e0,0 m c1,1500 c2,32128 e0,0", "0:1000 0:1500 "},
       {"more than 10 ms beyond it", "b1000 e0,0 s0,1088036791297", "0:1000 0:1088036792297 "},
       {"a marker inside the losing word", "b1000 x128 b1000 e3,9", "3:1009 "},
   };

@@ -11,20 +11,16 @@
 #include <cstdlib>
 #include <iostream>
 #include <map>
-#include <span>
 #include <sstream>
 #include <string>
-#include <vector>
+#include <utility>
 
 #include "orvo/timing/packed_alignment.h"
-#include "orvo/timing/stream_decoder.h"
+#include "support/decoder_pair.h"
 #include "support/packed_streams.h"
-#include "support/plain_decoder.h"
 
 namespace orvo::tests {
 namespace {
-
-using Bytes = std::vector<std::uint8_t>;
 
 std::uint64_t setting(const char* variable, std::uint64_t otherwise) {
   const char* text = std::getenv(variable);
@@ -32,75 +28,6 @@ std::uint64_t setting(const char* variable, std::uint64_t otherwise) {
 }
 std::uint64_t factor() { return setting("ORVO_SAMENESS_FACTOR", 1); }
 std::uint64_t seed() { return setting("ORVO_SAMENESS_SEED", 1); }
-
-bool same_state(const timing::detail::PackedState& fast, const PlainLock& plain) {
-  const auto same = [](std::uint64_t a, std::int64_t b) {
-    return static_cast<std::int64_t>(a) == b;
-  };
-  for (std::size_t c = 0; c < 4; ++c) {
-    const auto& channel = fast.channels[c];
-    if (channel.timed != plain.pk_have_time[c] || channel.overflow != plain.pk_overflow[c] ||
-        (channel.timed && channel.last_time_ps != plain.pk_last_time[c])) {
-      return false;
-    }
-  }
-  const bool pending = fast.pending_sync_channel != timing::detail::PackedState::kNoChannel;
-  return same(fast.sync_records_left, plain.sync_chunks_left) &&
-         (plain.sync_chunks_left == 0 ||
-          (same(fast.sync_channel, plain.sync_channel) && fast.sync_value == plain.sync_value &&
-           fast.sync_bits == plain.sync_bits)) &&
-         pending == (plain.pending_sync_channel >= 0) &&
-         (!pending || (same(fast.pending_sync_channel, plain.pending_sync_channel) &&
-                       fast.pending_sync_time_ps == plain.pending_sync_time));
-}
-
-/// Both decoders on one stream.
-class Pair {
- public:
-  explicit Pair(const timing::StreamFileHeader& header) : fast_(header), plain_(header) {}
-
-  /// Names what differs after the feed; empty when nothing does.
-  std::string feed(std::span<const std::uint8_t> bytes) {
-    const std::uint64_t lines_before = plain_.debug_lines;
-    fast_.input_buffer.append(bytes);
-    plain_.input_buffer.insert(plain_.input_buffer.end(), bytes.begin(), bytes.end());
-    testing::internal::CaptureStderr();
-    const std::span<const timing::TimeTag> fast_tags = fast_.feed_packed_delta();
-    const std::string fast_lines = testing::internal::GetCapturedStderr();
-    const std::vector<timing::TimeTag> plain_tags = plain_.feed_packed_delta();
-    tags_ += plain_tags.size();
-
-    std::string plain_lines;
-    for (std::uint64_t k = lines_before; k < plain_.debug_lines; ++k) {
-      plain_lines += "packed-decoder: " + plain_.log[k] + "\n";
-    }
-    const std::span<const std::uint8_t> left = fast_.input_buffer.bytes();
-    if (fast_lines != plain_lines) return "lines\n" + fast_lines + "instead of\n" + plain_lines;
-    if (!std::equal(fast_tags.begin(), fast_tags.end(), plain_tags.begin(), plain_tags.end(),
-                    [](const auto& a, const auto& b) {
-                      return a.channel == b.channel && a.time_ps == b.time_ps;
-                    })) {
-      return "tags";
-    }
-    if (fast_.locked() != plain_.locked || fast_.bit_offset() != plain_.bit_offset) return "lock";
-    if (Bytes(left.begin(), left.end()) != plain_.input_buffer) return "remaining bytes";
-    return same_state(fast_.packed_state(), plain_) ? "" : "state";
-  }
-
-  [[nodiscard]] const PlainDecoder& plain() const { return plain_; }
-  [[nodiscard]] std::uint64_t tags() const { return tags_; }
-
- private:
-  timing::StreamDecoder fast_;
-  PlainDecoder plain_;
-  std::uint64_t tags_ = 0;
-};
-
-class PackedSameness : public testing::Test {
- protected:
-  void SetUp() override { setenv("ORVO_PACKED_DEBUG", "", 1); }
-  void TearDown() override { unsetenv("ORVO_PACKED_DEBUG"); }
-};
 
 /// What the messages of the plain decoder begin with, all of which have to be met.
 constexpr const char* kMessages[] = {"locked bits",         "no alignment",
@@ -119,7 +46,7 @@ Bytes some_stream(PackedStreams& random, const timing::StreamFileHeader& header,
 
 // Short streams, whose lock searches are cheap, show the faults; few long ones bring the records
 // and, with a channel slowed down, batches out of balance.
-TEST_F(PackedSameness, EveryFeed) {
+TEST(PackedSameness, EveryFeed) {
   PackedStreams random(seed());
   std::map<std::string, std::uint64_t> messages;
   std::uint64_t records = 0, tags = 0, search_steps = 0;
@@ -137,15 +64,13 @@ TEST_F(PackedSameness, EveryFeed) {
     const Bytes stream =
         is_long ? random.stream(header, size, 0, unbalanced) : some_stream(random, header, size);
     const std::size_t mean_chunk = is_long ? 32'768 : size / (1 + random.below(8));
-    Pair pair(header);
-    for (std::size_t at = 0; at < stream.size();) {
-      const std::size_t chunk = is_long && at == 0 ? 2000 : random.below(2 * mean_chunk);
-      const std::size_t end = std::min(at + chunk, stream.size());
-      const std::string difference = pair.feed({stream.data() + at, stream.data() + end});
-      ASSERT_EQ(difference, "") << "round " << round << ", bytes " << at << " to " << end << ", "
-                                << timing::detail::stream_header_to_json(header);
-      at = end;
-    }
+    DecoderPair pair(header);
+    bool first = true;
+    const auto next_bytes = [&] {
+      return std::exchange(first, false) && is_long ? 2000 : random.below(2 * mean_chunk);
+    };
+    ASSERT_EQ(pair.feed_in_chunks(stream, next_bytes), "")
+        << "round " << round << ", " << timing::detail::stream_header_to_json(header);
     records += pair.plain().records_decoded;
     tags += pair.tags();
     search_steps += pair.plain().steps_searched;
@@ -163,7 +88,7 @@ TEST_F(PackedSameness, EveryFeed) {
 
 // Records in bulk, a million unless ORVO_SAMENESS_RECORDS says otherwise: few locks are searched,
 // which is what takes the plain decoder its time.
-TEST_F(PackedSameness, LongStreams) {
+TEST(PackedSameness, LongStreams) {
   const std::uint64_t budget = setting("ORVO_SAMENESS_RECORDS", 1'000'000);
   PackedStreams random(seed() + 2'000'000);
   std::uint64_t records = 0, tags = 0;
@@ -171,15 +96,13 @@ TEST_F(PackedSameness, LongStreams) {
     const timing::StreamFileHeader header = random.header();
     Bytes stream = random.stream(header, budget < 100'000'000 ? 200'000 : 8'000'000, 0, false);
     if (random.one_in(3)) stream[random.below(stream.size())] ^= 4;
-    Pair pair(header);
-    for (std::size_t at = 0; at < stream.size();) {
-      const std::size_t end =
-          std::min(at + (at == 0 ? 2000 : random.below(1 << 20)), stream.size());
-      ASSERT_EQ(pair.feed({stream.data() + at, stream.data() + end}), "")
-          << "bytes " << at << " to " << end << ", "
-          << timing::detail::stream_header_to_json(header);
-      at = end;
-    }
+    DecoderPair pair(header);
+    bool first = true;
+    const auto next_bytes = [&] {
+      return std::exchange(first, false) ? 2000 : random.below(1 << 20);
+    };
+    ASSERT_EQ(pair.feed_in_chunks(stream, next_bytes), "")
+        << timing::detail::stream_header_to_json(header);
     records += pair.plain().records_decoded;
     tags += pair.tags();
   }
@@ -187,11 +110,11 @@ TEST_F(PackedSameness, LongStreams) {
 }
 
 // Widths of five bits make a record a byte.
-TEST_F(PackedSameness, LimitsOfLinesAndBuffer) {
+TEST(PackedSameness, LimitsOfLinesAndBuffer) {
   timing::StreamFileHeader header;
   header.channel_mask = 1;
   header.delta_bits = 5;
-  Pair pair(header);
+  DecoderPair pair(header);
   const Bytes sync_and_data = {0x3F, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
   const Bytes inactive = {0x40};
   const Bytes zeros(65'536);
@@ -199,12 +122,34 @@ TEST_F(PackedSameness, LimitsOfLinesAndBuffer) {
   EXPECT_EQ(pair.plain().input_buffer.size(), 65'536U);
   ASSERT_EQ(pair.feed({zeros.data(), 1}), "");
   EXPECT_EQ(pair.plain().input_buffer.size(), 4'096U);
+  setenv("ORVO_PACKED_DEBUG", "", 1);
+  testing::internal::CaptureStderr();
   for (int k = 0; k < 105; ++k) {
     ASSERT_EQ(pair.feed(sync_and_data), "") << k;
     ASSERT_EQ(pair.feed(inactive), "") << k;
   }
+  const std::string lines = testing::internal::GetCapturedStderr();
+  unsetenv("ORVO_PACKED_DEBUG");
   EXPECT_EQ(pair.plain().log.size(), 212U);
-  EXPECT_EQ(pair.plain().debug_lines, 200U);
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), '\n'), 200);
+}
+
+// From 4,096 tags on, a batch in which a channel is silent is none of the calibration source's.
+TEST(PackedSameness, LimitOfImbalance) {
+  for (const std::size_t tags : {4095U, 4096U}) {
+    timing::StreamFileHeader header;
+    header.mode = timing::Mode::internal;
+    header.channel_mask = 3;
+    header.delta_bits = 5;
+    DecoderPair pair(header);
+    Bytes both_synced(22, 0x00);
+    both_synced[0] = 0x3F;
+    std::fill(both_synced.begin() + 11, both_synced.end(), 0x40);
+    both_synced[11] = 0x7F;
+    ASSERT_EQ(pair.feed(both_synced), "");
+    ASSERT_EQ(pair.feed(Bytes(tags, 0x01)), "");
+    EXPECT_EQ(pair.plain().log.size(), tags == 4096 ? 2U : 1U);
+  }
 }
 
 // What the search found or refused, as text.
@@ -231,7 +176,7 @@ std::string plain_search(const Bytes& buffer, const timing::StreamFileHeader& he
   return "found " + std::to_string(start.drop_bytes) + " " + std::to_string(start.bit_offset);
 }
 
-TEST_F(PackedSameness, LockSearchAlone) {
+TEST(PackedSameness, LockSearchAlone) {
   PackedStreams random(seed() + 1'000'000);
   std::map<std::string, std::uint64_t> outcomes;  // by their first word
   const auto compare = [&](std::size_t size, bool clean = false) {

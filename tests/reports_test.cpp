@@ -158,6 +158,10 @@ TEST_F(Reports, FailuresNameTheOutput) {
   };
   for (const auto& [action, message] : cases) EXPECT_EQ(tests::error_of(action), message + " [-2]");
   EXPECT_FALSE(fs::exists(latest));
+  write("new", "new");
+  EXPECT_NE(tests::error_of([&] { publish_latest(dir_, dir_ / "new", nowhere, ""); }), "no error");
+  EXPECT_EQ(read("latest.csv"), "new");  // file by file, in this order
+  EXPECT_FALSE(fs::exists(dir_ / "latest_summary.txt"));
 }
 
 }  // namespace

@@ -128,6 +128,7 @@ TEST_F(StreamFiles, ReaderAcceptsTheOlderMagicAndAnyHeader) {
 
 TEST_F(StreamFiles, ReaderForgetsTheEarlierFile) {
   EXPECT_EQ(next(0), "");
+  EXPECT_TRUE(reader.next_tags(0, 1).empty());
   EXPECT_EQ(error_of([&] { next(1); }), "StreamFileReader: not open [-6]");
   open_tags(9);
   EXPECT_EQ(next(1), tags(0, 1));

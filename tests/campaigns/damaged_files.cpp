@@ -11,15 +11,16 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <iterator>
 #include <new>
 #include <random>
 #include <string>
 #include <vector>
 
-#include "orvo/simulator/payload.h"
 #include "orvo/timing/error.h"
 #include "orvo/timing/stream_files.h"
 #include "support/decoding.h"
+#include "support/instrument.h"
 #include "support/scratch.h"
 
 namespace {
@@ -84,27 +85,25 @@ struct Recording {
 };
 
 Recording record(const Kind& kind, std::uint64_t start_ps, const std::string& path = "") {
-  simulator::Settings settings;
-  settings.sync_interval = 4;
-  settings.external_hz = {2'000'000, 1'800'000, 1'500'000, 1'200'000};
-  simulator::StreamConfig config;
-  config.format = kind.format;
-  config.delta_bits = kind.delta_bits;
-  config.quantum_ps = kind.quantum_ps;
-  config.source = {kind.mode, 0x0F, kind.divider, start_ps};
+  Instrument instrument;
+  instrument.settings.sync_interval = 4;
+  instrument.settings.external_hz = {2'000'000, 1'800'000, 1'500'000, 1'200'000};
+  instrument.settings.clock_ps = start_ps;
+  instrument.divider = kind.divider;
+  instrument.header.stream_format = kind.format;
+  instrument.header.mode = kind.mode;
+  instrument.header.delta_bits = kind.delta_bits;
+  instrument.header.quantum_ps = kind.quantum_ps;
+  if (kind.mode == Mode::internal) instrument.header.raw64_tag_format = "raw_cf";
   Recording recording;
+  recording.header = instrument.header;
   const std::size_t size = kChunks * kChunkBytes * factor();
-  const auto payload = simulator::generate_payload(settings, config);
+  const auto payload = instrument.payload();
   while (recording.payload.size() < size) {
     const auto some = payload->next(size, simulator::kNever - 1);
     recording.payload.insert(recording.payload.end(), some.begin(), some.end());
   }
   recording.payload.resize(size);
-  recording.header.stream_format = kind.format;
-  recording.header.mode = kind.mode;
-  recording.header.delta_bits = kind.delta_bits;
-  recording.header.quantum_ps = kind.quantum_ps;
-  if (kind.mode == Mode::internal) recording.header.raw64_tag_format = "raw_cf";
   if (!path.empty()) {
     timing::StreamFileWriter writer;
     writer.open(path, recording.header);
@@ -155,27 +154,23 @@ TEST(DamagedFiles, CutAtAnyLength) {
   }
 }
 
+bool earlier(const timing::TimeTag& a, const timing::TimeTag& b) {
+  return a.time_ps != b.time_ps ? a.time_ps < b.time_ps : a.channel < b.channel;
+}
+
 /// In an order of their own, so that two decodings can be told apart as sets.
 Tags sorted(Tags tags, std::int64_t modulus = INT64_MAX) {
   for (timing::TimeTag& tag : tags) tag.time_ps %= modulus;
-  std::sort(tags.begin(), tags.end(), [](const timing::TimeTag& a, const timing::TimeTag& b) {
-    return a.time_ps != b.time_ps ? a.time_ps < b.time_ps : a.channel < b.channel;
-  });
+  std::sort(tags.begin(), tags.end(), earlier);
   return tags;
 }
 
 /// How many of the sorted `tags` the sorted `others` do not have.
 std::size_t missing(const Tags& tags, const Tags& others) {
-  std::size_t found = 0;
-  for (std::size_t i = 0, j = 0; i < tags.size() && j < others.size();) {
-    const bool same = tags[i] == others[j];
-    found += same ? 1 : 0;
-    const bool before = tags[i].time_ps != others[j].time_ps ? tags[i].time_ps < others[j].time_ps
-                                                             : tags[i].channel < others[j].channel;
-    i += same || before ? 1 : 0;
-    j += same || !before ? 1 : 0;
-  }
-  return tags.size() - found;
+  Tags rest;
+  std::set_difference(tags.begin(), tags.end(), others.begin(), others.end(),
+                      std::back_inserter(rest), earlier);
+  return rest.size();
 }
 
 struct Cost {

@@ -3,14 +3,12 @@
 //
 //     campaign_driver_failures [RUNS | all]
 #include <map>
-#include <regex>
 #include <sstream>
 
-#include "campaigns/tool_process.h"
-#include "campaigns/traces.h"
+#include "campaigns/campaign.h"
 #include "support/scratch.h"
 
-namespace orvo::campaigns {
+namespace orvo::tests {
 namespace {
 
 namespace fs = std::filesystem;
@@ -35,17 +33,18 @@ struct Reference {
 
 ToolCall plain_call() {
   // Four reads of each stream get all of it at once; those after them wait.
-  return {{"--output-root=out", "--capture-s=0.06", "--chunk-bytes=4096"}, "pace=bytes:9000"};
+  return {.arguments = {"--output-root=out", "--capture-s=0.06", "--chunk-bytes=4096"},
+          .sim = "pace=bytes:9000"};
 }
 
 Reference run_reference() {
-  const tests::ScratchDirectory directory;
-  ToolProcess tool(directory.path(), plain_call());
-  tool.finish();
-  const fs::path run_dir = run_dir_in(fs::canonical(directory.file("out")));
+  const ScratchDirectory directory;
+  const ToolResult tool = run_tool(directory.path(), plain_call());
+  const fs::path run_dir = run_dir_in(directory.file("out"));
   Reference reference{with(tool.out, run_dir.string(), "RUN_DIR"), tool.ledger, {}};
-  for (std::size_t run = 1; run <= kRuns; ++run)
-    reference.payloads.push_back(payload(run_dir, run));
+  for (std::size_t run = 1; run <= kRuns; ++run) {
+    reference.payloads.push_back(payload_of(recording(run_dir, run)));
+  }
   return reference;
 }
 
@@ -97,18 +96,16 @@ std::vector<Case> make_cases(const Reference& reference) {
 }
 
 std::string expected_message(char call, const Case& c) {
-  static const std::map<char, std::string> kLabels = {
-      {'d', "discover"},
-      {'o', "open"},
-      {'i', "identify"},
-      {'f', "set_calibration_freq"},
-      {'m', "set_stream_channels"},
-      {'p', "set_packed_delta_config"},
-      {'x', "set_stream_interface"},
-      {'s', "start_stream(mode)"},
-      {'r', "read_stream_bytes"},
-      {'t', "stop_stream_any"},
-  };
+  static const std::map<char, std::string> kLabels = {{'d', "discover"},
+                                                      {'o', "open"},
+                                                      {'i', "identify"},
+                                                      {'f', "set_calibration_freq"},
+                                                      {'m', "set_stream_channels"},
+                                                      {'p', "set_packed_delta_config"},
+                                                      {'x', "set_stream_interface"},
+                                                      {'s', "start_stream(mode)"},
+                                                      {'r', "read_stream_bytes"},
+                                                      {'t', "stop_stream_any"}};
   static const std::map<int, std::string> kTexts = {
       {-1, "invalid argument"}, {-2, "input/output failure"},
       {-3, "timeout"},          {-4, "unexpected format"},
@@ -123,29 +120,29 @@ std::string expected_message(char call, const Case& c) {
 /// As far as each stream began as it did in the untouched run, it has delivered the same bytes.
 bool same_payloads(const fs::path& run_dir, std::size_t files, const Reference& reference) {
   for (std::size_t run = 1; run <= files; ++run) {
-    const std::string bytes = payload(run_dir, run);
+    const std::string bytes = payload_of(recording(run_dir, run));
     if (!reference.payloads[run - 1].starts_with(bytes)) return false;
     if (bytes != reference.payloads[run - 1]) break;
   }
   return true;
 }
 
-std::string judge_end(const Case& c, const ToolProcess& tool, char failed_call,
-                      const fs::path& root, const Reference& reference) {
+std::string judge_end(const Case& c, const ToolResult& tool, char failed_call, const fs::path& root,
+                      const Reference& reference) {
   const fs::path run_dir = run_dir_in(root);
   const std::string run_name = run_dir.filename().string() + ' ';
   if (failed_call == 0) {
     const bool pass = tool.out.find("\npass=true\n") != std::string::npos;
     if (!c.tolerated) return "the failure had no consequence";
-    if (tool.err != "" || tool.exit_status != (pass ? 0 : 2)) return "an end without success";
+    if (tool.err != "" || tool.status != (pass ? 0 : 2)) return "an end without success";
     if (!pass && !c.loses_data) return "a wrong verdict";
     if (names_in(root) != run_name + "latest.csv latest.json latest_summary.txt ") {
       return "published: " + names_in(root);
     }
     return "";
   }
-  if (c.tolerated || tool.exit_status != 1) return "the wrong exit status";
-  if (tool.err != expected_message(failed_call, c)) return "the wrong message";
+  if (c.tolerated || tool.status != 1) return "the wrong exit status";
+  if (tool.err != expected_message(failed_call, c)) return "the wrong message " + tool.err;
   if (!reference.out.starts_with(with(tool.out, run_dir.string(), "RUN_DIR")))
     return "a wrong console";
   if (names_in(root) != run_name) return "published: " + names_in(root);
@@ -153,19 +150,18 @@ std::string judge_end(const Case& c, const ToolProcess& tool, char failed_call,
                                                                             : "";
 }
 
-std::string judge(const Case& c, const ToolProcess& tool, const fs::path& root,
+std::string judge(const Case& c, const ToolResult& tool, const fs::path& root,
                   const Reference& reference) {
-  static const std::regex kProtocol(
-      std::string("(d|DLo|DLO(i|I") + kCapture +
-      "{0,2}(f|Fm|FMp|FMPx|FMPXf|FMPXFs|FMPXFSR?r[Zz]|FMPXFSR?t[Zz])|I" + kCapture +
-      "{3})[Cc])\\.");
+  static const std::string kProtocol =
+      "(d|DLo|DLO(i|I" + kCapture +
+      "{0,2}(f|Fm|FMp|FMPx|FMPXf|FMPXFs|FMPXFSR?r[Zz]|FMPXFSR?t[Zz])|I" + kCapture + "{3})[Cc])\\.";
   if (tool.hung) return "hung";
-  const std::string calls = calls_in(tool.ledger);
-  if (!std::regex_match(calls, kProtocol)) return "calls " + calls;
-  const std::size_t failed = calls.find_first_of("doifmpxsrt");
   const fs::path run_dir = run_dir_in(root);
-  if (const std::string wrong = wrong_recordings(run_dir, tool.ledger); !wrong.empty())
-    return wrong;
+  const std::string wrong =
+      wrong_calls(tool.ledger, kProtocol) + wrong_recordings(run_dir, tool.ledger);
+  if (!wrong.empty()) return wrong;
+  const std::string calls = calls_in(tool.ledger);
+  const std::size_t failed = calls.find_first_of("doifmpxsrt");
   if (!c.loses_data && !same_payloads(run_dir, streamed_bytes(tool.ledger).size(), reference)) {
     return "other bytes in a recording";
   }
@@ -174,24 +170,22 @@ std::string judge(const Case& c, const ToolProcess& tool, const fs::path& root,
 
 std::string attempt(const Case& c, const Reference& reference) {
   for (int tries = 0; tries < 10; ++tries) {
-    const tests::ScratchDirectory directory;
-    ToolProcess tool(directory.path(), c.call);
-    tool.finish();
+    const ScratchDirectory directory;
+    const ToolResult tool = run_tool(directory.path(), c.call);
     // On a busy machine a capture can be over before all of its reads are made.
     if (!tool.hung && tool.ledger.find(c.failing) == std::string::npos) continue;
-    const std::string wrong = judge(c, tool, fs::canonical(directory.file("out")), reference);
-    return wrong.empty() ? "" : wrong + ": " + to_repeat(c.call) + "\n" + tool.err;
+    return report(judge(c, tool, directory.file("out"), reference), c.call);
   }
-  return "the call was never made: " + to_repeat(c.call);
+  return report("the call was never made", c.call);
 }
 
 }  // namespace
-}  // namespace orvo::campaigns
+}  // namespace orvo::tests
 
 int main(int argc, char** argv) {
-  using namespace orvo::campaigns;
+  using namespace orvo::tests;
   const Reference reference = run_reference();
   const std::vector<Case> cases = make_cases(reference);
-  return run_campaign("driver_failures", cases.size(), budget_from(argc, argv, 150),
+  return run_campaign("driver_failures", cases.size(), {argc, argv, 150},
                       [&](std::size_t i) { return attempt(cases[i], reference); });
 }

@@ -9,14 +9,12 @@
 
 #include <algorithm>
 #include <csignal>
-#include <regex>
 
-#include "campaigns/tool_process.h"
-#include "campaigns/traces.h"
+#include "campaigns/campaign.h"
 #include "orvo/timing/stream_files.h"
 #include "support/scratch.h"
 
-namespace orvo::campaigns {
+namespace orvo::tests {
 namespace {
 
 namespace fs = std::filesystem;
@@ -25,13 +23,15 @@ using std::chrono::milliseconds;
 
 constexpr std::ptrdiff_t kCallsOfARun = 44;  // about: the number of reads varies
 
-std::string wrong_end(const ToolProcess& tool, int signal) {
+ToolCall small_call(const char* capture_s) {
+  return {.arguments = {"--output-root=out", capture_s, "--chunk-bytes=4096"},
+          .sim = "pace=bytes:9000"};
+}
+
+std::string wrong_end(const ToolResult& tool, int signal) {
   if (tool.hung) return "hung";
-  if (tool.end_signal != signal || tool.err != "") {
-    return "signal " + std::to_string(tool.end_signal) + ", status " +
-           std::to_string(tool.exit_status) + ": " + tool.err;
-  }
-  return "";
+  if (tool.status == 128 + signal && tool.err == "") return "";
+  return "status " + std::to_string(tool.status) + ": " + tool.err;
 }
 
 /// Empty when all recordings hold what was captured and a reader gets tags from them.
@@ -40,16 +40,14 @@ std::string wrong_files(const fs::path& root, const std::string& ledger) {
   const std::vector<std::uint64_t> streams = streamed_bytes(ledger);
   for (std::size_t run = 1; run <= streams.size(); ++run) {
     timing::StreamFileReader reader;
-    reader.open((run_dir / ("overflow_frequency_0" + std::to_string(run) + ".ortime")).string());
+    reader.open(recording(run_dir, run));
     if (reader.next_tags(1, 1U << 20).empty() && streams[run - 1] > 1000) return "no tags";
   }
   return wrong_recordings(run_dir, ledger);
 }
 
 /// As judged from what the driver has seen, and from what it had seen when the signal came.
-std::string wrong_calls(const std::string& before, const std::string& all) {
-  static const std::regex kProtocol(std::string("DLOI") + kCapture + "{0,3}(FMPXFSR?Z)?C\\.?");
-  if (!std::regex_match(all, kProtocol)) return "calls " + all;
+std::string late_calls(const std::string& before, const std::string& all) {
   // At most what was begun is ended; nothing new begins.
   const auto begun =
       std::count(all.begin(), all.end(), 'S') - std::count(before.begin(), before.end(), 'S');
@@ -59,9 +57,8 @@ std::string wrong_calls(const std::string& before, const std::string& all) {
 
 /// A signal some time after the given line of the ledger.
 std::string at_call(std::ptrdiff_t line, microseconds delay, int signal) {
-  const tests::ScratchDirectory directory;
-  const ToolCall call{{"--output-root=out", "--capture-s=0.06", "--chunk-bytes=4096"},
-                      "pace=bytes:9000"};
+  const ScratchDirectory directory;
+  const ToolCall call = small_call("--capture-s=0.06");
   ToolProcess tool(directory.path(), call);
   tool.run_until([&] { return std::count(tool.ledger.begin(), tool.ledger.end(), '\n') >= line; });
   tool.run_for(delay);
@@ -69,24 +66,25 @@ std::string at_call(std::ptrdiff_t line, microseconds delay, int signal) {
   tool.signal(signal);
   tool.finish();
   std::string wrong;
-  const std::string calls = calls_in(tool.ledger);
-  if (tool.exit_status == 0) {  // it came too late
+  if (tool.status == 0) {  // it came too late
     wrong = std::count(before.begin(), before.end(), 'T') == 3 ? "" : "not ended by the signal";
   } else {
-    wrong = wrong_end(tool, signal) + wrong_calls(before, calls) +
+    wrong = wrong_end(tool, signal) +
+            wrong_calls(tool.ledger, "DLOI" + kCapture + "{0,3}(FMPXFSR?Z)?C\\.?") +
+            late_calls(before, calls_in(tool.ledger)) +
             wrong_files(directory.file("out"), tool.ledger);
   }
-  return wrong.empty()
-             ? ""
-             : wrong + ": signal " + std::to_string(signal) + ", " + std::to_string(delay.count()) +
-                   " us after line " + std::to_string(line) + " of the ledger: " + to_repeat(call);
+  if (wrong.empty()) return "";
+  return report(wrong + ", signal " + std::to_string(signal) + ' ' + std::to_string(delay.count()) +
+                    " us after line " + std::to_string(line) + " of the ledger",
+                call);
 }
 
 /// A capture of many minutes is abandoned at once.
 std::string in_long_capture(const Texts& arguments, const std::string& sim, const char* reached,
                             int signal) {
-  const tests::ScratchDirectory directory;
-  ToolCall call{arguments, sim};
+  const ScratchDirectory directory;
+  ToolCall call{.arguments = arguments, .sim = sim};
   call.arguments.push_back("--output-root=out");
   ToolProcess tool(directory.path(), call);
   tool.run_until([&] { return tool.ledger.find(reached) != std::string::npos; });
@@ -94,17 +92,16 @@ std::string in_long_capture(const Texts& arguments, const std::string& sim, cons
   tool.signal(signal);
   const bool late = tool.run_for(std::chrono::seconds(2));
   tool.finish();
-  const std::string calls = calls_in(tool.ledger);
-  const std::string wrong = (late ? "ends late" : "") + wrong_end(tool, signal) +
-                            (calls == "DLOIFMPXFSRZC" ? "" : "calls " + calls) +
-                            wrong_files(directory.file("out"), tool.ledger);
-  return wrong.empty() ? "" : wrong + ": " + to_repeat(call);
+  return report((late ? "ends late" : "") + wrong_end(tool, signal) +
+                    wrong_calls(tool.ledger, "DLOIFMPXFSRZC") +
+                    wrong_files(directory.file("out"), tool.ledger),
+                call);
 }
 
 /// While the discovery lasts: the first signal waits for it, a second does not.
 std::string while_driver_is_slow(int first, int second) {
-  const tests::ScratchDirectory directory;
-  ToolCall call{{"--output-root=out"}, "pace=bytes:9000"};
+  const ScratchDirectory directory;
+  ToolCall call = small_call("--capture-s=0.06");
   call.driver_held = true;
   ToolProcess tool(directory.path(), call);
   tool.run_until([&] { return fs::exists(directory.file("out")); });
@@ -119,18 +116,16 @@ std::string while_driver_is_slow(int first, int second) {
   }
   tool.release_driver();
   tool.finish();
-  const std::string calls = calls_in(tool.ledger);
-  return wrong_end(tool, first) + (calls == "DLOIC" ? "" : "calls " + calls);
+  return wrong_end(tool, first) + wrong_calls(tool.ledger, "DLOIC");
 }
 
 /// A summary that is slow to take its text: what is begun is written, then the process ends.
 std::string while_reports_are_written(int signal, bool twice) {
-  const tests::ScratchDirectory directory;
+  const ScratchDirectory directory;
   fs::create_directory(directory.file("out"));
   const std::string slow = directory.file("out/latest_summary.txt");
   if (mkfifo(slow.c_str(), 0600) != 0) return "no pipe can be made";
-  ToolProcess tool(directory.path(),
-                   {{"--output-root=out", "--capture-s=0.01"}, "pace=bytes:9000"});
+  ToolProcess tool(directory.path(), small_call("--capture-s=0.01"));
   tool.run_until([&] { return fs::exists(directory.file("out/latest.json")); });
   tool.run_for(milliseconds(50));
   tool.signal(signal);
@@ -143,21 +138,19 @@ std::string while_reports_are_written(int signal, bool twice) {
     close(reader);
   }
   tool.finish();
-  const std::string calls = calls_in(tool.ledger);
-  const bool closed = calls.ends_with("TC");
-  return wrong_end(tool, signal) + (closed == twice ? "calls " + calls : "");
+  return wrong_end(tool, signal) + wrong_calls(tool.ledger, twice ? ".*T" : ".*TC");
 }
 
 /// A signal that whoever started the tool has ignored stays ignored.
 std::string while_ignored(int signal) {
-  const tests::ScratchDirectory directory;
-  ToolCall call{{"--output-root=out", "--capture-s=0.06"}, "pace=bytes:9000"};
+  const ScratchDirectory directory;
+  ToolCall call = small_call("--capture-s=0.06");
   call.ignored_signal = signal;
   ToolProcess tool(directory.path(), call);
   tool.run_until([&] { return tool.ledger.find("ot_read") != std::string::npos; });
   tool.signal(signal);
   tool.finish();
-  return tool.exit_status == 0 ? "" : "an ignored signal ends the tool";
+  return tool.status == 0 ? "" : "an ignored signal ends the tool";
 }
 
 std::vector<std::function<std::string()>> make_cases() {
@@ -186,11 +179,11 @@ std::vector<std::function<std::string()>> make_cases() {
 }
 
 }  // namespace
-}  // namespace orvo::campaigns
+}  // namespace orvo::tests
 
 int main(int argc, char** argv) {
-  using namespace orvo::campaigns;
+  using namespace orvo::tests;
   const auto cases = make_cases();
-  return run_campaign("interruption", cases.size(), budget_from(argc, argv, 150),
+  return run_campaign("interruption", cases.size(), {argc, argv, 150},
                       [&](std::size_t i) { return cases[i](); });
 }

@@ -2,13 +2,9 @@
 //
 //     campaign_verdict_truth [ROUNDS]     each round repeats everything with another seed
 //
-// A rate comes from a channel's first and last timestamp, S apart, and the exact number of periods
-// in between. Both are cut to a whole tick q and have a jitter of up to j: S is wrong by less than
-// q + 2j, whatever the frequency, and the ppm by less than L = 10^6 (q + 2j) / S. A verdict is
-// certain when the true error is L or more away from the tolerance; an error is told from none for
-// certain from 2L on. With q = 8 ps, j = 3 ps and 0.35 s, L is 0.00004 ppm. One lost event of n
-// weighs 10^6 / (n - 1) ppm: k lost ones fail as soon as k > tolerance (n - 1) / 10^6. Events lost
-// before the first timestamp or behind the last change the count, but not the rate.
+// With a tick q, a jitter of up to j and S from the first to the last timestamp, a computed ppm is
+// off by less than L = 10^6 (q + 2j) / S; k lost events of n weigh 10^6 k / (n - 1) ppm. The
+// verdict is certain where the true error is L or more away from the tolerance.
 #include <algorithm>
 #include <array>
 #include <bit>
@@ -19,9 +15,9 @@
 #include <span>
 #include <vector>
 
-#include "orvo/simulator/payload.h"
 #include "orvo/timing/stream_decoder.h"
 #include "orvo/verification/evaluation.h"
+#include "support/instrument.h"
 
 namespace {
 
@@ -76,14 +72,11 @@ using Times = std::array<std::vector<std::int64_t>, kChannels>;
 
 /// Streams, decodes and judges; appends the timestamps to `times`.
 verification::RunResult judged(const Run& run, Times& times) {
-  timing::StreamFileHeader header;
-  header.mode = timing::Mode::internal;
-  header.quantum_ps = run.quantum_ps;
-  simulator::StreamConfig config;
-  config.quantum_ps = run.quantum_ps;
-  config.source = {header.mode, header.channel_mask, run.divider, run.settings.clock_ps};
-  const auto payload = simulator::generate_payload(run.settings, config);
-  timing::StreamDecoder decoder(header);
+  tests::Instrument instrument{{}, run.settings, run.divider};
+  instrument.header.mode = timing::Mode::internal;
+  instrument.header.quantum_ps = run.quantum_ps;
+  const auto payload = instrument.payload();
+  timing::StreamDecoder decoder(instrument.header);
   verification::TagStatistics statistics;
   std::span<std::uint8_t> bytes;
   while (!(bytes = payload->next(1 << 16, simulator::kNever - 1)).empty()) {

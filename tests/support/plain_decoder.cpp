@@ -46,7 +46,7 @@ PlainDecoder::PlainDecoder(timing::StreamFileHeader header)
 
 template <typename... Parts>
 bool PlainDecoder::drop(const Parts&... parts) {
-  log_line(text(parts...));
+  log.push_back(text(parts...));
   return false;
 }
 
@@ -147,7 +147,7 @@ PlainDecoder::Alignment PlainDecoder::probe_packed_alignment() {
       }
     }
   }
-  if (!best.found && rejected.found) log_line(reject_message);
+  if (!best.found && rejected.found) log.push_back(reject_message);
   return best;
 }
 
@@ -155,7 +155,7 @@ bool PlainDecoder::take_lock() {
   const Alignment alignment = probe_packed_alignment();
   if (!alignment.found) {
     if (input_buffer.size() < 4096) return false;
-    log_line(
+    log.push_back(
         text("no alignment bits=", bits_, " width=", width_, " raw_bytes=", input_buffer.size()));
     if (input_buffer.size() > 65'536) {
       input_buffer.erase(input_buffer.begin(), input_buffer.end() - 4096);
@@ -167,8 +167,8 @@ bool PlainDecoder::take_lock() {
                      input_buffer.begin() + static_cast<std::ptrdiff_t>(alignment.drop_bytes));
   locked = true;
   bit_offset = alignment.bit_offset;
-  log_line(text("locked bits=", bits_, " drop_bytes=", alignment.drop_bytes,
-                " bit_offset=", bit_offset, " raw_bytes=", input_buffer.size()));
+  log.push_back(text("locked bits=", bits_, " drop_bytes=", alignment.drop_bytes,
+                     " bit_offset=", bit_offset, " raw_bytes=", input_buffer.size()));
   return true;
 }
 
@@ -305,11 +305,6 @@ void PlainDecoder::consume_packed_records(std::uint64_t count) {
   bit_offset = position % 8;
   input_buffer.erase(input_buffer.begin(),
                      input_buffer.begin() + static_cast<std::ptrdiff_t>(position / 8));
-}
-
-void PlainDecoder::log_line(const std::string& message) {
-  if (std::getenv("ORVO_PACKED_DEBUG") != nullptr && debug_lines < 200) ++debug_lines;
-  log.push_back(message);
 }
 
 }  // namespace orvo::tests

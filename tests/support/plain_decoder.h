@@ -44,12 +44,11 @@ class PlainDecoder : public PlainLock {
   /// One batch: takes a lock if there is none, decodes all whole records of `input_buffer`.
   std::vector<timing::TimeTag> feed_packed_delta();
 
-  /// The lock search alone, over `input_buffer`; changes nothing but `log` and `debug_lines`.
+  /// The lock search alone, over `input_buffer`; changes nothing but `log`.
   /// Widths of 1 to 31 only.
   Alignment probe_packed_alignment();
 
   std::vector<std::uint8_t> input_buffer;
-  std::uint64_t debug_lines = 0;
   std::vector<std::string> log;  ///< all messages, without prefix and limit
   std::uint64_t records_decoded = 0;
   std::uint64_t searches = 0;
@@ -76,7 +75,6 @@ class PlainDecoder : public PlainLock {
   [[nodiscard]] Parse simulate(std::uint64_t first_bit, std::uint64_t n) const;
   bool take_lock();
   void consume_packed_records(std::uint64_t count);
-  void log_line(const std::string& message);
 
   // These answer false for a drop.
   template <typename... Parts>

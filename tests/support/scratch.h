@@ -11,12 +11,12 @@
 
 namespace orvo::tests {
 
-/// Made empty, removed with all it holds when destroyed.
+/// Made empty, removed with all it holds when destroyed. Its path is absolute and without links.
 class ScratchDirectory {
  public:
   ScratchDirectory() {
     static int count = 0;
-    path_ = std::filesystem::temp_directory_path() /
+    path_ = std::filesystem::canonical(std::filesystem::temp_directory_path()) /
             ("orvo_test_" + std::to_string(getpid()) + "_" + std::to_string(count++));
     std::filesystem::create_directories(path_);
   }
@@ -42,6 +42,14 @@ inline void write_file(const std::string& path, std::string_view bytes) {
 inline std::string read_file(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
   return {std::istreambuf_iterator<char>(file), {}};
+}
+
+/// What follows the header of the stream file at `path`; "no recording" where none is.
+inline std::string payload_of(const std::string& path) {
+  const std::string bytes = read_file(path);
+  const std::size_t end = bytes.find("}}");
+  return bytes.starts_with("ORTIME1\n") && end < bytes.size() ? bytes.substr(end + 2)
+                                                              : "no recording";
 }
 
 }  // namespace orvo::tests

@@ -1,7 +1,13 @@
-// Runs the real tool as a process of its own, and looks at what it has left.
+// Runs the real tool as a process of its own, and looks at what it says and leaves.
 #pragma once
 
+#include <sys/types.h>
+
+#include <array>
+#include <chrono>
+#include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -10,25 +16,65 @@ namespace orvo::tests {
 using Texts = std::vector<std::string>;
 
 struct ToolCall {
-  Texts arguments;
-  Texts environment;  ///< "NAME=value", beside the test's own without its ORVO_ variables
+  Texts arguments = {};
+  Texts environment = {};    ///< "NAME=value", beside the test's own without its ORVO_ variables
+  std::string sim = {};      ///< ORVO_SIM; the ledger is added, and comes through a pipe
+  std::string closed = {};   ///< digits of the standard descriptors that are closed at the start
+  bool driver_held = false;  ///< the first driver call waits in its ledger for release_driver()
+  int ignored_signal = 0;    ///< ignored by whoever starts the tool
+  std::uint64_t max_file_bytes = ~std::uint64_t{0};      ///< a write beyond fails: a full disk
   std::string program = "ot_verify_overflow_frequency";  ///< as the tool is told, in argv[0]
 };
 
 struct ToolResult {
   int status = -1;  ///< of the exit, or 128 and the signal that ended the tool
-  std::string out;
-  std::string err;
+  std::string out = {};
+  std::string err = {};
+  std::string ledger = {};
+  bool hung = false;
 };
 
-/// Runs the tool in `directory` to its end. Throws std::system_error when that cannot be done.
-[[nodiscard]] ToolResult run_tool(const std::filesystem::path& directory, const ToolCall& call);
+/// Runs from its construction on, in `directory`. One that lasts a minute is ended and counts as
+/// hung. Throws std::system_error when the system refuses something.
+class ToolProcess : public ToolResult {
+ public:
+  ToolProcess(const std::filesystem::path& directory, const ToolCall& call);
+  ~ToolProcess();
+  ToolProcess(const ToolProcess&) = delete;
+  ToolProcess& operator=(const ToolProcess&) = delete;
+
+  /// Takes in what the tool says until `condition` holds (true) or the tool has ended (false).
+  bool run_until(const std::function<bool()>& condition);
+  bool run_for(std::chrono::microseconds time);
+  const ToolResult& finish();
+
+  void signal(int number) const;
+  void close_output();  ///< as a reader of its standard output that goes away
+  void release_driver() { held_ = false; }
+
+ private:
+  enum Pipe : std::size_t { kOut, kErr, kLedger };
+  [[nodiscard]] bool read_pipes();
+
+  pid_t pid_ = -1;
+  std::array<int, 3> pipes_ = {-1, -1, -1};
+  bool held_;
+};
+
+/// From its start to its end.
+[[nodiscard]] inline ToolResult run_tool(const std::filesystem::path& directory,
+                                         const ToolCall& call) {
+  return ToolProcess(directory, call).finish();
+}
 
 /// The lines of `text` that begin with `start`.
 [[nodiscard]] std::string lines_with(const std::string& text, const std::string& start);
 
 /// The run's directory, as the tool has announced it.
 [[nodiscard]] std::filesystem::path run_dir_of(const ToolResult& result);
+
+/// The only directory in `root`; "" if there is none, none that exists if there are more.
+[[nodiscard]] std::filesystem::path run_dir_in(const std::filesystem::path& root);
 
 /// The names in `directory`, sorted, with a space behind each.
 [[nodiscard]] std::string names_in(const std::filesystem::path& directory);

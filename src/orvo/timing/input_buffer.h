@@ -25,14 +25,20 @@ class InputBuffer {
 
   void append(std::span<const std::uint8_t> bytes);
 
-  void remove_front(std::size_t count) noexcept { head_ += count; }
-  void keep_back(std::size_t count) noexcept { head_ = tail_ - count; }
+  void remove_front(std::size_t count) noexcept {
+    head_ += count;
+    removed_ += count;
+  }
+  void keep_back(std::size_t count) noexcept { remove_front(size() - count); }
+  /// All bytes ever removed: the place of the first byte in the stream.
+  [[nodiscard]] std::uint64_t removed() const noexcept { return removed_; }
 
  private:
   std::unique_ptr<std::uint8_t[]> storage_;
   std::size_t capacity_ = 0;
   std::size_t head_ = 0;
   std::size_t tail_ = 0;
+  std::uint64_t removed_ = 0;
 };
 
 }  // namespace orvo::timing::detail

@@ -10,8 +10,6 @@
 namespace orvo::timing {
 namespace {
 
-using detail::LockEvent;
-
 constexpr std::size_t kSearchedBytes = 65'536;   // of a buffer without a lock, at the most
 constexpr std::size_t kKeptBytes = 4'096;        // when such a buffer is given up
 constexpr std::uint64_t kMinJudgedTags = 4'096;  // in a batch
@@ -69,17 +67,17 @@ std::span<const TimeTag> StreamDecoder::feed_packed_delta() {
       detail::decode_packed_records(input_buffer.data(), bit_offset_, records, packed_format_,
                                     packed_, packed_groups_.get(), tags);
 
+  consume_packed_records(batch.records);
   if (batch.drop) {
+    packed_tags_ += batch.tags;
     report(*batch.drop);
-    consume_packed_records(batch.records);
     drop_packed_lock();
   } else if (const auto event = imbalance(batch, packed_format_)) {
     report(*event);
-    consume_packed_records(batch.records);
     drop_packed_lock();
     return {};
   } else {
-    consume_packed_records(batch.records);
+    packed_tags_ += batch.tags;
   }
   return tags_.first(batch.tags);
 }
@@ -94,11 +92,12 @@ bool StreamDecoder::take_packed_lock() {
     if (input_buffer.size() >= kKeptBytes) {
       LockEvent event = lock_event(LockEvent::Kind::no_alignment);
       event.buffer_bytes = input_buffer.size();
+      if (input_buffer.size() > kSearchedBytes) {
+        event.drop_bytes = input_buffer.size() - kKeptBytes;
+        input_buffer.keep_back(kKeptBytes);
+        bit_offset_ = 0;
+      }
       report(event);
-    }
-    if (input_buffer.size() > kSearchedBytes) {
-      input_buffer.keep_back(kKeptBytes);
-      bit_offset_ = 0;
     }
     return false;
   }
@@ -127,12 +126,17 @@ void StreamDecoder::drop_packed_lock() {
   packed_ = {};
 }
 
-void StreamDecoder::report(const LockEvent& event) {
+void StreamDecoder::report(LockEvent event) {
+  event.payload_offset_bytes = input_buffer.removed();
+  event.tags_before = packed_tags_;
+  if (on_lock_event) {
+    on_lock_event(event);
+  }
   if (std::getenv("ORVO_PACKED_DEBUG") == nullptr || debug_lines_ >= kMaxDebugLines) {
     return;
   }
   ++debug_lines_;
-  std::cerr << "packed-decoder: " + detail::describe(event, packed_format_) + '\n';
+  std::cerr << "packed-decoder: " + describe(event, header_) + '\n';
 }
 
 }  // namespace orvo::timing

@@ -6,8 +6,8 @@
 #include <optional>
 #include <span>
 
+#include "orvo/timing/lock_event.h"
 #include "orvo/timing/packed_format.h"
-#include "orvo/timing/packed_log.h"
 #include "orvo/timing/time_tag.h"
 
 namespace orvo::timing::detail {

@@ -4,8 +4,8 @@
 
 #include <cstdint>
 
+#include "orvo/timing/lock_event.h"
 #include "orvo/timing/packed_format.h"
-#include "orvo/timing/packed_log.h"
 #include "orvo/timing/packed_records.h"
 
 namespace orvo::timing::detail {

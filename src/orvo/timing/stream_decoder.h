@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "orvo/timing/input_buffer.h"
+#include "orvo/timing/lock_event.h"
 #include "orvo/timing/packed_records.h"
 #include "orvo/timing/stream_header.h"
 #include "orvo/timing/tag_buffer.h"
@@ -43,6 +44,9 @@ class StreamDecoder {
 
   /// Bytes received and not yet consumed: append here, then feed.
   detail::InputBuffer input_buffer;
+
+  /// Told of everything that happens to a packed-delta lock; nobody by default.
+  LockListener on_lock_event;
 
   [[nodiscard]] bool locked() const noexcept { return locked_; }
   /// Bits of the first buffered byte that are consumed already, 0 to 7.
@@ -82,7 +86,7 @@ class StreamDecoder {
   void consume_packed_records(std::uint64_t count);
   void drop_packed_lock();
   /// The one place that every lock taken, alignment rejected and lock dropped passes through.
-  void report(const detail::LockEvent& event);
+  void report(LockEvent event);
 
   StreamFileHeader header_;
   detail::TagBuffer tags_;
@@ -96,6 +100,7 @@ class StreamDecoder {
   detail::PackedState packed_;
   bool locked_ = false;
   std::uint64_t bit_offset_ = 0;
+  std::uint64_t packed_tags_ = 0;  // given out
   std::uint64_t debug_lines_ = 0;
 };
 

@@ -55,7 +55,9 @@ void StreamFileReader::open(const std::string& path) {
   if (!file_.read(length.data(), length.size())) {
     throw Error(OT_ERR_IO, "stream file: truncated header length");
   }
-  header_ = detail::stream_header_from_json(read_header_text(file_, little_endian(length)));
+  const std::uint32_t header_bytes = little_endian(length);
+  header_ = detail::stream_header_from_json(read_header_text(file_, header_bytes));
+  payload_start_bytes_ = magic.size() + length.size() + std::uint64_t{header_bytes};
   usable_ = true;
 }
 

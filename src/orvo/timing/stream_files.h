@@ -58,6 +58,8 @@ class StreamFileReader {
   void close() noexcept;
 
   [[nodiscard]] const StreamFileHeader& header() const noexcept { return header_; }
+  /// Bytes of the file in front of its payload.
+  [[nodiscard]] std::uint64_t payload_start_bytes() const noexcept { return payload_start_bytes_; }
 
   /// The next timestamps in decoding order, at most `max_tags`; none at the end of the payload.
   /// Reads `chunk_bytes` (0 counts as 1) at a time.
@@ -72,6 +74,15 @@ class StreamFileReader {
   /// Asked before each chunk is read; reading ends with Interrupted when it says so.
   bool (*interrupted)() = nullptr;
 
+  /// As StreamDecoder's, of the decoder that the next open file gets; called while its chunks are
+  /// decoded, which is ahead of giving out their tags.
+  LockListener on_lock_event;
+
+  /// Payload bytes read and not decoded: what the end of the payload leaves is lost.
+  [[nodiscard]] std::uint64_t undecoded_bytes() const noexcept {
+    return decoder_ == nullptr ? 0 : decoder_->input_buffer.size();
+  }
+
  private:
   [[nodiscard]] bool decode_chunk(std::uint64_t chunk_bytes);
   [[nodiscard]] std::span<const TimeTag> take_pending(std::uint64_t max_tags) noexcept;
@@ -79,6 +90,7 @@ class StreamFileReader {
   std::ifstream file_;
   bool usable_ = false;
   StreamFileHeader header_;
+  std::uint64_t payload_start_bytes_ = 0;
   std::unique_ptr<StreamDecoder> decoder_;
   std::span<const TimeTag> pending_;  // in the decoder's storage
 };

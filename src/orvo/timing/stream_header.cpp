@@ -7,12 +7,9 @@
 #include <type_traits>
 #include <utility>
 
-namespace orvo::timing::detail {
-namespace {
+namespace orvo::timing {
 
-constexpr std::string_view kWhiteSpace = " \t\n\v\f\r";
-
-const char* text_name(Format format) {
+const char* name_of(Format format) {
   switch (format) {
     case Format::delta32:
       return "delta32";
@@ -24,9 +21,9 @@ const char* text_name(Format format) {
   return "raw64";
 }
 
-const char* text_name(Mode mode) { return mode == Mode::internal ? "internal" : "external"; }
+const char* name_of(Mode mode) { return mode == Mode::internal ? "internal" : "external"; }
 
-const char* text_name(Transport transport) {
+const char* name_of(Transport transport) {
   switch (transport) {
     case Transport::usb:
       return "usb";
@@ -37,6 +34,11 @@ const char* text_name(Transport transport) {
   }
   return "uart";
 }
+
+namespace detail {
+namespace {
+
+constexpr std::string_view kWhiteSpace = " \t\n\v\f\r";
 
 Format format_from(std::string_view name) {
   if (name == "delta32") return Format::delta32;
@@ -186,9 +188,9 @@ std::string stream_header_to_json(StreamFileHeader header) {
   append_string_member(json, "device_product", header.device_product);
   append_string_member(json, "device_serial", header.device_serial);
   append_string_member(json, "device_port", header.device_port);
-  append_string_member(json, "stream_format", text_name(header.stream_format));
-  append_string_member(json, "mode", text_name(header.mode));
-  append_string_member(json, "stream_transport", text_name(header.stream_transport));
+  append_string_member(json, "stream_format", name_of(header.stream_format));
+  append_string_member(json, "mode", name_of(header.mode));
+  append_string_member(json, "stream_transport", name_of(header.stream_transport));
   append_string_member(json, "raw64_tag_format", header.raw64_tag_format);
   append_number_member(json, "channel_mask", header.channel_mask & 0x0FU, ',');
   append_number_member(json, "tdl_index", header.tdl_index, ',');
@@ -240,4 +242,5 @@ StreamFileHeader stream_header_from_json(std::string_view text) {
   return header;
 }
 
-}  // namespace orvo::timing::detail
+}  // namespace detail
+}  // namespace orvo::timing

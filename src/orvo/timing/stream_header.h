@@ -15,6 +15,11 @@ enum class Format : std::int32_t { raw64 = 0, delta32 = 1, packed_delta = 2 };
 enum class Mode : std::int32_t { internal = 0, external = 1 };
 enum class Transport : std::int32_t { uart = 0, usb = 1, usb_async = 2 };
 
+/// The name that a header has for it.
+[[nodiscard]] const char* name_of(Format format);
+[[nodiscard]] const char* name_of(Mode mode);
+[[nodiscard]] const char* name_of(Transport transport);
+
 struct StreamFileHeader {
   Format stream_format = Format::packed_delta;
   Mode mode = Mode::external;

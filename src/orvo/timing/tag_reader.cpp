@@ -57,6 +57,7 @@ bool StreamFileReader::decode_chunk(std::uint64_t chunk_bytes) {
   }
   if (decoder_ == nullptr) {
     decoder_ = std::make_unique<StreamDecoder>(header_);
+    decoder_->on_lock_event = on_lock_event;
   }
   detail::InputBuffer& input = decoder_->input_buffer;
   std::uint64_t total = 0;

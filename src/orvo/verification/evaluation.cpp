@@ -14,15 +14,6 @@ constexpr double kPartsPerMillion = 1e6;
 // Wider records than this are not taken to need overflow records at any rate.
 constexpr unsigned kMaxOverflowBits = 30;
 
-bool overflow_required(double expected_decoded_hz, const EvaluationSettings& settings) {
-  if (!(expected_decoded_hz > 0) || settings.packed_bits < 1 ||
-      settings.packed_bits > kMaxOverflowBits || settings.packed_quantum_ps == 0) {
-    return false;
-  }
-  const auto largest_delta = static_cast<double>((std::uint64_t{1} << settings.packed_bits) - 1);
-  return kPicosecondsPerSecond / expected_decoded_hz > largest_delta * settings.packed_quantum_ps;
-}
-
 /// `last_ps` - `first_ps` in 64 bits, for any two times.
 std::int64_t span_between(std::int64_t first_ps, std::int64_t last_ps) {
   return static_cast<std::int64_t>(static_cast<std::uint64_t>(last_ps) -
@@ -68,6 +59,15 @@ std::uint64_t TagStatistics::tags() const noexcept {
     tags += channel.count;
   }
   return tags;
+}
+
+bool overflow_required(double expected_decoded_hz, const EvaluationSettings& settings) {
+  if (!(expected_decoded_hz > 0) || settings.packed_bits < 1 ||
+      settings.packed_bits > kMaxOverflowBits || settings.packed_quantum_ps == 0) {
+    return false;
+  }
+  const auto largest_delta = static_cast<double>((std::uint64_t{1} << settings.packed_bits) - 1);
+  return kPicosecondsPerSecond / expected_decoded_hz > largest_delta * settings.packed_quantum_ps;
 }
 
 void derive_rates(std::uint32_t divider, const EvaluationSettings& settings, RunResult& result) {

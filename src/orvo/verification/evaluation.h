@@ -57,6 +57,10 @@ class TagStatistics {
   std::array<Channel, kChannels + 1> channels_;  // the last one takes every other channel
 };
 
+/// Whether the expected time between two events of a channel is more than one record can carry.
+[[nodiscard]] bool overflow_required(double expected_decoded_hz,
+                                     const EvaluationSettings& settings);
+
 /// Fills divider, effective_hz, expected_decoded_hz and overflow_required.
 void derive_rates(std::uint32_t divider, const EvaluationSettings& settings, RunResult& result);
 

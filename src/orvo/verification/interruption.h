@@ -1,15 +1,15 @@
-// Ctrl-C, SIGTERM and a closed terminal: the work at hand is abandoned in good order (the stream stopped, the
-// recording closed, the instrument released) and the process then ends by the signal, as a shell
-// expects.
+// Ctrl-C, SIGTERM and a closed terminal: the work at hand is abandoned in good order (the stream
+// stopped, the recording closed, the instrument released) and the process then ends by the signal,
+// as a shell expects.
 //
 // Threads: the main thread's. One InterruptionWatch at a time.
 #pragma once
 
 namespace orvo::verification {
 
-/// While one lives, a first SIGINT, SIGTERM or SIGHUP is noted and a second one ends the process at once.
-/// A signal that was ignored before stays ignored. A closed console no longer ends the process:
-/// the reports tell the verdict.
+/// While one lives, a first SIGINT, SIGTERM or SIGHUP is noted and a second one ends the process at
+/// once. A signal that was ignored before stays ignored. A closed console no longer ends the
+/// process: the reports tell the verdict.
 class InterruptionWatch {
  public:
   InterruptionWatch();

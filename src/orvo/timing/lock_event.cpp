@@ -1,8 +1,10 @@
-#include "orvo/timing/packed_log.h"
+#include "orvo/timing/lock_event.h"
 
 #include <sstream>
 
-namespace orvo::timing::detail {
+#include "orvo/timing/packed_format.h"
+
+namespace orvo::timing {
 namespace {
 
 struct Signed {
@@ -15,7 +17,8 @@ std::ostream& operator<<(std::ostream& out, Signed number) {
 
 }  // namespace
 
-std::string describe(const LockEvent& event, const PackedFormat& format) {
+std::string describe(const LockEvent& event, const StreamFileHeader& header) {
+  const detail::PackedFormat format(header);
   using Kind = LockEvent::Kind;
   std::ostringstream line;
   line.imbue(std::locale::classic());
@@ -69,4 +72,4 @@ std::string describe(const LockEvent& event, const PackedFormat& format) {
   return line.str();
 }
 
-}  // namespace orvo::timing::detail
+}  // namespace orvo::timing
