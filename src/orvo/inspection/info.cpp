@@ -1,0 +1,209 @@
+#include "orvo/inspection/info.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <array>
+#include <iostream>
+#include <nlohmann/json.hpp>
+#include <optional>
+
+#include "orvo/inspection/exit_status.h"
+#include "orvo/inspection/intervals.h"
+#include "orvo/inspection/lock_history.h"
+#include "orvo/inspection/printable_text.h"
+#include "orvo/inspection/stream_input.h"
+#include "orvo/timing/error.h"
+
+namespace orvo::inspection {
+namespace {
+
+using Json = nlohmann::ordered_json;
+using Kind = timing::LockEvent::Kind;
+using verification::kChannels;
+using verification::TagStatistics;
+
+constexpr double kPicosecondsPerSecond = 1e12;
+constexpr const char* kKindNames[LockHistory::kKinds] = {"locked",
+                                                         "no_alignment",
+                                                         "rejected_alignment",
+                                                         "inactive_channel",
+                                                         "overflow_in_sync",
+                                                         "sync_channel_mismatch",
+                                                         "nonmonotonic_sync",
+                                                         "implausible_sync_delta",
+                                                         "implausible_delta",
+                                                         "imbalanced"};
+
+/// From a tag to the next of its channel in decoding order.
+struct Intervals {
+  IntervalTracker tracker;
+  std::optional<std::int64_t> shortest_ps;
+  std::optional<std::int64_t> longest_ps;
+
+  void add(std::int64_t time_ps) {
+    if (const auto interval_ps = tracker.step(time_ps)) {
+      shortest_ps = std::min(shortest_ps.value_or(*interval_ps), *interval_ps);
+      longest_ps = std::max(longest_ps.value_or(*interval_ps), *interval_ps);
+    }
+  }
+};
+
+template <typename Value>
+Json or_null(const std::optional<Value>& value) {
+  return value ? Json(*value) : Json();
+}
+
+Json header_json(const timing::StreamFileHeader& header) {
+  return {{"stream_format", name_of(header.stream_format)},
+          {"mode", name_of(header.mode)},
+          {"stream_transport", name_of(header.stream_transport)},
+          {"channel_mask", header.channel_mask},
+          {"tdl_index", header.tdl_index},
+          {"delta_bits", header.delta_bits},
+          {"quantum_ps", header.quantum_ps},
+          {"raw64_tag_format", header.raw64_tag_format},
+          {"created_utc", header.created_utc},
+          {"application", header.application},
+          {"device_product", header.device_product},
+          {"device_serial", header.device_serial},
+          {"device_port", header.device_port}};
+}
+
+Json channel_json(std::size_t index, const TagStatistics::Channel& channel,
+                  const Intervals& intervals) {
+  Json json = {{"channel", index},
+               {"tags", channel.count},
+               {"first_ps", nullptr},
+               {"last_ps", nullptr},
+               {"span_ps", nullptr},
+               {"rate_hz", nullptr},
+               {"shortest_interval_ps", or_null(intervals.shortest_ps)},
+               {"longest_interval_ps", or_null(intervals.longest_ps)}};
+  if (channel.count != 0) {
+    const std::uint64_t span_ps = static_cast<std::uint64_t>(channel.largest_ps) -
+                                  static_cast<std::uint64_t>(channel.smallest_ps);
+    json["first_ps"] = channel.smallest_ps;
+    json["last_ps"] = channel.largest_ps;
+    json["span_ps"] = span_ps;
+    if (span_ps != 0) {
+      json["rate_hz"] = static_cast<double>(channel.count - 1) * kPicosecondsPerSecond /
+                        static_cast<double>(span_ps);
+    }
+  }
+  return json;
+}
+
+Json locks_json(const LockHistory& locks, const timing::StreamFileHeader& header) {
+  Json counts = Json::object();
+  for (std::size_t kind = 0; kind < LockHistory::kKinds; ++kind) {
+    counts[kKindNames[kind]] = locks.count(static_cast<Kind>(kind));
+  }
+  Json events = Json::array();
+  for (const auto& [event, time_ps, next_ps] : locks.entries()) {
+    events.push_back({{"kind", kKindNames[static_cast<std::size_t>(event.kind)]},
+                      {"payload_offset_bytes", event.payload_offset_bytes},
+                      {"tags_before", event.tags_before},
+                      {"time_ps", or_null(time_ps)},
+                      {"detail", describe(event, header)}});
+  }
+  return {{"taken", locks.count(Kind::locked)},
+          {"dropped", locks.dropped()},
+          {"skipped_bytes", locks.skipped_bytes()},
+          {"counts", std::move(counts)},
+          {"events", std::move(events)},
+          {"events_left_out", locks.left_out()}};
+}
+
+std::string named_value(const std::string& name, const Json& value) {
+  return name + '=' +
+         (value.is_string()         ? printable(value.get_ref<const std::string&>())
+          : value.is_number_float() ? fmt::format("{:.6f}", value.get<double>())
+                                    : value.dump());
+}
+
+/// A line for each value, one for all the values of an object in an array; none for null.
+void put_lines(const Json& object, const std::string& indent, std::string& text) {
+  for (const auto& [name, value] : object.items()) {
+    if (value.is_object()) {
+      text += indent + name + ":\n";
+      put_lines(value, indent + "  ", text);
+    } else if (value.is_array()) {
+      text += indent + name + (value.empty() ? ": none\n" : ":\n");
+      for (const Json& element : value) {
+        text += indent + ' ';
+        for (const auto& [part, part_value] : element.items()) {
+          text += part_value.is_null() ? "" : ' ' + named_value(part, part_value);
+        }
+        text += '\n';
+      }
+    } else if (!value.is_null()) {
+      text += indent + named_value(name, value) + '\n';
+    }
+  }
+}
+
+}  // namespace
+
+Json facts_of(const std::filesystem::path& path, std::uint64_t chunk_bytes) {
+  LockHistory locks;
+  StreamInput input(path, [&](const timing::LockEvent& event) { locks.add(event); });
+  TagStatistics statistics;
+  std::array<Intervals, kChannels> intervals;
+  input.read(chunk_bytes, [&](std::span<const timing::TimeTag> tags) {
+    statistics.add(tags);
+    locks.pass(tags);
+    for (const timing::TimeTag& tag : tags) {
+      intervals[tag.channel % kChannels].add(tag.time_ps);
+    }
+  });
+  Json channels = Json::array();
+  for (std::size_t channel = 0; channel < kChannels; ++channel) {
+    channels.push_back(channel_json(channel, statistics.channel(channel), intervals[channel]));
+  }
+  const timing::StreamFileHeader& header = input.reader.header();
+  Json facts = {{"file", path.string()},
+                {"file_bytes", or_null(input.file_bytes())},
+                {"header_bytes", input.reader.payload_start_bytes()},
+                {"payload_bytes", or_null(input.payload_bytes())},
+                {"header", header_json(header)},
+                {"decodable", timing::StreamDecoder(header).decodes()},
+                {"tags", statistics.tags()},
+                {"undecoded_bytes", input.reader.undecoded_bytes()},
+                {"channels", std::move(channels)}};
+  if (header.stream_format == timing::Format::packed_delta) {
+    facts["locks"] = locks_json(locks, header);
+  }
+  return facts;
+}
+
+std::string text_of(const Json& facts) {
+  std::string text;
+  put_lines(facts, "", text);
+  return text;
+}
+
+int info(const InfoOptions& options) {
+  int status = kExitSuccess;
+  Json files = Json::array();
+  for (const std::filesystem::path& file : options.files) {
+    try {
+      Json facts = facts_of(file, options.chunk_bytes);
+      if (options.json) {
+        files.push_back(std::move(facts));
+      } else {
+        std::cout << text_of(facts) << std::flush;
+      }
+    } catch (const timing::Error& error) {
+      std::cerr << "ortime: " << error.what() << std::endl;
+      status = kExitError;
+    }
+  }
+  if (options.json) {
+    const Json document = {{"files", std::move(files)}};
+    std::cout << document.dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
+  }
+  return status;
+}
+
+}  // namespace orvo::inspection

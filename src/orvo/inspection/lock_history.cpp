@@ -1,0 +1,52 @@
+#include "orvo/inspection/lock_history.h"
+
+#include <numeric>
+
+namespace orvo::inspection {
+
+using Kind = timing::LockEvent::Kind;
+
+void LockHistory::add(const timing::LockEvent& event) {
+  ++counts_[static_cast<std::size_t>(event.kind)];
+  if (event.kind != Kind::rejected_alignment) {  // which skips nothing itself
+    skipped_bytes_ += event.drop_bytes;
+  }
+  if (entries_.size() < kMaxEntries) {
+    entries_.push_back({event, last_time_ps_, std::nullopt});
+  }
+}
+
+void LockHistory::pass(std::span<const timing::TimeTag> tags) {
+  for (Entry& entry : entries_) {
+    // Modulo 2^64: far beyond the tags where the event is before them.
+    const std::uint64_t behind = entry.event.tags_before - tags_;
+    if (behind < tags.size()) {
+      entry.next_ps = tags[behind].time_ps;
+    }
+    if (behind - 1 < tags.size()) {
+      entry.time_ps = tags[behind - 1].time_ps;
+    }
+  }
+  tags_ += tags.size();
+  if (!tags.empty()) {
+    last_time_ps_ = tags.back().time_ps;
+  }
+}
+
+std::uint64_t LockHistory::count(Kind kind) const {
+  return counts_[static_cast<std::size_t>(kind)];
+}
+
+std::uint64_t LockHistory::left_out() const {
+  return std::accumulate(counts_.begin(), counts_.end(), std::uint64_t{0}) - entries_.size();
+}
+
+std::uint64_t LockHistory::dropped() const {
+  std::uint64_t sum = 0;
+  for (std::size_t kind = 0; kind < kKinds; ++kind) {
+    sum += timing::drops_lock(static_cast<Kind>(kind)) ? counts_[kind] : 0;
+  }
+  return sum;
+}
+
+}  // namespace orvo::inspection

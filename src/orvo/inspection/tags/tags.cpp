@@ -1,0 +1,70 @@
+#include "orvo/inspection/tags/tags.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <iterator>
+#include <vector>
+
+#include "orvo/inspection/exit_status.h"
+#include "orvo/inspection/printable_text.h"
+#include "orvo/inspection/stream_input.h"
+#include "orvo/inspection/tags/progress.h"
+#include "orvo/timing/error.h"
+
+namespace orvo::inspection {
+namespace {
+
+using timing::TimeTag;
+
+/// What the reader has begun to read. It asks a plain function before each chunk, so this cannot
+/// be kept elsewhere.
+std::uint64_t chunks_begun = 0;
+
+bool count_chunk() {
+  ++chunks_begun;
+  return false;
+}
+
+void copy_tags(StreamInput& input, const TagsOptions& options, TagWriter& writer) {
+  const bool results_on_terminal =
+      (options.output.empty() || options.output == "-") && isatty(STDOUT_FILENO) == 1;
+  ProgressBar progress(input.file_bytes(), results_on_terminal);
+  const bool all = options.channel_mask == 0x0F && !options.from_ps && !options.to_ps;
+  const auto wanted = [&](const TimeTag& tag) {
+    return (options.channel_mask >> tag.channel & 1) != 0 &&
+           (!options.from_ps || tag.time_ps >= *options.from_ps) &&
+           (!options.to_ps || tag.time_ps < *options.to_ps);
+  };
+  std::vector<TimeTag> kept;
+  chunks_begun = 0;
+  input.reader.interrupted = count_chunk;
+  input.read(options.chunk_bytes, [&](std::span<const TimeTag> tags) {
+    if (!all) {
+      kept.clear();
+      std::copy_if(tags.begin(), tags.end(), std::back_inserter(kept), wanted);
+    }
+    writer.write(all ? tags : kept);
+    progress.update(chunks_begun * options.chunk_bytes);
+  });
+}
+
+}  // namespace
+
+int tags(const TagsOptions& options) {
+  StreamInput input(options.file);
+  if (!timing::StreamDecoder(input.reader.header()).decodes()) {
+    throw timing::Error(OT_ERR_FORMAT,
+                        printable(options.file.string()) +
+                            ": its header describes records that cannot be decoded; look at it "
+                            "with 'ortime info'");
+  }
+  OutputFile output(options.output, {options.file});
+  TagWriter writer(options.format, output);
+  copy_tags(input, options, writer);
+  writer.finish();
+  output.publish();
+  return kExitSuccess;
+}
+
+}  // namespace orvo::inspection

@@ -1,0 +1,179 @@
+// Stream files looked into: `info` and `tags`.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <nlohmann/json.hpp>
+
+#include "orvo/inspection/exit_status.h"
+#include "orvo/inspection/info.h"
+#include "orvo/inspection/lock_history.h"
+#include "orvo/inspection/tags/tags.h"
+#include "orvo/timing/stream_files.h"
+#include "support/decoding.h"
+#include "support/error_of.h"
+#include "support/packed_streams.h"
+#include "support/scratch.h"
+
+namespace orvo::tests {
+namespace {
+
+using inspection::TagFormat;
+using inspection::TagsOptions;
+using timing::LockEvent;
+using timing::StreamFileHeader;
+
+using Time = std::optional<std::int64_t>;
+
+class Inspection : public testing::Test {
+ protected:
+  /// A raw64 file of picosecond records.
+  void write_tags(const Tags& tags, StreamFileHeader header = {}) {
+    header.stream_format = timing::Format::raw64;
+    Bytes payload;
+    for (const auto& [channel, time_ps] : tags) {
+      put_big_endian(payload, std::uint64_t{channel} << 61 | static_cast<std::uint64_t>(time_ps),
+                     8);
+    }
+    write_stream(header, payload);
+  }
+  void write_stream(const StreamFileHeader& header, const Bytes& payload) {
+    timing::StreamFileWriter writer;
+    writer.open(file, header);
+    writer.write(payload.data(), payload.size());
+  }
+
+  /// What `tags` writes to `name`, a file of the scratch directory.
+  std::string tags(const std::string& name, TagFormat format = TagFormat::csv, Time from_ps = {},
+                   Time to_ps = {}, std::uint8_t channel_mask = 0x0F,
+                   std::uint64_t chunk_bytes = 1000) {
+    const TagsOptions options = {file,  scratch.file(name), format, channel_mask, from_ps,
+                                 to_ps, chunk_bytes};
+    EXPECT_EQ(inspection::tags(options), inspection::kExitSuccess);
+    return read_file(scratch.file(name));
+  }
+
+  ScratchDirectory scratch;
+  std::string file = scratch.file("a.ortime");
+};
+
+TEST_F(Inspection, TagsInEveryFormat) {
+  write_tags({{0, 5}, {3, 258}, {1, 7}, {0, 5}});
+  EXPECT_EQ(tags("t"), "channel,time_ps\n0,5\n3,258\n1,7\n0,5\n");
+  EXPECT_EQ(tags("t", TagFormat::csv, {}, 258, 0b1001), "channel,time_ps\n0,5\n0,5\n");
+  EXPECT_EQ(tags("t", TagFormat::csv, 259), "channel,time_ps\n");
+  EXPECT_EQ(tags("t", TagFormat::jsonl, 7),
+            "{\"channel\":3,\"time_ps\":258}\n{\"channel\":1,\"time_ps\":7}\n");
+  const std::string npy = tags("t", TagFormat::npy, 6, 259);
+  const std::string start("\x93NUMPY\x01\x00\x76\x00", 10);
+  ASSERT_EQ(npy.size(), 128U + 18U);
+  EXPECT_EQ(npy.substr(0, 10), start);
+  EXPECT_EQ(npy.substr(10, 97),
+            "{'descr': [('channel', '|u1'), ('time_ps', '<i8')], 'fortran_order': False, "
+            "'shape': (2,), }     ");
+  EXPECT_EQ(npy[127], '\n');
+  EXPECT_EQ(npy.substr(128), std::string("\3\2\1\0\0\0\0\0\0\1\7\0\0\0\0\0\0\0", 18));
+}
+
+TEST_F(Inspection, ManyTagsCrossEveryBlockAndAreWholeOrAbsent) {
+  Tags many;
+  std::string csv = "channel,time_ps\n";
+  for (unsigned i = 0; i < 200'000; ++i) {
+    many.push_back({static_cast<std::uint8_t>(i % 4), i * 1000});
+    csv += std::to_string(i % 4) + ',' + std::to_string(i * 1000) + '\n';
+  }
+  write_tags(many);
+  EXPECT_TRUE(tags("t.csv") == csv);
+  EXPECT_EQ(tags("t.npy", TagFormat::npy, {}, {}, 0x0F, 1 << 20).size(), 128U + 9U * 200'000U);
+
+  std::filesystem::create_hard_link(file, scratch.file("hard"));
+  std::filesystem::create_symlink(file, scratch.file("link"));
+  const std::string before = read_file(file);
+  for (const char* const name : {"a.ortime", "hard", "link"}) {
+    EXPECT_NE(error_of([&] { tags(name); }).find("is an input file"), std::string::npos);
+  }
+  EXPECT_TRUE(read_file(file) == before);
+  TagsOptions full;
+  full.file = file;
+  full.output = "/dev/full";
+  EXPECT_EQ(error_of([&] { return inspection::tags(full); }),
+            "cannot write /dev/full: No space left on device [-2]");
+  std::filesystem::create_symlink(scratch.file("t.csv"), scratch.file("to_csv"));
+  tags("to_csv", TagFormat::csv, 199'999'000);  // replaces what the link leads to
+  EXPECT_EQ(read_file(scratch.file("t.csv")), "channel,time_ps\n3,199999000\n");
+  std::size_t left = 0;
+  for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator(scratch.path())) {
+    ++left;
+  }
+  EXPECT_EQ(left, 6U);  // the recording and its links, two outputs, a link: nothing unfinished
+}
+
+TEST_F(Inspection, InfoTellsChannelsInDisorder) {
+  StreamFileHeader header;
+  header.application = "\x1b[31m\xff\xc2\x9b ü\n";
+  write_tags({{0, 10}, {1, 1}, {0, 40}, {0, 30}, {0, 30}}, header);
+  const nlohmann::ordered_json json = inspection::facts_of(file, 8);
+  const std::string text = inspection::text_of(json);
+  EXPECT_TRUE(text.ends_with(
+      "\ntags=5\nundecoded_bytes=0\nchannels:\n"
+      "  channel=0 tags=4 first_ps=10 last_ps=40 span_ps=30 rate_hz=100000000000.000000"
+      " shortest_interval_ps=-10 longest_interval_ps=30\n"
+      "  channel=1 tags=1 first_ps=1 last_ps=1 span_ps=0\n"
+      "  channel=2 tags=0\n  channel=3 tags=0\n"))
+      << text;
+  EXPECT_EQ(text.find('\x1b'), std::string::npos) << text;
+  EXPECT_TRUE(json["channels"][1]["rate_hz"].is_null());
+  EXPECT_EQ(json["channels"][0]["shortest_interval_ps"], -10);
+  EXPECT_FALSE(json.contains("locks"));
+
+  write_file(scratch.file("bad"), "no stream file");
+  testing::internal::CaptureStdout();
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(inspection::info({{scratch.file("bad"), file}, true}), inspection::kExitError);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "ortime: " + scratch.file("bad") + ": not an Orvo timing stream file\n");
+  const auto document = nlohmann::json::parse(testing::internal::GetCapturedStdout());
+  EXPECT_EQ(document["files"].size(), 1U);
+}
+
+TEST_F(Inspection, LocksAreDatedByTheTagBefore) {
+  PackedStreams streams(7);
+  StreamFileHeader header = streams.header();
+  write_stream(header, streams.stream(header, 300'000, 2'000, false));
+  timing::StreamFileReader reader;
+  std::vector<LockEvent> events;
+  reader.on_lock_event = [&](const LockEvent& event) { events.push_back(event); };
+  reader.open(file);
+  const Tags all = reader.decode_next_tags(~0UL, 4096);
+  const nlohmann::ordered_json facts = inspection::facts_of(file, 4096);
+  const nlohmann::ordered_json& locks = facts["locks"];
+  ASSERT_GT(locks["dropped"], 3U);
+  ASSERT_EQ(locks["events"].size() + locks["events_left_out"].get<std::size_t>(), events.size());
+  for (std::size_t i = 0; i < locks["events"].size(); ++i) {
+    const nlohmann::ordered_json& event = locks["events"][i];
+    const std::uint64_t before = events[i].tags_before;
+    EXPECT_EQ(event["payload_offset_bytes"], events[i].payload_offset_bytes);
+    EXPECT_EQ(event["detail"], describe(events[i], header));
+    EXPECT_EQ(event["time_ps"].is_null(), before == 0);
+    EXPECT_TRUE(before == 0 || event["time_ps"] == all[before - 1].time_ps);
+  }
+
+  inspection::LockHistory endless;
+  for (unsigned i = 0; i < 100'000; ++i) {
+    endless.add({i % 2 == 0 ? LockEvent::Kind::locked : LockEvent::Kind::imbalanced, 0, 0, 3});
+  }
+  EXPECT_EQ(endless.entries().size(), inspection::LockHistory::kMaxEntries);
+  EXPECT_EQ(endless.left_out(), 100'000U - inspection::LockHistory::kMaxEntries);
+  EXPECT_EQ(endless.dropped(), 50'000U);
+  inspection::LockHistory dated;
+  dated.pass(Tags{{0, 5}, {1, 6}});
+  dated.add({LockEvent::Kind::imbalanced, 0, 2});
+  dated.add({LockEvent::Kind::locked, 0, 3});
+  dated.pass(Tags{{0, 7}, {1, 8}});
+  EXPECT_EQ(dated.entries()[0].time_ps, 6);
+  EXPECT_EQ(dated.entries()[0].next_ps, 7);
+  EXPECT_EQ(dated.entries()[1].time_ps, 7);
+  EXPECT_EQ(dated.entries()[1].next_ps, 8);
+}
+
+}  // namespace
+}  // namespace orvo::tests
