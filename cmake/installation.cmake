@@ -1,0 +1,75 @@
+# What `cmake --install` puts where. Everything installed finds the rest by its own place, so that
+# the prefix can be chosen when installing and moved later.
+include(CMakePackageConfigHelpers)
+
+set(package_dir "${CMAKE_INSTALL_LIBDIR}/cmake/orvo_timing")
+set(man_dir "${CMAKE_INSTALL_MANDIR}/man1")
+# Not a folder that a loader or a linker searches: the simulated instrument answers only when asked.
+set(simulated_dir "${CMAKE_INSTALL_LIBDIR}/orvo_timing/simulated")
+
+# The programs.
+install(TARGETS orvo_installed_tool DESTINATION "${CMAKE_INSTALL_BINDIR}")
+install(FILES docs/man/ot_verify_overflow_frequency.1 DESTINATION "${man_dir}")
+if(TARGET ortime)
+  install(TARGETS ortime DESTINATION "${CMAKE_INSTALL_BINDIR}")
+  install(FILES docs/man/ortime.1 DESTINATION "${man_dir}")
+endif()
+
+# The settings: those of the source, but with results below the working directory, since those of an
+# installation are nobody's to write.
+set(settings_file src/orvo/verification/ot_verify_overflow_frequency.ini)
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${settings_file})
+file(READ ${settings_file} settings)
+string(REPLACE
+  "# Folder for results. Without one: logs/verification/overflow_frequency of the source tree.
+# output_root = results
+"
+  "# Folder for results, from the working directory on. A file of your own should set it too: without
+# it they go to logs/verification/overflow_frequency of the prefix where the tool is installed.
+output_root = logs/verification/overflow_frequency
+" installed_settings "${settings}")
+if(installed_settings STREQUAL settings)
+  message(FATAL_ERROR "${settings_file}: the lines about output_root are not those that "
+                      "cmake/installation.cmake replaces")
+endif()
+file(CONFIGURE OUTPUT installed/ot_verify_overflow_frequency.ini
+     CONTENT "${installed_settings}" @ONLY)
+install(FILES "${PROJECT_BINARY_DIR}/installed/ot_verify_overflow_frequency.ini"
+        DESTINATION "${CMAKE_INSTALL_DATADIR}/orvo_timing/verification")
+
+# The simulated instrument and the word that puts it in the maker's place.
+if(TARGET orvo_simulator)
+  install(TARGETS orvo_simulator LIBRARY DESTINATION "${simulated_dir}" NAMELINK_SKIP)
+  file(RELATIVE_PATH simulated_from_programs
+       "${CMAKE_INSTALL_FULL_BINDIR}" "${CMAKE_INSTALL_FULL_LIBDIR}/orvo_timing/simulated")
+  configure_file(packaging/ot-simulated.in installed/ot-simulated @ONLY)
+  install(PROGRAMS "${PROJECT_BINARY_DIR}/installed/ot-simulated"
+          DESTINATION "${CMAKE_INSTALL_BINDIR}")
+  install(FILES docs/man/ot-simulated.1 DESTINATION "${man_dir}")
+  install(FILES docs/simulator.md DESTINATION "${CMAKE_INSTALL_DOCDIR}")
+endif()
+install(FILES docs/stream-format.md DESTINATION "${CMAKE_INSTALL_DOCDIR}")
+
+# The libraries, for find_package(orvo_timing).
+install(TARGETS orvo_stream orvo_evaluation EXPORT orvo_timing
+        ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}"
+        FILE_SET HEADERS DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}"
+        INCLUDES DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
+install(TARGETS orvo_device EXPORT orvo_timing_device
+        ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}"
+        FILE_SET HEADERS DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}"
+        INCLUDES DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
+foreach(export orvo_timing orvo_timing_device)
+  install(EXPORT ${export} NAMESPACE orvo:: FILE ${export}_targets.cmake
+          DESTINATION "${package_dir}")
+endforeach()
+set(simulated_driver "${simulated_dir}/liborvo_timing.so.0")
+configure_package_config_file(cmake/orvo_timing-config.cmake.in
+  "${PROJECT_BINARY_DIR}/installed/orvo_timing-config.cmake"
+  INSTALL_DESTINATION "${package_dir}" PATH_VARS simulated_driver)
+# Below 1.0 a new minor version may change what users compile against.
+write_basic_package_version_file("${PROJECT_BINARY_DIR}/installed/orvo_timing-config-version.cmake"
+  COMPATIBILITY SameMinorVersion)
+install(FILES "${PROJECT_BINARY_DIR}/installed/orvo_timing-config.cmake"
+              "${PROJECT_BINARY_DIR}/installed/orvo_timing-config-version.cmake"
+        DESTINATION "${package_dir}")

@@ -1,0 +1,98 @@
+# Installs the build into a scratch prefix, moves it, and uses it as a stranger would.
+cmake_minimum_required(VERSION 3.25)
+
+foreach(name LD_LIBRARY_PATH ORVO_SIM ORVO_TIMING_PORT ORVO_TIMING_USB_SERIAL ORVO_PACKED_DEBUG)
+  unset(ENV{${name}})
+endforeach()
+file(REMOVE_RECURSE "${WORK_DIR}")
+file(MAKE_DIRECTORY "${WORK_DIR}/empty" "${WORK_DIR}/links")
+
+# Runs a command in the empty folder, and fails unless it ends with `status`.
+function(run status)
+  execute_process(COMMAND ${ARGN} WORKING_DIRECTORY "${WORK_DIR}/empty"
+                  RESULT_VARIABLE result OUTPUT_VARIABLE out ERROR_VARIABLE err)
+  if(NOT result STREQUAL status)
+    message(FATAL_ERROR "status ${result} instead of ${status}: ${ARGN}\n${out}${err}")
+  endif()
+  set(out "${out}" PARENT_SCOPE)
+  set(err "${err}" PARENT_SCOPE)
+endfunction()
+
+function(expect text part)
+  string(FIND "${text}" "${part}" place)
+  if(place EQUAL -1)
+    message(FATAL_ERROR "no '${part}' in:\n${text}")
+  endif()
+endfunction()
+
+run(0 "${CMAKE_COMMAND}" --install "${BUILD_DIR}" --prefix "${WORK_DIR}/staged")
+set(prefix "${WORK_DIR}/moved here")
+file(RENAME "${WORK_DIR}/staged" "${prefix}")
+set(tool "${prefix}/bin/ot_verify_overflow_frequency")
+set(simulated "${prefix}/bin/ot-simulated")
+
+# Nothing points back to where it was built or put first.
+file(GLOB_RECURSE texts "${prefix}/*.cmake" "${prefix}/*.ini" "${simulated}")
+foreach(file ${texts})
+  file(READ "${file}" text)
+  foreach(place "${SOURCE_DIR}/" "${BUILD_DIR}/" "${WORK_DIR}/staged")
+    string(FIND "${text}" "${place}" found)
+    if(NOT found EQUAL -1)
+      message(FATAL_ERROR "${file} names ${place}")
+    endif()
+  endforeach()
+endforeach()
+file(GLOB programs "${tool}" "${prefix}/bin/ortime")
+foreach(program ${programs})
+  run(0 "${READELF}" -d "${program}")
+  if(out MATCHES "RPATH|RUNPATH")
+    message(FATAL_ERROR "${program} brings its own search path:\n${out}")
+  endif()
+endforeach()
+
+# Without the driver library the loader says which one is missing.
+run(127 "${tool}" --help)
+expect("${err}" "liborvo_timing.so.0")
+
+# The wrapper: usage, and statuses and signals that are the program's own.
+run(64 "${simulated}")
+expect("${err}" "Usage: ot-simulated")
+run(64 "${simulated}" --unknown)
+run(0 "${simulated}" --help)
+run(7 "${simulated}" sh -c "exit 7")
+run("Subprocess terminated" "${simulated}" sh -c "kill -TERM $$")
+run(127 "${simulated}" no-such-program)
+
+# One word in an empty folder: the installed settings, and results below that folder. Links to the
+# programs do.
+foreach(name ot-simulated ot_verify_overflow_frequency)
+  file(CREATE_LINK "${prefix}/bin/${name}" "${WORK_DIR}/links/${name}" SYMBOLIC)
+endforeach()
+set(output_root "${WORK_DIR}/empty/logs/verification/overflow_frequency")
+foreach(program "${WORK_DIR}/links/ot_verify_overflow_frequency" ot_verify_overflow_frequency)
+  run(0 "${WORK_DIR}/links/ot-simulated" "${program}" --frequencies-hz=10000 --capture-s=0.1)
+  expect("${out}"
+         "Config: ${prefix}/share/orvo_timing/verification/ot_verify_overflow_frequency.ini\n")
+  expect("${out}" "Output: ${output_root}/")
+endforeach()
+
+# A project of its own finds the package, compiles all its headers, and decodes the recording.
+run(0 "${CMAKE_COMMAND}" -S "${CMAKE_CURRENT_LIST_DIR}/consumer" -B "${WORK_DIR}/consumer"
+    -G "${GENERATOR}" "-DCMAKE_PREFIX_PATH=${prefix}" "-DCMAKE_CXX_COMPILER=${CXX}"
+    "-DCMAKE_CXX_FLAGS=${CXX_FLAGS}" "-DCMAKE_BUILD_TYPE=${BUILD_TYPE}")
+expect("${out}" "orvo_timing ${prefix}/")
+run(0 "${CMAKE_COMMAND}" --build "${WORK_DIR}/consumer")
+file(GLOB recording "${output_root}/*/overflow_frequency_01.ortime")
+list(GET recording -1 recording)
+run(0 "${WORK_DIR}/consumer/judge" "${recording}" 3098)
+file(READ "${output_root}/latest.csv" csv)
+string(REGEX MATCHALL "[^\n]+" channels "${out}")
+list(LENGTH channels count)
+if(NOT count EQUAL 4)
+  message(FATAL_ERROR "not one line a channel:\n${out}")
+endif()
+foreach(channel ${channels})
+  expect("${csv}" "${channel}")
+endforeach()
+run(0 "${WORK_DIR}/consumer/discover")
+expect("${out}" "simulated")
