@@ -72,11 +72,17 @@ TEST_F(Capture, ReadsBecomeThePayloadInOrder) {
   EXPECT_EQ(driver.take_calls(), kSetUp + kRead + kRead + kRead + kRead + kRead + "stop 1; ");
 }
 
-TEST_F(Capture, CountBeyondTheBufferIsZerosAndTheNextReadIsOfFullSize) {
-  driver.reads = {{OT_OK, std::string(5000, 'x')}, {OT_OK, "y"}, {OT_OK, "z"}, {-2, ""}};
+TEST_F(Capture, BytesThatAreClaimedButNotWrittenAreZeros) {
+  driver.reads = {{OT_OK, std::string(5000, 'x')}};
+  std::string expected = std::string(4096, 'x') + std::string(904, '\0');
+  for (const ScriptedRead& read : {ScriptedRead{OT_OK, "long"}, {OT_OK, "y"}, {OT_OK, "z", 3}}) {
+    driver.reads.insert(driver.reads.end(), 9, read);  // more than there are chunks
+    for (int i = 0; i < 9; ++i) expected += read.bytes + std::string(read.claimed, '\0');
+  }
+  driver.reads.push_back({-2, ""});
   EXPECT_EQ(error(), "read_stream_bytes: status text (detail) [-2]");
-  EXPECT_EQ(payload_of(path), std::string(4096, 'x') + std::string(904, '\0') + "yz");
-  EXPECT_TRUE(driver.take_calls().starts_with(kSetUp + kRead + kRead + kRead + kRead + "last"));
+  EXPECT_EQ(payload_of(path), expected);
+  EXPECT_TRUE(driver.take_calls().starts_with(kSetUp + kRead + kRead + kRead + kRead));
 }
 
 TEST_F(Capture, HeaderSaysWhatWasRecorded) {

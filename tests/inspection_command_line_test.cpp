@@ -20,7 +20,7 @@ Command parse(const std::string& words) {
   std::istringstream stream("ortime " + words);
   const std::vector<std::string> list(std::istream_iterator<std::string>(stream), {});
   std::vector<const char*> argv;
-  for (const std::string& word : list) argv.push_back(word.c_str());
+  for (const std::string& word : list) argv.push_back(word == "''" ? "" : word.c_str());
   return inspection::parse_command_line(static_cast<int>(argv.size()), argv.data());
 }
 
@@ -61,6 +61,7 @@ TEST(CommandLine, UsageErrorsNameTheFaultAndWhereToLook) {
       {"verify " + file + " --divider 3 --channel-mask 0b", "a mask of channels"},
       {"verify " + file + " --divider 3 --min-tags-per-channel 18446744073709551616", "integer"},
       {"report x", "--output is required"},
+      {"report x -o ''", "the name is empty"},
   };
   for (const auto& [words, told] : cases) {
     SCOPED_TRACE(words);

@@ -1,5 +1,7 @@
 // Stream files looked into: `info` and `tags`.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <nlohmann/json.hpp>
@@ -92,11 +94,17 @@ TEST_F(Inspection, ManyTagsCrossEveryBlockAndAreWholeOrAbsent) {
     EXPECT_NE(error_of([&] { tags(name); }).find("is an input file"), std::string::npos);
   }
   EXPECT_TRUE(read_file(file) == before);
-  TagsOptions full;
-  full.file = file;
-  full.output = "/dev/full";
-  EXPECT_EQ(error_of([&] { return inspection::tags(full); }),
+  TagsOptions elsewhere;
+  elsewhere.file = file;
+  elsewhere.output = "/dev/full";
+  EXPECT_EQ(error_of([&] { return inspection::tags(elsewhere); }),
             "cannot write /dev/full: No space left on device [-2]");
+  write_file(scratch.file("t.csv"), "before\n");
+  const int open_already = open(scratch.file("t.csv").c_str(), O_WRONLY | O_APPEND);
+  elsewhere.output = "/dev/fd/" + std::to_string(open_already);
+  EXPECT_EQ(inspection::tags(elsewhere), inspection::kExitSuccess);
+  EXPECT_TRUE(read_file(scratch.file("t.csv")) == "before\n" + csv);
+  close(open_already);
   std::filesystem::create_symlink(scratch.file("t.csv"), scratch.file("to_csv"));
   tags("to_csv", TagFormat::csv, 199'999'000);  // replaces what the link leads to
   EXPECT_EQ(read_file(scratch.file("t.csv")), "channel,time_ps\n3,199999000\n");

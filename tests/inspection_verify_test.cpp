@@ -120,7 +120,7 @@ TEST_F(Verify, TellsWhereTheReportSaysOtherwise) {
                       "ortime: run 1: ch0 last_ps="))
       << err;
   EXPECT_NE(err.find("ch1 pass=false differs from the report: true\n"), std::string::npos);
-  EXPECT_TRUE(err.ends_with(" --chunk-bytes or --min-tags-per-channel?\n"));
+  EXPECT_TRUE(err.ends_with(" --min-tags-per-channel, digits of --tolerance-ppm?\n"));
 }
 
 TEST_F(Verify, RefusesWhatCannotBeJudged) {

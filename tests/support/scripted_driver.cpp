@@ -67,7 +67,7 @@ ot_status ScriptedDriver::read(bool valid, std::uint8_t* buffer, std::uint64_t c
   record(text("read ", capacity, ' ', timeout_ms, '/', got), valid);
   const ScriptedRead next = reads.front();
   reads.erase(reads.begin());
-  got = next.bytes.size();
+  got = next.bytes.size() + next.claimed;
   std::memcpy(buffer, next.bytes.data(), std::min<std::size_t>(next.bytes.size(), capacity));
   return next.status;
 }

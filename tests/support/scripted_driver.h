@@ -15,6 +15,7 @@ namespace orvo::tests {
 struct ScriptedRead {
   ot_status status = OT_OK;
   std::string bytes;  // copied as far as they fit; the count told is that of all, on any status
+  std::uint64_t claimed = 0;  // more bytes, told and not written
 };
 
 struct ScriptedInstrument {

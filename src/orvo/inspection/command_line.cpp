@@ -71,6 +71,14 @@ CLI::Option* add(CLI::App* command, const char* names, Value& value, const char*
   return command->add_option(names, value, help)->type_name(type);
 }
 
+/// An empty name, such as that of an unset variable in a shell, is not for standard output.
+CLI::Option* add_output(CLI::App* command, std::filesystem::path& output, const char* help) {
+  return add(command, "-o,--output", output, "FILE", help)
+      ->check(CLI::Validator(
+          [](std::string& text) { return std::string(text.empty() ? "the name is empty" : ""); },
+          ""));
+}
+
 void add_chunk_bytes(CLI::App* command, std::uint64_t& chunk_bytes) {
   add(command, "--chunk-bytes", chunk_bytes, "N",
       "Payload bytes read at a time [1048576]; what survives of\n"
@@ -141,9 +149,9 @@ void add_tags(CLI::App& program, Command& chosen) {
                        : fmt::format("'{}' is not csv, jsonl or npy", printable(text));
           },
           ""));
-  add(command, "-o,--output", options.output, "FILE",
-      "Output [standard output, like -]; a file appears when it\n"
-      "is whole");
+  add_output(command, options.output,
+             "Output [standard output, like -]; a file appears when it\n"
+             "is whole");
   add(command, "--channel", words->channels, "N", "Only tags of channel N, 0 to 3; may be repeated")
       ->allow_extra_args(false)
       ->transform(integer_from<unsigned>(0, 3));
@@ -210,7 +218,7 @@ void add_report(CLI::App& program, Command& chosen) {
   CLI::App* const command =
       program.add_subcommand("report", "One self-contained HTML page for a run directory");
   add(command, "RUN_DIR", options->run_dir, "", "Run directory")->required();
-  add(command, "-o,--output", options->output, "FILE", "The page")->required();
+  add_output(command, options->output, "The page")->required();
   add_chunk_bytes(command, options->chunk_bytes);
   command->callback([options, &chosen] { chosen = *options; });
 }

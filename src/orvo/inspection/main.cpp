@@ -51,6 +51,7 @@ int with_results_written(int status) {
 int main(int argc, char** argv) {
   occupy_standard_descriptors();
   std::signal(SIGPIPE, SIG_DFL);  // whoever started us may ignore it: end quietly all the same
+  std::signal(SIGXFSZ, SIG_IGN);  // a file that may not grow is an error of the write
   try {
     return with_results_written(std::visit(Runner(), inspection::parse_command_line(argc, argv)));
   } catch (const std::exception& error) {

@@ -7,9 +7,12 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <charconv>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <optional>
+#include <string_view>
 #include <utility>
 
 #include "orvo/inspection/printable_text.h"
@@ -29,7 +32,7 @@ void remove_unfinished(int signal) {
 
 /// What the signals that end a program do unless they are ignored.
 void on_signals(void (*action)(int)) {
-  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGPIPE}) {
     struct sigaction present = {};
     sigaction(signal, nullptr, &present);
     if (present.sa_handler != SIG_IGN) {
@@ -38,11 +41,32 @@ void on_signals(void (*action)(int)) {
   }
 }
 
+/// The descriptor that `path` is a name of, such as 1 for /dev/stdout. Opened anew, what stands
+/// behind it would be written from its front, or be replaced.
+std::optional<int> descriptor_named(const std::string& path) {
+  if (path.empty() || path == "-" || path == "/dev/stdout") {
+    return STDOUT_FILENO;
+  }
+  if (path == "/dev/stderr") {
+    return STDERR_FILENO;
+  }
+  for (const std::string_view folder : {"/dev/fd/", "/proc/self/fd/"}) {
+    int number = 0;
+    const char* const end = path.data() + path.size();
+    if (path.starts_with(folder) &&
+        std::from_chars(path.data() + folder.size(), end, number).ptr == end) {
+      return number;
+    }
+  }
+  return std::nullopt;
+}
+
 }  // namespace
 
 OutputFile::OutputFile(const std::filesystem::path& path,
                        const std::vector<std::filesystem::path>& inputs) {
-  const bool standard = path.empty() || path == "-";
+  const std::optional<int> open_already = descriptor_named(path);
+  const bool standard = open_already == STDOUT_FILENO;
   name_ = standard ? "standard output" : printable(path.string());
   std::error_code error;  // what cannot be looked at is opened, which tells why
   for (const std::filesystem::path& input : inputs) {
@@ -52,8 +76,11 @@ OutputFile::OutputFile(const std::filesystem::path& path,
                           name_ + " is an input file: name another one for the output");
     }
   }
-  if (standard) {
-    descriptor_ = STDOUT_FILENO;
+  if (open_already) {
+    descriptor_ = fcntl(*open_already, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    if (descriptor_ < 0) {
+      fail("cannot open ");
+    }
     return;
   }
   const std::filesystem::file_status status = std::filesystem::status(path, error);
@@ -88,7 +115,7 @@ void OutputFile::open_temporary() {
 }
 
 OutputFile::~OutputFile() {
-  if (descriptor_ > STDERR_FILENO) {
+  if (descriptor_ >= 0) {
     close(descriptor_);
   }
   if (!temporary_.empty()) {
@@ -107,8 +134,6 @@ void OutputFile::write(std::span<const char> bytes) {
   }
 }
 
-bool OutputFile::can_seek() const noexcept { return lseek(descriptor_, 0, SEEK_CUR) >= 0; }
-
 void OutputFile::write_front(std::span<const char> bytes) {
   if (pwrite(descriptor_, bytes.data(), bytes.size(), 0) != std::ssize(bytes)) {
     fail("cannot write ");
@@ -116,9 +141,6 @@ void OutputFile::write_front(std::span<const char> bytes) {
 }
 
 void OutputFile::publish() {
-  if (descriptor_ <= STDERR_FILENO) {
-    return;
-  }
   if (close(std::exchange(descriptor_, -1)) != 0) {
     fail("cannot write ");
   }

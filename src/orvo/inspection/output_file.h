@@ -14,20 +14,21 @@ namespace orvo::inspection {
 
 class OutputFile {
  public:
-  /// An empty `path` and "-" are standard output. What is no regular file, such as a pipe, is
-  /// written directly; else the bytes go into a file of another name beside `path`, which
-  /// publish() renames. Refuses to write over one of `inputs`, also by another name or through
-  /// links.
+  /// An empty `path` and "-" are standard output. That, what else is open already ("/dev/fd/3"),
+  /// and what is no regular file, such as a pipe, is written directly; else the bytes go into a
+  /// file of another name beside `path`, which publish() renames. Refuses to write over one of
+  /// `inputs`, also by another name or through links.
   OutputFile(const std::filesystem::path& path, const std::vector<std::filesystem::path>& inputs);
 
-  /// Removes what was not published. SIGINT, SIGTERM and SIGHUP remove it too.
+  /// Removes what was not published. SIGINT, SIGTERM, SIGHUP and SIGPIPE remove it too.
   ~OutputFile();
   OutputFile(const OutputFile&) = delete;
   OutputFile& operator=(const OutputFile&) = delete;
 
   void write(std::span<const char> bytes);
 
-  [[nodiscard]] bool can_seek() const noexcept;
+  /// Whether the output is a file of its own, whose front can be written again.
+  [[nodiscard]] bool can_seek() const noexcept { return !temporary_.empty(); }
   /// Overwrites the first bytes; only where can_seek().
   void write_front(std::span<const char> bytes);
 

@@ -54,11 +54,17 @@ bool is_shallow(std::u16string_view text) {
 /// that text in any encoding, or in none, can be read. bytes_of() gives the bytes back.
 json read_json(const std::filesystem::path& path) {
   std::error_code error;
-  const std::uintmax_t size = std::filesystem::file_size(path, error);  // none of a pipe
-  std::ifstream file(path, std::ios::binary);
-  if (error || !file) {
-    throw timing::Error(OT_ERR_IO, fmt::format("cannot open {}: {}", printable(path.string()),
-                                               error ? error.message() : std::strerror(errno)));
+  const std::uintmax_t size = std::filesystem::file_size(path, error);
+  std::ifstream file;
+  if (!error) {  // a pipe has no size; opening one could take for ever
+    file.open(path, std::ios::binary);
+  }
+  if (!file.is_open()) {
+    throw timing::Error(
+        OT_ERR_IO,
+        fmt::format("cannot open {}: {} (a run directory is what the verification has "
+                    "named behind \"Output: \")",
+                    printable(path.string()), error ? error.message() : std::strerror(errno)));
   }
   if (size > kMaxFileBytes) {
     throw timing::Error(OT_ERR_FORMAT,

@@ -34,8 +34,10 @@ StreamInput::StreamInput(std::filesystem::path path, timing::LockListener on_loc
     : path_(std::move(path)) {
   struct stat status = {};
   if (stat(path_.c_str(), &status) != 0 || access(path_.c_str(), R_OK) != 0) {
-    throw timing::Error(OT_ERR_IO, fmt::format("cannot open {}: {}", printable(path_.string()),
-                                               std::strerror(errno)));
+    throw timing::Error(
+        OT_ERR_IO, fmt::format("cannot open {}: {} (stream files are the .ortime files of a run "
+                               "directory)",
+                               printable(path_.string()), std::strerror(errno)));
   }
   if (S_ISDIR(status.st_mode)) {
     throw timing::Error(OT_ERR_ARGUMENT, printable(path_.string()) +

@@ -175,8 +175,8 @@ int verify_directory(const VerifyOptions& options) {
     differs = true;
   }
   if (differs) {
-    std::cerr << "ortime: was the recording changed, or recorded with another --chunk-bytes or "
-                 "--min-tags-per-channel?\n";
+    std::cerr << "ortime: was the recording changed, or made with settings that the report does "
+                 "not tell: --chunk-bytes, --min-tags-per-channel, digits of --tolerance-ppm?\n";
   }
   return status_of(pass);
 }

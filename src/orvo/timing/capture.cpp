@@ -165,10 +165,7 @@ void Device::read_stream(const CaptureRequest& request, detail::CaptureQueue& qu
     }
     ++stream_state.reads;
     stream_state.payload_bytes += got;
-    if (got > chunk.bytes.size()) {
-      chunk.bytes.resize(got);  // bytes that the library claims beyond the buffer count as zero
-    }
-    chunk.used = got;
+    chunk.set_used(got);
     queue.push(std::move(chunk));
     chunk = queue.take_spare();
   }

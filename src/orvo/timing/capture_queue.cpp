@@ -1,10 +1,21 @@
 #include "orvo/timing/capture_queue.h"
 
+#include <algorithm>
+#include <cstring>
 #include <utility>
 
 #include "orvo/timing/error.h"
 
 namespace orvo::timing::detail {
+
+void CaptureChunk::set_used(std::size_t count) {
+  if (count > bytes.size()) {
+    bytes.resize(count);  // bytes that the library claims beyond the buffer count as zero
+  } else if (count < used) {
+    std::memset(bytes.data() + count, 0, used - count);
+  }
+  used = count;
+}
 
 CaptureChunk CaptureQueue::take_spare() {
   {
@@ -64,7 +75,7 @@ std::optional<CaptureChunk> CaptureQueue::pop() {
 
 void CaptureQueue::recycle(CaptureChunk&& chunk) {
   chunk.bytes.resize(chunk_bytes_);
-  chunk.used = 0;
+  chunk.used = std::min(chunk.used, chunk_bytes_);
   const std::lock_guard lock(mutex_);
   if (!done_) {
     spare_.push_back(std::move(chunk));

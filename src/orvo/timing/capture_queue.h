@@ -18,7 +18,11 @@ namespace orvo::timing::detail {
 /// A read buffer and how much of it is filled: a short read costs nothing to take back.
 struct CaptureChunk {
   std::vector<std::uint8_t> bytes;
-  std::size_t used = 0;
+  std::size_t used = 0;  ///< by the last read into it; behind them are zeros
+
+  /// A read has filled `count` bytes. What a longer one left behind them is cleared: it must not
+  /// come back as data where a later read claims more than it fills.
+  void set_used(std::size_t count);
 };
 
 class CaptureQueue {

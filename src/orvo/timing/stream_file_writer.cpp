@@ -26,11 +26,12 @@ void StreamFileWriter::open(const std::string& path, const StreamFileHeader& hea
   if (!file_) {
     throw Error(OT_ERR_IO, "StreamFileWriter: cannot open " + path);
   }
+  file_.setstate(std::ios::failbit);  // whatever throws: no payload without a header
   const std::string text = detail::stream_header_to_json(header_);
   if (text.size() >= kHeaderLimitBytes) {
-    file_.setstate(std::ios::failbit);  // nothing may be written behind a missing header
     throw Error(OT_ERR_ARGUMENT, "StreamFileWriter: header is too large");
   }
+  file_.clear();
   const std::array<char, 4> length = little_endian(static_cast<std::uint32_t>(text.size()));
   file_.write(kStreamFileMagic.data(), kStreamFileMagic.size());
   file_.write(length.data(), length.size());

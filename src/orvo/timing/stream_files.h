@@ -78,7 +78,8 @@ class StreamFileReader {
   /// decoded, which is ahead of giving out their tags.
   LockListener on_lock_event;
 
-  /// Payload bytes read and not decoded: what the end of the payload leaves is lost.
+  /// Payload bytes read that wait to be decoded: what the end of the payload leaves is lost. None
+  /// where StreamDecoder::decodes() is false: all of them are passed over.
   [[nodiscard]] std::uint64_t undecoded_bytes() const noexcept {
     return decoder_ == nullptr ? 0 : decoder_->input_buffer.size();
   }

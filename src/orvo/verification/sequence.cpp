@@ -41,7 +41,7 @@ timing::Device open_device(const Config& config) {
 }
 
 void print_identity(const timing::Device& device) {
-  std::cout << "Device: " << std::flush;  // visible also while the library is at work
+  std::cout << "Device: ";
   ot_identity record = {};
   timing::detail::check(ot_identify(device.handle, &record), "identify", device.handle);
   std::cout << timing::Identity::from_c(record).description << '\n';

@@ -1,6 +1,7 @@
 #include "orvo/inspection/report/report.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <iostream>
 #include <string>
 #include <vector>
@@ -56,6 +57,7 @@ std::string run_sections(const RunDirectory& dir, std::uint64_t chunk_bytes,
 }  // namespace
 
 int report(const ReportOptions& options) {
+  unsetenv("ORVO_PACKED_DEBUG");  // the page has the lock history, and each file is decoded twice
   RunDirectory dir = load_run_directory(options.run_dir);
   dir.path = std::filesystem::canonical(dir.path);  // "." would tell a reader nothing
   std::vector<std::filesystem::path> inputs = {report_path(dir.path)};

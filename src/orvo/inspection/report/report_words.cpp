@@ -131,7 +131,7 @@ std::string lock_words(const RunAnalysis& analysis) {
                  "it out of channel_mask to see them";
   }
   return fmt::format(
-      "the decoder lost its place {}; {} skipped to find it again, {} left over at the end",
+      "the decoder lost its place {}; {} passed over in search of it, {} left over at the end",
       counted(locks.dropped(), "time"), counted(locks.skipped_bytes(), "byte"),
       counted(analysis.undecoded_bytes, "byte"));
 }
