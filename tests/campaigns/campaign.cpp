@@ -28,7 +28,8 @@ int run_campaign(const char* name, std::size_t cases, const Budget& budget,
                                                 : 0;
   std::vector<std::size_t> numbers(cases);
   std::iota(numbers.begin(), numbers.end(), std::size_t{0});
-  std::shuffle(numbers.begin(), numbers.end(), std::mt19937(1));  // the same sample every time
+  std::shuffle(numbers.begin() + static_cast<std::ptrdiff_t>(budget.always), numbers.end(),
+               std::mt19937(1));  // the same sample every time
   if (wanted != 0) numbers.resize(std::min(cases, wanted));
   int failures = 0;
   for (std::size_t process = 0; process < kProcesses; ++process) {

@@ -13,11 +13,13 @@
 
 namespace orvo::tests {
 
-/// The arguments of a campaign's main and how many cases it takes without any; 0 for all.
+/// The arguments of a campaign's main, how many cases it takes without any (0 for all), and how
+/// many of the first ones are in every sample.
 struct Budget {
   int argc;
   char** argv;
   std::size_t by_default;
+  std::size_t always = 0;
 };
 
 /// `attempt(i)` for a sample of the numbers below `cases` on several processes; it returns what was

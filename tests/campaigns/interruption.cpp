@@ -1,6 +1,5 @@
-// Ctrl-C and SIGTERM at every driver call of a run and some time after it, so that they also meet
-// the reading back; in a long capture, while the driver is slow to answer, while reports are
-// written.
+// Ctrl-C, SIGTERM and SIGHUP at every driver call of a run and some time after it; in a long
+// capture or reading back, while the driver is slow to answer, while reports are written.
 //
 //     campaign_interruption [RUNS | all]
 #include <fcntl.h>
@@ -9,6 +8,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <utility>
 
 #include "campaigns/campaign.h"
 #include "orvo/timing/stream_files.h"
@@ -22,6 +22,7 @@ using std::chrono::microseconds;
 using std::chrono::milliseconds;
 
 constexpr std::ptrdiff_t kCallsOfARun = 44;  // about: the number of reads varies
+constexpr std::chrono::seconds kAtOnce{8};   // on a machine that does much else
 
 ToolCall small_call(const char* capture_s) {
   return {.arguments = {"--output-root=out", capture_s, "--chunk-bytes=4096"},
@@ -80,9 +81,9 @@ std::string at_call(std::ptrdiff_t line, microseconds delay, int signal) {
                 call);
 }
 
-/// A capture of many minutes is abandoned at once.
-std::string in_long_capture(const Texts& arguments, const std::string& sim, const char* reached,
-                            int signal) {
+/// What would take many minutes is abandoned at once.
+std::string in_long_phase(const Texts& arguments, const std::string& sim, const char* reached,
+                          const std::string& protocol, int signal) {
   const ScratchDirectory directory;
   ToolCall call{.arguments = arguments, .sim = sim};
   call.arguments.push_back("--output-root=out");
@@ -90,11 +91,11 @@ std::string in_long_capture(const Texts& arguments, const std::string& sim, cons
   tool.run_until([&] { return tool.ledger.find(reached) != std::string::npos; });
   tool.run_for(milliseconds(30));
   tool.signal(signal);
-  const bool late = tool.run_for(std::chrono::seconds(2));
+  const bool late = tool.run_for(kAtOnce);
   tool.finish();
   return report((late ? "ends late" : "") + wrong_end(tool, signal) +
-                    wrong_calls(tool.ledger, "DLOIFMPXFSRZC") +
-                    wrong_files(directory.file("out"), tool.ledger),
+                    wrong_calls(tool.ledger, protocol) +
+                    wrong_recordings(run_dir_in(directory.file("out")), tool.ledger),
                 call);
 }
 
@@ -110,7 +111,7 @@ std::string while_driver_is_slow(int first, int second) {
   if (!tool.run_for(milliseconds(50))) return "ended within a driver call";
   if (second != 0) {
     tool.signal(second);
-    const bool late = tool.run_for(milliseconds(500));
+    const bool late = tool.run_for(kAtOnce);
     tool.finish();
     return late ? "a second signal is not enough" : wrong_end(tool, second);
   }
@@ -153,21 +154,24 @@ std::string while_ignored(int signal) {
   return tool.status == 0 ? "" : "an ignored signal ends the tool";
 }
 
-std::vector<std::function<std::string()>> make_cases() {
-  std::vector<std::function<std::string()>> cases;
-  for (const int signal : {SIGINT, SIGTERM}) {
-    for (std::ptrdiff_t line = 1; line <= kCallsOfARun; ++line) {
-      for (const int delay_us : {0, 300, 1000, 5000, 15000, 40000}) {
-        cases.push_back([=] { return at_call(line, microseconds(delay_us), signal); });
-      }
-    }
+using Cases = std::vector<std::function<std::string()>>;
+
+Cases phases() {
+  Cases cases;
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
     cases.push_back([=] {
-      return in_long_capture({"--capture-s=1000", "--chunk-bytes=4096"}, "",
-                             "ot_read_stream_bytes k=5", signal);
+      return in_long_phase({"--capture-s=1000", "--chunk-bytes=4096"}, "",
+                           "ot_read_stream_bytes k=5", "DLOIFMPXFSRZC", signal);
     });
-    cases.push_back(
-        [=] { return in_long_capture({"--capture-s=1000"}, "pace=bytes:1", "status=-3", signal); });
-    for (const int second : {0, SIGINT, SIGTERM}) {
+    cases.push_back([=] {
+      return in_long_phase({"--capture-s=1000"}, "pace=bytes:1", "status=-3", "DLOIFMPXFSRZC",
+                           signal);
+    });
+    cases.push_back([=] {  // a search for a lock in vain behind each byte that is read back
+      return in_long_phase({"--capture-s=0.3", "--chunk-bytes=1", "--frequencies-hz=100000"},
+                           "silent=1", "ot_stop", "DLOIFMPXFSRTC", signal);
+    });
+    for (const int second : {0, SIGINT, SIGTERM, SIGHUP}) {
       cases.push_back([=] { return while_driver_is_slow(signal, second); });
     }
     for (const bool twice : {false, true}) {
@@ -178,12 +182,26 @@ std::vector<std::function<std::string()>> make_cases() {
   return cases;
 }
 
+Cases every_call() {
+  Cases cases;
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+    for (std::ptrdiff_t line = 1; line <= kCallsOfARun; ++line) {
+      for (const int delay_us : {0, 300, 1000, 5000, 15000, 40000}) {
+        cases.push_back([=] { return at_call(line, microseconds(delay_us), signal); });
+      }
+    }
+  }
+  return cases;
+}
+
 }  // namespace
 }  // namespace orvo::tests
 
 int main(int argc, char** argv) {
   using namespace orvo::tests;
-  const auto cases = make_cases();
-  return run_campaign("interruption", cases.size(), {argc, argv, 150},
+  Cases cases = phases();
+  const std::size_t always = cases.size();
+  for (auto& attempt : every_call()) cases.push_back(std::move(attempt));
+  return run_campaign("interruption", cases.size(), {argc, argv, 150, always},
                       [&](std::size_t i) { return cases[i](); });
 }

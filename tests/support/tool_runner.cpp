@@ -45,7 +45,7 @@ Texts environment_of(const ToolCall& call, int ledger) {
 /// Between fork and exec: system calls alone.
 bool prepare_child(const char* directory, const ToolCall& call, int out, int err, int ledger) {
   const rlimit limit = {call.max_file_bytes, call.max_file_bytes};
-  for (const int number : {SIGINT, SIGTERM, SIGPIPE}) {
+  for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGPIPE}) {
     std::signal(number, number == call.ignored_signal ? SIG_IGN : SIG_DFL);
   }
   // Ignored, SIGXFSZ leaves the write with an error, as a full disk does.

@@ -77,6 +77,7 @@ void PackedRules::complete_sync() {
   state_.pending_sync_channel = state_.sync_channel;
   state_.pending_sync_time_ps = time;
   state_.sync_value = 0;
+  state_.sync_bits = 0;
 }
 
 /// The first data record behind a sync counts from the synced time.
