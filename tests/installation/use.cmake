@@ -61,7 +61,7 @@ run(64 "${simulated}" --unknown)
 run(0 "${simulated}" --help)
 run(7 "${simulated}" sh -c "exit 7")
 run("Subprocess terminated" "${simulated}" sh -c "kill -TERM $$")
-run(127 "${simulated}" no-such-program)
+run(127 "${simulated}" ./no-such-program)
 
 # One word in an empty folder: the installed settings, and results below that folder. Links to the
 # programs do.

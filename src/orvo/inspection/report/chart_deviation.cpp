@@ -70,13 +70,12 @@ class DeviationChart {
   [[nodiscard]] std::string description() const {
     const IntervalStatistics& s = channel_.statistics;
     return fmt::format(
-        "Channel {}, deviation of each interval from the expected one over {}: {}, from {} at {} "
-        "to "
-        "{} at {}; {} need overflow records; lock lost {} times.",
+        "Channel {}, deviation of each interval from the expected one over {}: {}, "
+        "from {} at {} to {} at {}; {} need overflow records; lock lost {}.",
         number_, time_text(span_ps_), counted(s.intervals(), "interval"),
         signed_time_text(s.smallest().deviation_ps), at(s.smallest().time_ps),
         signed_time_text(s.largest().deviation_ps), at(s.largest().time_ps),
-        percent_text(s.with_overflow(), s.intervals()), run_.locks.dropped());
+        percent_text(s.with_overflow(), s.intervals()), counted(run_.locks.dropped(), "time"));
   }
 
   void draw_zones() {

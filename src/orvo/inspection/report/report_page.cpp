@@ -43,9 +43,8 @@ std::string pass_words(const RunDirectory& dir) {
     }
   }
   return fmt::format(
-      "<p>{} passed. The largest rate error of a channel is {} ppm, tolerance {:g} ppm: {}, "
-      "channel "
-      "{}.</p>\n",
+      "<p>{} passed. The largest rate error of a channel is {} ppm, tolerance {:g} ppm: "
+      "{}, channel {}.</p>\n",
       dir.runs.size() == 1 ? "The run" : "All " + counted(dir.runs.size(), "run"),
       fixed_text(largest_ppm, 6), dir.settings.tolerance_ppm,
       name_of_run(run_index, dir.runs[run_index]), channel_index);

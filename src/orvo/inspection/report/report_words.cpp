@@ -126,9 +126,9 @@ std::string lock_words(const RunAnalysis& analysis) {
   if (locks.count(timing::LockEvent::Kind::locked) == 0) {
     return locks.entries().empty()
                ? std::string()
-               : "no place was found in the stream where its records could begin. One "
-                 "silent channel is enough for that, and hides the others: leave "
-                 "it out of channel_mask to see them";
+               : "no place was found in the stream where its records could begin. One silent "
+                 "channel is enough for that, and hides the others: leave it out of "
+                 "channel_mask to see them";
   }
   return fmt::format(
       "the decoder lost its place {}; {} passed over in search of it, {} left over at the end",
@@ -222,10 +222,9 @@ std::vector<std::string> observations_of(std::size_t index, const RunDirectory& 
                         "the recording does not decode to what the report says, timestamps and "
                         "error of " +
                         words +
-                        ". The charts show it as it decodes now. What is "
-                        "left of a damaged stream depends on the size of the reads: try the "
-                        "chunk_bytes of the verification. Otherwise one of the files has "
-                        "changed.");
+                        ". The charts show it as it decodes now. What is left of a damaged "
+                        "stream depends on the size of the reads: try --chunk-bytes with the "
+                        "verification's chunk_bytes. Otherwise one of the files has changed.");
   }
   return sentences;
 }
