@@ -73,7 +73,7 @@ constexpr Kind kKinds[] = {
     {"delta32", Format::delta32, Mode::internal},
     {"packed", Format::packed_delta, Mode::internal},
     {"packed with overflows", Format::packed_delta, Mode::internal, 16, 8, 310},
-    {"packed in 12 bits", Format::packed_delta, Mode::internal, 9, 1, 15},
+    {"packed, 9 bits", Format::packed_delta, Mode::internal, 9, 1, 15},
     {"packed of inputs", Format::packed_delta, Mode::external},
 };
 

@@ -196,14 +196,15 @@ void add_verify(CLI::App& program, Command& chosen) {
       ->transform(real_from(kSmallestPositive, "a number greater than 0"))
       ->excludes(divider);
   add(command, "--tolerance-ppm", options->tolerance_ppm, "X",
-      "Largest accepted rate error of a channel")
+      "Largest accepted rate error of a channel [that of the\n"
+      "report, or 25]")
       ->transform(real_from(0, "a number of at least 0"));
   add(command, "--min-tags-per-channel", options->min_tags_per_channel, "N",
-      "Fewest timestamps a channel needs to pass")
+      "Fewest timestamps a channel needs to pass [64]")
       ->transform(integer_from<std::uint64_t>(0));
   add(command, "--channel-mask", options->channel_mask, "MASK",
       "Bit c set: channel c counts; 0x0F, 0b1111 or 15; 0 for\n"
-      "all four")
+      "all four [that of the report or the stream file]")
       ->transform(
           number_from(0U, 0x0FU, "a mask of channels 0 to 3, such as 0x0F, 0b1111 or 15", true));
   add_chunk_bytes(command, options->chunk_bytes);
