@@ -105,6 +105,10 @@ TEST_F(Inspection, ManyTagsCrossEveryBlockAndAreWholeOrAbsent) {
   EXPECT_EQ(inspection::tags(elsewhere), inspection::kExitSuccess);
   EXPECT_TRUE(read_file(scratch.file("t.csv")) == "before\n" + csv);
   close(open_already);
+  for (const char* const name : {"/dev/fd/", "/dev/fd/99999999999"}) {  // not standard input
+    elsewhere.output = name;
+    EXPECT_NE(error_of([&] { return inspection::tags(elsewhere); }), "") << name;
+  }
   std::filesystem::create_symlink(scratch.file("t.csv"), scratch.file("to_csv"));
   tags("to_csv", TagFormat::csv, 199'999'000);  // replaces what the link leads to
   EXPECT_EQ(read_file(scratch.file("t.csv")), "channel,time_ps\n3,199999000\n");

@@ -51,11 +51,13 @@ std::optional<int> descriptor_named(const std::string& path) {
     return STDERR_FILENO;
   }
   for (const std::string_view folder : {"/dev/fd/", "/proc/self/fd/"}) {
-    int number = 0;
-    const char* const end = path.data() + path.size();
-    if (path.starts_with(folder) &&
-        std::from_chars(path.data() + folder.size(), end, number).ptr == end) {
-      return number;
+    if (path.starts_with(folder)) {
+      int number = 0;
+      const char* const end = path.data() + path.size();
+      const auto read = std::from_chars(path.data() + folder.size(), end, number);
+      if (read.ec == std::errc() && read.ptr == end) {
+        return number;
+      }
     }
   }
   return std::nullopt;
@@ -123,6 +125,8 @@ OutputFile::~OutputFile() {
     on_signals(SIG_DFL);
   }
 }
+
+bool OutputFile::is_terminal() const noexcept { return isatty(descriptor_) == 1; }
 
 void OutputFile::write(std::span<const char> bytes) {
   while (!bytes.empty()) {

@@ -25,6 +25,8 @@ class OutputFile {
   OutputFile(const OutputFile&) = delete;
   OutputFile& operator=(const OutputFile&) = delete;
 
+  [[nodiscard]] bool is_terminal() const noexcept;
+
   void write(std::span<const char> bytes);
 
   /// Whether the output is a file of its own, whose front can be written again.

@@ -1,7 +1,8 @@
 // One instrument: finding it, opening it, recording its stream.
 //
 // Threads: a Device belongs to one thread at a time; a capture's writer thread never touches it.
-// Errors: every failure is an Error whose message starts with the operation that failed.
+// Errors: Error; that of a driver call starts with the call's name. A capture also throws its file's
+// errors, and Interrupted.
 #pragma once
 
 #include <array>

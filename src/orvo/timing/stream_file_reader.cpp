@@ -40,6 +40,7 @@ void StreamFileReader::open(const std::string& path) {
   pending_ = {};
   decoder_.reset();
   header_ = {};
+  payload_start_bytes_ = 0;
   file_.open(path, std::ios::in | std::ios::binary);
   if (!file_) {
     throw Error(OT_ERR_IO, "StreamFileReader: cannot open " + path);

@@ -2,7 +2,8 @@
 //
 // Threads: neither class locks; each object belongs to one thread at a time.
 // Ownership: each object owns its file and closes it when destroyed.
-// Errors: Error, with the messages and states given at each operation.
+// Errors: Error with OT_ERR_IO, OT_ERR_FORMAT (no stream file), OT_ERR_NOT_OPEN or OT_ERR_ARGUMENT;
+// reading also Interrupted.
 #pragma once
 
 #include <array>
@@ -33,7 +34,8 @@ class StreamFileWriter {
   /// closed first. After a failure the writer is not open.
   void open(const std::string& path, const StreamFileHeader& header);
 
-  /// Appends `size` bytes to the payload. A null `data` is allowed for no bytes.
+  /// Appends `size` bytes to the payload. A null `data` is allowed for no bytes. Before any open()
+  /// and behind close(), the first bytes fail with OT_ERR_IO, and only what follows as not open.
   void write(const std::uint8_t* data, std::uint64_t size);
 
   /// Writes out what is buffered and closes. A failure is not reported.

@@ -5,6 +5,7 @@
 #include <limits>
 #include <span>
 
+#include "orvo/inspection/printable_text.h"
 #include "orvo/inspection/stream_input.h"
 #include "orvo/timing/error.h"
 
@@ -96,6 +97,11 @@ RunAnalysis analyse_run(const verification::RunResult& reported,
   run.decoded = reported;
   verification::derive_rates(reported.divider, settings, run.decoded);
   try {
+    std::error_code error;
+    if (std::filesystem::is_fifo(reported.stream_file, error)) {  // opening one may take for ever
+      run.problem = printable(reported.stream_file.string()) + " is a pipe";
+      return run;
+    }
     StreamInput input(reported.stream_file);
     run.header = input.reader.header();
     if (!(run.decoded.expected_decoded_hz > 0)) {

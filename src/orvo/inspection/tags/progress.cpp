@@ -19,13 +19,15 @@ constexpr double kLongestShown_s = 360'000;  // 100 hours
 
 std::string progress_line(std::uint64_t done_bytes, std::optional<std::uint64_t> total_bytes,
                           double elapsed_s) {
-  const double done_mb = static_cast<double>(done_bytes) / kBytesPerMegabyte;
+  // What has been begun is counted, and the last chunk of a file is shorter than the others.
+  const std::uint64_t within = std::min(done_bytes, total_bytes.value_or(done_bytes));
+  const double done_mb = static_cast<double>(within) / kBytesPerMegabyte;
   const double rate = elapsed_s > 0 ? done_mb / elapsed_s : 0;
   if (!total_bytes || *total_bytes == 0) {
     return fmt::format("{:.0f} MB, {:.0f} MB/s", done_mb, rate);
   }
   const double total_mb = static_cast<double>(*total_bytes) / kBytesPerMegabyte;
-  const double part = std::min(done_mb / total_mb, 1.0);
+  const double part = done_mb / total_mb;
   const std::string bar(static_cast<std::size_t>(part * kBarWidth), '#');
   std::string line = fmt::format("[{:<{}}] {:.0f} %  {:.0f} of {:.0f} MB, {:.0f} MB/s", bar,
                                  kBarWidth, part * 100, done_mb, total_mb, rate);

@@ -1,7 +1,5 @@
 #include "orvo/inspection/tags/tags.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <iterator>
 #include <vector>
@@ -26,10 +24,8 @@ bool count_chunk() {
   return false;
 }
 
-void copy_tags(StreamInput& input, const TagsOptions& options, TagWriter& writer) {
-  const bool results_on_terminal =
-      (options.output.empty() || options.output == "-") && isatty(STDOUT_FILENO) == 1;
-  ProgressBar progress(input.file_bytes(), results_on_terminal);
+void copy_tags(StreamInput& input, const TagsOptions& options, TagWriter& writer,
+               ProgressBar& progress) {
   const bool all = options.channel_mask == 0x0F && !options.from_ps && !options.to_ps;
   const auto wanted = [&](const TimeTag& tag) {
     return (options.channel_mask >> tag.channel & 1) != 0 &&
@@ -61,7 +57,8 @@ int tags(const TagsOptions& options) {
   }
   OutputFile output(options.output, {options.file});
   TagWriter writer(options.format, output);
-  copy_tags(input, options, writer);
+  ProgressBar progress(input.file_bytes(), output.is_terminal());
+  copy_tags(input, options, writer, progress);
   writer.finish();
   output.publish();
   return kExitSuccess;
