@@ -4,7 +4,7 @@
 #include <utility>
 
 #include "orvo/timing/input_buffer.h"
-#include "orvo/timing/packed_alignment.h"
+#include "orvo/timing/packed/alignment.h"
 #include "streams.h"
 #include "support/plain_decoder.h"
 #include "topics.h"

@@ -15,7 +15,7 @@
 #include <string>
 #include <utility>
 
-#include "orvo/timing/packed_alignment.h"
+#include "orvo/timing/packed/alignment.h"
 #include "support/decoder_pair.h"
 #include "support/packed_streams.h"
 

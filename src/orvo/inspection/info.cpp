@@ -7,6 +7,7 @@
 #include <iostream>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <utility>
 
 #include "orvo/inspection/exit_status.h"
 #include "orvo/inspection/intervals.h"
@@ -23,7 +24,6 @@ using Kind = timing::LockEvent::Kind;
 using verification::kChannels;
 using verification::TagStatistics;
 
-constexpr double kPicosecondsPerSecond = 1e12;
 constexpr const char* kKindNames[LockHistory::kKinds] = {"locked",
                                                          "no_alignment",
                                                          "rejected_alignment",
@@ -87,7 +87,7 @@ Json channel_json(std::size_t index, const TagStatistics::Channel& channel,
     json["last_ps"] = channel.largest_ps;
     json["span_ps"] = span_ps;
     if (span_ps != 0) {
-      json["rate_hz"] = static_cast<double>(channel.count - 1) * kPicosecondsPerSecond /
+      json["rate_hz"] = static_cast<double>(channel.count - 1) * timing::kPicosecondsPerSecond /
                         static_cast<double>(span_ps);
     }
   }

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <exception>
 #include <iostream>
+#include <variant>
 
 #include "orvo/inspection/command_line.h"
 #include "orvo/inspection/exit_status.h"

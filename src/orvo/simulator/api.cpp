@@ -19,7 +19,7 @@ using orvo::simulator::Operation;
 using orvo::simulator::Outcome;
 using orvo::simulator::StreamDuty;
 
-/// No exception crosses the interface.
+/// No exception leaves an operation that has a status.
 template <typename Work>
 ot_status guarded(Work work) noexcept {
   try {
@@ -31,7 +31,7 @@ ot_status guarded(Work work) noexcept {
   }
 }
 
-/// Opens by `open` unless the call is to fail; a handle of a failed call is closed again.
+/// Opens unless the call is to fail; a handle of a failed call is closed again.
 ot_status open_device(Operation operation, ot_device** out, const char* port, int baud) {
   return guarded([&] {
     Call call(operation);

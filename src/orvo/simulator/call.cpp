@@ -1,7 +1,6 @@
 #include "orvo/simulator/call.h"
 
 #include <algorithm>
-#include <utility>
 
 namespace orvo::simulator {
 namespace {

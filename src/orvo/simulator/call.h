@@ -2,7 +2,6 @@
 // failed where that was commanded. Holds the driver's lock meanwhile.
 #pragma once
 
-#include <cstdint>
 #include <mutex>
 #include <string>
 

@@ -49,15 +49,15 @@ void EventSource::set_up(unsigned number, const Settings& settings, const Source
   Channel& channel = channels_[number];
   const std::int64_t rate_error = settings.rate_error_1e6_ppm[number];
   // A quarter of a period to either side cannot change the order of a channel's events.
-  constexpr std::uint64_t kMaxJitterPs = 2'000'000'000;  // the random number has 32 bits
+  constexpr std::uint64_t kInputJitterPs = 2'000'000'000;  // the random number has 32 bits
   std::uint64_t jitter_ps = settings.jitter_ps;
   if (config.mode == timing::Mode::internal) {
     channel.period = calibration_period(config.divider, rate_error);
   } else {
     channel.period = input_period(settings.external_hz[number], rate_error);
-    jitter_ps = kMaxJitterPs;
+    jitter_ps = kInputJitterPs;
   }
-  jitter_ps = std::min({jitter_ps, channel.period.whole_ps / 4, kMaxJitterPs});
+  jitter_ps = std::min({jitter_ps, channel.period.whole_ps / 4, kInputJitterPs});
   channel.jitter_values = 2 * jitter_ps + 1;
   channel.jitter_seed = random_at(settings.seed, number);
   channel.nominal_ps = config.start_ps + skew_ps(settings.seed, number);

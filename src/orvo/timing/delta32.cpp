@@ -27,7 +27,7 @@ constexpr std::uint32_t kTimeLowField = 1;
 constexpr std::uint32_t kTimeHighField = 2;
 constexpr std::uint32_t kMarkerField = 3;
 
-constexpr std::uint64_t kBasePeriodPs = 1ULL << 41;  // of a base time, which has 41 bits
+constexpr std::uint64_t kBasePeriodPs = 1ULL << detail::kTickBits;
 
 bool is_control(std::uint32_t word, std::uint32_t field) {
   return word >> kPayloadBits == (kControlFlag >> kPayloadBits | field << 4 | kControlType);
@@ -39,8 +39,8 @@ bool is_event(std::uint32_t word) {
 
 /// The step since the channel's last event, corrected when the clock wrapped in between.
 std::uint64_t corrected_step(std::int64_t last_ps, std::uint64_t step) {
-  if (step > detail::kTickWrapExcess) {
-    const std::uint64_t corrected = step - detail::kTickWrapExcess;
+  if (step > detail::kTickWrapExcessPs) {
+    const std::uint64_t corrected = step - detail::kTickWrapExcessPs;
     if (corrected <= detail::kUncheckedStepPs ||
         detail::crosses_wrap(detail::not_before_zero(last_ps), corrected)) {
       return corrected;

@@ -10,8 +10,6 @@
 namespace orvo::timing {
 namespace {
 
-constexpr int kLibraryBaud = 3'000'000;  // the rate at which ot_open_serial opens
-
 ot_device* open_handle(const std::string& port, int baud) {
   ot_device* handle = nullptr;
   const ot_status status = baud == kLibraryBaud ? ot_open_serial(&handle, port.c_str())
@@ -27,10 +25,10 @@ ot_device* open_handle(const std::string& port, int baud) {
 Device::Device() { fine_lut.fill(detail::default_fine_table()); }
 
 // Whatever throws once Device() has completed, the destructor runs and closes an opened handle.
-Device::Device(const std::string& port, int baud, FineTables fine_tables) : Device() {
+Device::Device(const std::string& port, int baud, FineTableSource fine_tables) : Device() {
   handle = open_handle(port, baud);
   owns_handle = true;
-  if (fine_tables == FineTables::from_file) {
+  if (fine_tables == FineTableSource::from_file) {
     if (auto tables = detail::read_fine_table_file(detail::kFineTableFile)) {
       fine_lut = std::move(*tables);
     }
@@ -44,7 +42,7 @@ Device::~Device() {
 }
 
 Device Device::open(std::string_view port, int baud) {
-  return Device(std::string(port), baud, FineTables::defaults);
+  return Device(std::string(port), baud, FineTableSource::defaults);
 }
 
 Device Device::open_first(int baud) {
@@ -52,7 +50,7 @@ Device Device::open_first(int baud) {
   if (devices.empty()) {
     throw Error(OT_ERR_NOT_FOUND, "open_first: no ORVO device found");
   }
-  return Device(devices.front().port, baud, FineTables::from_file);
+  return Device(devices.front().port, baud, FineTableSource::from_file);
 }
 
 }  // namespace orvo::timing

@@ -1,8 +1,8 @@
 // One instrument: finding it, opening it, recording its stream.
 //
 // Threads: a Device belongs to one thread at a time; a capture's writer thread never touches it.
-// Errors: Error; that of a driver call starts with the call's name. A capture also throws its file's
-// errors, and Interrupted.
+// Errors: Error; that of a driver call starts with the call's name. A capture also throws its
+// file's errors, and Interrupted.
 #pragma once
 
 #include <array>
@@ -42,6 +42,9 @@ struct StreamState {
   std::uint64_t reads = 0;
   std::uint64_t payload_bytes = 0;
 };
+
+/// The driver library's own rate, at which a device is opened with ot_open_serial.
+inline constexpr int kLibraryBaud = 3'000'000;
 
 /// Owns one open instrument and closes it exactly once.
 class Device {
@@ -107,8 +110,8 @@ class Device {
   };
 
   Device();
-  enum class FineTables { defaults, from_file };
-  Device(const std::string& port, int baud, FineTables fine_tables);
+  enum class FineTableSource { defaults, from_file };
+  Device(const std::string& port, int baud, FineTableSource fine_tables);
 
   std::uint64_t capture(const CaptureRequest& request);
   [[nodiscard]] StreamFileHeader configure_stream(const CaptureRequest& request);

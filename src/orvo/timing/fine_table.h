@@ -8,7 +8,6 @@
 namespace orvo::timing::detail {
 
 inline constexpr std::size_t kFineTableSize = 8192;  // one entry for each 13-bit fine count
-inline constexpr std::int64_t kCoarsePeriodPs = 3333;
 
 /// kFineTableSize entries, 0 to kCoarsePeriodPs - 1: 18.5 ps a count, rounded half up and capped.
 [[nodiscard]] std::vector<std::int64_t> default_fine_table();

@@ -5,13 +5,15 @@
 
 namespace orvo::timing::detail {
 
-/// The instrument's picosecond time returns to 0 here: 2^32 periods of its 3333 ps coarse clock.
-inline constexpr std::uint64_t kWrapPs = 3333ULL << 32;
+inline constexpr std::uint64_t kCoarsePeriodPs = 3333;  ///< of the coarse clock, which has 32 bits
+/// The instrument's picosecond time returns to 0 here.
+inline constexpr std::uint64_t kWrapPs = kCoarsePeriodPs << 32;
 static_assert(kWrapPs == 14'315'125'997'568);
 
+inline constexpr unsigned kTickBits = 41;  ///< of a time that the instrument sends whole
 /// By how much a difference modulo 2^41 ps is too large when the clock wrapped in between.
-inline constexpr std::uint64_t kTickWrapExcess = 7 * (1ULL << 41) - kWrapPs;
-static_assert(kTickWrapExcess == 1'078'036'791'296);
+inline constexpr std::uint64_t kTickWrapExcessPs = 7 * (1ULL << kTickBits) - kWrapPs;
+static_assert(kTickWrapExcessPs == 1'078'036'791'296);
 
 /// Largest wrap-corrected step that is taken without asking whether the clock could have wrapped.
 inline constexpr std::uint64_t kUncheckedStepPs = 10'000'000'000;

@@ -1,8 +1,9 @@
 #include "orvo/timing/lock_event.h"
 
+#include <locale>
 #include <sstream>
 
-#include "orvo/timing/packed_format.h"
+#include "orvo/timing/packed/format.h"
 
 namespace orvo::timing {
 namespace {

@@ -86,8 +86,8 @@ std::size_t StreamDecoder::decode_raw64_coarse_fine(TimeTag* tags) {
     state.last = coarse;
     state.seen = true;
     const auto fine_ps = static_cast<std::uint64_t>(fine_table_[record & kFineMask]);
-    constexpr auto kPeriodPs = static_cast<std::uint64_t>(detail::kCoarsePeriodPs);
-    *end++ = {channel, static_cast<std::int64_t>((coarse + state.epoch) * kPeriodPs - fine_ps)};
+    *end++ = {channel, static_cast<std::int64_t>((coarse + state.epoch) * detail::kCoarsePeriodPs -
+                                                 fine_ps)};
   };
   input_buffer.remove_front(
       scan(input_buffer.bytes(), kCoarseFineFixedBits, kCoarseFineMarker, decode));

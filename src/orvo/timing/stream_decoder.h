@@ -11,17 +11,21 @@
 #include <memory>
 #include <optional>
 #include <span>
-#include <string>
 #include <vector>
 
 #include "orvo/timing/input_buffer.h"
 #include "orvo/timing/lock_event.h"
-#include "orvo/timing/packed_records.h"
+#include "orvo/timing/packed/format.h"
+#include "orvo/timing/packed/state.h"
 #include "orvo/timing/stream_header.h"
 #include "orvo/timing/tag_buffer.h"
 #include "orvo/timing/time_tag.h"
 
 namespace orvo::timing {
+
+namespace detail {
+class RecordGroups;
+}  // namespace detail
 
 class StreamDecoder {
  public:

@@ -3,7 +3,6 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
 #include <string>
 #include <string_view>
 
@@ -44,17 +43,6 @@ namespace detail {
 
 /// Reads any text: a field whose key is missing or unreadable keeps its default.
 [[nodiscard]] StreamFileHeader stream_header_from_json(std::string_view text);
-
-/// `text` made safe inside a JSON string; control bytes without a short escape become '?'.
-[[nodiscard]] std::string json_escape(std::string_view text);
-
-/// The string after the first "key" in `text`, at any depth; nothing when there is none.
-[[nodiscard]] std::optional<std::string> json_find_string(std::string_view text,
-                                                          std::string_view key);
-
-/// The decimal digits after the first "key" in `text`, modulo 2^64; nothing when there are none.
-[[nodiscard]] std::optional<std::uint64_t> json_find_uint(std::string_view text,
-                                                          std::string_view key);
 
 }  // namespace detail
 }  // namespace orvo::timing

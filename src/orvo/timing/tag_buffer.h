@@ -1,4 +1,5 @@
 // Storage for the tags of one batch: reused from batch to batch and never zeroed first.
+// Threads: a TagBuffer belongs to one thread.
 #pragma once
 
 #include <cstddef>

@@ -9,7 +9,6 @@ namespace orvo::verification {
 namespace {
 
 constexpr std::uint64_t kTagsPerRead = 65536;
-constexpr double kPicosecondsPerSecond = 1e12;
 constexpr double kPartsPerMillion = 1e6;
 // Wider records than this are not taken to need overflow records at any rate.
 constexpr unsigned kMaxOverflowBits = 30;
@@ -29,7 +28,7 @@ ChannelResult judge_channel(const TagStatistics::Channel& tags, double expected_
     result.last_ps = tags.largest_ps;
     const std::int64_t span_ps = span_between(result.first_ps, result.last_ps);
     if (span_ps > 0) {
-      result.measured_hz = static_cast<double>(tags.count - 1) * kPicosecondsPerSecond /
+      result.measured_hz = static_cast<double>(tags.count - 1) * timing::kPicosecondsPerSecond /
                            static_cast<double>(span_ps);
     }
   }
@@ -67,7 +66,8 @@ bool overflow_required(double expected_decoded_hz, const EvaluationSettings& set
     return false;
   }
   const auto largest_delta = static_cast<double>((std::uint64_t{1} << settings.packed_bits) - 1);
-  return kPicosecondsPerSecond / expected_decoded_hz > largest_delta * settings.packed_quantum_ps;
+  return timing::kPicosecondsPerSecond / expected_decoded_hz >
+         largest_delta * settings.packed_quantum_ps;
 }
 
 void derive_rates(std::uint32_t divider, const EvaluationSettings& settings, RunResult& result) {

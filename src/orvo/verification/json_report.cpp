@@ -1,4 +1,4 @@
-#include "orvo/timing/stream_header.h"
+#include "orvo/timing/json_text.h"
 #include "orvo/verification/evaluation.h"
 #include "orvo/verification/report_stream.h"
 #include "orvo/verification/reports.h"

@@ -1,3 +1,3 @@
-#include "orvo/verification/driver.h"
+#include "orvo/verification/tool.h"
 
 int main(int argc, char** argv) { return orvo::verification::run_tool(argc, argv); }

@@ -18,8 +18,6 @@
 namespace orvo::verification {
 namespace {
 
-constexpr int kBaud = 3000000;
-
 std::string choose_port(const Config& config) {
   if (!config.control_port.empty()) {
     return config.control_port;
@@ -35,9 +33,9 @@ timing::Device open_device(const Config& config) {
     setenv("ORVO_TIMING_USB_SERIAL", config.usb_serial.c_str(), 1);
   }
   if (port.empty()) {
-    return timing::Device::open_first(kBaud);
+    return timing::Device::open_first(timing::kLibraryBaud);
   }
-  return timing::Device::open(port, kBaud);
+  return timing::Device::open(port, timing::kLibraryBaud);
 }
 
 void print_identity(const timing::Device& device) {

@@ -23,7 +23,6 @@ constexpr double kStripTopPx = kBottomPx + 8;
 constexpr double kStripPx = 10;
 constexpr double kHeightPx = kStripTopPx + kStripPx + 44;
 constexpr double kTickDistance = 14 / kPlotPx;
-constexpr double kPicosecondsPerSecond = 1e12;
 constexpr std::int64_t kMaxWrapMarks = 50;
 constexpr double kStripSteps = 20;
 /// Up to here columns are drawn as dots, wide enough to be seen one by one.
@@ -107,7 +106,7 @@ class DeviationChart {
 
   void draw_time_axis() {
     const double axis_px = kStripTopPx + kStripPx;
-    const double span_s = span_ps_ / kPicosecondsPerSecond;
+    const double span_s = span_ps_ / timing::kPicosecondsPerSecond;
     for (const Tick& tick : ticks_to(span_s, 6)) {
       svg_.line("grid", tick.position, kTopPx, tick.position, axis_px + 4);
       svg_.text("tick", tick.position, axis_px + 18, "middle", 0,
@@ -186,7 +185,8 @@ class DeviationChart {
           static_cast<double>(columns[i].with_overflow) / static_cast<double>(columns[i].intervals);
       const double now = std::ceil(share * kStripSteps) / kStripSteps * kStripPx;
       if (now != height) {
-        fmt::format_to(std::back_inserter(path), "{}{:.5g}V{:.3g}", path.empty() ? "M0 10H" : "H",
+        fmt::format_to(std::back_inserter(path), "{}{:.5g}V{:.3g}",
+                       path.empty() ? fmt::format("M0 {}H", kStripPx) : "H",
                        static_cast<double>(i) * step, kStripPx - now);
         height = now;
       }

@@ -1,7 +1,6 @@
 // Where values stand on a chart's axes. Plain values and functions without state.
 #pragma once
 
-#include <string>
 #include <vector>
 
 namespace orvo::inspection {

@@ -2,9 +2,9 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <array>
 #include <cmath>
-#include <iterator>
 
 #include "orvo/inspection/printable_text.h"
 

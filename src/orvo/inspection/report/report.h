@@ -1,5 +1,5 @@
 // `ortime report`: one self-contained HTML page for a run directory.
-// Threads: none of its own. Errors: timing::Error.
+// Threads: none of its own. Errors: timing::Error, std::filesystem::filesystem_error.
 #pragma once
 
 #include <cstdint>

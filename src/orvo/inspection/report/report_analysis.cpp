@@ -15,11 +15,10 @@ namespace {
 using timing::TimeTag;
 using verification::kChannels;
 
-constexpr double kPicosecondsPerSecond = 1e12;
 constexpr int kMaxDeltaBits = 31;
 
 IntervalScale scale_of(const timing::StreamFileHeader& header, double expected_decoded_hz) {
-  IntervalScale scale = {.expected_ps = kPicosecondsPerSecond / expected_decoded_hz,
+  IntervalScale scale = {.expected_ps = timing::kPicosecondsPerSecond / expected_decoded_hz,
                          .largest_plain_ps = std::numeric_limits<double>::infinity()};
   if (header.stream_format == timing::Format::packed_delta) {
     const verification::EvaluationSettings packed = settings_of(header);

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 #include "orvo/inspection/report/html_text.h"
 #include "orvo/inspection/report/report_style.h"

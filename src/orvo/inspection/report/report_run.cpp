@@ -22,8 +22,9 @@ std::string facts(const RunResult& reported, const RunAnalysis& analysis) {
         "Expected",
         fmt::format(
             "{} Hz, one event in {} ps", fixed_text(analysis.decoded.expected_decoded_hz, 6),
-            fixed_text(analysis.scale.expected_ps > 0 ? analysis.scale.expected_ps
-                                                      : 1e12 / analysis.decoded.expected_decoded_hz,
+            fixed_text(analysis.scale.expected_ps > 0
+                           ? analysis.scale.expected_ps
+                           : timing::kPicosecondsPerSecond / analysis.decoded.expected_decoded_hz,
                        3)));
   }
   if (analysis.header) {

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <string_view>
 
 #include "orvo/inspection/report/html_text.h"
 
@@ -106,8 +105,8 @@ std::string coverage_words(const RunResult& run, double capture_s, double expect
   double span_s = 0;
   for (const ChannelResult& channel : run.channels) {
     span_s = std::max(
-        span_s,
-        (static_cast<double>(channel.last_ps) - static_cast<double>(channel.first_ps)) / 1e12);
+        span_s, (static_cast<double>(channel.last_ps) - static_cast<double>(channel.first_ps)) /
+                    timing::kPicosecondsPerSecond);
   }
   const double edges_s = expected_hz > 0 ? kEdgePeriods / expected_hz : 0;
   if (span_s == 0 || span_s + edges_s >= kGoodCoverage * capture_s) {
@@ -115,7 +114,8 @@ std::string coverage_words(const RunResult& run, double capture_s, double expect
   }
   return fmt::format(
       "timestamps cover {} of a capture of {}; the verdict knows nothing of the rest",
-      time_text(span_s * 1e12), time_text(capture_s * 1e12));
+      time_text(span_s * timing::kPicosecondsPerSecond),
+      time_text(capture_s * timing::kPicosecondsPerSecond));
 }
 
 std::string lock_words(const RunAnalysis& analysis) {

@@ -16,7 +16,7 @@ namespace {
 using timing::TimeTag;
 
 constexpr std::size_t kBlockBytes = 2 << 20;  // smaller, and waiting for each other takes time
-constexpr std::size_t kMaxTagBytes = 64;      // the longest line of text has 49
+constexpr std::size_t kMaxTagBytes = 64;      // the longest line of text has 47
 constexpr std::size_t kNpyRecordBytes = 9;
 
 char* put_csv(char* out, const TimeTag& tag) {

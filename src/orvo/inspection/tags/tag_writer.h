@@ -7,7 +7,6 @@
 #include <cstdint>
 #include <future>
 #include <span>
-#include <string>
 #include <vector>
 
 #include "orvo/inspection/output_file.h"

@@ -4,9 +4,9 @@
 #include <cstdint>
 #include <optional>
 
+#include "orvo/timing/packed/alignment.h"
 #include "orvo/timing/packed/alignment_parse.h"
-#include "orvo/timing/packed_alignment.h"
-#include "orvo/timing/packed_format.h"
+#include "orvo/timing/packed/format.h"
 
 namespace orvo::timing::detail {
 

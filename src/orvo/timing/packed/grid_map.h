@@ -5,7 +5,7 @@
 #include <array>
 #include <cstdint>
 
-#include "orvo/timing/packed_format.h"
+#include "orvo/timing/packed/format.h"
 
 namespace orvo::timing::detail {
 

@@ -6,7 +6,7 @@
 
 #include "orvo/timing/packed/alignment_parse.h"
 #include "orvo/timing/packed/bit_view.h"
-#include "orvo/timing/packed_format.h"
+#include "orvo/timing/packed/format.h"
 
 namespace orvo::timing::detail {
 

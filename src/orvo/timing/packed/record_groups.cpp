@@ -17,9 +17,9 @@ namespace {
 
 /// Records up to here fit 32 bits wherever they begin in a byte, and so does the step of an
 /// overflow and a data record together.
-constexpr unsigned kMaxBits = 16;
+constexpr unsigned kMaxGroupBits = 16;
 
-bool processor_has_what_it_takes() {
+bool processor_has_avx512() {
   return __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
          __builtin_cpu_supports("avx512dq") && __builtin_cpu_supports("avx512vl") &&
          __builtin_cpu_supports("avx512vbmi") && __builtin_cpu_supports("bmi2");
@@ -165,8 +165,8 @@ struct RecordGroups::Plans {
 std::unique_ptr<RecordGroups> RecordGroups::make(const PackedFormat& format) {
   const char* kernel = std::getenv("ORVO_PACKED_KERNEL");
   const bool wanted = kernel == nullptr || std::strcmp(kernel, "portable") != 0;
-  static const bool able = processor_has_what_it_takes();
-  const bool use = wanted && able && format.bits <= kMaxBits;
+  static const bool able = processor_has_avx512();
+  const bool use = wanted && able && format.bits <= kMaxGroupBits;
   return use ? std::unique_ptr<RecordGroups>(new RecordGroups(format)) : nullptr;
 }
 

@@ -3,11 +3,10 @@
 // Threads: none of its own. Ownership: owns its plans, which are good for one stream format.
 #pragma once
 
-#include <cstdint>
 #include <memory>
 
-#include "orvo/timing/packed/packed_lanes.h"
-#include "orvo/timing/packed_format.h"
+#include "orvo/timing/packed/format.h"
+#include "orvo/timing/packed/lanes.h"
 
 namespace orvo::timing::detail {
 

@@ -6,7 +6,7 @@
 #include <cstdint>
 
 #include "orvo/timing/packed/bit_view.h"
-#include "orvo/timing/packed_format.h"
+#include "orvo/timing/packed/format.h"
 
 namespace orvo::timing::detail {
 

@@ -1,11 +1,11 @@
-#include "orvo/timing/packed_records.h"
+#include "orvo/timing/packed/records.h"
 
 #include <algorithm>
 
 #include "orvo/timing/big_endian.h"
 #include "orvo/timing/instrument_time.h"
 #include "orvo/timing/packed/record_groups.h"
-#include "orvo/timing/packed_rules.h"
+#include "orvo/timing/packed/rules.h"
 
 namespace orvo::timing::detail {
 namespace {

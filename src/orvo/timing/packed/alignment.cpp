@@ -1,4 +1,4 @@
-#include "orvo/timing/packed_alignment.h"
+#include "orvo/timing/packed/alignment.h"
 
 #include <algorithm>
 #include <array>

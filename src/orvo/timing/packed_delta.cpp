@@ -3,8 +3,10 @@
 #include <algorithm>
 #include <cstdlib>
 #include <iostream>
+#include <optional>
 
-#include "orvo/timing/packed_alignment.h"
+#include "orvo/timing/packed/alignment.h"
+#include "orvo/timing/packed/records.h"
 #include "orvo/timing/stream_decoder.h"
 
 namespace orvo::timing {
@@ -12,6 +14,7 @@ namespace {
 
 constexpr std::size_t kSearchedBytes = 65'536;   // of a buffer without a lock, at the most
 constexpr std::size_t kKeptBytes = 4'096;        // when such a buffer is given up
+constexpr std::size_t kReportedBytes = 4'096;    // less may simply not be enough for a lock
 constexpr std::uint64_t kMinJudgedTags = 4'096;  // in a batch
 constexpr std::uint64_t kMaxImbalance = 8;       // most to least active channel
 
@@ -89,7 +92,7 @@ bool StreamDecoder::take_packed_lock() {
     if (search.rejected) {
       report(rejection(*search.rejected));
     }
-    if (input_buffer.size() >= kKeptBytes) {
+    if (input_buffer.size() >= kReportedBytes) {
       LockEvent event = lock_event(LockEvent::Kind::no_alignment);
       event.buffer_bytes = input_buffer.size();
       if (input_buffer.size() > kSearchedBytes) {

@@ -5,7 +5,7 @@
 #include <optional>
 #include <span>
 
-#include "orvo/timing/packed_format.h"
+#include "orvo/timing/packed/format.h"
 
 namespace orvo::timing::detail {
 

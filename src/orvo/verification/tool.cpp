@@ -1,4 +1,4 @@
-#include "orvo/verification/driver.h"
+#include "orvo/verification/tool.h"
 
 #include <algorithm>
 #include <array>

@@ -5,8 +5,8 @@
 #include <cstdint>
 
 #include "orvo/timing/lock_event.h"
-#include "orvo/timing/packed_format.h"
-#include "orvo/timing/packed_records.h"
+#include "orvo/timing/packed/format.h"
+#include "orvo/timing/packed/state.h"
 
 namespace orvo::timing::detail {
 

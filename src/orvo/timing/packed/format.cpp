@@ -1,4 +1,4 @@
-#include "orvo/timing/packed_format.h"
+#include "orvo/timing/packed/format.h"
 
 #include <algorithm>
 #include <bit>
@@ -10,7 +10,6 @@ namespace {
 
 constexpr unsigned kDefaultBits = 16;
 constexpr unsigned kDefaultQuantumPs = 8;
-constexpr unsigned kTickBits = 41;  // of the instrument's tick counter
 constexpr unsigned kAllChannels = 0x0F;
 constexpr unsigned kMinSyncedExternal = 2;  // the inputs may be quiet; two channels show enough
 

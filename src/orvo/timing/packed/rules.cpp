@@ -1,11 +1,11 @@
-#include "orvo/timing/packed_rules.h"
+#include "orvo/timing/packed/rules.h"
 
 #include "orvo/timing/instrument_time.h"
 
 namespace orvo::timing::detail {
 namespace {
 
-constexpr std::uint64_t kTickMask = (std::uint64_t{1} << 41) - 1;  // a tick has 41 bits
+constexpr std::uint64_t kTickMask = (std::uint64_t{1} << kTickBits) - 1;
 
 }  // namespace
 
