@@ -156,6 +156,7 @@ TEST_F(Inspection, LocksAreDatedByTheTagBefore) {
   reader.on_lock_event = [&](const LockEvent& event) { events.push_back(event); };
   reader.open(file);
   const Tags all = reader.decode_next_tags(~0UL, 4096);
+  EXPECT_EQ(reader.read_bytes(), std::filesystem::file_size(file));
   const nlohmann::ordered_json facts = inspection::facts_of(file, 4096);
   const nlohmann::ordered_json& locks = facts["locks"];
   ASSERT_GT(locks["dropped"], 3U);

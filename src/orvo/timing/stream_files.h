@@ -79,6 +79,13 @@ class StreamFileReader {
   /// decoded, which is ahead of giving out their tags.
   LockListener on_lock_event;
 
+  /// Bytes of the file read and handed to the decoder, those in front of the payload included.
+  [[nodiscard]] std::uint64_t read_bytes() const noexcept {
+    return decoder_ == nullptr ? payload_start_bytes_
+                               : payload_start_bytes_ + decoder_->input_buffer.removed() +
+                                     decoder_->input_buffer.size();
+  }
+
   /// Payload bytes read that wait to be decoded: what the end of the payload leaves is lost. None
   /// where StreamDecoder::decodes() is false: all of them are passed over.
   [[nodiscard]] std::uint64_t undecoded_bytes() const noexcept {

@@ -19,7 +19,7 @@ constexpr double kLongestShown_s = 360'000;  // 100 hours
 
 std::string progress_line(std::uint64_t done_bytes, std::optional<std::uint64_t> total_bytes,
                           double elapsed_s) {
-  // What has been begun is counted, and the last chunk of a file is shorter than the others.
+  // The file may have grown since its size was taken.
   const std::uint64_t within = std::min(done_bytes, total_bytes.value_or(done_bytes));
   const double done_mb = static_cast<double>(within) / kBytesPerMegabyte;
   const double rate = elapsed_s > 0 ? done_mb / elapsed_s : 0;

@@ -15,15 +15,6 @@ namespace {
 
 using timing::TimeTag;
 
-/// What the reader has begun to read. It asks a plain function before each chunk, so this cannot
-/// be kept elsewhere.
-std::uint64_t chunks_begun = 0;
-
-bool count_chunk() {
-  ++chunks_begun;
-  return false;
-}
-
 void copy_tags(StreamInput& input, const TagsOptions& options, TagWriter& writer,
                ProgressBar& progress) {
   const bool all = options.channel_mask == 0x0F && !options.from_ps && !options.to_ps;
@@ -33,15 +24,13 @@ void copy_tags(StreamInput& input, const TagsOptions& options, TagWriter& writer
            (!options.to_ps || tag.time_ps < *options.to_ps);
   };
   std::vector<TimeTag> kept;
-  chunks_begun = 0;
-  input.reader.interrupted = count_chunk;
   input.read(options.chunk_bytes, [&](std::span<const TimeTag> tags) {
     if (!all) {
       kept.clear();
       std::copy_if(tags.begin(), tags.end(), std::back_inserter(kept), wanted);
     }
     writer.write(all ? tags : kept);
-    progress.update(chunks_begun * options.chunk_bytes);
+    progress.update(input.reader.read_bytes());
   });
 }
 
