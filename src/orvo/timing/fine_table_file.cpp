@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <fstream>
+#include <new>
 
 namespace orvo::timing::detail {
 namespace {
@@ -9,7 +10,17 @@ namespace {
 constexpr std::uint32_t kMagic = 0x54'55'4C'54;  // "TLUT"
 constexpr std::uint32_t kVersion = 1;
 constexpr std::uint32_t kMaxEntries = 1U << 20;
-constexpr std::uint32_t kEntriesPerRead = 1U << 13;  // memory follows what the file really holds
+constexpr std::size_t kEntryBytes = 8;
+constexpr std::size_t kEntriesPerRead = 1U << 13;  // memory follows what the file really holds
+
+template <typename Unsigned>
+Unsigned little_endian(const char* bytes) {
+  Unsigned value = 0;
+  for (std::size_t i = sizeof(Unsigned); i-- > 0;) {
+    value = value << 8 | static_cast<unsigned char>(bytes[i]);
+  }
+  return value;
+}
 
 template <typename Unsigned>
 bool read_little_endian(std::istream& file, Unsigned& value) {
@@ -17,10 +28,7 @@ bool read_little_endian(std::istream& file, Unsigned& value) {
   if (!file.read(bytes.data(), bytes.size())) {
     return false;
   }
-  value = 0;
-  for (std::size_t i = bytes.size(); i-- > 0;) {
-    value = value << 8 | static_cast<unsigned char>(bytes[i]);
-  }
+  value = little_endian<Unsigned>(bytes.data());
   return true;
 }
 
@@ -29,22 +37,21 @@ bool read_table(std::istream& file, std::vector<std::int64_t>& table) {
   if (!read_little_endian(file, count) || count == 0 || count > kMaxEntries) {
     return false;
   }
-  for (std::uint32_t i = 0; i < count; ++i) {
-    if (i % kEntriesPerRead == 0) {
-      table.reserve(i + std::min(count - i, kEntriesPerRead));
-    }
-    std::uint64_t entry = 0;
-    if (!read_little_endian(file, entry)) {
+  std::array<char, kEntriesPerRead * kEntryBytes> block;
+  while (table.size() < count) {
+    const std::size_t entries = std::min<std::size_t>(count - table.size(), kEntriesPerRead);
+    if (!file.read(block.data(), static_cast<std::streamsize>(entries * kEntryBytes))) {
       return false;
     }
-    table.push_back(static_cast<std::int64_t>(entry));
+    for (std::size_t i = 0; i < entries; ++i) {
+      table.push_back(
+          static_cast<std::int64_t>(little_endian<std::uint64_t>(block.data() + i * kEntryBytes)));
+    }
   }
   return true;
 }
 
-}  // namespace
-
-std::optional<FineTables> read_fine_table_file(const std::string& path) {
+std::optional<FineTables> read_tables(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
   std::uint32_t magic = 0;
   std::uint32_t version = 0;
@@ -59,6 +66,16 @@ std::optional<FineTables> read_fine_table_file(const std::string& path) {
     }
   }
   return tables;
+}
+
+}  // namespace
+
+std::optional<FineTables> read_fine_table_file(const std::string& path) {
+  try {
+    return read_tables(path);
+  } catch (const std::bad_alloc&) {
+    return std::nullopt;
+  }
 }
 
 }  // namespace orvo::timing::detail
