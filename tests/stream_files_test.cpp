@@ -4,10 +4,14 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <filesystem>
+#include <iterator>
+#include <stdexcept>
 #include <utility>
 
 #include "support/decoding.h"
 #include "support/error_of.h"
+#include "support/packed_streams.h"
 #include "support/scratch.h"
 
 namespace orvo::tests {
@@ -116,6 +120,18 @@ TEST_F(StreamFiles, ReaderRefusesWhatIsNoStreamFile) {
   EXPECT_EQ(open_error(good), "no error");
 }
 
+TEST_F(StreamFiles, RefusedFileIsClosed) {
+  const auto descriptors = [] {
+    using Entries = std::filesystem::directory_iterator;
+    return std::distance(Entries("/proc/self/fd"), Entries());
+  };
+  const auto before = descriptors();
+  for (const char* file : {"ORTI", "ORTIME2\nxxxx", "ORTIME1\nxxx", "ORTIME1\n\1\1\1\1"}) {
+    EXPECT_NE(open_error(file), "no error");
+    EXPECT_EQ(descriptors(), before) << file;
+  }
+}
+
 TEST_F(StreamFiles, ReaderAcceptsTheOlderMagicAndAnyHeader) {
   EXPECT_EQ(open_error("OTSTRM1\n" + std::string(4, '\0')), "no error");
   EXPECT_EQ(reader.header().stream_format, timing::Format::packed_delta);
@@ -149,6 +165,48 @@ TEST_F(StreamFiles, TagsDoNotDependOnBatchOrChunk) {
       EXPECT_EQ(next(max_tags, chunk_bytes), "");
     }
   }
+}
+
+TEST_F(StreamFiles, ProgressCountsWhatCannotBeDecoded) {
+  StreamFileHeader header;
+  header.delta_bits = 99;
+  writer.open(path, header);
+  writer.write(Bytes(5000).data(), 5000);
+  writer.close();
+  reader.open(path);
+  EXPECT_EQ(reader.read_bytes(), reader.payload_start_bytes());
+  EXPECT_EQ(next(1), "");
+  EXPECT_EQ(reader.read_bytes(), std::filesystem::file_size(path));
+}
+
+TEST_F(StreamFiles, ListenerThatThrowsLosesNoTag) {
+  PackedStreams streams(7);
+  const StreamFileHeader header = streams.header();
+  const Bytes payload = streams.stream(header, 300'000, 2'000, false);
+  writer.open(path, header);
+  writer.write(payload.data(), payload.size());
+  writer.close();
+  reader.open(path);
+  const Tags undisturbed = reader.decode_next_tags(kAll, 4096);
+
+  unsigned drops = 0;
+  reader.on_lock_event = [&](const timing::LockEvent& event) {
+    if (!timing::drops_lock(event.kind)) return;
+    ++drops;
+    throw std::runtime_error("listener");
+  };
+  reader.open(path);
+  Tags tags;
+  for (bool more = true; more;) {
+    try {
+      const std::span<const timing::TimeTag> next = reader.next_tags(kAll, 4096);
+      tags.insert(tags.end(), next.begin(), next.end());
+      more = !next.empty();
+    } catch (const std::runtime_error&) {
+    }
+  }
+  EXPECT_GT(drops, 3U);
+  EXPECT_EQ(tags, undisturbed);
 }
 
 TEST_F(StreamFiles, SpansHoldWhatIsPendingBeforeMoreIsRead) {

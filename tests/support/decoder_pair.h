@@ -15,13 +15,8 @@ namespace orvo::tests {
 
 class DecoderPair {
  public:
-  explicit DecoderPair(const timing::StreamFileHeader& header) : fast_(header), plain_(header) {
-    fast_.on_lock_event = [this, header](const timing::LockEvent& event) {
-      lines_.push_back(timing::describe(event, header));
-    };
-  }
-  DecoderPair(const DecoderPair&) = delete;
-  DecoderPair& operator=(const DecoderPair&) = delete;
+  explicit DecoderPair(const timing::StreamFileHeader& header)
+      : header_(header), fast_(header), plain_(header) {}
 
   /// Names what differs after the feed; empty when nothing does.
   std::string feed(std::span<const std::uint8_t> bytes) {
@@ -29,6 +24,9 @@ class DecoderPair {
     plain_.input_buffer.insert(plain_.input_buffer.end(), bytes.begin(), bytes.end());
     const std::span<const timing::TimeTag> tags = fast_.feed_packed_delta();
     const Tags plain_tags = plain_.feed_packed_delta();
+    for (const timing::LockEvent& event : fast_.lock_events()) {
+      lines_.push_back(timing::describe(event, header_));
+    }
     tags_ += plain_tags.size();
     const std::span<const std::uint8_t> left = fast_.input_buffer.bytes();
     if (lines_ != plain_.log) return "lines";
@@ -75,6 +73,7 @@ class DecoderPair {
                          fast.pending_sync_time_ps == plain_.pending_sync_time));
   }
 
+  timing::StreamFileHeader header_;
   timing::StreamDecoder fast_;
   PlainDecoder plain_;
   std::vector<std::string> lines_;

@@ -12,6 +12,10 @@ namespace orvo::timing::detail {
 
 class InputBuffer {
  public:
+  InputBuffer() = default;
+  InputBuffer(const InputBuffer&) = delete;  // nor moved: the sizes would stay with the old one
+  InputBuffer& operator=(const InputBuffer&) = delete;
+
   /// Bytes behind the last one that may be read, with any value: a decoder may load whole words.
   static constexpr std::size_t kSlackBytes = 64;
 

@@ -54,7 +54,7 @@ struct LockEvent {
   std::uint64_t total = 0;
 };
 
-/// Called in the course of a feed, by the thread that feeds, in the order of the events.
+/// Called by the thread that reads, in the order of the events.
 using LockListener = std::function<void(const LockEvent&)>;
 
 /// Whether the event ended a lock.

@@ -56,6 +56,7 @@ std::optional<LockEvent> imbalance(const detail::PackedBatch& batch,
 }  // namespace
 
 std::span<const TimeTag> StreamDecoder::feed_packed_delta() {
+  lock_events_.clear();
   if (!packed_format_.valid() || !(locked_ || take_packed_lock())) {
     return {};
   }
@@ -73,11 +74,11 @@ std::span<const TimeTag> StreamDecoder::feed_packed_delta() {
   consume_packed_records(batch.records);
   if (batch.drop) {
     packed_tags_ += batch.tags;
+    drop_packed_lock();
     report(*batch.drop);
-    drop_packed_lock();
   } else if (const auto event = imbalance(batch, packed_format_)) {
-    report(*event);
     drop_packed_lock();
+    report(*event);
     return {};
   } else {
     packed_tags_ += batch.tags;
@@ -132,9 +133,7 @@ void StreamDecoder::drop_packed_lock() {
 void StreamDecoder::report(LockEvent event) {
   event.payload_offset_bytes = input_buffer.removed();
   event.tags_before = packed_tags_;
-  if (on_lock_event) {
-    on_lock_event(event);
-  }
+  lock_events_.push_back(event);
   if (std::getenv("ORVO_PACKED_DEBUG") == nullptr || debug_lines_ >= kMaxDebugLines) {
     return;
   }

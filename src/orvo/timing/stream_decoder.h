@@ -49,8 +49,8 @@ class StreamDecoder {
   /// Bytes received and not yet consumed: append here, then feed.
   detail::InputBuffer input_buffer;
 
-  /// Told of everything that happens to a packed-delta lock; nobody by default.
-  LockListener on_lock_event;
+  /// What happened to a packed-delta lock in the last feed, in order; valid until the next feed.
+  [[nodiscard]] std::span<const LockEvent> lock_events() const noexcept { return lock_events_; }
 
   [[nodiscard]] bool locked() const noexcept { return locked_; }
   /// Bits of the first buffered byte that are consumed already, 0 to 7.
@@ -104,7 +104,8 @@ class StreamDecoder {
   detail::PackedState packed_;
   bool locked_ = false;
   std::uint64_t bit_offset_ = 0;
-  std::uint64_t packed_tags_ = 0;  // given out
+  std::uint64_t packed_tags_ = 0;       // given out
+  std::vector<LockEvent> lock_events_;  // of the last feed
   std::uint64_t debug_lines_ = 0;
 };
 

@@ -47,10 +47,21 @@ void StreamFileReader::open(const std::string& path) {
   decoder_.reset();
   header_ = {};
   payload_start_bytes_ = 0;
+  payload_read_bytes_ = 0;
   file_.open(path, std::ios::in | std::ios::binary);
   if (!file_) {
     throw Error(OT_ERR_IO, "StreamFileReader: cannot open " + path);
   }
+  try {
+    read_header();
+  } catch (...) {
+    close();
+    throw;
+  }
+  usable_ = true;
+}
+
+void StreamFileReader::read_header() {
   std::array<char, 8> magic;
   if (!file_.read(magic.data(), magic.size())) {
     throw Error(OT_ERR_IO, "StreamFileReader: truncated magic");
@@ -65,7 +76,6 @@ void StreamFileReader::open(const std::string& path) {
   const std::uint32_t header_bytes = little_endian(length);
   header_ = detail::stream_header_from_json(read_header_text(file_, header_bytes));
   payload_start_bytes_ = magic.size() + length.size() + std::uint64_t{header_bytes};
-  usable_ = true;
 }
 
 void StreamFileReader::close() noexcept {
@@ -116,7 +126,6 @@ bool StreamFileReader::decode_chunk(std::uint64_t chunk_bytes) {
   }
   if (decoder_ == nullptr) {
     decoder_ = std::make_unique<StreamDecoder>(header_);
-    decoder_->on_lock_event = on_lock_event;
   }
   detail::InputBuffer& input = decoder_->input_buffer;
   std::uint64_t total = 0;
@@ -129,6 +138,7 @@ bool StreamFileReader::decode_chunk(std::uint64_t chunk_bytes) {
     }
     const auto count = static_cast<std::size_t>(file_.gcount());
     total += count;
+    payload_read_bytes_ += count;
     if (decoder_->decodes()) {  // otherwise the bytes would only pile up
       input.commit(count);
     }
@@ -138,6 +148,11 @@ bool StreamFileReader::decode_chunk(std::uint64_t chunk_bytes) {
     return false;
   }
   pending_ = decoder_->feed();
+  if (on_lock_event) {
+    for (const LockEvent& event : decoder_->lock_events()) {
+      on_lock_event(event);
+    }
+  }
   return true;
 }
 

@@ -4,7 +4,7 @@
 namespace orvo::timing {
 namespace {
 
-constexpr std::size_t kWriteBufferBytes = 1 << 20;
+constexpr std::size_t kWriteBufferBytes = 1 << 20;  // holds writes below 1,024 bytes together
 constexpr std::uint64_t kHeaderLimitBytes = std::uint64_t{1} << 32;  // its length has 32 bits
 
 std::array<char, 4> little_endian(std::uint32_t value) {

@@ -33,8 +33,11 @@ class StreamFileWriter {
   /// closed first. After a failure the writer is not open.
   void open(const std::string& path, const StreamFileHeader& header);
 
-  /// Appends `size` bytes to the payload. A null `data` is allowed for no bytes. Before any open()
-  /// and behind close(), the first bytes fail with OT_ERR_IO, and only what follows as not open.
+  /// Appends `size` bytes to the payload. From 1,024 bytes on they pass to the system at once, as
+  /// the standard library's stream does it: a failed write is thus reported by the write() that
+  /// met it, where bytes collected in the buffer would fail unseen in close(). A null `data` is
+  /// allowed for no bytes. Before any open() and behind close(), the first bytes fail with
+  /// OT_ERR_IO, and only what follows as not open.
   void write(const std::uint8_t* data, std::uint64_t size);
 
   /// Writes out what is buffered and closes. A failure is not reported.
@@ -75,15 +78,14 @@ class StreamFileReader {
   /// Asked before each chunk is read; reading ends with Interrupted when it says so.
   bool (*interrupted)() = nullptr;
 
-  /// As StreamDecoder's, of the decoder that the next open file gets; called while its chunks are
-  /// decoded, which is ahead of giving out their tags.
+  /// Called for each lock event, before the tags of its chunk are returned. It may not open or
+  /// close this reader. An exception from it leaves the reading call, and the next call returns the
+  /// chunk's tags; the chunk's remaining events are not reported.
   LockListener on_lock_event;
 
-  /// Bytes of the file read and handed to the decoder, those in front of the payload included.
+  /// Bytes of the file read so far, those before the payload included.
   [[nodiscard]] std::uint64_t read_bytes() const noexcept {
-    return decoder_ == nullptr ? payload_start_bytes_
-                               : payload_start_bytes_ + decoder_->input_buffer.removed() +
-                                     decoder_->input_buffer.size();
+    return payload_start_bytes_ + payload_read_bytes_;
   }
 
   /// Payload bytes read that wait to be decoded: what the end of the payload leaves is lost. None
@@ -93,6 +95,7 @@ class StreamFileReader {
   }
 
  private:
+  void read_header();
   [[nodiscard]] bool decode_chunk(std::uint64_t chunk_bytes);
   [[nodiscard]] std::span<const TimeTag> take_pending(std::uint64_t max_tags) noexcept;
 
@@ -100,6 +103,7 @@ class StreamFileReader {
   bool usable_ = false;
   StreamFileHeader header_;
   std::uint64_t payload_start_bytes_ = 0;
+  std::uint64_t payload_read_bytes_ = 0;
   std::unique_ptr<StreamDecoder> decoder_;
   std::span<const TimeTag> pending_;  // in the decoder's storage
 };

@@ -12,6 +12,10 @@ namespace orvo::timing::detail {
 
 class TagBuffer {
  public:
+  TagBuffer() = default;
+  TagBuffer(const TagBuffer&) = delete;  // nor moved: the capacity would stay with the old one
+  TagBuffer& operator=(const TagBuffer&) = delete;
+
   /// Room for `count` tags; what was there before is lost.
   [[nodiscard]] TimeTag* room_for(std::size_t count) {
     if (count > capacity_) {
