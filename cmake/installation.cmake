@@ -15,26 +15,8 @@ if(TARGET ortime)
   install(FILES docs/man/ortime.1 DESTINATION "${man_dir}")
 endif()
 
-# The settings: those of the source, but with results below the working directory, since those of an
-# installation are nobody's to write.
-set(settings_file src/orvo/verification/ot_verify_overflow_frequency.ini)
-set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${settings_file})
-file(READ ${settings_file} settings)
-string(REPLACE
-  "# Folder for results. Without one: logs/verification/overflow_frequency of the source tree.
-# output_root = results
-"
-  "# Folder for results, from the working directory on. A file of your own should set it too: without
-# it they go to logs/verification/overflow_frequency of the prefix where the tool is installed.
-output_root = logs/verification/overflow_frequency
-" installed_settings "${settings}")
-if(installed_settings STREQUAL settings)
-  message(FATAL_ERROR "${settings_file}: the lines about output_root are not those that "
-                      "cmake/installation.cmake replaces")
-endif()
-file(CONFIGURE OUTPUT installed/ot_verify_overflow_frequency.ini
-     CONTENT "${installed_settings}" @ONLY)
-install(FILES "${PROJECT_BINARY_DIR}/installed/ot_verify_overflow_frequency.ini"
+# The settings, as they are in the source tree.
+install(FILES src/orvo/verification/ot_verify_overflow_frequency.ini
         DESTINATION "${CMAKE_INSTALL_DATADIR}/orvo_timing/verification")
 
 # The simulated instrument and the word that puts it in the maker's place.

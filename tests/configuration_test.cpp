@@ -8,7 +8,6 @@
 #include "orvo/verification/config.h"
 #include "orvo/verification/config_file.h"
 #include "orvo/verification/number_text.h"
-#include "orvo/verification/source_dir.h"
 #include "support/scratch.h"
 
 namespace orvo::verification {
@@ -148,8 +147,7 @@ TEST_F(ConfigFile, ShippedFileRestatesTheDefaults) {
   config_.channel_mask = config_.tdl_index = config_.packed_bits = 1;
   config_.packed_quantum_ps = 1;
   config_.chunk_bytes = config_.queue_chunks = config_.min_tags_per_channel = 1;
-  EXPECT_TRUE(apply_first_config_file(
-      config_, {source_dir() / "verification" / "ot_verify_overflow_frequency.ini"}));
+  EXPECT_TRUE(apply_first_config_file(config_, {ORVO_SHIPPED_SETTINGS}));
   EXPECT_TRUE(config_ == Config());
 }
 

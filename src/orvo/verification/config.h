@@ -24,7 +24,7 @@ struct Config {
   std::uint64_t queue_chunks = 128;     ///< reads that may wait for the disk
   double tolerance_ppm = 25.0;          ///< largest accepted rate error of a channel
   std::uint64_t min_tags_per_channel = 64;
-  std::optional<std::filesystem::path> output_root;  ///< unset: logs/ of the source tree
+  std::optional<std::filesystem::path> output_root;  ///< unset: the tool's default
 
   bool operator==(const Config&) const = default;
 };

@@ -7,8 +7,6 @@
 #include <string>
 #include <system_error>
 
-#include "orvo/verification/source_dir.h"
-
 namespace orvo::verification {
 namespace {
 
@@ -34,10 +32,11 @@ void apply_config_lines(Config& config, std::istream& lines) {
 
 }  // namespace
 
-std::vector<std::filesystem::path> config_candidates(char** argv) {
+std::vector<std::filesystem::path> config_candidates(char** argv,
+                                                     const std::filesystem::path& source_dir) {
   const std::filesystem::path working_dir = std::filesystem::current_path();
   return {program_dir(argv[0], working_dir) / kFileName, working_dir / kFileName,
-          source_dir() / "verification" / kFileName};
+          source_dir / "verification" / kFileName};
 }
 
 std::optional<std::filesystem::path> apply_first_config_file(

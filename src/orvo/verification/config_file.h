@@ -11,9 +11,11 @@
 
 namespace orvo::verification {
 
-/// Where the file may be, in search order: beside the program, in the working directory, in the
-/// source tree. `argv` is the program's argument vector, of which only the first is used.
-[[nodiscard]] std::vector<std::filesystem::path> config_candidates(char** argv);
+/// Where the file may be, in search order: beside the program, in the working directory, in
+/// `source_dir`/verification. `argv` is the program's argument vector, of which only the first is
+/// used.
+[[nodiscard]] std::vector<std::filesystem::path> config_candidates(
+    char** argv, const std::filesystem::path& source_dir);
 
 /// Applies the first candidate that can be opened, even if it is empty, and returns its path.
 std::optional<std::filesystem::path> apply_first_config_file(

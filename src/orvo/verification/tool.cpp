@@ -16,7 +16,6 @@
 #include "orvo/verification/exit_status.h"
 #include "orvo/verification/interruption.h"
 #include "orvo/verification/sequence.h"
-#include "orvo/verification/source_dir.h"
 #include "orvo/verification/standard_descriptors.h"
 
 namespace orvo::verification {
@@ -66,13 +65,6 @@ void apply_argument(Config& config, std::string_view argument) {
   apply_config_line(config, std::move(key), std::string(argument.substr(equals + 1)));
 }
 
-std::filesystem::path output_root(const Config& config) {
-  if (config.output_root) {
-    return std::filesystem::absolute(*config.output_root);
-  }
-  return source_dir().parent_path().parent_path() / "logs" / "verification" / "overflow_frequency";
-}
-
 /// Local time, such as 20261116_184824.
 std::string start_stamp() {
   const std::time_t now = std::time(nullptr);
@@ -82,14 +74,14 @@ std::string start_stamp() {
   return {text.data(), std::strftime(text.data(), text.size(), "%Y%m%d_%H%M%S", &local)};
 }
 
-int configure_and_verify(int argc, char** argv) {
+int configure_and_verify(int argc, char** argv, const ToolFolders& folders) {
   if (asks_for_help(argc, argv)) {
     std::cout << kHelpText;
     return kExitPassed;
   }
   Config config;
   const std::optional<std::filesystem::path> config_file =
-      apply_first_config_file(config, config_candidates(argv));
+      apply_first_config_file(config, config_candidates(argv, folders.source_dir));
   for (int i = 1; i < argc; ++i) {
     apply_argument(config, argv[i]);
   }
@@ -98,7 +90,8 @@ int configure_and_verify(int argc, char** argv) {
     return kExitInvalidConfiguration;
   }
 
-  const std::filesystem::path root = output_root(config);
+  const std::filesystem::path root =
+      std::filesystem::absolute(config.output_root.value_or(folders.default_output_root));
   const std::filesystem::path run_dir = root / start_stamp();
   std::filesystem::create_directories(run_dir);
   if (config_file) {
@@ -110,10 +103,10 @@ int configure_and_verify(int argc, char** argv) {
 
 }  // namespace
 
-int run_tool(int argc, char** argv) {
+int run_tool(int argc, char** argv, const ToolFolders& folders) {
   occupy_standard_descriptors();
   try {
-    const int status = configure_and_verify(argc, argv);
+    const int status = configure_and_verify(argc, argv, folders);
     end_if_interrupted();
     return status;
   } catch (const std::exception& error) {
