@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -140,6 +141,23 @@ TEST_F(Reports, PublishedCopiesReplaceWhatIsThere) {
   fs::create_directory(dir_ / "empty");
   copy_file_checked(dir_ / "new", dir_ / "empty");
   EXPECT_EQ(read("empty"), "new");
+}
+
+TEST_F(Reports, PublishedCopiesAreOfOneStart) {
+  const std::string names = "abcd";
+  for (const char name : names) write(std::string{name}.c_str(), std::string(1 << 18, name));
+  for (int round = 0; round < 10; ++round) {
+    std::vector<std::thread> starts;
+    for (const char name : names) {
+      starts.emplace_back([this, file = dir_ / std::string{name}, name] {
+        publish_latest(dir_, file, file, std::string(1 << 18, name));  // an error ends the test
+      });
+    }
+    for (std::thread& start : starts) start.join();
+    const std::string summary = read("latest_summary.txt");
+    EXPECT_EQ(summary.size(), 1U << 18);
+    EXPECT_TRUE(read("latest.csv") == summary && read("latest.json") == summary) << round;
+  }
 }
 
 TEST_F(Reports, FailuresNameTheOutput) {

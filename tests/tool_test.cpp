@@ -206,6 +206,25 @@ TEST_F(Tool, EndsBeforeAnythingIsTouched) {
   }
 }
 
+TEST_F(Tool, StartsInOneSecondKeepTheirVerdicts) {
+  const auto call = [](const std::string& sim) {
+    return ToolCall{.arguments = {"--capture-s=0.1"}, .sim = kSim + sim};
+  };
+  int pairs_in_one_second = 0;
+  for (int pair = 0; pair < 20 && pairs_in_one_second < 3; ++pair) {
+    ToolProcess good(here(), call(""));
+    ASSERT_TRUE(good.run_until([&] { return good.out.find("Capture 1") != std::string::npos; }));
+    ToolProcess bad(here(), call("rate_error_ppm=2:40"));
+    EXPECT_EQ(good.finish().status, 0) << good.out << good.err;
+    EXPECT_EQ(bad.finish().status, 2) << bad.out << bad.err;
+    pairs_in_one_second += run_dir_of(good) == run_dir_of(bad) ? 1 : 0;
+    const std::string summary = read_file(run_dir_of(bad) / "overflow_frequency.summary.txt");
+    EXPECT_NE(bad.out.find(summary), std::string::npos) << summary;  // overwritten afterwards
+    EXPECT_EQ(summary, read_file(root() / "latest_summary.txt"));
+  }
+  EXPECT_EQ(pairs_in_one_second, 3);
+}
+
 TEST_F(Tool, ReadsTheFirstConfigurationFile) {
   fs::create_directories(here() / "bin");
   write_file(file(std::string("bin/") + kFileName), "");

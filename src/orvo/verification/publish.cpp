@@ -1,6 +1,7 @@
 #include <system_error>
 
 #include "orvo/timing/error.h"
+#include "orvo/verification/directory_lock.h"
 #include "orvo/verification/report_stream.h"
 #include "orvo/verification/reports.h"
 
@@ -32,6 +33,7 @@ void publish_latest(const std::filesystem::path& output_root, const std::filesys
   std::error_code error;
   std::filesystem::create_directories(output_root, error);
   throw_if(error, "could not create output root ", output_root);
+  const DirectoryLock one_start_at_a_time(output_root);
   copy_file_checked(csv_path, output_root / "latest.csv");
   copy_file_checked(json_path, output_root / "latest.json");
   write_text_file(output_root / "latest_summary.txt", summary_text);

@@ -13,6 +13,7 @@
 
 #include "orvo/verification/config.h"
 #include "orvo/verification/config_file.h"
+#include "orvo/verification/directory_lock.h"
 #include "orvo/verification/exit_status.h"
 #include "orvo/verification/interruption.h"
 #include "orvo/verification/sequence.h"
@@ -94,6 +95,9 @@ int configure_and_verify(int argc, char** argv, const ToolFolders& folders) {
       std::filesystem::absolute(config.output_root.value_or(folders.default_output_root));
   const std::filesystem::path run_dir = root / start_stamp();
   std::filesystem::create_directories(run_dir);
+  // A second start in the same second overwrites the results of the first, not its recordings
+  // while they are judged.
+  const DirectoryLock one_start_at_a_time(run_dir);
   if (config_file) {
     std::cout << "Config: " << config_file->string() << '\n';
   }

@@ -1,0 +1,34 @@
+#include "orvo/verification/directory_lock.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <thread>
+
+#include "orvo/timing/error.h"
+#include "orvo/verification/interruption.h"
+
+namespace orvo::verification {
+
+DirectoryLock::DirectoryLock(const std::filesystem::path& directory)
+    : descriptor_(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
+  // Asked again and again, because a call that waits goes on waiting after a noted signal.
+  while (descriptor_ >= 0 && flock(descriptor_, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
+    if (interrupted()) {
+      close(descriptor_);
+      throw timing::Interrupted();
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+}
+
+DirectoryLock::~DirectoryLock() {
+  if (descriptor_ >= 0) {
+    close(descriptor_);
+  }
+}
+
+}  // namespace orvo::verification
