@@ -20,17 +20,14 @@ install(FILES src/orvo/verification/ot_verify_overflow_frequency.ini
         DESTINATION "${CMAKE_INSTALL_DATADIR}/orvo_timing/verification")
 
 # The simulated instrument and the word that puts it in the maker's place.
-if(TARGET orvo_simulator)
-  install(TARGETS orvo_simulator LIBRARY DESTINATION "${simulated_dir}" NAMELINK_SKIP)
-  file(RELATIVE_PATH simulated_from_programs
-       "${CMAKE_INSTALL_FULL_BINDIR}" "${CMAKE_INSTALL_FULL_LIBDIR}/orvo_timing/simulated")
-  configure_file(packaging/ot-simulated.in installed/ot-simulated @ONLY)
-  install(PROGRAMS "${PROJECT_BINARY_DIR}/installed/ot-simulated"
-          DESTINATION "${CMAKE_INSTALL_BINDIR}")
-  install(FILES docs/man/ot-simulated.1 DESTINATION "${man_dir}")
-  install(FILES docs/simulator.md DESTINATION "${CMAKE_INSTALL_DOCDIR}")
-endif()
-install(FILES docs/stream-format.md DESTINATION "${CMAKE_INSTALL_DOCDIR}")
+install(TARGETS orvo_simulator LIBRARY DESTINATION "${simulated_dir}" NAMELINK_SKIP)
+file(RELATIVE_PATH simulated_from_programs
+     "${CMAKE_INSTALL_FULL_BINDIR}" "${CMAKE_INSTALL_FULL_LIBDIR}/orvo_timing/simulated")
+configure_file(packaging/ot-simulated.in installed/ot-simulated @ONLY)
+install(PROGRAMS "${PROJECT_BINARY_DIR}/installed/ot-simulated"
+        DESTINATION "${CMAKE_INSTALL_BINDIR}")
+install(FILES docs/man/ot-simulated.1 DESTINATION "${man_dir}")
+install(FILES docs/simulator.md docs/stream-format.md DESTINATION "${CMAKE_INSTALL_DOCDIR}")
 
 # The libraries, for find_package(orvo_timing).
 install(TARGETS orvo_stream orvo_evaluation EXPORT orvo_timing

@@ -27,12 +27,7 @@ set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 # Dependencies are what the programs link. The driver library belongs to no package: it is only
 # shown where it lies, and no dependency comes of it.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-if(ORVO_TIMING_LIBRARY)
-  get_filename_component(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS "${ORVO_TIMING_LIBRARY}"
-                         DIRECTORY)
-else()
-  set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS "${PROJECT_BINARY_DIR}/src/orvo/simulator")
-endif()
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS "${PROJECT_BINARY_DIR}/src/orvo/simulator")
 
 # What only a Debian package has: see there.
 set(CPACK_PRE_BUILD_SCRIPTS "${PROJECT_SOURCE_DIR}/packaging/debian_files.cmake")
