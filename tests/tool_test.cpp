@@ -3,6 +3,7 @@
 
 #include <cmath>
 #include <cstdint>
+#include <cstdlib>
 #include <filesystem>
 #include <regex>
 #include <sstream>
@@ -226,8 +227,12 @@ TEST_F(Tool, StartsInOneSecondKeepTheirVerdicts) {
 }
 
 TEST_F(Tool, ReadsTheFirstConfigurationFile) {
-  fs::create_directories(here() / "bin");
+  for (const char* const program : {"bin/tool", "elsewhere/tool", "tool"}) {
+    fs::create_directories((here() / program).parent_path());
+    fs::create_symlink(ORVO_TOOL, here() / program);
+  }
   write_file(file(std::string("bin/") + kFileName), "");
+  setenv("PATH", (here().string() + ":" + std::getenv("PATH")).c_str(), 1);  // for "tool"
   const auto config_of = [&](const char* program) {
     ToolCall call{.arguments = {"--output-root=out"}, .sim = "instruments=0"};
     call.program = program;

@@ -73,7 +73,7 @@ ToolProcess::ToolProcess(const fs::path& directory, const ToolCall& call)
     require(write(ends[kLedger], filling.data(), filling.size()) > 0, "write");
   }
   Texts arguments = call.arguments;
-  arguments.insert(arguments.begin(), call.program);
+  arguments.insert(arguments.begin(), {"ot-simulated", call.program});
   Texts environment = environment_of(call, ends[kLedger]);
   const std::vector<char*> argv = pointers(arguments);
   const std::vector<char*> envp = pointers(environment);
@@ -81,7 +81,7 @@ ToolProcess::ToolProcess(const fs::path& directory, const ToolCall& call)
   require(pid_ >= 0, "fork");
   if (pid_ == 0) {
     if (prepare_child(directory.c_str(), call, ends[kOut], ends[kErr], ends[kLedger])) {
-      execve(ORVO_TOOL, argv.data(), envp.data());
+      execve(ORVO_SIMULATED, argv.data(), envp.data());
     }
     _exit(127);
   }

@@ -23,7 +23,7 @@ struct ToolCall {
   bool driver_held = false;  ///< the first driver call waits in its ledger for release_driver()
   int ignored_signal = 0;    ///< ignored by whoever starts the tool
   std::uint64_t max_file_bytes = ~std::uint64_t{0};      ///< a write beyond fails: a full disk
-  std::string program = "ot_verify_overflow_frequency";  ///< as the tool is told, in argv[0]
+  std::string program = "ot_verify_overflow_frequency";  ///< run by ot-simulated
 };
 
 struct ToolResult {
