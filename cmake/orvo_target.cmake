@@ -4,6 +4,8 @@ function(orvo_target name)
   target_compile_features(${name} PUBLIC cxx_std_20)
   set_target_properties(${name} PROPERTIES CXX_EXTENSIONS OFF POSITION_INDEPENDENT_CODE ON)
   target_include_directories(${name} PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/src>)
+  # A program that brings a driver of its own, or calls none, loads none.
+  target_link_options(${name} PRIVATE LINKER:--as-needed)
   if(PROJECT_IS_TOP_LEVEL)
     # Hardened as users run it; bounds-checked library containers wherever we test for faults.
     target_compile_options(${name} PRIVATE -fstack-protector-strong
