@@ -7,6 +7,7 @@
 #include <fstream>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "orvo/simulator/settings.h"
@@ -160,6 +161,21 @@ class DriverLibrary : public testing::Test {
   tests::ScratchDirectory scratch_;
   ot_device* dev_ = nullptr;
 };
+
+// The first of these tests, so that it is so also where all of them run in one process.
+TEST_F(DriverLibrary, SaysAtTheFirstOpeningThatItIsSimulated) {
+  set_up("fail=ot_open:1:-2:effect");
+  std::string said;
+  for (const ot_status expected : {OT_ERR_IO, OT_OK, OT_OK}) {
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(ot_open(&dev_, "sim:0", 9600), expected);
+    said += std::to_string(expected) + ": " + testing::internal::GetCapturedStderr();
+    if (dev_ != nullptr) ot_close(std::exchange(dev_, nullptr));
+  }
+  EXPECT_EQ(said,
+            "-2: 0: liborvo_timing.so.0: simulated instrument; results say nothing about a real "
+            "one\n0: ");
+}
 
 TEST_F(DriverLibrary, ServesAnInstrument) {
   set_up("pace=bytes:1000;instruments=2");

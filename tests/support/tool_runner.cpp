@@ -42,6 +42,19 @@ Texts environment_of(const ToolCall& call, int ledger) {
   return result;
 }
 
+/// Takes out of `err` what the driver says once of itself, when an instrument is opened.
+void take_driver_line(ToolResult& tool) {
+  const std::string line =
+      "liborvo_timing.so.0: simulated instrument; results say nothing about a real one\n";
+  if (lines_with(tool.ledger, "ot_open").find(" status=0\n") == std::string::npos) return;
+  const std::size_t at = tool.err.find(line);
+  if (at == std::string::npos) {
+    tool.err += "the driver did not say that it is simulated\n";
+  } else {
+    tool.err.erase(at, line.size());
+  }
+}
+
 /// Between fork and exec: system calls alone.
 bool prepare_child(const char* directory, const ToolCall& call, int out, int err, int ledger) {
   const rlimit limit = {call.max_file_bytes, call.max_file_bytes};
@@ -133,6 +146,7 @@ bool ToolProcess::run_until(const std::function<bool()>& condition) {
     int end = 0;
     require(waitpid(pid_, &end, 0) == pid_, "waitpid");
     status = WIFEXITED(end) ? WEXITSTATUS(end) : 128 + WTERMSIG(end);
+    take_driver_line(*this);
     pid_ = -1;
   }
   return false;

@@ -29,7 +29,7 @@ struct ToolCall {
 struct ToolResult {
   int status = -1;  ///< of the exit, or 128 and the signal that ended the tool
   std::string out = {};
-  std::string err = {};
+  std::string err = {};  ///< without the simulated driver's own line
   std::string ledger = {};
   bool hung = false;
 };

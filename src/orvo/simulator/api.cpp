@@ -46,6 +46,7 @@ ot_status open_device(Operation operation, ot_device** out, const char* port, in
     if (call.takes_effect()) outcome = call.driver().open(device, port);
     outcome = call.result(outcome);
     if (outcome.status == OT_OK) {
+      call.driver().say_simulated();
       *out = device;
     } else if (device != nullptr) {
       Driver::close(*device);

@@ -116,4 +116,11 @@ Outcome Driver::open(ot_device*& out, std::string_view port) {
   return {};
 }
 
+void Driver::say_simulated() {
+  if (said_simulated_) return;
+  said_simulated_ = true;
+  std::fputs("liborvo_timing.so.0: simulated instrument; results say nothing about a real one\n",
+             stderr);
+}
+
 }  // namespace orvo::simulator

@@ -61,6 +61,8 @@ class Driver {
   Outcome discover(ot_discovery_list*& out);
   Outcome open(ot_device*& out, std::string_view port);
   static void close(ot_device& device) { device.device.reset(); }
+  /// Says on standard error, once a process, that results are those of a simulation.
+  void say_simulated();
 
   [[nodiscard]] bool knows(const ot_device* device) const;
   [[nodiscard]] bool knows(const ot_discovery_list* list) const;
@@ -79,6 +81,7 @@ class Driver {
   Settings settings_;
   std::optional<std::string> loaded_text_;
   bool settings_good_ = false;
+  bool said_simulated_ = false;
   InstrumentClock clock_{0, true};
   std::vector<std::unique_ptr<ot_device>> devices_;
   std::vector<std::unique_ptr<ot_discovery_list>> lists_;
