@@ -114,6 +114,44 @@ TEST(SimulatedStream, DecodesExactly) {
   }
 }
 
+/// The channel's next `count` event times.
+std::vector<std::uint64_t> times_of(EventSource source, std::size_t count) {
+  std::vector<std::uint64_t> times;
+  for (; times.size() < count; source.pop()) times.push_back(source.front().time_ps);
+  return times;
+}
+
+TEST(SimulatedStream, LosesEventsExactlyAtAnyDistance) {
+  constexpr unsigned kDivider = 30978261;  // 1 Hz
+  const SourceConfig config = {Mode::internal, 1, kDivider, 0};
+  const std::vector<std::uint64_t> early =
+      times_of(EventSource(parse_settings("jitter_ps=0"), config), 3);
+  const struct {
+    const char* losses;
+    std::uint64_t count;
+  } cases[] = {
+      {"0:9000000@3", 9'000'000},
+      {"0:18500000@3", 18'500'000},  // 2^64 ps and half a day: never
+      {"0:9000000@3,0:300000@3", 9'300'000},
+      {"0:1000000000@3,0:1000000000@3,0:1000000000@3", 3'000'000'000},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.losses);
+    const std::string text = std::string("jitter_ps=0;lose=") + c.losses;
+    const std::vector<std::uint64_t> times = times_of(EventSource(parse_settings(text), config), 4);
+    EXPECT_TRUE(std::equal(early.begin(), early.end(), times.begin()));
+    __extension__ using Wide = unsigned __int128;
+    const Wide next = early[0] + Wide{c.count + 3} * kDivider * 613272 / 19;
+    EXPECT_EQ(std::min(times[3], kTimeLineEndPs),
+              static_cast<std::uint64_t>(std::min(next, Wide{kTimeLineEndPs})));
+  }
+  StreamCase stream;
+  stream.mask = 1;
+  stream.divider = kDivider;
+  EXPECT_EQ(bytes_of("pace=bytes:1000;lose=0:18500000@3", stream),
+            bytes_of("pace=ps:2500000000000", stream));
+}
+
 TEST(SimulatedStream, DamageAndNoiseAreExact) {
   const Bytes clean = bytes_of("pace=bytes:5000");
   Bytes expected = clean;

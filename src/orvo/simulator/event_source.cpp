@@ -74,8 +74,9 @@ void EventSource::set_up(unsigned number, const Settings& settings, const Source
 void EventSource::skip(Channel& channel, std::uint64_t count) {
   const Period& period = channel.period;
   const Wide fraction = Wide{count} * period.remainder + channel.fraction;
-  channel.nominal_ps += count * period.whole_ps;
-  channel.nominal_ps += static_cast<std::uint64_t>(fraction / period.divisor);
+  const Wide nominal_ps =
+      channel.nominal_ps + Wide{count} * period.whole_ps + fraction / period.divisor;
+  channel.nominal_ps = static_cast<std::uint64_t>(std::min(nominal_ps, Wide{kTimeLineEndPs}));
   channel.fraction = static_cast<std::uint64_t>(fraction % period.divisor);
   channel.number += count;
 }

@@ -37,7 +37,8 @@ class EventSource {
  public:
   EventSource(const Settings& settings, const SourceConfig& config);
 
-  /// The next event; its time is kNever when no channel fires at all.
+  /// The next event. Its time is kTimeLineEndPs or later when there is none, kNever when no channel
+  /// fires at all.
   [[nodiscard]] const Event& front() const { return queue_[0]; }
 
   void pop() {

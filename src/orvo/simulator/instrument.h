@@ -15,6 +15,10 @@ inline constexpr std::uint64_t kWrapPs = kCoarsePeriodPs << 32;
 inline constexpr unsigned kTickBits = 41;
 inline constexpr std::uint64_t kTickMask = (std::uint64_t{1} << kTickBits) - 1;
 
+/// The end of the instrument's time line, 106 days after its 0: a later event never comes. Times
+/// before it can be added to any period without leaving 64 bits.
+inline constexpr std::uint64_t kTimeLineEndPs = std::uint64_t{1} << 63;
+
 /// A time that never comes.
 inline constexpr std::uint64_t kNever = ~std::uint64_t{0};
 

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "orvo/simulator/instrument.h"
+
 namespace orvo::simulator {
 namespace {
 
@@ -11,12 +13,15 @@ using std::chrono::nanoseconds;
 constexpr std::int64_t kHostNs = 10;
 constexpr std::int64_t kInstrumentPs = 9999;
 
+// Then the time line is nearly at its end, and the products below still fit.
+constexpr std::int64_t kLastHostNs = kTimeLineEndPs / 1000;
+
 }  // namespace
 
 std::uint64_t InstrumentClock::at(Host::time_point host) const {
   if (!started_) return now_ps_;
   const nanoseconds passed = std::chrono::duration_cast<nanoseconds>(host - *started_);
-  const std::int64_t ns = std::max<std::int64_t>(passed.count(), 0);
+  const std::int64_t ns = std::clamp<std::int64_t>(passed.count(), 0, kLastHostNs);
   const std::int64_t ps = ns / kHostNs * kInstrumentPs + ns % kHostNs * kInstrumentPs / kHostNs;
   return now_ps_ + static_cast<std::uint64_t>(ps);
 }

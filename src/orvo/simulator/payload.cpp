@@ -64,7 +64,9 @@ PackedConfig packed_config(const Settings& settings, const StreamConfig& config)
 
 std::unique_ptr<Payload> generate_payload(const Settings& settings, const StreamConfig& config) {
   const std::uint64_t start_ps = config.source.start_ps;
-  const std::uint64_t end_ps = settings.pace == Pace::unpaced_ps ? start_ps + settings.end : kNever;
+  const bool ends = settings.pace == Pace::unpaced_ps;
+  const std::uint64_t end_ps =
+      ends ? std::min(start_ps + settings.end, kTimeLineEndPs) : kTimeLineEndPs;
   EventSource source(settings, config.source);
   const auto make = [&](auto encoder) -> std::unique_ptr<Payload> {
     using Encoder = decltype(encoder);
