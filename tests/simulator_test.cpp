@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <fstream>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -152,6 +153,38 @@ TEST(SimulatedStream, LosesEventsExactlyAtAnyDistance) {
             bytes_of("pace=ps:2500000000000", stream));
 }
 
+TEST(SimulatedStream, JitterMakesEventsLate) {
+  const auto lateness = [](const std::string& settings, Mode mode, std::uint64_t period_ps) {
+    const SourceConfig config = {mode, 1, 31350, 0};  // 31350 * 613272 / 19 ps
+    std::vector<std::uint64_t> times =
+        times_of(EventSource(parse_settings(settings), config), 2000);
+    const std::uint64_t first_ps =
+        times_of(EventSource(parse_settings("jitter_ps=0"), {Mode::internal, 1, 1, 0}), 1)[0];
+    for (std::size_t i = 0; i < times.size(); ++i) times[i] -= first_ps + i * period_ps;
+    const auto [least, most] = std::minmax_element(times.begin(), times.end());
+    return std::pair(*least, *most);
+  };
+  constexpr std::uint64_t kPeriodPs = 1'011'898'800;
+  using Range = std::pair<std::uint64_t, std::uint64_t>;
+  EXPECT_EQ(lateness("", Mode::internal, kPeriodPs), Range(0, 6));
+  EXPECT_EQ(lateness("jitter_ps=0", Mode::internal, kPeriodPs), Range(0, 0));
+  const struct {
+    const char* settings;
+    Mode mode;
+    std::uint64_t period_ps, most_ps;
+  } wide[] = {
+      {"jitter_ps=1000000000", Mode::internal, kPeriodPs, kPeriodPs / 2},
+      {"external_hz=1000,1,1,1", Mode::external, 999'900'000, 499'950'000},
+      {"external_hz=10,1,1,1", Mode::external, 99'990'000'000, 4'000'000'000},
+  };
+  for (const auto& c : wide) {
+    const auto [least, most] = lateness(c.settings, c.mode, c.period_ps);
+    EXPECT_LT(least, c.most_ps / 100) << c.settings;
+    EXPECT_GT(most, c.most_ps / 100 * 99) << c.settings;
+    EXPECT_LE(most, c.most_ps) << c.settings;
+  }
+}
+
 TEST(SimulatedStream, DamageAndNoiseAreExact) {
   const Bytes clean = bytes_of("pace=bytes:5000");
   Bytes expected = clean;
@@ -164,12 +197,13 @@ TEST(SimulatedStream, DamageAndNoiseAreExact) {
 }
 
 TEST(SimulatorSettings, BadOnesAreNamed) {
-  for (const std::string text :
-       {"speed=1", "seed=", "seed=1x", "rate_error_ppm=4:1", "rate_error_ppm=1:0.1234567",
-        "silent=", "silent=7", "lose=1:2", "bit_phase=34", "clock_ps=14315125997568",
-        "damage=bend@3", "pace=fast", "pace=bytes:", "external_hz=1,2,3",
-        "replay=", "fail=ot_last_error:1:-1", "fail=ot_open:0:-1", "fail=ot_open:1:0",
-        "fail=ot_open:1:-2:sometimes"}) {
+  std::istringstream texts(
+      "speed=1 seed= seed=1x rate_error_ppm=4:1 rate_error_ppm=1:0.1234567 jitter_ps=1000000001 "
+      "silent= silent=7 lose=1:2 lose=1:1000000001@0 bit_phase=34 clock_ps=14315125997568 "
+      "damage=bend@3 pace=fast pace=bytes: pace=bytes:0 pace=ps:9223372036854775808 "
+      "external_hz=1,2,3 external_hz=5000001,1,1,1 noise_bytes=16777217 replay= "
+      "fail=ot_last_error:1:-1 fail=ot_open:0:-1 fail=ot_open:1:0 fail=ot_open:1:-2:sometimes");
+  for (std::string text; texts >> text;) {
     const std::string key = std::string("'").append(text, 0, text.find('=')).append("'");
     try {
       static_cast<void>(parse_settings("seed=5;" + text));
