@@ -296,5 +296,17 @@ TEST_F(DriverLibrary, FailsOnCommandAndCleansUp) {
   EXPECT_EQ(misuses(), "ot_stop_stream_mode ot_close ");
 }
 
+TEST_F(DriverLibrary, ReportsALedgerThatCannotBeWrittenOnce) {
+  ::setenv("ORVO_SIM", "ledger=/dev/full", 1);
+  testing::internal::CaptureStderr();
+  ASSERT_EQ(ot_open(&dev_, "sim:0", 9600), OT_OK);
+  EXPECT_EQ(ot_set_stream_channel_mask(dev_, 1), OT_OK);
+  EXPECT_EQ(ot_close(dev_), OT_OK);
+  const std::string said = testing::internal::GetCapturedStderr();
+  const std::string line = "ORVO_SIM: cannot write the ledger '/dev/full', which ends here\n";
+  EXPECT_NE(said.find(line), std::string::npos) << said;
+  EXPECT_EQ(said.find("ledger"), said.rfind("ledger")) << said;
+}
+
 }  // namespace
 }  // namespace orvo::simulator

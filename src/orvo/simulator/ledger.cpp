@@ -1,5 +1,7 @@
 #include "orvo/simulator/ledger.h"
 
+#include <cstdio>
+
 namespace orvo::simulator {
 
 bool Ledger::open(const std::string& path) {
@@ -13,6 +15,12 @@ bool Ledger::open(const std::string& path) {
   if (file_.is_open()) return true;
   path_.clear();
   return false;
+}
+
+void Ledger::write(const std::string& line) {
+  if (!file_.is_open() || file_ << line << std::endl) return;
+  std::fprintf(stderr, "ORVO_SIM: cannot write the ledger '%s', which ends here\n", path_.c_str());
+  file_.close();
 }
 
 }  // namespace orvo::simulator

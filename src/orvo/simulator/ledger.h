@@ -1,7 +1,8 @@
 // The protocol ledger: one line a call, and a line that begins with "misuse" for each breach of
 // the protocol. Every line is in the file before the call returns, however the process ends.
 //
-// Threads: a ledger belongs to one thread at a time. Errors: a failing write is not reported.
+// Threads: a ledger belongs to one thread at a time. Errors: the first failing write ends the
+// ledger and is reported on standard error.
 #pragma once
 
 #include <fstream>
@@ -26,9 +27,7 @@ class Ledger {
   void end() { write("end misuses=" + std::to_string(misuses_)); }
 
  private:
-  void write(const std::string& line) {
-    if (file_.is_open()) file_ << line << std::endl;
-  }
+  void write(const std::string& line);
 
   std::ofstream file_;
   std::string path_;
