@@ -82,7 +82,7 @@ expect("${out}" "Config: ${own_settings}\n")
 expect("${out}" "Output: ${output_root}/")
 file(REMOVE "${own_settings}")
 foreach(program "${WORK_DIR}/links/ot_verify_overflow_frequency" ot_verify_overflow_frequency)
-  run(0 "${WORK_DIR}/links/ot-simulated" "${program}" --frequencies-hz=10000 --capture-s=0.1)
+  run(0 "${WORK_DIR}/links/ot-simulated" "${program}" --frequencies-hz=10000 --capture-s=1)
   expect("${out}"
          "Config: ${prefix}/share/orvo_timing/verification/ot_verify_overflow_frequency.ini\n")
   expect("${out}" "Output: ${output_root}/")
