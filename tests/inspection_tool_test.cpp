@@ -83,9 +83,11 @@ TEST(InspectionTool, FindsTheSameNumbersInEveryRecording) {
     const ScratchDirectory scratch;
     Texts arguments = {"--output-root=out"};
     arguments.insert(arguments.end(), c.arguments.begin(), c.arguments.end());
-    const ToolResult recorded =
-        run_tool(scratch.path(), {.arguments = arguments, .sim = "pace=" + c.sim});
-    const std::filesystem::path run_dir = run_dir_of(recorded);
+    const ToolResult recorded = undisturbed([&] {
+      std::filesystem::remove_all(scratch.file("out"));
+      return run_tool(scratch.path(), {.arguments = arguments, .sim = "pace=" + c.sim});
+    });
+    const std::filesystem::path run_dir = run_dir_in(scratch.file("out"));
     const std::string expected = channel_lines(read_file(run_dir / "overflow_frequency.csv"));
     const std::string run_lines = lines_with(recorded.out, "run ");
     ASSERT_EQ(recorded.status, c.status) << recorded.err;

@@ -8,7 +8,6 @@
 #include <regex>
 #include <sstream>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "orvo/verification/evaluation.h"
@@ -37,11 +36,14 @@ class Tool : public testing::Test {
                "capture_s = 0.05\nfrequencies_hz = 10000\ntolerance_ppm = 10\n");
   }
 
-  [[nodiscard]] ToolResult run(const std::string& sim, Texts arguments = {},
-                               Texts environment = {}) const {
-    return run_tool(here(), {.arguments = std::move(arguments),
-                             .environment = std::move(environment),
-                             .sim = kSim + sim});
+  /// Into an output root that is empty, unless a test has made it a file.
+  [[nodiscard]] ToolResult run(const std::string& sim, const Texts& arguments = {},
+                               const Texts& environment = {}) const {
+    return undisturbed([&] {
+      if (fs::is_directory(root())) fs::remove_all(root());
+      return run_tool(here(),
+                      {.arguments = arguments, .environment = environment, .sim = kSim + sim});
+    });
   }
 
   [[nodiscard]] std::string file(const std::string& name) const { return dir_.file(name); }
@@ -88,7 +90,6 @@ TEST_F(Tool, PrintsAndWritesAllOfItsResults) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.frequencies);
-    fs::remove_all(root());
     Config config;
     config.capture_s = 0.0625;
     config.frequencies_hz = c.frequencies_hz;
@@ -279,7 +280,6 @@ TEST_F(Tool, NamesWhatItDidNotFind) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.sim);
-    fs::remove_all(root());
     const ToolResult result = run(c.sim, {std::string("--control-port=") + c.port});
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.err, c.err);
@@ -305,7 +305,6 @@ TEST_F(Tool, TellsOfALostLockOnlyWhenAsked) {
 TEST_F(Tool, JudgesARecordingByItsOwnWidth) {
   const ToolResult recorded = run("", {"--packed-bits=24", "--packed-quantum-ps=16"});
   fs::rename(run_dir_in(root()) / "overflow_frequency_01.ortime", file("recording"));
-  fs::remove_all(root());
   const ToolResult result = run("replay=recording", {"--packed-bits=8"});
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_EQ(lines_with(result.out, "  ch"), lines_with(recorded.out, "  ch"));

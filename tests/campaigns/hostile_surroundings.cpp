@@ -117,6 +117,7 @@ std::string other_zone(const std::string& zone) {
     right = right || stamp == local_stamp(time);
   }
   unsetenv("TZ");
+  tzset();
   return right ? wrong_success(tool, root) : "run directory " + stamp;
 }
 
@@ -127,12 +128,14 @@ std::string folder_for_file(const std::string& folder, bool empty, const std::st
   const ScratchDirectory directory;
   const fs::path& here = directory.path();
   // The run's directory is named by the second in which it starts.
-  const std::time_t now = std::time(nullptr);
-  for (std::time_t time = now; time < now + 4; ++time) {
+  const std::time_t last = std::time(nullptr) + 4;
+  for (std::time_t time = last - 4; time <= last; ++time) {
     const fs::path made = here / with(folder, "RUN", "out/" + local_stamp(time));
     fs::create_directories(empty ? made : made / "content");
   }
   const ToolResult tool = run_tool(here, plain_call());
+  const std::string last_run_dir = here / "out" / local_stamp(last);
+  if (lines_with(tool.out, "Output: ") > "Output: " + last_run_dir + '\n') throw Starved();
   if (message.empty()) return wrong_success(tool, here / "out");
   const std::string err = with(tool.err, (here / "out").string(), "OUT");
   if (!std::regex_match(err, std::regex(message + ".*\n")) || tool.status != 1) return err;

@@ -6,13 +6,18 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
+#include <cstdlib>
 #include <numeric>
 #include <set>
 #include <sstream>
 #include <string_view>
 #include <system_error>
+
+#include "support/scratch.h"
 
 namespace orvo::tests {
 namespace {
@@ -21,6 +26,7 @@ using Clock = std::chrono::steady_clock;
 namespace fs = std::filesystem;
 
 constexpr std::chrono::seconds kHungAfter{60};
+constexpr std::chrono::seconds kLongestPoll{1};  // where one takes longer, nothing ran at all
 
 void require(bool success, const char* what) {
   if (!success) throw std::system_error(errno, std::generic_category(), what);
@@ -56,24 +62,60 @@ void take_driver_line(ToolResult& tool) {
 }
 
 /// Between fork and exec: system calls alone.
-bool prepare_child(const char* directory, const ToolCall& call, int out, int err, int ledger) {
+bool prepare_child(const char* directory, const ToolCall& call, const std::array<int, 3>& ends) {
   const rlimit limit = {call.max_file_bytes, call.max_file_bytes};
   for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGPIPE}) {
     std::signal(number, number == call.ignored_signal ? SIG_IGN : SIG_DFL);
   }
   // Ignored, SIGXFSZ leaves the write with an error, as a full disk does.
-  const bool prepared = chdir(directory) == 0 && dup2(out, 1) == 1 && dup2(err, 2) == 2 &&
-                        fcntl(ledger, F_SETFD, 0) == 0 &&
+  const bool prepared = chdir(directory) == 0 && dup2(ends[0], 1) == 1 && dup2(ends[1], 2) == 2 &&
+                        fcntl(ends[2], F_SETFD, 0) == 0 &&
                         std::signal(SIGXFSZ, SIG_IGN) != SIG_ERR &&
                         setrlimit(RLIMIT_FSIZE, &limit) == 0;
   for (const char digit : call.closed) close(digit - '0');
   return prepared;
 }
 
+std::string proc_file(pid_t process) { return "/proc/" + std::to_string(process); }
+
+/// A line of /proc/PID/status without its name.
+std::string status_of(pid_t process, const std::string& name) {
+  const std::string line = lines_with(read_file(proc_file(process) + "/status"), name);
+  return line.empty() ? "" : line.substr(name.size());
+}
+
+bool has_signal(const std::string& set, int number) {
+  return (std::strtoull(set.c_str(), nullptr, 16) >> (number - 1) & 1) != 0;
+}
+
+void print_threads(pid_t process) {
+  std::error_code gone;
+  for (const auto& task : fs::directory_iterator(proc_file(process) + "/task", gone)) {
+    const auto text = [&](const char* name) { return read_file(task.path() / name); };
+    std::fprintf(stderr, "%s hangs: %swchan: %s\nsyscall: %s", task.path().c_str(),
+                 lines_with(text("status"), "State").c_str(), text("wchan").c_str(),
+                 text("syscall").c_str());
+  }
+}
+
+/// Whether a stream was stopped as complete before a read had said that there is no more of it.
+bool is_starved(const std::string& ledger, bool reads_fail) {
+  std::istringstream lines(ledger);
+  std::string read;
+  for (std::string line; std::getline(lines, line);) {
+    if (line.starts_with("ot_start")) read.clear();
+    if (line.starts_with("ot_read")) read = line;
+    const bool ended = read.ends_with(" status=-3") || read.ends_with(" its effect") ||
+                       (reads_fail && read.ends_with(" commanded"));
+    if (line.find(" stop_flag=1 ") != std::string::npos && !ended) return true;
+  }
+  return false;
+}
+
 }  // namespace
 
 ToolProcess::ToolProcess(const fs::path& directory, const ToolCall& call)
-    : held_(call.driver_held) {
+    : sim_(call.sim), held_(call.driver_held) {
   std::array<int, 3> ends;
   for (std::size_t i = 0; i < ends.size(); ++i) {
     int both[2];
@@ -93,7 +135,7 @@ ToolProcess::ToolProcess(const fs::path& directory, const ToolCall& call)
   pid_ = fork();
   require(pid_ >= 0, "fork");
   if (pid_ == 0) {
-    if (prepare_child(directory.c_str(), call, ends[kOut], ends[kErr], ends[kLedger])) {
+    if (prepare_child(directory.c_str(), call, ends)) {
       execve(ORVO_SIMULATED, argv.data(), envp.data());
     }
     _exit(127);
@@ -103,12 +145,15 @@ ToolProcess::ToolProcess(const fs::path& directory, const ToolCall& call)
 
 ToolProcess::~ToolProcess() {
   if (pid_ > 0) {
-    signal(SIGKILL);
+    kill(pid_, SIGKILL);
     waitpid(pid_, nullptr, 0);
   }
-  for (const int descriptor : pipes_) {
-    if (descriptor >= 0) close(descriptor);
-  }
+  for (std::size_t i = 0; i < pipes_.size(); ++i) close_pipe(i);
+}
+
+void ToolProcess::close_pipe(std::size_t pipe) {
+  if (pipes_[pipe] >= 0) close(pipes_[pipe]);
+  pipes_[pipe] = -1;
 }
 
 /// One wait of at most a millisecond; false when the tool has closed all pipes.
@@ -124,32 +169,36 @@ bool ToolProcess::read_pipes() {
     char bytes[65536];
     const ssize_t count = polled[i].revents != 0 ? read(polled[i].fd, bytes, sizeof bytes) : -1;
     if (count > 0) texts[i]->append(bytes, static_cast<std::size_t>(count));
-    if (count == 0) {
-      close(pipes_[i]);
-      pipes_[i] = -1;
-    }
+    if (count == 0) close_pipe(i);
     open = open || (polled[i].fd >= 0 && count != 0);
   }
   return open;
 }
 
 bool ToolProcess::run_until(const std::function<bool()>& condition) {
-  const Clock::time_point limit = Clock::now() + kHungAfter;
-  do {
-    if (condition()) return true;
-    if (Clock::now() > limit) {
-      hung = true;
-      signal(SIGKILL);
+  Clock::duration waited{0};
+  Clock::time_point last = Clock::now();
+  while (!condition()) {
+    if (!read_pipes()) {
+      if (pid_ > 0) {
+        int end = 0;
+        require(waitpid(pid_, &end, 0) == pid_, "waitpid");
+        status = WIFEXITED(end) ? WEXITSTATUS(end) : 128 + WTERMSIG(end);
+        take_driver_line(*this);
+        pid_ = -1;
+      }
+      return false;
     }
-  } while (read_pipes());
-  if (pid_ > 0) {
-    int end = 0;
-    require(waitpid(pid_, &end, 0) == pid_, "waitpid");
-    status = WIFEXITED(end) ? WEXITSTATUS(end) : 128 + WTERMSIG(end);
-    take_driver_line(*this);
-    pid_ = -1;
+    const Clock::time_point now = Clock::now();
+    waited += std::min<Clock::duration>(now - last, kLongestPoll);
+    last = now;
+    if (waited > kHungAfter && !hung) {
+      hung = true;
+      print_threads(pid_);
+      kill(pid_, SIGKILL);
+    }
   }
-  return false;
+  return true;
 }
 
 bool ToolProcess::run_for(std::chrono::microseconds time) {
@@ -159,16 +208,23 @@ bool ToolProcess::run_for(std::chrono::microseconds time) {
 
 const ToolResult& ToolProcess::finish() {
   run_until([] { return false; });
+  const bool unpaced = sim_.find("pace=") != std::string::npos || sim_.starts_with("replay=");
+  if (unpaced && is_starved(ledger, sim_.find(":always") != std::string::npos)) throw Starved();
   return *this;
 }
 
-void ToolProcess::signal(int number) const {
-  if (pid_ > 0) kill(pid_, number);
+bool ToolProcess::catches(int number) const {
+  return has_signal(status_of(pid_, "SigCgt:\t"), number);
 }
 
-void ToolProcess::close_output() {
-  close(pipes_[kOut]);
-  pipes_[kOut] = -1;
+void ToolProcess::signal(int number) {
+  if (pid_ < 0) return;
+  kill(pid_, number);
+  run_until([&] { return !has_signal(status_of(pid_, "ShdPnd:\t"), number); });
+}
+
+bool ToolProcess::rests() {
+  return run_until([&] { return status_of(pid_, "State:\t").starts_with('S'); });
 }
 
 std::string lines_with(const std::string& text, const std::string& start) {
@@ -178,11 +234,6 @@ std::string lines_with(const std::string& text, const std::string& start) {
     if (line.starts_with(start)) found += line + '\n';
   }
   return found;
-}
-
-fs::path run_dir_of(const ToolResult& result) {
-  const std::string line = lines_with(result.out, "Output: ");
-  return line.empty() ? "" : line.substr(8, line.size() - 9);
 }
 
 fs::path run_dir_in(const fs::path& root) {

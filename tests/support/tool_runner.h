@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -34,8 +35,27 @@ struct ToolResult {
   bool hung = false;
 };
 
-/// Runs from its construction on, in `directory`. One that lasts a minute is ended and counts as
-/// hung. Throws std::system_error when the system refuses something.
+/// A capture's time was over before its stream, because the machine did not let the tool run: what
+/// it left behind shows nothing.
+struct Starved : std::runtime_error {
+  Starved() : runtime_error("every capture ends before its stream") {}
+};
+
+/// attempt(), again where it meets Starved.
+template <typename Attempt>
+auto undisturbed(const Attempt& attempt) {
+  for (int tries = 1; tries < 200; ++tries) {
+    try {
+      return attempt();
+    } catch (const Starved&) {
+    }
+  }
+  return attempt();
+}
+
+/// Runs from its construction on, in `directory`. After a minute of waiting in one member function
+/// it is ended and counts as hung; standard error then says what its threads were at. Throws
+/// std::system_error when the system refuses something.
 class ToolProcess : public ToolResult {
  public:
   ToolProcess(const std::filesystem::path& directory, const ToolCall& call);
@@ -46,22 +66,26 @@ class ToolProcess : public ToolResult {
   /// Takes in what the tool says until `condition` holds (true) or the tool has ended (false).
   bool run_until(const std::function<bool()>& condition);
   bool run_for(std::chrono::microseconds time);
-  const ToolResult& finish();
+  const ToolResult& finish();  ///< runs it to its end; throws Starved
 
-  void signal(int number) const;
-  void close_output();  ///< as a reader of its standard output that goes away
+  [[nodiscard]] bool catches(int number) const;  ///< whether the signal has a handler
+  void signal(int number);  ///< returns when it is taken: signals of a kind do not queue
+  bool rests();             ///< runs it until it sleeps (true) or has ended (false)
+  void close_output() { close_pipe(kOut); }  ///< as a reader of it that goes away
   void release_driver() { held_ = false; }
 
  private:
   enum Pipe : std::size_t { kOut, kErr, kLedger };
   [[nodiscard]] bool read_pipes();
+  void close_pipe(std::size_t pipe);
 
   pid_t pid_ = -1;
   std::array<int, 3> pipes_ = {-1, -1, -1};
+  std::string sim_;
   bool held_;
 };
 
-/// From its start to its end.
+/// From its start to its end; throws Starved.
 [[nodiscard]] inline ToolResult run_tool(const std::filesystem::path& directory,
                                          const ToolCall& call) {
   return ToolProcess(directory, call).finish();
@@ -69,9 +93,6 @@ class ToolProcess : public ToolResult {
 
 /// The lines of `text` that begin with `start`.
 [[nodiscard]] std::string lines_with(const std::string& text, const std::string& start);
-
-/// The run's directory, as the tool has announced it.
-[[nodiscard]] std::filesystem::path run_dir_of(const ToolResult& result);
 
 /// The only directory in `root`; "" if there is none, none that exists if there are more.
 [[nodiscard]] std::filesystem::path run_dir_in(const std::filesystem::path& root);
