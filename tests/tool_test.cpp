@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <csignal>
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
@@ -11,6 +12,7 @@
 #include <vector>
 
 #include "orvo/verification/evaluation.h"
+#include "orvo/verification/interruption.h"
 #include "orvo/verification/reports.h"
 #include "support/scratch.h"
 #include "support/tool_runner.h"
@@ -309,6 +311,26 @@ TEST_F(Tool, JudgesARecordingByItsOwnWidth) {
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_EQ(lines_with(result.out, "  ch"), lines_with(recorded.out, "  ch"));
   EXPECT_EQ(lines_with(result.out, "packed_bits="), "packed_bits=8\n");
+}
+
+TEST(Interruption, TakesSignalsWhileItWatchesAndLeavesThemAsTheyWere) {
+  const auto handler_of = [](int signal) {
+    struct sigaction action = {};
+    sigaction(signal, nullptr, &action);
+    return action.sa_handler;
+  };
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGPIPE, SIGXFSZ}) {
+    for (void (*const before)(int) : {SIG_DFL, SIG_IGN, +[](int) {}}) {
+      std::signal(signal, before);
+      {
+        const verification::FailingWrites failing_writes;
+        const verification::InterruptionWatch watch;
+        EXPECT_EQ(handler_of(signal) == before, before == SIG_IGN) << signal;
+      }
+      EXPECT_EQ(handler_of(signal), before) << signal;
+      std::signal(signal, SIG_DFL);
+    }
+  }
 }
 
 }  // namespace

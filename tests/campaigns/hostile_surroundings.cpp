@@ -97,6 +97,13 @@ ToolCall call_with(const char* closed, const char* variable) {
   return call;
 }
 
+/// What cannot be said does not change the exit status.
+std::string unheard(const char* argument, int status) {
+  const ScratchDirectory directory;
+  const ToolResult tool = run_tool(directory.path(), {.arguments = {argument}, .unread = true});
+  return tool.status == status ? "" : argument + std::string(": ") + std::to_string(tool.status);
+}
+
 std::string local_stamp(std::time_t time) {
   std::tm local = {};
   localtime_r(&time, &local);
@@ -156,6 +163,9 @@ std::vector<std::function<std::string()>> make_cases() {
   for (const char* const after : {"", "Device", "Capture 1", "Capture 2", "Capture 3"}) {
     cases.push_back([=] { return passes(plain_call(), after); });
   }
+  cases.push_back([] { return unheard("--help", 0); });
+  cases.push_back([] { return unheard("--capture-s=0", 64); });
+  cases.push_back([] { return unheard("--output-root=/dev/null", 1); });
   for (const char* const zone : {"", "UTC", "<+14>-14", "<-12>12:34:56", "CET-1CEST",
                                  "Nowhere/At_All", ":/dev/null", "<a>-24:59:59<b>-23"}) {
     cases.push_back([=] { return other_zone(zone); });

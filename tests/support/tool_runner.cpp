@@ -62,18 +62,27 @@ void take_driver_line(ToolResult& tool) {
 }
 
 /// Between fork and exec: system calls alone.
-bool prepare_child(const char* directory, const ToolCall& call, const std::array<int, 3>& ends) {
+bool prepare_child(const char* directory, const char* terminal, const ToolCall& call,
+                   const std::array<int, 3>& ends) {
   const rlimit limit = {call.max_file_bytes, call.max_file_bytes};
-  for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGPIPE}) {
+  for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGPIPE, SIGXFSZ}) {
     std::signal(number, number == call.ignored_signal ? SIG_IGN : SIG_DFL);
   }
-  // Ignored, SIGXFSZ leaves the write with an error, as a full disk does.
+  if (*terminal != '\0') {
+    setsid();
+    close(0);
+    if (open(terminal, O_RDWR) != 0) return false;  // the first of a session, it controls it
+  }
   const bool prepared = chdir(directory) == 0 && dup2(ends[0], 1) == 1 && dup2(ends[1], 2) == 2 &&
-                        fcntl(ends[2], F_SETFD, 0) == 0 &&
-                        std::signal(SIGXFSZ, SIG_IGN) != SIG_ERR &&
-                        setrlimit(RLIMIT_FSIZE, &limit) == 0;
+                        fcntl(ends[2], F_SETFD, 0) == 0 && setrlimit(RLIMIT_FSIZE, &limit) == 0;
   for (const char digit : call.closed) close(digit - '0');
   return prepared;
+}
+
+int open_terminal() {
+  const int terminal = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+  require(terminal >= 0 && grantpt(terminal) == 0 && unlockpt(terminal) == 0, "posix_openpt");
+  return terminal;
 }
 
 std::string proc_file(pid_t process) { return "/proc/" + std::to_string(process); }
@@ -122,6 +131,7 @@ ToolProcess::ToolProcess(const fs::path& directory, const ToolCall& call)
     require(pipe2(both, O_CLOEXEC) == 0, "pipe2");
     pipes_[i] = both[0];
     ends[i] = both[1];
+    if (call.unread && i != kLedger) close_pipe(i);
   }
   if (held_) {
     const std::string filling(static_cast<std::size_t>(fcntl(ends[kLedger], F_GETPIPE_SZ)), '\n');
@@ -129,31 +139,54 @@ ToolProcess::ToolProcess(const fs::path& directory, const ToolCall& call)
   }
   Texts arguments = call.arguments;
   arguments.insert(arguments.begin(), {"ot-simulated", call.program});
-  Texts environment = environment_of(call, ends[kLedger]);
-  const std::vector<char*> argv = pointers(arguments);
-  const std::vector<char*> envp = pointers(environment);
-  pid_ = fork();
-  require(pid_ >= 0, "fork");
-  if (pid_ == 0) {
-    if (prepare_child(directory.c_str(), call, ends)) {
-      execve(ORVO_SIMULATED, argv.data(), envp.data());
-    }
-    _exit(127);
-  }
+  start(directory, call, ORVO_SIMULATED, arguments, ends);
   for (const int end : ends) close(end);
 }
 
-ToolProcess::~ToolProcess() {
-  if (pid_ > 0) {
-    kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
+void ToolProcess::start(const fs::path& directory, const ToolCall& call, const char* program,
+                        Texts arguments, const std::array<int, 3>& ends) {
+  std::string typed, terminal;
+  if (call.in_terminal) {
+    arguments.front() = program;
+    for (const std::string& word : arguments) typed += "'" + word + "' ";
+    program = "/bin/bash";
+    arguments = {"bash", "--norc", "--noprofile", "--noediting", "-i"};
+    terminal_ = open_terminal();
+    terminal = ptsname(terminal_);
   }
+  Texts environment = environment_of(call, ends[kLedger]);
+  const std::vector<char*> argv = pointers(arguments);
+  const std::vector<char*> envp = pointers(environment);
+  child_ = tool_ = fork();
+  require(child_ >= 0, "fork");
+  if (child_ == 0) {
+    if (prepare_child(directory.c_str(), terminal.c_str(), call, ends)) {
+      execve(program, argv.data(), envp.data());
+    }
+    _exit(127);
+  }
+  if (call.in_terminal) dprintf(terminal_, "%s\n", typed.c_str());
+}
+
+ToolProcess::~ToolProcess() {
+  if (child_ > 0) {
+    kill_all();
+    waitpid(child_, nullptr, 0);
+  }
+  if (terminal_ >= 0) close(terminal_);
   for (std::size_t i = 0; i < pipes_.size(); ++i) close_pipe(i);
 }
 
 void ToolProcess::close_pipe(std::size_t pipe) {
   if (pipes_[pipe] >= 0) close(pipes_[pipe]);
   pipes_[pipe] = -1;
+}
+
+void ToolProcess::kill_all() {
+  if (terminal_ >= 0) tool_ = tcgetpgrp(terminal_);
+  if (hung) print_threads(tool_);
+  kill(tool_, SIGKILL);
+  kill(child_, SIGKILL);
 }
 
 /// One wait of at most a millisecond; false when the tool has closed all pipes.
@@ -180,12 +213,12 @@ bool ToolProcess::run_until(const std::function<bool()>& condition) {
   Clock::time_point last = Clock::now();
   while (!condition()) {
     if (!read_pipes()) {
-      if (pid_ > 0) {
+      if (child_ > 0) {
         int end = 0;
-        require(waitpid(pid_, &end, 0) == pid_, "waitpid");
+        require(waitpid(child_, &end, 0) == child_, "waitpid");
         status = WIFEXITED(end) ? WEXITSTATUS(end) : 128 + WTERMSIG(end);
         take_driver_line(*this);
-        pid_ = -1;
+        child_ = -1;
       }
       return false;
     }
@@ -194,8 +227,7 @@ bool ToolProcess::run_until(const std::function<bool()>& condition) {
     last = now;
     if (waited > kHungAfter && !hung) {
       hung = true;
-      print_threads(pid_);
-      kill(pid_, SIGKILL);
+      kill_all();
     }
   }
   return true;
@@ -214,17 +246,23 @@ const ToolResult& ToolProcess::finish() {
 }
 
 bool ToolProcess::catches(int number) const {
-  return has_signal(status_of(pid_, "SigCgt:\t"), number);
+  return has_signal(status_of(tool_, "SigCgt:\t"), number);
 }
 
 void ToolProcess::signal(int number) {
-  if (pid_ < 0) return;
-  kill(pid_, number);
-  run_until([&] { return !has_signal(status_of(pid_, "ShdPnd:\t"), number); });
+  if (child_ < 0) return;
+  kill(tool_, number);
+  run_until([&] { return !has_signal(status_of(tool_, "ShdPnd:\t"), number); });
 }
 
 bool ToolProcess::rests() {
-  return run_until([&] { return status_of(pid_, "State:\t").starts_with('S'); });
+  return run_until([&] { return status_of(tool_, "State:\t").starts_with('S'); });
+}
+
+void ToolProcess::close_terminal() {
+  tool_ = tcgetpgrp(terminal_);
+  close(terminal_);
+  terminal_ = -1;
 }
 
 std::string lines_with(const std::string& text, const std::string& start) {

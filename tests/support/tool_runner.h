@@ -21,14 +21,16 @@ struct ToolCall {
   Texts environment = {};    ///< "NAME=value", beside the test's own without its ORVO_ variables
   std::string sim = {};      ///< ORVO_SIM; the ledger is added, and comes through a pipe
   std::string closed = {};   ///< digits of the standard descriptors that are closed at the start
+  bool unread = false;       ///< standard output and error are pipes that nobody reads
   bool driver_held = false;  ///< the first driver call waits in its ledger for release_driver()
+  bool in_terminal = false;  ///< a command typed into an interactive shell
   int ignored_signal = 0;    ///< ignored by whoever starts the tool
   std::uint64_t max_file_bytes = ~std::uint64_t{0};      ///< a write beyond fails: a full disk
   std::string program = "ot_verify_overflow_frequency";  ///< run by ot-simulated
 };
 
 struct ToolResult {
-  int status = -1;  ///< of the exit, or 128 and the signal that ended the tool
+  int status = -1;  ///< of the tool's exit or its shell's, or 128 and the signal that ended it
   std::string out = {};
   std::string err = {};  ///< without the simulated driver's own line
   std::string ledger = {};
@@ -72,15 +74,21 @@ class ToolProcess : public ToolResult {
   void signal(int number);  ///< returns when it is taken: signals of a kind do not queue
   bool rests();             ///< runs it until it sleeps (true) or has ended (false)
   void close_output() { close_pipe(kOut); }  ///< as a reader of it that goes away
+  void close_terminal();                     ///< while the tool runs
   void release_driver() { held_ = false; }
 
  private:
   enum Pipe : std::size_t { kOut, kErr, kLedger };
+  void start(const std::filesystem::path& directory, const ToolCall& call, const char* program,
+             Texts arguments, const std::array<int, 3>& ends);
   [[nodiscard]] bool read_pipes();
   void close_pipe(std::size_t pipe);
+  void kill_all();
 
-  pid_t pid_ = -1;
+  pid_t child_ = -1;  // the tool, or the shell
+  pid_t tool_ = -1;
   std::array<int, 3> pipes_ = {-1, -1, -1};
+  int terminal_ = -1;
   std::string sim_;
   bool held_;
 };

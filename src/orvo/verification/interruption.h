@@ -1,27 +1,51 @@
-// Ctrl-C, SIGTERM and a closed terminal: the work at hand is abandoned in good order (the stream
-// stopped, the recording closed, the instrument released) and the process then ends by the signal,
-// as a shell expects.
+// Signals: Ctrl-C, SIGTERM and a closed terminal end the work at hand in good order (the stream is
+// stopped, the recording closed, the instrument released), and then the process, by that signal, as
+// a shell expects. Signals about writes become failed writes.
 //
-// Threads: the main thread's. One InterruptionWatch at a time.
+// Threads: all of this belongs to the main thread; a signal may arrive on any.
 #pragma once
+
+#include <csignal>
 
 namespace orvo::verification {
 
+/// While one lives, `signal` is handled by `handler`, unless it was ignored before. Its destructor
+/// restores what was before, so nested ones end in the reverse order.
+class HandledSignal {
+ public:
+  HandledSignal(int signal, void (*handler)(int));
+  ~HandledSignal();
+  HandledSignal(const HandledSignal&) = delete;
+  HandledSignal& operator=(const HandledSignal&) = delete;
+
+ private:
+  const int signal_;
+  struct sigaction before_ = {};
+};
+
 /// While one lives, a first SIGINT, SIGTERM or SIGHUP is noted and a second one ends the process at
-/// once. A signal that was ignored before stays ignored. A closed console no longer ends the
-/// process: the reports tell the verdict.
+/// once.
 class InterruptionWatch {
  public:
   InterruptionWatch();
-  ~InterruptionWatch();
-  InterruptionWatch(const InterruptionWatch&) = delete;
-  InterruptionWatch& operator=(const InterruptionWatch&) = delete;
+
+ private:
+  HandledSignal interrupt_;
+  HandledSignal termination_;
+  HandledSignal hangup_;
 };
 
-/// Whether such a signal has come.
+/// While one lives, a write to a closed pipe or beyond the limit of a file's size fails like any
+/// other, instead of ending the process.
+struct FailingWrites {
+  HandledSignal closed_pipe{SIGPIPE, SIG_IGN};
+  HandledSignal file_size_limit{SIGXFSZ, SIG_IGN};
+};
+
+/// Whether a signal has been noted since the process started.
 [[nodiscard]] bool interrupted();
 
-/// Ends the process by the signal that has come, if one has.
+/// Ends the process by the first signal that was noted, flushing nothing; returns if there is none.
 void end_if_interrupted();
 
 }  // namespace orvo::verification

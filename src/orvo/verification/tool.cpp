@@ -109,15 +109,18 @@ int configure_and_verify(int argc, char** argv, const ToolFolders& folders) {
 
 int run_tool(int argc, char** argv, const ToolFolders& folders) {
   occupy_standard_descriptors();
+  const FailingWrites failing_writes;
+  int status = kExitError;
   try {
-    const int status = configure_and_verify(argc, argv, folders);
-    end_if_interrupted();
-    return status;
+    status = configure_and_verify(argc, argv, folders);
   } catch (const std::exception& error) {
-    end_if_interrupted();
-    std::cerr << error.what() << '\n';
-    return kExitError;
+    if (!interrupted()) {
+      std::cerr << error.what() << '\n';
+    }
   }
+  std::cout.flush();  // here, where a reader that is gone ends nothing
+  end_if_interrupted();
+  return status;
 }
 
 }  // namespace orvo::verification
