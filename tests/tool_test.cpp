@@ -1,14 +1,17 @@
 // The real tool on the simulated instrument: console, statuses, files, and calls of the driver.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cmath>
 #include <csignal>
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
+#include <iostream>
 #include <regex>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "orvo/verification/evaluation.h"
@@ -330,6 +333,37 @@ TEST(Interruption, TakesSignalsWhileItWatchesAndLeavesThemAsTheyWere) {
       EXPECT_EQ(handler_of(signal), before) << signal;
       std::signal(signal, SIG_DFL);
     }
+  }
+}
+
+TEST(InterruptionDeathTest, OnlyASecondInterruptEndsTheProcessAtOnce) {
+  constexpr int kPause = 0;
+  const struct {
+    std::vector<int> signals;
+    int ends_by;
+    const char* says;
+  } cases[] = {
+      {{SIGINT, kPause, SIGTERM, SIGHUP}, SIGINT, "to the end"},
+      {{SIGTERM, kPause, SIGTERM, kPause, SIGINT}, SIGTERM, "to the end"},
+      {{SIGHUP, SIGHUP, kPause, SIGHUP, SIGTERM, SIGINT}, SIGHUP, "to the end"},
+      {{SIGINT, SIGINT}, SIGINT, "to the end"},  // one press, as timeout(1) sends it
+      {{SIGINT, kPause, SIGINT}, SIGINT, "^$"},
+      {{SIGTERM, SIGINT, SIGHUP, kPause, SIGINT}, SIGINT, "^$"},
+  };
+  const auto take = [](const std::vector<int>& signals) {
+    {
+      const verification::InterruptionWatch watch;
+      for (const int signal : signals) {
+        if (signal == kPause) std::this_thread::sleep_for(std::chrono::milliseconds(60));
+        if (signal != kPause) std::raise(signal);
+      }
+      std::cerr << "to the end";
+    }
+    verification::end_if_interrupted();
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::PrintToString(c.signals));
+    EXPECT_EXIT(take(c.signals), testing::KilledBySignal(c.ends_by), c.says);
   }
 }
 

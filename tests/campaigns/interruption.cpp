@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <regex>
 #include <utility>
 
 #include "campaigns/campaign.h"
@@ -22,16 +23,16 @@ using std::chrono::microseconds;
 using std::chrono::milliseconds;
 
 constexpr std::ptrdiff_t kCallsOfARun = 44;  // about: the number of reads varies
-constexpr std::chrono::seconds kAtOnce{8};   // on a machine that does much else
+constexpr milliseconds kBetweenPresses{60};  // of Ctrl-C; sooner, the second counts for nothing
 
-ToolCall small_call(const char* capture_s) {
-  return {.arguments = {"--output-root=out", capture_s, "--chunk-bytes=4096"},
+ToolCall small_call() {
+  return {.arguments = {"--output-root=out", "--capture-s=0.06", "--chunk-bytes=4096"},
           .sim = "pace=bytes:9000"};
 }
 
-std::string wrong_end(const ToolResult& tool, int signal) {
+std::string wrong_end(const ToolResult& tool, int signal, const char* err = "") {
   if (tool.hung) return "hung";
-  if (tool.status == 128 + signal && tool.err == "") return "";
+  if (tool.status == 128 + signal && tool.err == err) return "";
   return "status " + std::to_string(tool.status) + ": " + tool.err;
 }
 
@@ -47,28 +48,26 @@ std::string wrong_files(const fs::path& root, const std::string& ledger) {
   return wrong_recordings(run_dir, ledger);
 }
 
-/// As judged from what the driver has seen, and from what it had seen when the signal came.
+/// What was begun when the signal was noted is ended, and nothing new begins.
 std::string late_calls(const std::string& before, const std::string& all) {
-  // At most what was begun is ended; nothing new begins.
-  const auto begun =
-      std::count(all.begin(), all.end(), 'S') - std::count(before.begin(), before.end(), 'S');
-  const bool stopped_again = before.ends_with('R') && all.ends_with("ZC") && begun > 0;
-  return begun > 1 || stopped_again ? "calls " + before + " and then up to " + all : "";
+  static const std::regex kEnd("D?L?O?I?(F?M?P?X?F?S[TZ]|R?[TZ])?C?\\.?");
+  const bool in_order = std::regex_match(all.substr(before.size()), kEnd);
+  return in_order ? "" : "calls " + before + " and then up to " + all;
 }
 
 /// A signal some time after the given line of the ledger.
 std::string at_call(std::ptrdiff_t line, microseconds delay, int signal) {
   const ScratchDirectory directory;
-  const ToolCall call = small_call("--capture-s=0.06");
+  const ToolCall call = small_call();
   ToolProcess tool(directory.path(), call);
   tool.run_until([&] { return std::count(tool.ledger.begin(), tool.ledger.end(), '\n') >= line; });
   tool.run_for(delay);
-  const std::string before = calls_in(tool.ledger);
   tool.signal(signal);
+  const std::string before = calls_in(tool.ledger);
   tool.finish();
   std::string wrong;
   if (tool.status == 0) {  // it came too late
-    wrong = std::count(before.begin(), before.end(), 'T') == 3 ? "" : "not ended by the signal";
+    wrong = wrong_calls(tool.ledger, "DLOI" + kCapture + "{3}C\\.");
   } else {
     wrong = wrong_end(tool, signal) +
             wrong_calls(tool.ledger, "DLOI" + kCapture + "{0,3}(FMPXFSR?Z)?C\\.?") +
@@ -81,103 +80,102 @@ std::string at_call(std::ptrdiff_t line, microseconds delay, int signal) {
                 call);
 }
 
-/// What would take many minutes is abandoned at once.
-std::string in_long_phase(const Texts& arguments, const std::string& sim, const char* reached,
-                          const std::string& protocol, int signal) {
+/// What would take many minutes is abandoned at once and in good order, also where the signal is
+/// repeated, as timeout(1) does, or the terminal is closed: the shell and the kernel report it.
+std::string in_long_phase(ToolCall call, const char* reached, const std::string& protocol,
+                          int signal) {
   const ScratchDirectory directory;
-  ToolCall call{.arguments = arguments, .sim = sim};
   call.arguments.push_back("--output-root=out");
   ToolProcess tool(directory.path(), call);
   tool.run_until([&] { return tool.ledger.find(reached) != std::string::npos; });
-  tool.run_for(milliseconds(30));
-  tool.signal(signal);
-  const bool late = tool.run_for(kAtOnce);
+  if (call.in_terminal) {
+    tool.close_terminal();
+  } else {
+    tool.signal(signal);
+    if (signal != SIGINT) tool.signal(signal);
+  }
   tool.finish();
-  return report((late ? "ends late" : "") + wrong_end(tool, signal) +
-                    wrong_calls(tool.ledger, protocol) +
+  if (call.in_terminal) tool.err.clear();  // the shell's prompt
+  return report(wrong_end(tool, signal) + wrong_calls(tool.ledger, protocol) +
                     wrong_recordings(run_dir_in(directory.file("out")), tool.ledger),
                 call);
 }
 
-/// While the discovery lasts: the first signal waits for it, a second does not.
-std::string while_driver_is_slow(int first, int second) {
-  const ScratchDirectory directory;
-  ToolCall call = small_call("--capture-s=0.06");
-  call.driver_held = true;
-  ToolProcess tool(directory.path(), call);
-  tool.run_until([&] { return fs::exists(directory.file("out")); });
-  tool.run_for(milliseconds(100));
-  tool.signal(first);
-  if (!tool.run_for(milliseconds(50))) return "ended within a driver call";
-  if (second != 0) {
-    tool.signal(second);
-    const bool late = tool.run_for(kAtOnce);
-    tool.finish();
-    return late ? "a second signal is not enough" : wrong_end(tool, second);
+/// To a tool that waits for something.
+void send(ToolProcess& tool, const std::vector<int>& signals) {
+  for (const int signal : signals) {
+    tool.signal(signal);
+    tool.rests();
+    tool.run_for(kBetweenPresses);
   }
+}
+
+/// While the discovery lasts: a second SIGINT ends the tool at once. Anything else does when the
+/// driver has answered, after the message of a failure that is met on the way.
+std::string while_driver_is_slow(const std::vector<int>& signals, bool fails) {
+  const ScratchDirectory directory;
+  ToolCall call{.arguments = {"--output-root=out"}, .driver_held = true};
+  if (fails) call.sim = "fail=ot_identify:1:-2:detail=cable";
+  ToolProcess tool(directory.path(), call);
+  tool.run_until([&] { return fs::exists(directory.file("out")) && tool.catches(SIGTERM); });
+  send(tool, signals);
   tool.release_driver();
   tool.finish();
-  return wrong_end(tool, first) + wrong_calls(tool.ledger, "DLOIC");
+  const bool at_once = std::count(signals.begin(), signals.end(), SIGINT) == 2;
+  return wrong_end(tool, at_once ? SIGINT : signals[0],
+                   fails ? "identify: input/output failure (cable)\n" : "") +
+         wrong_calls(tool.ledger, at_once ? ""
+                                  : fails ? "DLOiC"
+                                          : "DLOIC");
 }
 
 /// A summary that is slow to take its text: what is begun is written, then the process ends.
-std::string while_reports_are_written(int signal, bool twice) {
+std::string while_reports_are_written(const std::vector<int>& signals) {
   const ScratchDirectory directory;
   fs::create_directory(directory.file("out"));
   const std::string slow = directory.file("out/latest_summary.txt");
   if (mkfifo(slow.c_str(), 0600) != 0) return "no pipe can be made";
-  ToolProcess tool(directory.path(), small_call("--capture-s=0.01"));
+  ToolProcess tool(directory.path(), small_call());
   tool.run_until([&] { return fs::exists(directory.file("out/latest.json")); });
-  tool.run_for(milliseconds(50));
-  tool.signal(signal);
-  if (!tool.run_for(milliseconds(50))) return "ended while it published";
-  if (twice) {
-    tool.signal(signal);
-  } else {
-    const int reader = open(slow.c_str(), O_RDONLY | O_CLOEXEC);
-    tool.finish();
-    close(reader);
-  }
+  send(tool, signals);
+  const int reader = open(slow.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
   tool.finish();
-  return wrong_end(tool, signal) + wrong_calls(tool.ledger, twice ? ".*T" : ".*TC");
-}
-
-/// A signal that whoever started the tool has ignored stays ignored.
-std::string while_ignored(int signal) {
-  const ScratchDirectory directory;
-  ToolCall call = small_call("--capture-s=0.06");
-  call.ignored_signal = signal;
-  ToolProcess tool(directory.path(), call);
-  tool.run_until([&] { return tool.ledger.find("ot_read") != std::string::npos; });
-  tool.signal(signal);
-  tool.finish();
-  return tool.status == 0 ? "" : "an ignored signal ends the tool";
+  close(reader);
+  return wrong_end(tool, signals[0]) + wrong_calls(tool.ledger, ".*TC");
 }
 
 using Cases = std::vector<std::function<std::string()>>;
 
 Cases phases() {
   Cases cases;
+  const ToolCall capture{.arguments = {"--capture-s=1000", "--chunk-bytes=4096"}};
+  const ToolCall silence{.arguments = {"--capture-s=1000"}, .sim = "pace=bytes:1"};
+  // A search for a lock in vain behind each byte that is read back.
+  const ToolCall search{.arguments = {"--capture-s=0.3", "--chunk-bytes=1"},
+                        .sim = "silent=1;pace=bytes:2000000"};
   for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+    cases.push_back(
+        [=] { return in_long_phase(capture, "read_stream_bytes k=5", "DLOIFMPXFSRZC", signal); });
+    cases.push_back([=] { return in_long_phase(silence, "status=-3", "DLOIFMPXFSRZC", signal); });
+    cases.push_back([=] { return in_long_phase(search, "ot_stop", "DLOIFMPXFSRTC", signal); });
+    cases.push_back([=] { return while_driver_is_slow({signal, SIGTERM}, true); });
+    cases.push_back([=] { return while_reports_are_written({signal, SIGHUP, SIGHUP}); });
+  }
+  const std::vector<int> sequences[] = {{SIGINT, SIGTERM},
+                                        {SIGTERM, SIGHUP, SIGTERM, SIGINT},
+                                        {SIGHUP, SIGHUP},
+                                        {SIGINT, SIGTERM, SIGINT},
+                                        {SIGHUP, SIGTERM, SIGINT, SIGINT}};
+  for (const auto& signals : sequences) {
+    cases.push_back([=] { return while_driver_is_slow(signals, false); });
+  }
+  ToolCall in_terminal = capture;
+  in_terminal.environment = {"HISTFILE="};
+  in_terminal.in_terminal = true;
+  for (int times = 0; times < 8; ++times) {  // signals of a kind do not always come one by one
     cases.push_back([=] {
-      return in_long_phase({"--capture-s=1000", "--chunk-bytes=4096"}, "",
-                           "ot_read_stream_bytes k=5", "DLOIFMPXFSRZC", signal);
+      return in_long_phase(in_terminal, "read_stream_bytes k=5", "DLOIFMPXFSRZC", SIGHUP);
     });
-    cases.push_back([=] {
-      return in_long_phase({"--capture-s=1000"}, "pace=bytes:1", "status=-3", "DLOIFMPXFSRZC",
-                           signal);
-    });
-    cases.push_back([=] {  // a search for a lock in vain behind each byte that is read back
-      return in_long_phase({"--capture-s=0.3", "--chunk-bytes=1", "--frequencies-hz=100000"},
-                           "silent=1", "ot_stop", "DLOIFMPXFSRTC", signal);
-    });
-    for (const int second : {0, SIGINT, SIGTERM, SIGHUP}) {
-      cases.push_back([=] { return while_driver_is_slow(signal, second); });
-    }
-    for (const bool twice : {false, true}) {
-      cases.push_back([=] { return while_reports_are_written(signal, twice); });
-    }
-    cases.push_back([=] { return while_ignored(signal); });
   }
   return cases;
 }

@@ -66,7 +66,7 @@ bool prepare_child(const char* directory, const char* terminal, const ToolCall& 
                    const std::array<int, 3>& ends) {
   const rlimit limit = {call.max_file_bytes, call.max_file_bytes};
   for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGPIPE, SIGXFSZ}) {
-    std::signal(number, number == call.ignored_signal ? SIG_IGN : SIG_DFL);
+    std::signal(number, SIG_DFL);
   }
   if (*terminal != '\0') {
     setsid();

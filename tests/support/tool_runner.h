@@ -24,7 +24,6 @@ struct ToolCall {
   bool unread = false;       ///< standard output and error are pipes that nobody reads
   bool driver_held = false;  ///< the first driver call waits in its ledger for release_driver()
   bool in_terminal = false;  ///< a command typed into an interactive shell
-  int ignored_signal = 0;    ///< ignored by whoever starts the tool
   std::uint64_t max_file_bytes = ~std::uint64_t{0};      ///< a write beyond fails: a full disk
   std::string program = "ot_verify_overflow_frequency";  ///< run by ot-simulated
 };

@@ -1,13 +1,20 @@
 #include "orvo/verification/interruption.h"
 
 #include <atomic>
+#include <chrono>
 
 namespace orvo::verification {
 namespace {
 
-// The handler may run on any thread.
+using Clock = std::chrono::steady_clock;
+
+// Longer than timeout(1) takes between its two signals, shorter than a key takes to repeat.
+constexpr Clock::duration kOnePress = std::chrono::milliseconds(50);
+
 std::atomic<int> noted_signal = 0;
-static_assert(std::atomic<int>::is_always_lock_free, "or a handler must not touch it");
+std::atomic<Clock::rep> first_interrupt = 0;  // of the clock; 0: none
+static_assert(std::atomic<int>::is_always_lock_free && std::atomic<Clock::rep>::is_always_lock_free,
+              "or a handler must not touch them");
 
 void end_by(int signal) {
   std::signal(signal, SIG_DFL);
@@ -15,10 +22,16 @@ void end_by(int signal) {
 }
 
 void note(int signal) {
-  if (noted_signal != 0) {
+  int none = 0;
+  noted_signal.compare_exchange_strong(none, signal);
+  if (signal != SIGINT) {
+    return;
+  }
+  const Clock::rep now = Clock::now().time_since_epoch().count();
+  Clock::rep first = 0;
+  if (!first_interrupt.compare_exchange_strong(first, now) && now - first >= kOnePress.count()) {
     end_by(signal);
   }
-  noted_signal = signal;
 }
 
 }  // namespace

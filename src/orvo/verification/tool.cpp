@@ -11,6 +11,7 @@
 #include <string_view>
 #include <utility>
 
+#include "orvo/timing/error.h"
 #include "orvo/verification/config.h"
 #include "orvo/verification/config_file.h"
 #include "orvo/verification/directory_lock.h"
@@ -113,10 +114,10 @@ int run_tool(int argc, char** argv, const ToolFolders& folders) {
   int status = kExitError;
   try {
     status = configure_and_verify(argc, argv, folders);
+  } catch (const timing::Interrupted&) {
+    // No failure of its own: end_if_interrupted() says what happened.
   } catch (const std::exception& error) {
-    if (!interrupted()) {
-      std::cerr << error.what() << '\n';
-    }
+    std::cerr << error.what() << '\n';
   }
   std::cout.flush();  // here, where a reader that is gone ends nothing
   end_if_interrupted();
