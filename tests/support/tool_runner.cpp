@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <pty.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -11,6 +12,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <numeric>
 #include <set>
 #include <sstream>
@@ -32,22 +34,6 @@ void require(bool success, const char* what) {
   if (!success) throw std::system_error(errno, std::generic_category(), what);
 }
 
-std::vector<char*> pointers(Texts& texts) {
-  std::vector<char*> result;
-  for (std::string& text : texts) result.push_back(text.data());
-  result.push_back(nullptr);
-  return result;
-}
-
-Texts environment_of(const ToolCall& call, int ledger) {
-  Texts result = call.environment;
-  result.push_back("ORVO_SIM=" + call.sim + ";ledger=/dev/fd/" + std::to_string(ledger));
-  for (char** variable = environ; *variable != nullptr; ++variable) {
-    if (!std::string_view(*variable).starts_with("ORVO_")) result.emplace_back(*variable);
-  }
-  return result;
-}
-
 /// Takes out of `err` what the driver says once of itself, when an instrument is opened.
 void take_driver_line(ToolResult& tool) {
   const std::string line =
@@ -61,28 +47,24 @@ void take_driver_line(ToolResult& tool) {
   }
 }
 
-/// Between fork and exec: system calls alone.
-bool prepare_child(const char* directory, const char* terminal, const ToolCall& call,
+/// Between fork and exec.
+bool prepare_child(const fs::path& directory, const ToolCall& call,
                    const std::array<int, 3>& ends) {
   const rlimit limit = {call.max_file_bytes, call.max_file_bytes};
   for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGPIPE, SIGXFSZ}) {
     std::signal(number, SIG_DFL);
   }
-  if (*terminal != '\0') {
-    setsid();
-    close(0);
-    if (open(terminal, O_RDWR) != 0) return false;  // the first of a session, it controls it
+  for (const char* const name :
+       {"ORVO_TIMING_PORT", "ORVO_TIMING_USB_SERIAL", "ORVO_PACKED_DEBUG"}) {
+    unsetenv(name);
   }
-  const bool prepared = chdir(directory) == 0 && dup2(ends[0], 1) == 1 && dup2(ends[1], 2) == 2 &&
-                        fcntl(ends[2], F_SETFD, 0) == 0 && setrlimit(RLIMIT_FSIZE, &limit) == 0;
+  setenv("ORVO_SIM", (call.sim + ";ledger=/dev/fd/" + std::to_string(ends[2])).c_str(), 1);
+  for (const std::string& variable : call.environment) putenv(strdup(variable.c_str()));
+  const bool prepared = chdir(directory.c_str()) == 0 && dup2(ends[0], 1) == 1 &&
+                        dup2(ends[1], 2) == 2 && fcntl(ends[2], F_SETFD, 0) == 0 &&
+                        setrlimit(RLIMIT_FSIZE, &limit) == 0;
   for (const char digit : call.closed) close(digit - '0');
   return prepared;
-}
-
-int open_terminal() {
-  const int terminal = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
-  require(terminal >= 0 && grantpt(terminal) == 0 && unlockpt(terminal) == 0, "posix_openpt");
-  return terminal;
 }
 
 std::string proc_file(pid_t process) { return "/proc/" + std::to_string(process); }
@@ -137,35 +119,30 @@ ToolProcess::ToolProcess(const fs::path& directory, const ToolCall& call)
     const std::string filling(static_cast<std::size_t>(fcntl(ends[kLedger], F_GETPIPE_SZ)), '\n');
     require(write(ends[kLedger], filling.data(), filling.size()) > 0, "write");
   }
-  Texts arguments = call.arguments;
-  arguments.insert(arguments.begin(), {"ot-simulated", call.program});
-  start(directory, call, ORVO_SIMULATED, arguments, ends);
+  start(directory, call, ends);
   for (const int end : ends) close(end);
 }
 
-void ToolProcess::start(const fs::path& directory, const ToolCall& call, const char* program,
-                        Texts arguments, const std::array<int, 3>& ends) {
-  std::string typed, terminal;
-  if (call.in_terminal) {
-    arguments.front() = program;
-    for (const std::string& word : arguments) typed += "'" + word + "' ";
-    program = "/bin/bash";
-    arguments = {"bash", "--norc", "--noprofile", "--noediting", "-i"};
-    terminal_ = open_terminal();
-    terminal = ptsname(terminal_);
-  }
-  Texts environment = environment_of(call, ends[kLedger]);
-  const std::vector<char*> argv = pointers(arguments);
-  const std::vector<char*> envp = pointers(environment);
-  child_ = tool_ = fork();
+void ToolProcess::start(const fs::path& directory, const ToolCall& call,
+                        const std::array<int, 3>& ends) {
+  Texts words = call.arguments;
+  words.insert(words.begin(), {ORVO_SIMULATED, call.program});
+  child_ = tool_ = call.in_terminal ? forkpty(&terminal_, nullptr, nullptr, nullptr) : fork();
   require(child_ >= 0, "fork");
-  if (child_ == 0) {
-    if (prepare_child(directory.c_str(), terminal.c_str(), call, ends)) {
-      execve(program, argv.data(), envp.data());
+  if (child_ == 0 && prepare_child(directory, call, ends)) {
+    std::vector<char*> argv(words.size() + 1);
+    std::transform(words.begin(), words.end(), argv.begin(),
+                   [](auto& word) { return word.data(); });
+    if (call.in_terminal) {
+      execl("/bin/bash", "bash", "--norc", "--noprofile", "--noediting", "-i", nullptr);
+    } else {
+      execv(argv[0], argv.data());
     }
-    _exit(127);
   }
-  if (call.in_terminal) dprintf(terminal_, "%s\n", typed.c_str());
+  if (child_ == 0) _exit(127);
+  if (!call.in_terminal) return;
+  for (const std::string& word : words) dprintf(terminal_, "'%s' ", word.c_str());
+  dprintf(terminal_, "\n");
 }
 
 ToolProcess::~ToolProcess() {

@@ -78,8 +78,8 @@ class ToolProcess : public ToolResult {
 
  private:
   enum Pipe : std::size_t { kOut, kErr, kLedger };
-  void start(const std::filesystem::path& directory, const ToolCall& call, const char* program,
-             Texts arguments, const std::array<int, 3>& ends);
+  void start(const std::filesystem::path& directory, const ToolCall& call,
+             const std::array<int, 3>& ends);
   [[nodiscard]] bool read_pipes();
   void close_pipe(std::size_t pipe);
   void kill_all();
