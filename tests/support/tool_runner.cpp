@@ -228,8 +228,9 @@ bool ToolProcess::catches(int number) const {
 
 void ToolProcess::signal(int number) {
   if (child_ < 0) return;
-  kill(tool_, number);
-  run_until([&] { return !has_signal(status_of(tool_, "ShdPnd:\t"), number); });
+  tgkill(tool_, tool_, number);  // another thread can take it long before it handles it
+  run_until([&] { return !has_signal(status_of(tool_, "SigPnd:\t"), number); });
+  static_cast<void>(read_pipes());  // all that the driver has seen by then
 }
 
 bool ToolProcess::rests() {

@@ -70,8 +70,9 @@ class ToolProcess : public ToolResult {
   const ToolResult& finish();  ///< runs it to its end; throws Starved
 
   [[nodiscard]] bool catches(int number) const;  ///< whether the signal has a handler
-  void signal(int number);  ///< returns when it is taken: signals of a kind do not queue
-  bool rests();             ///< runs it until it sleeps (true) or has ended (false)
+  /// To the main thread. Returns when that has taken it, because signals of a kind do not queue.
+  void signal(int number);
+  bool rests();  ///< runs it until it sleeps (true) or has ended (false)
   void close_output() { close_pipe(kOut); }  ///< as a reader of it that goes away
   void close_terminal();                     ///< while the tool runs
   void release_driver() { held_ = false; }
