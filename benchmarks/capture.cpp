@@ -7,7 +7,7 @@
 #include <chrono>
 #include <stdexcept>
 
-#include "orvo/timing/device.h"
+#include "orvo/timing/device/device.h"
 #include "prepared_driver.h"
 #include "regrowing_capture.h"
 #include "support/scratch.h"

@@ -6,7 +6,7 @@
 #include <stdexcept>
 
 #include "kernels.h"
-#include "orvo/timing/tag_buffer.h"
+#include "orvo/timing/buffers.h"
 #include "streams.h"
 #include "support/plain_decoder.h"
 #include "topics.h"
@@ -18,7 +18,7 @@ constexpr std::size_t kPlainChunks = 16;
 // Enough for every channel's first sync, and little to search for a lock in.
 constexpr std::size_t kLockBytes = 512;
 
-void append(timing::StreamDecoder& decoder, std::span<const std::uint8_t> bytes) {
+void append(FastDecoder& decoder, std::span<const std::uint8_t> bytes) {
   decoder.input_buffer.append(bytes);
 }
 
@@ -26,7 +26,7 @@ void append(tests::PlainDecoder& decoder, std::span<const std::uint8_t> bytes) {
   decoder.input_buffer.insert(decoder.input_buffer.end(), bytes.begin(), bytes.end());
 }
 
-bool locked(const timing::StreamDecoder& decoder) { return decoder.locked(); }
+bool locked(const FastDecoder& decoder) { return decoder.locked(); }
 bool locked(const tests::PlainDecoder& decoder) { return decoder.locked; }
 
 /// Seconds a record. The lock is taken and all memory touched before.
@@ -60,7 +60,7 @@ double decode_seconds(Decoder& decoder, const PackedStream& stream, std::size_t 
 
 /// Seconds a record for storing the tags of the stream, in batches as large as the decoder's.
 double store_seconds(const PackedStream& stream) {
-  timing::detail::TagBuffer buffer;
+  timing::TagBuffer buffer;
   timing::TimeTag* const tags = buffer.room_for(static_cast<std::size_t>(kRecordsPerChunk) + 1);
   std::array<std::int64_t, 4> times_ps = {};
   const auto store = [&] {

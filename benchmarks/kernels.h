@@ -6,9 +6,23 @@
 #include <string>
 #include <vector>
 
-#include "orvo/timing/stream_decoder.h"
+#include "orvo/timing/packed/packed_delta.h"
 
 namespace orvo::benchmarks {
+
+/// The packed-delta decoder with its input.
+class FastDecoder {
+ public:
+  explicit FastDecoder(const timing::StreamFileHeader& header) : decoder_(header) {}
+
+  std::span<const timing::TimeTag> feed_packed_delta() { return decoder_.feed(input_buffer); }
+  [[nodiscard]] bool locked() const { return decoder_.locked(); }
+
+  timing::InputBuffer input_buffer;
+
+ private:
+  timing::PackedDeltaDecoder decoder_;
+};
 
 /// Those that this processor can run, by the names that force them.
 [[nodiscard]] inline std::vector<std::string> kernels() {
@@ -17,11 +31,11 @@ namespace orvo::benchmarks {
   return names;
 }
 
-[[nodiscard]] inline std::unique_ptr<timing::StreamDecoder> make_decoder(
+[[nodiscard]] inline std::unique_ptr<FastDecoder> make_decoder(
     const timing::StreamFileHeader& header, const std::string& kernel) {
   constexpr const char* kVariable = "ORVO_PACKED_KERNEL";
   setenv(kVariable, kernel.c_str(), 1);
-  auto decoder = std::make_unique<timing::StreamDecoder>(header);
+  auto decoder = std::make_unique<FastDecoder>(header);
   unsetenv(kVariable);
   return decoder;
 }

@@ -6,7 +6,7 @@
 #include <thread>
 #include <vector>
 
-#include "orvo/timing/ot_api.h"
+#include "orvo/timing/device/ot_api.h"
 
 namespace {
 

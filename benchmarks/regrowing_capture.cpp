@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include "orvo/timing/ot_api.h"
+#include "orvo/timing/device/ot_api.h"
 #include "orvo/timing/stream_files.h"
 
 namespace orvo::benchmarks {

@@ -3,7 +3,7 @@
 #include <random>
 #include <utility>
 
-#include "orvo/timing/input_buffer.h"
+#include "orvo/timing/buffers.h"
 #include "orvo/timing/packed/alignment.h"
 #include "streams.h"
 #include "support/plain_decoder.h"
@@ -22,7 +22,7 @@ Figures measure(const Bytes& bytes, unsigned delta_bits, unsigned channel_mask) 
   header.delta_bits = static_cast<std::uint8_t>(delta_bits);
   header.channel_mask = static_cast<std::uint8_t>(channel_mask);
 
-  timing::detail::InputBuffer buffer;
+  timing::InputBuffer buffer;
   buffer.append(bytes);
   const timing::detail::PackedFormat format(header);
   const auto search = [&] {

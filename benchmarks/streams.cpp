@@ -5,9 +5,9 @@
 #include <map>
 #include <stdexcept>
 
+#include "kernels.h"
 #include "orvo/simulator/payload.h"
 #include "orvo/timing/big_endian.h"
-#include "orvo/timing/stream_decoder.h"
 
 namespace orvo::benchmarks {
 namespace {
@@ -84,7 +84,7 @@ double live_ps_of(const simulator::Settings& settings, const simulator::StreamCo
 
 /// Counts the tags. Throws unless every chunk decodes and has its wrap.
 void examine(PackedStream& stream) {
-  timing::StreamDecoder decoder(stream.header);
+  FastDecoder decoder(stream.header);
   decoder.input_buffer.append(stream.warm_up());
   std::int64_t wraps = decoder.feed_packed_delta().back().time_ps / std::int64_t{kWrapPs};
   std::size_t tags = 0;

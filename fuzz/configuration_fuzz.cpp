@@ -6,7 +6,7 @@
 #include <stdexcept>
 
 #include "check.h"
-#include "orvo/verification/config_file.h"
+#include "orvo/verification/config.h"
 
 namespace orvo::fuzz {
 namespace {

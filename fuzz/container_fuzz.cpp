@@ -27,11 +27,11 @@ Tags decode(const timing::StreamFileHeader& header, Bytes payload, std::size_t c
   while (decoder.decodes() && !payload.empty()) {
     const Bytes chunk = payload.first(std::min(chunk_bytes, payload.size()));
     payload = payload.subspan(chunk.size());
-    const std::size_t most_tags = 2 * (decoder.input_buffer.size() + chunk.size());
-    decoder.input_buffer.append(chunk);
+    const std::size_t most_tags = 2 * (decoder.buffered_bytes() + chunk.size());
+    decoder.append(chunk);
     const auto batch = decoder.feed();
     require(batch.size() <= most_tags);  // the shortest record has four bits
-    require(decoder.input_buffer.size() <= kMaxBufferedBytes);
+    require(decoder.buffered_bytes() <= kMaxBufferedBytes);
     take(batch, tags);
   }
   return tags;

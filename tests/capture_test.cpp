@@ -4,8 +4,8 @@
 #include <chrono>
 #include <limits>
 
-#include "orvo/timing/capture_queue.h"
-#include "orvo/timing/device.h"
+#include "orvo/timing/device/capture_queue.h"
+#include "orvo/timing/device/device.h"
 #include "orvo/timing/error.h"
 #include "orvo/timing/stream_header.h"
 #include "support/error_of.h"

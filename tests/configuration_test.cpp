@@ -6,8 +6,6 @@
 #include <vector>
 
 #include "orvo/verification/config.h"
-#include "orvo/verification/config_file.h"
-#include "orvo/verification/number_text.h"
 #include "support/scratch.h"
 
 namespace orvo::verification {

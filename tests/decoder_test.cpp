@@ -146,7 +146,7 @@ TEST(Delta32, KeepsThreeBytesOfABufferWithoutAMarker) {
   header.stream_format = Format::delta32;
   timing::StreamDecoder decoder(header);
   EXPECT_TRUE(feed(decoder, Bytes(1000, 0xEB)).empty());
-  EXPECT_EQ(decoder.input_buffer.size(), 3U);
+  EXPECT_EQ(decoder.buffered_bytes(), 3U);
 }
 
 }  // namespace

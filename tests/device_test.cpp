@@ -1,5 +1,5 @@
 // Finding and opening instruments, and what a failing driver call becomes.
-#include "orvo/timing/device.h"
+#include "orvo/timing/device/device.h"
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -9,7 +9,7 @@
 #include <cstring>
 #include <fstream>
 
-#include "orvo/timing/library_status.h"
+#include "orvo/timing/device/library_status.h"
 #include "support/error_of.h"
 #include "support/scratch.h"
 #include "support/scripted_driver.h"

@@ -14,12 +14,11 @@ constexpr std::int64_t kMin = std::numeric_limits<std::int64_t>::min();
 constexpr std::int64_t kMax = std::numeric_limits<std::int64_t>::max();
 
 TEST(Evaluation, RatesFollowFromTheDivider) {
-  RunResult result;
-  derive_rates(1000, {}, result);
+  Rates result = derive_rates(1000, {});
   EXPECT_EQ(result.divider, 1000u);
   EXPECT_DOUBLE_EQ(result.effective_hz, 30978.26086956522);
   EXPECT_NEAR(result.expected_decoded_hz, 30981.3590, 0.0001);
-  derive_rates(0, {}, result);
+  result = derive_rates(0, {});
   EXPECT_EQ(result.effective_hz, 0);
   EXPECT_EQ(result.expected_decoded_hz, 0);
 }
@@ -38,9 +37,7 @@ TEST(Evaluation, OverflowIsRequiredWhereOneRecordCannotCarryThePeriod) {
     EvaluationSettings settings;
     settings.packed_bits = c.packed_bits;
     settings.packed_quantum_ps = c.packed_quantum_ps;
-    RunResult result;
-    derive_rates(c.divider, settings, result);
-    EXPECT_EQ(result.overflow_required, c.required) << c.divider << ' ' << +c.packed_bits;
+    EXPECT_EQ(derive_rates(c.divider, settings).overflow_required, c.required) << c.divider << ' ' << +c.packed_bits;
   }
 }
 
@@ -48,10 +45,7 @@ RunResult judged(const std::vector<timing::TimeTag>& tags, const EvaluationSetti
                  double expected_decoded_hz) {
   TagStatistics statistics;
   for (const timing::TimeTag& tag : tags) statistics.add({&tag, 1});  // batches must not matter
-  RunResult result;
-  result.expected_decoded_hz = expected_decoded_hz;
-  judge(statistics, settings, result);
-  return result;
+  return judge(statistics, {.expected_decoded_hz = expected_decoded_hz}, settings);
 }
 
 TEST(Evaluation, ChannelStatistics) {

@@ -40,11 +40,10 @@ class Report : public testing::Test {
     writer.open(file, header);
     writer.write(payload.data(), payload.size());
     writer.close();
-    verification::RunResult run;
+    verification::RunResult run = judge(verification::read_tag_statistics(file, 1 << 20),
+                                        verification::derive_rates(kDivider, {}), {});
     run.requested_hz = 31'000;
     run.stream_file = file;
-    derive_rates(kDivider, {}, run);
-    judge(verification::read_tag_statistics(file, 1 << 20), {}, run);
     verification::RunResult gone = run;
     gone.stream_file = scratch.file("gone.ortime");
     verification::write_json_report(json, {}, {run, gone}, false);

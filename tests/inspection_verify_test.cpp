@@ -24,12 +24,12 @@ constexpr double kPeriodPs = 1e12 / (verification::kCalibrationBaseHz / kDivider
 class Verify : public testing::Test {
  protected:
   Verify() {
-    run.stream_file = file;
     write_recording(100);
     // As the tool reports it, all channels judged.
-    derive_rates(kDivider, {}, run);
+    run = judge(verification::read_tag_statistics(file, 1 << 20),
+                verification::derive_rates(kDivider, {}), {});
+    run.stream_file = file;
     run.payload_bytes = 2400;
-    judge(verification::read_tag_statistics(file, 1 << 20), {}, run);
     verification::write_json_report(scratch.path() / "overflow_frequency.json", {}, {run},
                                     run.pass);
   }

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <sstream>
 
+#include "orvo/timing/packed/packed_delta.h"
 #include "support/decoding.h"
 #include "support/plain_decoder.h"
 
@@ -118,17 +119,20 @@ TEST(PackedRecords, FollowTheRules) {
     timing::StreamFileHeader header;
     header.mode = c.mode;
     header.channel_mask = static_cast<std::uint8_t>(c.mask);
-    timing::StreamDecoder fast(header);
+    timing::InputBuffer input;
+    timing::PackedDeltaDecoder fast(header);
     PlainDecoder plain(header);
     plain.input_buffer = lock_of(c.mask);
-    feed(fast, plain.input_buffer);
+    input.append(plain.input_buffer);
+    fast.feed(input);
     plain.feed_packed_delta();
-    EXPECT_TRUE(fast.locked() && plain.locked && fast.input_buffer.size() == 0);
+    EXPECT_TRUE(fast.locked() && plain.locked && input.size() == 0);
     plain.log.clear();
     const Bytes bytes = Records(c.records).bytes();
     setenv("ORVO_PACKED_DEBUG", "", 1);
     testing::internal::CaptureStderr();
-    EXPECT_EQ(text_of(feed(fast, bytes)), c.tags);
+    input.append(bytes);
+    EXPECT_EQ(text_of(fast.feed(input)), c.tags);
     const std::string drop = c.drop;
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               drop.empty() ? "" : "packed-decoder: " + drop + '\n');

@@ -14,7 +14,7 @@
 #include "orvo/simulator/settings.h"
 #include "orvo/simulator/statuses.h"
 #include "orvo/simulator/stream.h"
-#include "orvo/timing/ot_api.h"
+#include "orvo/timing/device/ot_api.h"
 #include "orvo/timing/stream_decoder.h"
 #include "support/instrument.h"
 #include "support/scratch.h"
@@ -71,7 +71,7 @@ void expect_exact(const StreamCase& c) {
   tests::Witness witness(instrument);
   constexpr std::size_t kChunk = 8192;
   for (std::size_t at = 0; at < bytes.size(); at += kChunk) {
-    decoder.input_buffer.append({bytes.data() + at, std::min(kChunk, bytes.size() - at)});
+    decoder.append({bytes.data() + at, std::min(kChunk, bytes.size() - at)});
     ASSERT_TRUE(witness.take(decoder.feed()));
   }
   EXPECT_GT(witness.count(), 100U);

@@ -71,16 +71,16 @@ std::string channels_in(const std::string& summary) {
 
 /// What the tool must have found in the recording of one frequency.
 RunResult measured(const Config& config, std::size_t index, const fs::path& run_dir) {
-  const verification::EvaluationSettings settings = {config.channel_mask, config.tolerance_ppm,
-                                                     config.min_tags_per_channel,
-                                                     config.packed_bits, config.packed_quantum_ps};
-  RunResult run;
-  run.requested_hz = config.frequencies_hz[index];
-  run.stream_file = run_dir / ("overflow_frequency_0" + std::to_string(index + 1) + ".ortime");
-  run.payload_bytes = payload_of(run.stream_file).size();
-  const double divider = verification::kCalibrationBaseHz / run.requested_hz;
-  derive_rates(static_cast<std::uint32_t>(std::lround(divider)), settings, run);
-  judge(verification::read_tag_statistics(run.stream_file.string(), 1 << 20), settings, run);
+  const fs::path stream_file =
+      run_dir / ("overflow_frequency_0" + std::to_string(index + 1) + ".ortime");
+  const double requested_hz = config.frequencies_hz[index];
+  const long divider = std::lround(verification::kCalibrationBaseHz / requested_hz);
+  RunResult run = judge(verification::read_tag_statistics(stream_file.string(), 1 << 20),
+                        verification::derive_rates(static_cast<std::uint32_t>(divider), config),
+                        config);
+  run.requested_hz = requested_hz;
+  run.stream_file = stream_file;
+  run.payload_bytes = payload_of(stream_file).size();
   return run;
 }
 

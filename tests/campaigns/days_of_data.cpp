@@ -66,7 +66,7 @@ bool exact(const Days& days) {
   for (;; ++chunks) {
     const auto bytes = payload->next(1 << 16, simulator::kNever - 1);
     if (bytes.empty()) break;
-    decoder.input_buffer.append(bytes);
+    decoder.append(bytes);
     if (!witness.take(decoder.feed())) return false;
     if (chunks == kWarmChunks) warm_kib = max_rss_kib();
   }

@@ -22,7 +22,7 @@
 #include <utility>
 
 #include "orvo/simulator/instrument.h"
-#include "orvo/timing/capture_queue.h"
+#include "orvo/timing/device/capture_queue.h"
 #include "support/error_of.h"
 
 namespace {

@@ -80,15 +80,13 @@ verification::RunResult judged(const Run& run, Times& times) {
   verification::TagStatistics statistics;
   std::span<std::uint8_t> bytes;
   while (!(bytes = payload->next(1 << 16, simulator::kNever - 1)).empty()) {
-    decoder.input_buffer.append(bytes);
+    decoder.append(bytes);
     const auto tags = decoder.feed();
     statistics.add(tags);
     for (const auto& tag : tags) times[tag.channel].push_back(tag.time_ps);
   }
-  verification::RunResult result;
-  verification::derive_rates(run.divider, run.evaluation, result);
-  verification::judge(statistics, run.evaluation, result);
-  return result;
+  return verification::judge(statistics, verification::derive_rates(run.divider, run.evaluation),
+                             run.evaluation);
 }
 
 /// `count` of a channel's n events: in a row, spread over all, the first, the last.

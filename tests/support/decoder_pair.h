@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "orvo/timing/stream_decoder.h"
+#include "orvo/timing/packed/packed_delta.h"
 #include "support/decoding.h"
 #include "support/plain_decoder.h"
 
@@ -20,20 +20,20 @@ class DecoderPair {
 
   /// Names what differs after the feed; empty when nothing does.
   std::string feed(std::span<const std::uint8_t> bytes) {
-    fast_.input_buffer.append(bytes);
+    fast_input_.append(bytes);
     plain_.input_buffer.insert(plain_.input_buffer.end(), bytes.begin(), bytes.end());
-    const std::span<const timing::TimeTag> tags = fast_.feed_packed_delta();
+    const std::span<const timing::TimeTag> tags = fast_.feed(fast_input_);
     const Tags plain_tags = plain_.feed_packed_delta();
     for (const timing::LockEvent& event : fast_.lock_events()) {
       lines_.push_back(timing::describe(event, header_));
     }
     tags_ += plain_tags.size();
-    const std::span<const std::uint8_t> left = fast_.input_buffer.bytes();
+    const std::span<const std::uint8_t> left = fast_input_.bytes();
     if (lines_ != plain_.log) return "lines";
     if (!std::equal(tags.begin(), tags.end(), plain_tags.begin(), plain_tags.end())) return "tags";
     if (fast_.locked() != plain_.locked || fast_.bit_offset() != plain_.bit_offset) return "lock";
     if (Bytes(left.begin(), left.end()) != plain_.input_buffer) return "remaining bytes";
-    return same_state(fast_.packed_state()) ? "" : "state";
+    return same_state(fast_.state()) ? "" : "state";
   }
 
   /// The same in chunks of the sizes that `next_bytes` names.
@@ -74,7 +74,8 @@ class DecoderPair {
   }
 
   timing::StreamFileHeader header_;
-  timing::StreamDecoder fast_;
+  timing::InputBuffer fast_input_;
+  timing::PackedDeltaDecoder fast_;
   PlainDecoder plain_;
   std::vector<std::string> lines_;
   std::uint64_t tags_ = 0;

@@ -11,10 +11,6 @@
 
 namespace orvo::timing {
 
-inline bool operator==(const TimeTag& a, const TimeTag& b) {
-  return a.channel == b.channel && a.time_ps == b.time_ps;
-}
-
 inline std::ostream& operator<<(std::ostream& out, const TimeTag& tag) {
   return out << unsigned{tag.channel} << ':' << tag.time_ps;
 }
@@ -41,7 +37,7 @@ inline void put_big_endian(Bytes& bytes, std::uint64_t value, unsigned count) {
 }
 
 inline Tags feed(timing::StreamDecoder& decoder, std::span<const std::uint8_t> bytes) {
-  decoder.input_buffer.append(bytes);
+  decoder.append(bytes);
   const std::span<const timing::TimeTag> tags = decoder.feed();
   return {tags.begin(), tags.end()};
 }

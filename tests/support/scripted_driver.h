@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "orvo/timing/ot_api.h"
+#include "orvo/timing/device/ot_api.h"
 
 namespace orvo::tests {
 

@@ -14,6 +14,7 @@
 #include "orvo/inspection/lock_history.h"
 #include "orvo/inspection/printable_text.h"
 #include "orvo/inspection/stream_input.h"
+#include "orvo/timing/stream_decoder.h"
 #include "orvo/timing/error.h"
 
 namespace orvo::inspection {

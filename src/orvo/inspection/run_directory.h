@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "orvo/verification/evaluation.h"
-#include "orvo/verification/run_result.h"
+#include "orvo/verification/evaluation.h"
 
 namespace orvo::inspection {
 

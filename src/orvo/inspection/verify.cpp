@@ -100,27 +100,29 @@ EvaluationSettings chosen_settings(EvaluationSettings settings, const VerifyOpti
   return settings;
 }
 
-void judge_recording(StreamInput& input, const EvaluationSettings& settings,
-                     std::uint64_t chunk_bytes, RunResult& run) {
+RunResult judge_recording(StreamInput& input, const verification::Rates& rates,
+                          const EvaluationSettings& settings, std::uint64_t chunk_bytes) {
   verification::TagStatistics statistics;
   input.read(chunk_bytes, [&](std::span<const timing::TimeTag> tags) { statistics.add(tags); });
+  RunResult run = verification::judge(statistics, rates, settings);
   run.payload_bytes = input.payload_bytes().value_or(0);
-  verification::judge(statistics, settings, run);
+  return run;
 }
 
 int verify_file(const VerifyOptions& options) {
   StreamInput input(options.path);
   const EvaluationSettings settings = chosen_settings(settings_of(input.reader.header()), options);
-  RunResult run;
-  run.stream_file = options.path;
+  verification::Rates rates;
   if (options.divider) {
-    verification::derive_rates(*options.divider, settings, run);
+    rates = verification::derive_rates(*options.divider, settings);
   } else {
-    run.expected_decoded_hz = options.expected_decoded_hz.value();
-    run.effective_hz = run.expected_decoded_hz * verification::kDecodedTimestampSecondsPerSecond;
-    run.overflow_required = verification::overflow_required(run.expected_decoded_hz, settings);
+    rates.expected_decoded_hz = options.expected_decoded_hz.value();
+    rates.effective_hz =
+        rates.expected_decoded_hz * verification::kDecodedTimestampSecondsPerSecond;
+    rates.overflow_required = verification::overflow_required(rates.expected_decoded_hz, settings);
   }
-  judge_recording(input, settings, options.chunk_bytes, run);
+  RunResult run = judge_recording(input, rates, settings, options.chunk_bytes);
+  run.stream_file = options.path;
 
   Numbers numbers = numbers_of(run);
   std::erase_if(numbers, [&](const NamedNumber& number) {  // what no one has told
@@ -141,12 +143,11 @@ RunResult judged_again(const RunResult& reported, const RunDirectory& directory,
                                                printable(reported.stream_file.string()),
                                                printable(directory.path.string())));
   }
-  RunResult run;
+  StreamInput input(reported.stream_file);
+  RunResult run = judge_recording(input, verification::derive_rates(reported.divider, settings),
+                                  settings, chunk_bytes);
   run.requested_hz = reported.requested_hz;
   run.stream_file = reported.stream_file;
-  StreamInput input(run.stream_file);
-  verification::derive_rates(reported.divider, settings, run);
-  judge_recording(input, settings, chunk_bytes, run);
   return run;
 }
 

@@ -8,7 +8,7 @@
 
 #include "orvo/simulator/call.h"
 #include "orvo/simulator/statuses.h"
-#include "orvo/timing/ot_api.h"
+#include "orvo/timing/device/ot_api.h"
 
 namespace {
 

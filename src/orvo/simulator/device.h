@@ -12,7 +12,7 @@
 #include "orvo/simulator/instrument_clock.h"
 #include "orvo/simulator/settings.h"
 #include "orvo/simulator/stream.h"
-#include "orvo/timing/ot_api.h"
+#include "orvo/timing/device/ot_api.h"
 
 namespace orvo::simulator {
 

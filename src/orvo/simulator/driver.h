@@ -19,7 +19,7 @@
 #include "orvo/simulator/ledger.h"
 #include "orvo/simulator/operation.h"
 #include "orvo/simulator/settings.h"
-#include "orvo/timing/ot_api.h"
+#include "orvo/timing/device/ot_api.h"
 
 namespace orvo::simulator {
 

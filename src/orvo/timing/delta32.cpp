@@ -1,11 +1,9 @@
-// Delta32 records: four bytes, big-endian, time since the channel's previous event. A marker word
-// and the two halves of a base time anchor the next event; between them the stream is lost.
+#include "orvo/timing/delta32.h"
 
 #include <algorithm>
 
 #include "orvo/timing/big_endian.h"
 #include "orvo/timing/instrument_time.h"
-#include "orvo/timing/stream_decoder.h"
 
 namespace orvo::timing {
 namespace {
@@ -61,117 +59,115 @@ std::uint64_t placed_base(std::int64_t last_ps, std::uint64_t base) {
 
 }  // namespace
 
-std::span<const TimeTag> StreamDecoder::feed_delta32() {
-  TimeTag* const tags = tags_.room_for(input_buffer.size() / kWordBytes);
+std::span<const TimeTag> Delta32Decoder::feed(InputBuffer& input) {
+  TimeTag* const tags = tags_.room_for(input.size() / kWordBytes);
   TimeTag* end = tags;
   std::size_t position = 0;
   for (;;) {
-    if (delta32_.sync == Delta32Sync::searching) {
-      if (!find_delta32_marker(position)) {
+    if (sync_ == Sync::searching) {
+      if (!find_marker(input, position)) {
         break;
       }
       position = 0;
     }
-    if (input_buffer.size() - position < kWordBytes) {
-      input_buffer.remove_front(position);
+    if (input.size() - position < kWordBytes) {
+      input.remove_front(position);
       break;
     }
-    if (handle_delta32_word(detail::load_big_endian_32(input_buffer.data() + position), end)) {
+    if (handle_word(detail::load_big_endian_32(input.data() + position), end)) {
       position += kWordBytes;
     } else {
       // The word stays: the marker may begin inside it, and where a chunk ends must not matter.
-      delta32_.pending_base_ps.reset();
-      delta32_.overflow = 0;
-      delta32_.sync = Delta32Sync::searching;
+      base_time_ps_.reset();
+      overflow_ = 0;
+      sync_ = Sync::searching;
     }
   }
   return tags_.first(static_cast<std::size_t>(end - tags));
 }
 
-bool StreamDecoder::find_delta32_marker(std::size_t from) {
+bool Delta32Decoder::find_marker(InputBuffer& input, std::size_t from) {
   static constexpr std::array<std::uint8_t, kWordBytes> kMarkerBytes = {0xEB, 0x5A, 0x55, 0xAA};
-  const std::span<const std::uint8_t> bytes = input_buffer.bytes();
+  const std::span<const std::uint8_t> bytes = input.bytes();
   const auto found = std::search(bytes.begin() + static_cast<std::ptrdiff_t>(from), bytes.end(),
                                  kMarkerBytes.begin(), kMarkerBytes.end());
   if (found == bytes.end()) {
-    input_buffer.keep_back(std::min(bytes.size(), kWordBytes - 1));
+    input.keep_back(std::min(bytes.size(), kWordBytes - 1));
     return false;
   }
-  input_buffer.remove_front(static_cast<std::size_t>(found - bytes.begin()) + kWordBytes);
-  start_delta32_base();
+  input.remove_front(static_cast<std::size_t>(found - bytes.begin()) + kWordBytes);
+  expect_base_time();
   return true;
 }
 
-void StreamDecoder::start_delta32_base() {
-  delta32_.sync = Delta32Sync::time_low;
-  delta32_.pending_base_ps.reset();
-  delta32_.overflow = 0;
+void Delta32Decoder::expect_base_time() {
+  sync_ = Sync::time_low;
+  base_time_ps_.reset();
+  overflow_ = 0;
 }
 
 /// False: the word loses the synchronisation.
-bool StreamDecoder::handle_delta32_word(std::uint32_t word, TimeTag*& tags) {
+bool Delta32Decoder::handle_word(std::uint32_t word, TimeTag*& tags) {
   const std::uint32_t payload = word & kPayloadMask;
   if (word == kMarker) {
-    start_delta32_base();
+    expect_base_time();
     return true;
   }
-  switch (delta32_.sync) {
-    case Delta32Sync::time_low:
+  switch (sync_) {
+    case Sync::time_low:
       if (!is_control(word, kTimeLowField)) {
         return false;
       }
-      delta32_.time_low = payload;
-      delta32_.sync = Delta32Sync::time_high;
+      time_low_ = payload;
+      sync_ = Sync::time_high;
       return true;
-    case Delta32Sync::time_high:
+    case Sync::time_high:
       if (!is_control(word, kTimeHighField) || payload >= kShortPayloadLimit) {
         return false;
       }
-      delta32_.pending_base_ps = std::uint64_t{payload} << kPayloadBits | delta32_.time_low;
-      delta32_.overflow = 0;
-      delta32_.sync = Delta32Sync::running;
+      base_time_ps_ = std::uint64_t{payload} << kPayloadBits | time_low_;
+      overflow_ = 0;
+      sync_ = Sync::running;
       return true;
     default:
-      return handle_delta32_running(word, tags);
+      return handle_running(word, tags);
   }
 }
 
-bool StreamDecoder::handle_delta32_running(std::uint32_t word, TimeTag*& tags) {
+bool Delta32Decoder::handle_running(std::uint32_t word, TimeTag*& tags) {
   const std::uint32_t payload = word & kPayloadMask;
   if (is_event(word)) {
-    return handle_delta32_event(word >> 29 & 3, payload, tags);
+    return handle_event(word >> 29 & 3, payload, tags);
   }
   if (is_control(word, kMarkerField)) {
     return true;
   }
-  if (is_control(word, kOverflowField) && payload < kShortPayloadLimit &&
-      !delta32_.pending_base_ps) {
-    delta32_.overflow += payload;
+  if (is_control(word, kOverflowField) && payload < kShortPayloadLimit && !base_time_ps_) {
+    overflow_ += payload;
     return true;
   }
   return false;
 }
 
-bool StreamDecoder::handle_delta32_event(std::size_t channel, std::uint64_t payload,
-                                         TimeTag*& tags) {
-  const std::uint64_t step = (delta32_.overflow << kPayloadBits) + payload;
-  delta32_.overflow = 0;
-  std::optional<std::int64_t>& last_ps = delta32_.last_time_ps[channel];
+bool Delta32Decoder::handle_event(std::size_t channel, std::uint64_t payload, TimeTag*& tags) {
+  const std::uint64_t step = (overflow_ << kPayloadBits) + payload;
+  overflow_ = 0;
+  std::optional<std::int64_t>& last_ps = last_time_ps_[channel];
   std::uint64_t time_ps = 0;
-  if (!delta32_.pending_base_ps) {
+  if (!base_time_ps_) {
     if (!last_ps) {
       return true;  // the channel's time line has not begun
     }
     time_ps = static_cast<std::uint64_t>(*last_ps) + corrected_step(*last_ps, step);
   } else if (!last_ps) {
-    time_ps = step + *delta32_.pending_base_ps;
+    time_ps = step + *base_time_ps_;
   } else {
-    time_ps = step + placed_base(*last_ps, *delta32_.pending_base_ps);
+    time_ps = step + placed_base(*last_ps, *base_time_ps_);
     if (static_cast<std::int64_t>(time_ps) <= *last_ps) {
       return false;
     }
   }
-  delta32_.pending_base_ps.reset();
+  base_time_ps_.reset();
   last_ps = static_cast<std::int64_t>(time_ps);
   *tags++ = {static_cast<std::uint8_t>(channel), *last_ps};
   return true;

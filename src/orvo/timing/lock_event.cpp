@@ -6,17 +6,6 @@
 #include "orvo/timing/packed/format.h"
 
 namespace orvo::timing {
-namespace {
-
-struct Signed {
-  std::uint64_t value;
-};
-
-std::ostream& operator<<(std::ostream& out, Signed number) {
-  return out << static_cast<std::int64_t>(number.value);
-}
-
-}  // namespace
 
 std::string describe(const LockEvent& event, const StreamFileHeader& header) {
   const detail::PackedFormat format(header);
@@ -45,25 +34,25 @@ std::string describe(const LockEvent& event, const StreamFileHeader& header) {
       break;
     case Kind::overflow_in_sync:
       line << "drop ovf in sync ch=" << event.channel << " record=" << event.record
-           << " chunks_left=" << event.sync_records_left;
+           << " chunks_left=" << event.sync_chunks_left;
       break;
     case Kind::sync_channel_mismatch:
       line << "drop sync channel mismatch ch=" << event.channel
            << " expected=" << event.sync_channel << " record=" << event.record
-           << " chunks_left=" << event.sync_records_left;
+           << " chunks_left=" << event.sync_chunks_left;
       break;
     case Kind::nonmonotonic_sync:
-      line << "drop nonmonotonic sync ch=" << event.channel << " next=" << Signed{event.next_ps}
-           << " prev=" << Signed{event.prev_ps} << " record=" << event.record;
+      line << "drop nonmonotonic sync ch=" << event.channel << " next=" << event.next_ps
+           << " prev=" << event.prev_ps << " record=" << event.record;
       break;
     case Kind::implausible_sync_delta:
-      line << "drop implausible sync delta ch=" << event.channel
-           << " delta=" << Signed{event.delta_ps} << " next=" << Signed{event.next_ps}
-           << " prev=" << Signed{event.prev_ps} << " record=" << event.record;
+      line << "drop implausible sync delta ch=" << event.channel << " delta=" << event.delta_ps
+           << " next=" << event.next_ps << " prev=" << event.prev_ps << " record=" << event.record;
       break;
     case Kind::implausible_delta:
-      line << "drop implausible delta ch=" << event.channel << " delta=" << event.delta_ps
-           << " prev=" << Signed{event.prev_ps} << " record=" << event.record;
+      line << "drop implausible delta ch=" << event.channel
+           << " delta=" << static_cast<std::uint64_t>(event.delta_ps) << " prev=" << event.prev_ps
+           << " record=" << event.record;
       break;
     case Kind::imbalanced:
       line << "drop internal imbalanced lock min=" << event.min << " max=" << event.max

@@ -1,13 +1,11 @@
-// Raw64 records: eight bytes, big-endian, in one of two layouts. Nothing marks where they begin, so
-// the scan goes on byte by byte over whatever is not a valid record.
+#include "orvo/timing/raw64.h"
 
 #include <algorithm>
 #include <cctype>
+#include <string_view>
 
 #include "orvo/timing/big_endian.h"
-#include "orvo/timing/fine_table.h"
 #include "orvo/timing/instrument_time.h"
-#include "orvo/timing/stream_decoder.h"
 
 namespace orvo::timing {
 namespace {
@@ -34,10 +32,11 @@ bool is_coarse_fine(std::string_view tag_format) {
       [](char a, char b) { return std::tolower(static_cast<unsigned char>(a)) == b; });
 }
 
-/// Scans `bytes` and hands each valid record to `decode`; returns how many bytes are done.
+/// Scans `input` and hands each valid record to `decode`, with its channel; consumes what is done.
 template <typename Decode>
-std::size_t scan(std::span<const std::uint8_t> bytes, std::uint64_t fixed_bits,
-                 std::uint64_t fixed_value, const Decode& decode) {
+void scan(InputBuffer& input, std::uint64_t fixed_bits, std::uint64_t fixed_value,
+          const Decode& decode) {
+  const std::span<const std::uint8_t> bytes = input.bytes();
   std::size_t position = 0;
   while (bytes.size() - position >= kRecordBytes) {
     const std::uint64_t record = detail::load_big_endian_64(bytes.data() + position);
@@ -48,49 +47,60 @@ std::size_t scan(std::span<const std::uint8_t> bytes, std::uint64_t fixed_bits,
       ++position;
     }
   }
-  return position;
+  input.remove_front(position);
 }
 
 }  // namespace
 
-std::span<const TimeTag> StreamDecoder::feed_raw64() {
-  TimeTag* const tags = tags_.room_for(input_buffer.size() / kRecordBytes);
-  return tags_.first(is_coarse_fine(header_.raw64_tag_format) ? decode_raw64_coarse_fine(tags)
-                                                              : decode_raw64_ps(tags));
+std::vector<std::int64_t> detail::default_fine_table() {
+  constexpr auto kLargest = static_cast<std::int64_t>(kCoarsePeriodPs) - 1;
+  std::vector<std::int64_t> table(kFineTableSize);
+  for (std::size_t i = 0; i < table.size(); ++i) {
+    table[i] = std::min((37 * static_cast<std::int64_t>(i) + 1) / 2, kLargest);
+  }
+  return table;
 }
 
-std::size_t StreamDecoder::decode_raw64_ps(TimeTag* tags) {
+Raw64Decoder::Raw64Decoder(const StreamFileHeader& header) {
+  if (is_coarse_fine(header.raw64_tag_format)) {
+    fine_table_ = detail::default_fine_table();
+  }
+}
+
+std::span<const TimeTag> Raw64Decoder::feed(InputBuffer& input) {
+  TimeTag* const tags = tags_.room_for(input.size() / kRecordBytes);
+  return tags_.first(fine_table_.empty() ? decode_ps(input, tags)
+                                         : decode_coarse_fine(input, tags));
+}
+
+std::uint64_t Raw64Decoder::Channel::continued(std::uint64_t time, std::uint64_t wrap) {
+  if (seen && time < last && last - time > wrap / 2) {
+    epoch += wrap;
+  }
+  last = time;
+  seen = true;
+  return time + epoch;
+}
+
+std::size_t Raw64Decoder::decode_ps(InputBuffer& input, TimeTag* tags) {
   TimeTag* end = tags;
-  const auto decode = [&](std::uint8_t channel, std::uint64_t record) {
-    RawChannel& state = raw_[channel];
+  scan(input, kPsFixedBits, 0, [&](std::uint8_t channel, std::uint64_t record) {
     const std::uint64_t time_ps = (record & kPsTimeMask) % detail::kWrapPs;
-    if (state.seen && time_ps < state.last && state.last - time_ps > detail::kWrapPs / 2) {
-      state.epoch += detail::kWrapPs;
-    }
-    state.last = time_ps;
-    state.seen = true;
-    *end++ = {channel, static_cast<std::int64_t>(time_ps + state.epoch)};
-  };
-  input_buffer.remove_front(scan(input_buffer.bytes(), kPsFixedBits, 0, decode));
+    *end++ = {channel,
+              static_cast<std::int64_t>(channels_[channel].continued(time_ps, detail::kWrapPs))};
+  });
   return static_cast<std::size_t>(end - tags);
 }
 
-std::size_t StreamDecoder::decode_raw64_coarse_fine(TimeTag* tags) {
+std::size_t Raw64Decoder::decode_coarse_fine(InputBuffer& input, TimeTag* tags) {
   TimeTag* end = tags;
-  const auto decode = [&](std::uint8_t channel, std::uint64_t record) {
-    RawChannel& state = raw_[channel];
-    const std::uint64_t coarse = record >> kCoarseShift & (kCoarseWrap - 1);
-    if (state.seen && coarse < state.last && state.last - coarse > kCoarseWrap / 2) {
-      state.epoch += kCoarseWrap;
-    }
-    state.last = coarse;
-    state.seen = true;
-    const auto fine_ps = static_cast<std::uint64_t>(fine_table_[record & kFineMask]);
-    *end++ = {channel, static_cast<std::int64_t>((coarse + state.epoch) * detail::kCoarsePeriodPs -
-                                                 fine_ps)};
-  };
-  input_buffer.remove_front(
-      scan(input_buffer.bytes(), kCoarseFineFixedBits, kCoarseFineMarker, decode));
+  scan(input, kCoarseFineFixedBits, kCoarseFineMarker,
+       [&](std::uint8_t channel, std::uint64_t record) {
+         const std::uint64_t coarse =
+             channels_[channel].continued(record >> kCoarseShift & (kCoarseWrap - 1), kCoarseWrap);
+         const auto fine_ps = static_cast<std::uint64_t>(fine_table_[record & kFineMask]);
+         *end++ = {channel, static_cast<std::int64_t>(coarse * detail::kCoarsePeriodPs - fine_ps)};
+       });
   return static_cast<std::size_t>(end - tags);
 }
 

@@ -1,41 +1,55 @@
 #include "orvo/timing/stream_decoder.h"
 
-#include <utility>
-
-#include "orvo/timing/fine_table.h"
-#include "orvo/timing/packed/record_groups.h"
+#include "orvo/timing/buffers.h"
+#include "orvo/timing/delta32.h"
+#include "orvo/timing/packed/packed_delta.h"
+#include "orvo/timing/raw64.h"
+#include "orvo/timing/record_decoder.h"
 
 namespace orvo::timing {
 
-StreamDecoder::StreamDecoder(StreamFileHeader header)
-    : header_(std::move(header)),
-      fine_table_(detail::default_fine_table()),
-      packed_format_(header_),
-      packed_groups_(detail::RecordGroups::make(packed_format_)) {}
+std::unique_ptr<RecordDecoder> make_record_decoder(const StreamFileHeader& header) {
+  switch (header.stream_format) {
+    case Format::raw64:
+      return std::make_unique<Raw64Decoder>(header);
+    case Format::delta32:
+      return std::make_unique<Delta32Decoder>();
+    case Format::packed_delta:
+      if (!PackedDeltaDecoder::decodes(header)) {
+        break;
+      }
+      return std::make_unique<PackedDeltaDecoder>(header);
+  }
+  return nullptr;
+}
+
+StreamDecoder::StreamDecoder(const StreamFileHeader& header)
+    : input_(std::make_unique<InputBuffer>()), records_(make_record_decoder(header)) {}
 
 StreamDecoder::~StreamDecoder() = default;
+StreamDecoder::StreamDecoder(StreamDecoder&&) noexcept = default;
+StreamDecoder& StreamDecoder::operator=(StreamDecoder&&) noexcept = default;
 
-bool StreamDecoder::decodes() const noexcept {
-  switch (header_.stream_format) {
-    case Format::raw64:
-    case Format::delta32:
-      return true;
-    case Format::packed_delta:
-      return packed_format_.valid();
-  }
-  return false;
-}
+void StreamDecoder::append(std::span<const std::uint8_t> bytes) { input_->append(bytes); }
+
+std::span<std::uint8_t> StreamDecoder::prepare(std::size_t count) { return input_->prepare(count); }
+
+void StreamDecoder::commit(std::size_t count) noexcept { input_->commit(count); }
 
 std::span<const TimeTag> StreamDecoder::feed() {
-  switch (header_.stream_format) {
-    case Format::raw64:
-      return feed_raw64();
-    case Format::delta32:
-      return feed_delta32();
-    case Format::packed_delta:
-      return feed_packed_delta();
+  if (records_ == nullptr) {
+    return {};
   }
-  return {};
+  return records_->feed(*input_);
 }
+
+std::span<const LockEvent> StreamDecoder::lock_events() const noexcept {
+  if (records_ == nullptr) {
+    return {};
+  }
+  return records_->lock_events();
+}
+
+std::uint64_t StreamDecoder::buffered_bytes() const noexcept { return input_->size(); }
 
 }  // namespace orvo::timing

@@ -1,7 +1,15 @@
 // Stream files: eight bytes of magic, a length, a JSON header, then the raw payload to the end.
 //
+//   orvo::timing::StreamFileReader reader;
+//   reader.open("overflow_frequency_01.ortime");
+//   reader.for_each_batch(1 << 20, [](std::span<const orvo::timing::TimeTag> tags) {
+//     for (const auto& tag : tags) std::cout << unsigned{tag.channel} << ' ' << tag.time_ps <<
+//     '\n';
+//   });
+//
 // Threads: neither class locks; each object belongs to one thread at a time.
-// Ownership: each object owns its file and closes it when destroyed.
+// Ownership: each object owns its file and closes it when destroyed. One that was moved from is not
+// open.
 // Errors: Error with OT_ERR_IO, OT_ERR_FORMAT (no stream file), OT_ERR_NOT_OPEN or OT_ERR_ARGUMENT;
 // reading also Interrupted.
 #pragma once
@@ -14,8 +22,10 @@
 #include <string>
 #include <vector>
 
-#include "orvo/timing/stream_decoder.h"
+#include "orvo/timing/error.h"
+#include "orvo/timing/lock_event.h"
 #include "orvo/timing/stream_header.h"
+#include "orvo/timing/time_tag.h"
 
 namespace orvo::timing {
 
@@ -26,17 +36,20 @@ class StreamFileWriter {
  public:
   StreamFileWriter() = default;
   ~StreamFileWriter();
-  StreamFileWriter(const StreamFileWriter&) = delete;
-  StreamFileWriter& operator=(const StreamFileWriter&) = delete;
+  StreamFileWriter(StreamFileWriter&& other) = default;
+  StreamFileWriter& operator=(StreamFileWriter&& other) noexcept;
 
   /// Creates or truncates `path` and writes everything before the payload. A file still open is
   /// closed first. After a failure the writer is not open.
   void open(const std::string& path, const StreamFileHeader& header);
 
+  /// Whether write() can succeed: after an open() and no failure since.
+  [[nodiscard]] bool is_open() const { return file_.is_open() && file_.good(); }
+
   /// Appends `size` bytes to the payload. From 1,024 bytes on they pass to the system at once, as
   /// the standard library's stream does it: a failed write is thus reported by the write() that
   /// met it, where bytes collected in the buffer would fail unseen in close(). A null `data` is
-  /// allowed for no bytes. Before any open() and behind close(), the first bytes fail with
+  /// allowed for no bytes. Before any open() and after close(), the first bytes fail with
   /// OT_ERR_IO, and only what follows as not open.
   void write(const std::uint8_t* data, std::uint64_t size);
 
@@ -52,18 +65,29 @@ class StreamFileWriter {
 /// Reads a stream file back as timestamps.
 class StreamFileReader {
  public:
-  StreamFileReader() = default;
-  StreamFileReader(const StreamFileReader&) = delete;
-  StreamFileReader& operator=(const StreamFileReader&) = delete;
+  StreamFileReader();
+  ~StreamFileReader();
+  StreamFileReader(StreamFileReader&& other) noexcept;
+  StreamFileReader& operator=(StreamFileReader&& other) noexcept;
 
   /// Opens and checks `path` and stands at its first payload byte. Nothing of an earlier file is
   /// kept. After a failure the reader is not open.
   void open(const std::string& path);
   void close() noexcept;
+  [[nodiscard]] bool is_open() const noexcept { return file_ != nullptr; }
 
-  [[nodiscard]] const StreamFileHeader& header() const noexcept { return header_; }
-  /// Bytes of the file in front of its payload.
-  [[nodiscard]] std::uint64_t payload_start_bytes() const noexcept { return payload_start_bytes_; }
+  // Of the open file; defaults and 0 without one.
+
+  [[nodiscard]] const StreamFileHeader& header() const noexcept;
+  /// The text that header() was read from.
+  [[nodiscard]] const std::string& header_text() const noexcept;
+  /// Bytes of the file before its payload.
+  [[nodiscard]] std::uint64_t payload_start_bytes() const noexcept;
+  /// Bytes of the file read so far, those before the payload included.
+  [[nodiscard]] std::uint64_t read_bytes() const noexcept;
+  /// Payload bytes read that wait to be decoded; at the end of the payload no tag comes of them any
+  /// more. None where the header describes records that cannot be decoded.
+  [[nodiscard]] std::uint64_t undecoded_bytes() const noexcept;
 
   /// The next timestamps in decoding order, at most `max_tags`; none at the end of the payload.
   /// Reads `chunk_bytes` (0 counts as 1) at a time.
@@ -75,37 +99,31 @@ class StreamFileReader {
   [[nodiscard]] std::span<const TimeTag> next_tags(std::uint64_t max_tags,
                                                    std::uint64_t chunk_bytes);
 
-  /// Asked before each chunk is read; reading ends with Interrupted when it says so.
-  bool (*interrupted)() = nullptr;
+  /// Calls `take` with one span of tags after the other, to the end of the payload.
+  template <typename Take>
+  void for_each_batch(std::uint64_t chunk_bytes, const Take& take) {
+    constexpr std::uint64_t kTagsPerBatch = 65536;
+    for (auto tags = next_tags(kTagsPerBatch, chunk_bytes); !tags.empty();
+         tags = next_tags(kTagsPerBatch, chunk_bytes)) {
+      take(tags);
+    }
+  }
 
-  /// Called for each lock event, before the tags of its chunk are returned. It may not open or
-  /// close this reader. An exception from it leaves the reading call, and the next call returns the
-  /// chunk's tags; the chunk's remaining events are not reported.
+  /// Asked before each chunk is read.
+  InterruptionCheck interrupted;
+
+  /// Called for each lock event, before the tags of its chunk are returned. It may not open, close
+  /// or move this reader. An exception from it leaves the reading call, and the next call returns
+  /// the chunk's tags; the chunk's remaining events are not reported.
   LockListener on_lock_event;
 
-  /// Bytes of the file read so far, those before the payload included.
-  [[nodiscard]] std::uint64_t read_bytes() const noexcept {
-    return payload_start_bytes_ + payload_read_bytes_;
-  }
-
-  /// Payload bytes read that wait to be decoded: what the end of the payload leaves is lost. None
-  /// where StreamDecoder::decodes() is false: all of them are passed over.
-  [[nodiscard]] std::uint64_t undecoded_bytes() const noexcept {
-    return decoder_ == nullptr ? 0 : decoder_->input_buffer.size();
-  }
-
  private:
-  void read_header();
-  [[nodiscard]] bool decode_chunk(std::uint64_t chunk_bytes);
-  [[nodiscard]] std::span<const TimeTag> take_pending(std::uint64_t max_tags) noexcept;
+  struct File;
 
-  std::ifstream file_;
-  bool usable_ = false;
-  StreamFileHeader header_;
-  std::uint64_t payload_start_bytes_ = 0;
-  std::uint64_t payload_read_bytes_ = 0;
-  std::unique_ptr<StreamDecoder> decoder_;
-  std::span<const TimeTag> pending_;  // in the decoder's storage
+  [[nodiscard]] bool decode_chunk(std::uint64_t chunk_bytes);
+  [[nodiscard]] std::uint64_t read_chunk(std::uint64_t chunk_bytes);
+
+  std::unique_ptr<File> file_;  // null: not open
 };
 
 }  // namespace orvo::timing

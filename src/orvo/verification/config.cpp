@@ -2,13 +2,25 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstddef>
+#include <fstream>
+#include <istream>
 #include <sstream>
+#include <system_error>
 #include <utility>
-
-#include "orvo/verification/number_text.h"
 
 namespace orvo::verification {
 namespace {
+
+constexpr const char* kFileName = "ot_verify_overflow_frequency.ini";
+
+/// The program's folder as its first argument names it; links and the search path stay unresolved.
+std::filesystem::path program_dir(const char* program, const std::filesystem::path& working_dir) {
+  std::error_code error;
+  const std::filesystem::path absolute =
+      std::filesystem::absolute(program == nullptr ? "" : program, error);
+  return !error && absolute.has_parent_path() ? absolute.parent_path() : working_dir;
+}
 
 bool is_space(char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; }
 
@@ -74,6 +86,16 @@ constexpr Setting kSettings[] = {
     {"output_root", [](Config& config, const std::string& value) { config.output_root = value; }},
 };
 
+void apply_config_lines(Config& config, std::istream& lines) {
+  for (std::string line; std::getline(lines, line);) {
+    line.resize(std::min(line.find('#'), line.size()));
+    const std::size_t equals = line.find('=');
+    if (equals != std::string::npos) {
+      apply_config_line(config, line.substr(0, equals), line.substr(equals + 1));
+    }
+  }
+}
+
 }  // namespace
 
 std::string trim(std::string_view text) {
@@ -84,6 +106,25 @@ std::string trim(std::string_view text) {
     text.remove_suffix(1);
   }
   return std::string(text);
+}
+
+unsigned long parse_unsigned(const std::string& text) {
+  std::string_view rest = text;
+  rest.remove_prefix(std::min(rest.find_first_not_of(" \t\n\v\f\r"), rest.size()));
+  const bool negative = rest.starts_with('-');
+  if (negative || rest.starts_with('+')) {
+    rest.remove_prefix(1);
+  }
+  if (!rest.starts_with("0b") && !rest.starts_with("0B")) {
+    return std::stoul(text, nullptr, 0);
+  }
+  rest.remove_prefix(2);
+  const std::string digits(rest.substr(0, rest.find_first_not_of("01")));
+  if (digits.empty()) {
+    return std::stoul(text, nullptr, 0);
+  }
+  const unsigned long magnitude = std::stoul(digits, nullptr, 2);
+  return negative ? 0 - magnitude : magnitude;
 }
 
 void apply_config_line(Config& config, std::string key, std::string value) {
@@ -101,6 +142,24 @@ void apply_config_line(Config& config, std::string key, std::string value) {
       return;
     }
   }
+}
+
+std::vector<std::filesystem::path> config_candidates(char** argv,
+                                                     const std::filesystem::path& source_dir) {
+  const std::filesystem::path working_dir = std::filesystem::current_path();
+  return {program_dir(argv[0], working_dir) / kFileName, working_dir / kFileName,
+          source_dir / "verification" / kFileName};
+}
+
+std::optional<std::filesystem::path> apply_first_config_file(
+    Config& config, const std::vector<std::filesystem::path>& candidates) {
+  for (const std::filesystem::path& path : candidates) {
+    if (std::ifstream file(path); file.is_open()) {
+      apply_config_lines(config, file);
+      return path;
+    }
+  }
+  return std::nullopt;
 }
 
 bool is_valid(const Config& config) {

@@ -1,4 +1,4 @@
-// The tool's settings and the one function through which every setting reaches them.
+// The tool's settings: where they come from and the one function through which each reaches them.
 // Plain values and functions without state: any thread may call them.
 #pragma once
 
@@ -9,21 +9,19 @@
 #include <string_view>
 #include <vector>
 
+#include "orvo/verification/evaluation.h"
+
 namespace orvo::verification {
 
-struct Config {
+/// Of the channels and the packed-delta format it holds what the verdict depends on as well.
+struct Config : EvaluationSettings {
   std::string control_port;  ///< empty: ORVO_TIMING_PORT or the first instrument found
   std::string usb_serial;    ///< not empty: handed to the driver library by environment
   double capture_s = 0.35;   ///< of each frequency run
   std::vector<double> frequencies_hz = {1000, 10000, 100000};  ///< in run order
-  std::uint8_t channel_mask = 0x0F;  ///< bit c for channel c; in a verdict 0 means all four
   std::uint8_t tdl_index = 0;
-  std::uint8_t packed_bits = 16;        ///< width of one packed delta
-  std::uint16_t packed_quantum_ps = 8;  ///< time quantum of one packed-delta step
   std::uint64_t chunk_bytes = 1048576;  ///< one read, from the instrument and from the file
   std::uint64_t queue_chunks = 128;     ///< reads that may wait for the disk
-  double tolerance_ppm = 25.0;          ///< largest accepted rate error of a channel
-  std::uint64_t min_tags_per_channel = 64;
   std::optional<std::filesystem::path> output_root;  ///< unset: the tool's default
 
   bool operator==(const Config&) const = default;
@@ -32,10 +30,25 @@ struct Config {
 /// `text` without the ASCII white space around it.
 [[nodiscard]] std::string trim(std::string_view text);
 
+/// std::stoul with base 0 (decimal, 0x hexadecimal, leading 0 octal), its exceptions and its
+/// wrapping of negative numbers included; also takes 0b binary where the C library does not.
+[[nodiscard]] unsigned long parse_unsigned(const std::string& text);
+
 /// Sets what `key` names, in any case and with white space around key and value. Unknown keys and
 /// empty values change nothing. A malformed number throws the conversion's own
 /// std::invalid_argument or std::out_of_range and leaves the setting as it was.
 void apply_config_line(Config& config, std::string key, std::string value);
+
+/// Where the settings file may be, in search order: beside the program, in the working directory,
+/// in `source_dir`/verification. `argv` is the program's argument vector, of which only the first
+/// is used. Throws std::filesystem::filesystem_error without a working directory.
+[[nodiscard]] std::vector<std::filesystem::path> config_candidates(
+    char** argv, const std::filesystem::path& source_dir);
+
+/// Applies the lines of the first candidate that can be opened, even if it is empty, and returns
+/// its path.
+std::optional<std::filesystem::path> apply_first_config_file(
+    Config& config, const std::vector<std::filesystem::path>& candidates);
 
 /// Whether a run can be attempted with these settings.
 [[nodiscard]] bool is_valid(const Config& config);

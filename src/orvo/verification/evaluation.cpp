@@ -8,7 +8,6 @@
 namespace orvo::verification {
 namespace {
 
-constexpr std::uint64_t kTagsPerRead = 65536;
 constexpr double kPartsPerMillion = 1e6;
 // Wider records than this are not taken to need overflow records at any rate.
 constexpr unsigned kMaxOverflowBits = 30;
@@ -70,35 +69,43 @@ bool overflow_required(double expected_decoded_hz, const EvaluationSettings& set
          largest_delta * settings.packed_quantum_ps;
 }
 
-void derive_rates(std::uint32_t divider, const EvaluationSettings& settings, RunResult& result) {
-  result.divider = divider;
-  result.effective_hz = divider == 0 ? 0 : kCalibrationBaseHz / divider;
-  result.expected_decoded_hz = result.effective_hz / kDecodedTimestampSecondsPerSecond;
-  result.overflow_required = overflow_required(result.expected_decoded_hz, settings);
+Rates derive_rates(std::uint32_t divider, const EvaluationSettings& settings) {
+  if (divider == 0) {
+    return {};
+  }
+  Rates rates{.divider = divider};
+  rates.effective_hz = kCalibrationBaseHz / divider;
+  rates.expected_decoded_hz = rates.effective_hz / kDecodedTimestampSecondsPerSecond;
+  rates.overflow_required = overflow_required(rates.expected_decoded_hz, settings);
+  return rates;
 }
 
-void judge(const TagStatistics& statistics, const EvaluationSettings& settings, RunResult& result) {
+RunResult judge(const TagStatistics& statistics, const Rates& rates,
+                const EvaluationSettings& settings) {
+  RunResult result;
+  result.effective_hz = rates.effective_hz;
+  result.expected_decoded_hz = rates.expected_decoded_hz;
+  result.divider = rates.divider;
   result.decoded_tags = statistics.tags();
+  result.overflow_required = rates.overflow_required;
   result.pass = true;
   for (std::size_t channel = 0; channel < kChannels; ++channel) {
     result.channels[channel] =
-        judge_channel(statistics.channel(channel), result.expected_decoded_hz, settings);
+        judge_channel(statistics.channel(channel), rates.expected_decoded_hz, settings);
     if (channel_counts(settings.channel_mask, channel)) {
       result.pass = result.pass && result.channels[channel].pass;
     }
   }
+  return result;
 }
 
 TagStatistics read_tag_statistics(const std::string& path, std::uint64_t chunk_bytes,
-                                  bool (*interrupted)()) {
+                                  const timing::InterruptionCheck& interrupted) {
   timing::StreamFileReader reader;
   reader.interrupted = interrupted;
   reader.open(path);
   TagStatistics statistics;
-  for (auto tags = reader.next_tags(kTagsPerRead, chunk_bytes); !tags.empty();
-       tags = reader.next_tags(kTagsPerRead, chunk_bytes)) {
-    statistics.add(tags);
-  }
+  reader.for_each_batch(chunk_bytes, [&](auto tags) { statistics.add(tags); });
   return statistics;
 }
 

@@ -7,12 +7,13 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <filesystem>
 #include <limits>
 #include <span>
 #include <string>
 
+#include "orvo/timing/error.h"
 #include "orvo/timing/time_tag.h"
-#include "orvo/verification/run_result.h"
 
 namespace orvo::verification {
 
@@ -23,13 +24,39 @@ static_assert(kCalibrationBaseHz == 30978260.86956522);
 /// The instrument's clock counts 3333 ps for each 10/3 ns that pass.
 inline constexpr double kDecodedTimestampSecondsPerSecond = 0.9999;
 
-/// What a verdict depends on beside the timestamps and the divider.
+inline constexpr std::size_t kChannels = 4;
+
+struct ChannelResult {
+  std::uint64_t count = 0;    ///< decoded timestamps
+  std::int64_t first_ps = 0;  ///< smallest timestamp; 0 below two timestamps, like the next
+  std::int64_t last_ps = 0;   ///< largest timestamp
+  double measured_hz = 0;     ///< 0 when it cannot be measured
+  double ppm_error = 0;       ///< of measured_hz against the expected rate; 0 without one
+  bool pass = false;
+};
+
+struct RunResult {
+  double requested_hz = 0;
+  double effective_hz = 0;         ///< what the calibration source really generates
+  double expected_decoded_hz = 0;  ///< the same in the instrument's own time
+  std::uint32_t divider = 0;       ///< of the calibration source, as the instrument reported it
+  std::filesystem::path stream_file;
+  std::uint64_t payload_bytes = 0;
+  std::uint64_t decoded_tags = 0;  ///< all of them, also of channels that do not exist
+  bool overflow_required = false;  ///< one record cannot carry the expected period
+  bool pass = false;
+  std::array<ChannelResult, kChannels> channels;  ///< index is the channel number
+};
+
+/// What a verdict depends on besides the timestamps and the divider.
 struct EvaluationSettings {
-  std::uint8_t channel_mask = 0x0F;
-  double tolerance_ppm = 25.0;
-  std::uint64_t min_tags_per_channel = 64;
-  std::uint8_t packed_bits = 16;
-  std::uint16_t packed_quantum_ps = 8;
+  std::uint8_t channel_mask = 0x0F;         ///< bit c: channel c counts; 0 means all four
+  double tolerance_ppm = 25.0;              ///< largest accepted rate error of a channel
+  std::uint64_t min_tags_per_channel = 64;  ///< fewest timestamps that a channel needs to pass
+  std::uint8_t packed_bits = 16;            ///< width of one packed delta
+  std::uint16_t packed_quantum_ps = 8;      ///< time quantum of one packed-delta step
+
+  bool operator==(const EvaluationSettings&) const = default;
 };
 
 /// Whether `channel` counts under `channel_mask`; no mask at all means every channel.
@@ -57,19 +84,28 @@ class TagStatistics {
   std::array<Channel, kChannels + 1> channels_;  // the last one takes every other channel
 };
 
+/// What the calibration source must produce. All 0 and false for a divider of 0.
+struct Rates {
+  std::uint32_t divider = 0;
+  double effective_hz = 0;         ///< what the source really generates
+  double expected_decoded_hz = 0;  ///< the same in the instrument's own time
+  bool overflow_required = false;  ///< one record cannot carry the expected period
+};
+
+[[nodiscard]] Rates derive_rates(std::uint32_t divider, const EvaluationSettings& settings);
+
 /// Whether the expected time between two events of a channel is more than one record can carry.
 [[nodiscard]] bool overflow_required(double expected_decoded_hz,
                                      const EvaluationSettings& settings);
 
-/// Fills divider, effective_hz, expected_decoded_hz and overflow_required.
-void derive_rates(std::uint32_t divider, const EvaluationSettings& settings, RunResult& result);
-
-/// Fills decoded_tags, channels and pass; uses expected_decoded_hz.
-void judge(const TagStatistics& statistics, const EvaluationSettings& settings, RunResult& result);
+/// Everything that follows from timestamps and rates; the requested frequency, the stream file and
+/// its size stay empty.
+[[nodiscard]] RunResult judge(const TagStatistics& statistics, const Rates& rates,
+                              const EvaluationSettings& settings);
 
 /// Decodes the stream file at `path`, reading `chunk_bytes` at a time. Errors: timing::Error of the
-/// reader; timing::Interrupted once `interrupted`, where there is one, says so.
+/// reader; timing::Interrupted once `interrupted` returns true.
 [[nodiscard]] TagStatistics read_tag_statistics(const std::string& path, std::uint64_t chunk_bytes,
-                                                bool (*interrupted)() = nullptr);
+                                                const timing::InterruptionCheck& interrupted = {});
 
 }  // namespace orvo::verification

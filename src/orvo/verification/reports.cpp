@@ -1,8 +1,111 @@
 #include "orvo/verification/reports.h"
 
+#include <fstream>
+#include <iomanip>
 #include <iostream>
+#include <sstream>
+#include <system_error>
+
+#include "orvo/timing/error.h"
+#include "orvo/timing/json_text.h"
+#include "orvo/verification/directory_lock.h"
 
 namespace orvo::verification {
+namespace {
+
+constexpr const char* kLatestCsv = "latest.csv";
+constexpr const char* kLatestJson = "latest.json";
+constexpr const char* kLatestSummary = "latest_summary.txt";
+
+const char* true_or_false(bool value) { return value ? "true" : "false"; }
+
+/// Creates or truncates `path`; throws timing::Error with `failure_message` when that fails.
+std::ofstream open_report(const std::filesystem::path& path, const char* failure_message) {
+  std::ofstream file(path);
+  if (!file) {
+    throw timing::Error(OT_ERR_IO, failure_message);
+  }
+  return file;
+}
+
+const char* one_or_zero(bool value) { return value ? "1" : "0"; }
+
+void write_csv_row(std::ostream& out, const RunResult& run, std::size_t channel) {
+  const ChannelResult& result = run.channels[channel];
+  out << Fixed{run.requested_hz, 3} << ',' << Fixed{run.effective_hz, 3} << ','
+      << Fixed{run.expected_decoded_hz, 3} << ',' << run.divider << ','
+      << one_or_zero(run.overflow_required) << ',' << channel << ',' << result.count << ','
+      << result.first_ps << ',' << result.last_ps << ',' << Fixed{result.measured_hz, 9} << ','
+      << Fixed{result.ppm_error, 6} << ',' << one_or_zero(result.pass) << ",\""
+      << run.stream_file.string() << "\"\n";
+}
+
+void write_json_settings(std::ostream& out, const Config& config) {
+  out << "  \"capture_s\":" << Fixed{config.capture_s, 6} << ",\n"
+      << "  \"packed_delta_bits\":" << unsigned{config.packed_bits} << ",\n"
+      << "  \"packed_delta_quantum_ps\":" << config.packed_quantum_ps << ",\n"
+      << "  \"channel_mask\":" << unsigned{config.channel_mask} << ",\n"
+      << "  \"decoded_timestamp_seconds_per_second\":"
+      << Fixed{kDecodedTimestampSecondsPerSecond, 9} << ",\n"
+      << "  \"tolerance_ppm\":" << Fixed{config.tolerance_ppm, 3} << ",\n";
+}
+
+void write_json_channel(std::ostream& out, std::size_t channel, const ChannelResult& result) {
+  out << "        {\"channel\":" << channel << ",\"count\":" << result.count
+      << ",\"first_ps\":" << result.first_ps << ",\"last_ps\":" << result.last_ps
+      << ",\"measured_hz\":" << Fixed{result.measured_hz, 9}
+      << ",\"ppm_error\":" << Fixed{result.ppm_error, 6}
+      << ",\"pass\":" << true_or_false(result.pass) << '}'
+      << (channel + 1 < kChannels ? ",\n" : "\n");
+}
+
+void write_json_run(std::ostream& out, const RunResult& run) {
+  out << "    {\n"
+      << "      \"requested_hz\":" << Fixed{run.requested_hz, 3} << ",\n"
+      << "      \"effective_hz\":" << Fixed{run.effective_hz, 3} << ",\n"
+      << "      \"expected_decoded_hz\":" << Fixed{run.expected_decoded_hz, 3} << ",\n"
+      << "      \"divider\":" << run.divider << ",\n"
+      << "      \"overflow_required\":" << true_or_false(run.overflow_required) << ",\n"
+      << "      \"pass\":" << true_or_false(run.pass) << ",\n"
+      << "      \"stream_file\":\"" << timing::detail::json_escape(run.stream_file.string())
+      << "\",\n"
+      << "      \"payload_bytes\":" << run.payload_bytes << ",\n"
+      << "      \"decoded_tags\":" << run.decoded_tags << ",\n"
+      << "      \"channels\":[\n";
+  for (std::size_t channel = 0; channel < kChannels; ++channel) {
+    write_json_channel(out, channel, run.channels[channel]);
+  }
+  out << "      ]\n"
+      << "    }";
+}
+
+void add_summary_run(std::ostream& out, const RunResult& run) {
+  out << "run requested_hz=" << Fixed{run.requested_hz, 3}
+      << " effective_hz=" << Fixed{run.effective_hz, 3}
+      << " expected_decoded_hz=" << Fixed{run.expected_decoded_hz, 3} << " divider=" << run.divider
+      << " overflow_required=" << true_or_false(run.overflow_required)
+      << " decoded_tags=" << run.decoded_tags << " pass=" << true_or_false(run.pass) << '\n';
+}
+
+void add_summary_channel(std::ostream& out, std::size_t channel, const ChannelResult& result) {
+  out << "  ch" << channel << " count=" << result.count
+      << " measured_hz=" << Fixed{result.measured_hz, 6}
+      << " ppm_error=" << Fixed{result.ppm_error, 6} << " pass=" << true_or_false(result.pass)
+      << '\n';
+}
+
+void throw_if(const std::error_code& error, const char* failure,
+              const std::filesystem::path& path) {
+  if (error) {
+    throw timing::Error(OT_ERR_IO, failure + path.string() + ": " + error.message());
+  }
+}
+
+}  // namespace
+
+std::ostream& operator<<(std::ostream& out, Fixed number) {
+  return out << std::fixed << std::setprecision(number.decimals) << number.value;
+}
 
 void write_reports(const std::filesystem::path& output_root, const std::filesystem::path& run_dir,
                    const Config& config, const std::vector<RunResult>& results, bool all_pass) {
@@ -16,8 +119,84 @@ void write_reports(const std::filesystem::path& output_root, const std::filesyst
   publish_latest(output_root, csv_path, json_path, summary_text);
 
   std::cout << summary_text;
-  std::cout << "latest_summary=" << (output_root / "latest_summary.txt").string() << '\n';
-  std::cout << "latest_json=" << (output_root / "latest.json").string() << '\n';
+  std::cout << "latest_summary=" << (output_root / kLatestSummary).string() << '\n';
+  std::cout << "latest_json=" << (output_root / kLatestJson).string() << '\n';
+}
+
+void write_csv(const std::filesystem::path& csv_path, const std::vector<RunResult>& results) {
+  std::ofstream out = open_report(csv_path, "could not open overflow CSV output");
+  out << "requested_hz,effective_hz,expected_decoded_hz,divider,overflow_required,channel,count,"
+         "first_ps,last_ps,measured_hz,ppm_error,pass,stream_file\n";
+  for (const RunResult& run : results) {
+    for (std::size_t channel = 0; channel < kChannels; ++channel) {
+      write_csv_row(out, run, channel);
+    }
+  }
+}
+
+void write_json_report(const std::filesystem::path& json_path, const Config& config,
+                       const std::vector<RunResult>& results, bool all_pass) {
+  std::ofstream out = open_report(json_path, "could not open overflow JSON output");
+  out << "{\n"
+      << "  \"verification\":\"overflow_frequency\",\n"
+      << "  \"pass\":" << true_or_false(all_pass) << ",\n";
+  write_json_settings(out, config);
+  out << "  \"runs\":[\n";
+  for (const RunResult& run : results) {
+    write_json_run(out, run);
+    out << (&run != &results.back() ? ",\n" : "\n");
+  }
+  out << "  ]\n"
+      << "}\n";
+}
+
+std::string format_summary(const std::filesystem::path& run_dir,
+                           const std::filesystem::path& csv_path,
+                           const std::filesystem::path& json_path, const Config& config,
+                           const std::vector<RunResult>& results, bool all_pass) {
+  std::ostringstream out;
+  out << "Orvo timing packed-delta overflow frequency verification\n"
+      << "output=" << run_dir.string() << '\n'
+      << "csv=" << csv_path.string() << '\n'
+      << "json=" << json_path.string() << '\n'
+      << "capture_s=" << Fixed{config.capture_s, 3} << '\n'
+      << "packed_bits=" << unsigned{config.packed_bits} << '\n'
+      << "packed_quantum_ps=" << config.packed_quantum_ps << '\n'
+      << "decoded_timestamp_seconds_per_second=" << Fixed{kDecodedTimestampSecondsPerSecond, 9}
+      << '\n'
+      << "tolerance_ppm=" << Fixed{config.tolerance_ppm, 3} << '\n'
+      << "pass=" << true_or_false(all_pass) << '\n';
+  for (const RunResult& run : results) {
+    add_summary_run(out, run);
+    for (std::size_t channel = 0; channel < kChannels; ++channel) {
+      if (channel_counts(config.channel_mask, channel)) {
+        add_summary_channel(out, channel, run.channels[channel]);
+      }
+    }
+  }
+  return out.str();
+}
+
+void write_text_file(const std::filesystem::path& path, const std::string& text) {
+  open_report(path, "could not open text output") << text;
+}
+
+void copy_file_checked(const std::filesystem::path& from, const std::filesystem::path& to) {
+  std::error_code error;
+  std::filesystem::remove(to, error);  // a link would be written through
+  std::filesystem::copy_file(from, to, std::filesystem::copy_options::overwrite_existing, error);
+  throw_if(error, "could not publish ", to);
+}
+
+void publish_latest(const std::filesystem::path& output_root, const std::filesystem::path& csv_path,
+                    const std::filesystem::path& json_path, const std::string& summary_text) {
+  std::error_code error;
+  std::filesystem::create_directories(output_root, error);
+  throw_if(error, "could not create output root ", output_root);
+  const DirectoryLock one_start_at_a_time(output_root);
+  copy_file_checked(csv_path, output_root / kLatestCsv);
+  copy_file_checked(json_path, output_root / kLatestJson);
+  write_text_file(output_root / kLatestSummary, summary_text);
 }
 
 }  // namespace orvo::verification

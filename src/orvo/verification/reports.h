@@ -6,13 +6,21 @@
 #pragma once
 
 #include <filesystem>
+#include <iosfwd>
 #include <string>
 #include <vector>
 
 #include "orvo/verification/config.h"
-#include "orvo/verification/run_result.h"
+#include "orvo/verification/evaluation.h"
 
 namespace orvo::verification {
+
+/// `value` with exactly `decimals` digits after the point; leaves the stream in fixed notation.
+struct Fixed {
+  double value;
+  int decimals;
+};
+std::ostream& operator<<(std::ostream& out, Fixed number);
 
 /// Writes overflow_frequency.csv, .json and .summary.txt into `run_dir`, publishes them in
 /// `output_root` and prints the summary on standard output.

@@ -1,18 +1,13 @@
 #include "orvo/verification/sequence.h"
 
+#include <chrono>
 #include <cstddef>
 #include <cstdlib>
 #include <iostream>
 #include <string>
 #include <vector>
 
-#include "orvo/timing/device.h"
-#include "orvo/timing/error.h"
-#include "orvo/timing/library_status.h"
-#include "orvo/verification/exit_status.h"
-#include "orvo/verification/frequency_run.h"
 #include "orvo/verification/interruption.h"
-#include "orvo/verification/report_stream.h"
 #include "orvo/verification/reports.h"
 
 namespace orvo::verification {
@@ -38,11 +33,9 @@ timing::Device open_device(const Config& config) {
   return timing::Device::open(port, timing::kLibraryBaud);
 }
 
-void print_identity(const timing::Device& device) {
-  std::cout << "Device: ";
-  ot_identity record = {};
-  timing::detail::check(ot_identify(device.handle, &record), "identify", device.handle);
-  std::cout << timing::Identity::from_c(record).description << '\n';
+void print_identity(timing::Device& device) {
+  std::cout << "Device: ";  // first, so that an unfinished line shows what failed
+  std::cout << device.identify().description << '\n';
 }
 
 void announce_run(const Config& config, std::size_t index) {
@@ -50,24 +43,55 @@ void announce_run(const Config& config, std::size_t index) {
             << Fixed{config.frequencies_hz[index], 3} << " Hz/channel" << std::endl;
 }
 
+std::string stream_file_name(unsigned long index) {
+  return (index < 10 ? "overflow_frequency_0" : "overflow_frequency_") + std::to_string(index) +
+         ".ortime";
+}
+
 }  // namespace
 
-int run_verification(const Config& config, const std::filesystem::path& output_root,
-                     const std::filesystem::path& run_dir) {
+RunResult run_one(timing::Device& device, const Config& config,
+                  const std::filesystem::path& run_dir, unsigned long index, double requested_hz,
+                  const timing::InterruptionCheck& interrupted) {
+  const std::uint32_t divider = device.set_calibration_freq(requested_hz);
+  const std::filesystem::path stream_file = run_dir / stream_file_name(index);
+  const std::uint64_t payload_bytes =
+      device.capture({.path = stream_file.string(),
+                      .duration = std::chrono::duration<double>(config.capture_s),
+                      .mode = timing::Mode::internal,
+                      .format = timing::Format::packed_delta,
+                      .channel_mask = config.channel_mask,
+                      .tdl_index = config.tdl_index,
+                      .cal_freq_hz = requested_hz,
+                      .packed_bits = config.packed_bits,
+                      .packed_quantum_ps = config.packed_quantum_ps,
+                      .transport = timing::Transport::usb,
+                      .chunk_bytes = config.chunk_bytes,
+                      .queue_chunks = config.queue_chunks,
+                      .interrupted = interrupted});
+  RunResult result =
+      judge(read_tag_statistics(stream_file.string(), config.chunk_bytes, interrupted),
+            derive_rates(divider, config), config);
+  result.requested_hz = requested_hz;
+  result.stream_file = stream_file;
+  result.payload_bytes = payload_bytes;
+  return result;
+}
+
+ExitStatus run_verification(const Config& config, const std::filesystem::path& output_root,
+                            const std::filesystem::path& run_dir) {
   const InterruptionWatch watch;  // from before the device is open until after it is closed
   timing::Device device = open_device(config);
-  device.interrupted = interrupted;
   print_identity(device);
 
   std::vector<RunResult> results;
   results.reserve(config.frequencies_hz.size());
   bool all_pass = true;
   for (std::size_t i = 0; i < config.frequencies_hz.size(); ++i) {
-    if (interrupted()) {
-      throw timing::Interrupted();
-    }
+    timing::throw_if(interrupted);
     announce_run(config, i);
-    results.push_back(run_one(device, config, run_dir, i + 1, config.frequencies_hz[i]));
+    results.push_back(
+        run_one(device, config, run_dir, i + 1, config.frequencies_hz[i], interrupted));
     all_pass = all_pass && results.back().pass;
   }
   write_reports(output_root, run_dir, config, results, all_pass);

@@ -1,5 +1,8 @@
 #include "orvo/verification/tool.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <array>
 #include <ctime>
@@ -13,12 +16,9 @@
 
 #include "orvo/timing/error.h"
 #include "orvo/verification/config.h"
-#include "orvo/verification/config_file.h"
 #include "orvo/verification/directory_lock.h"
-#include "orvo/verification/exit_status.h"
 #include "orvo/verification/interruption.h"
 #include "orvo/verification/sequence.h"
-#include "orvo/verification/standard_descriptors.h"
 
 namespace orvo::verification {
 namespace {
@@ -74,6 +74,18 @@ std::string start_stamp() {
   localtime_r(&now, &local);
   std::array<char, 32> text;
   return {text.data(), std::strftime(text.data(), text.size(), "%Y%m%d_%H%M%S", &local)};
+}
+
+/// Opens /dev/null on every closed descriptor 0 to 2, so that no file opened later receives console
+/// output.
+void occupy_standard_descriptors() {
+  int descriptor = -1;
+  do {
+    descriptor = open("/dev/null", O_RDWR);  // gets the lowest number that is free
+  } while (descriptor >= 0 && descriptor <= STDERR_FILENO);
+  if (descriptor >= 0) {
+    close(descriptor);
+  }
 }
 
 int configure_and_verify(int argc, char** argv, const ToolFolders& folders) {

@@ -14,7 +14,7 @@ struct ToolFolders {
 };
 
 /// Everything main() does, given its arguments. Every failure becomes a line on standard error and
-/// a status of exit_status.h. Call once, from the main thread.
+/// an ExitStatus of sequence.h. Call once, from the main thread.
 [[nodiscard]] int run_tool(int argc, char** argv, const ToolFolders& folders);
 
 }  // namespace orvo::verification

@@ -59,7 +59,12 @@ void find_ranges(StreamInput& input, const verification::EvaluationSettings& set
         run.channels[channel].statistics.add(interval_ps, time_ps);
       });
   run.undecoded_bytes = input.reader.undecoded_bytes();
-  verification::judge(tags_seen, settings, run.decoded);
+  verification::RunResult judged =
+      judge(tags_seen, verification::derive_rates(run.decoded.divider, settings), settings);
+  judged.requested_hz = run.decoded.requested_hz;
+  judged.stream_file = run.decoded.stream_file;
+  judged.payload_bytes = run.decoded.payload_bytes;
+  run.decoded = judged;
   run.first_ps = std::numeric_limits<std::int64_t>::max();
   run.last_ps = std::numeric_limits<std::int64_t>::min();
   for (std::size_t channel = 0; channel < kChannels; ++channel) {
@@ -94,7 +99,10 @@ RunAnalysis analyse_run(const verification::RunResult& reported,
                         std::size_t columns) {
   RunAnalysis run;
   run.decoded = reported;
-  verification::derive_rates(reported.divider, settings, run.decoded);
+  const verification::Rates rates = verification::derive_rates(reported.divider, settings);
+  run.decoded.effective_hz = rates.effective_hz;
+  run.decoded.expected_decoded_hz = rates.expected_decoded_hz;
+  run.decoded.overflow_required = rates.overflow_required;
   try {
     std::error_code error;
     if (std::filesystem::is_fifo(reported.stream_file, error)) {  // opening one may take for ever

@@ -8,6 +8,7 @@
 #include "orvo/inspection/printable_text.h"
 #include "orvo/inspection/stream_input.h"
 #include "orvo/inspection/tags/progress.h"
+#include "orvo/timing/stream_decoder.h"
 #include "orvo/timing/error.h"
 
 namespace orvo::inspection {

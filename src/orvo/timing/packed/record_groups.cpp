@@ -15,6 +15,10 @@
 namespace orvo::timing::detail {
 namespace {
 
+// The kernel writes tags as pairs of 64-bit words, the channel in the lowest byte of the first.
+static_assert(sizeof(TimeTag) == 16 && offsetof(TimeTag, channel) == 0 &&
+              offsetof(TimeTag, time_ps) == 8);
+
 /// Records up to here fit 32 bits wherever they begin in a byte, and so does the step of an
 /// overflow and a data record together.
 constexpr unsigned kMaxGroupBits = 16;

@@ -91,8 +91,8 @@ PackedRules::Outcome PackedRules::take_anchored(unsigned channel, std::uint64_t 
         return lose_sync_delta(channel, next, prev);
       }
     } else if (prev - next > kBackwardTolerancePs) {
-      drop_.next_ps = next;
-      drop_.prev_ps = prev;
+      drop_.next_ps = static_cast<std::int64_t>(next);
+      drop_.prev_ps = static_cast<std::int64_t>(prev);
       return lose(LockEvent::Kind::nonmonotonic_sync, channel);
     } else if (prev == next || format_.internal) {
       return lose_sync_delta(channel, next, prev);
@@ -130,8 +130,8 @@ PackedRules::Outcome PackedRules::take_step(unsigned channel, std::uint64_t step
     }
   }
   if (format_.internal && step > kInternalStepLimitPs) {
-    drop_.delta_ps = step;
-    drop_.prev_ps = prev;
+    drop_.delta_ps = static_cast<std::int64_t>(step);
+    drop_.prev_ps = static_cast<std::int64_t>(prev);
     return lose(LockEvent::Kind::implausible_delta, channel);
   }
   return advance(step);
@@ -139,9 +139,9 @@ PackedRules::Outcome PackedRules::take_step(unsigned channel, std::uint64_t step
 
 PackedRules::Outcome PackedRules::lose_sync_delta(unsigned channel, std::uint64_t next,
                                                   std::uint64_t prev) {
-  drop_.delta_ps = next - prev;
-  drop_.next_ps = next;
-  drop_.prev_ps = prev;
+  drop_.delta_ps = static_cast<std::int64_t>(next - prev);
+  drop_.next_ps = static_cast<std::int64_t>(next);
+  drop_.prev_ps = static_cast<std::int64_t>(prev);
   return lose(LockEvent::Kind::implausible_sync_delta, channel);
 }
 
@@ -149,7 +149,7 @@ PackedRules::Outcome PackedRules::lose(LockEvent::Kind kind, unsigned channel) {
   drop_.kind = kind;
   drop_.channel = channel;
   drop_.sync_channel = state_.sync_channel;
-  drop_.sync_records_left = state_.sync_records_left;
+  drop_.sync_chunks_left = state_.sync_records_left;
   return Outcome::drop;
 }
 

@@ -1,4 +1,4 @@
-#include "orvo/timing/capture_queue.h"
+#include "orvo/timing/device/capture_queue.h"
 
 #include <algorithm>
 #include <cstring>

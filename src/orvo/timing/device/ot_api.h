@@ -4,8 +4,8 @@
  * Ownership: ot_close releases a device, ot_discover_free a discovery list with all its texts.
  * Errors: an operation that can fail returns OT_OK or the status of its failure.
  */
-#ifndef ORVO_TIMING_OT_API_H_
-#define ORVO_TIMING_OT_API_H_
+#ifndef ORVO_TIMING_DEVICE_OT_API_H_
+#define ORVO_TIMING_DEVICE_OT_API_H_
 
 #include <stddef.h>
 #include <stdint.h>
@@ -52,9 +52,9 @@ const char* ot_last_error(const ot_device* dev);
 /* Fixed text for any status. */
 const char* ot_status_string(ot_status status);
 
-/* Programs the calibration source as near as possible to `freq_hz` and tells its divider. */
+/* Programs the calibration source as near as possible to `freq_hz` and stores its divider. */
 ot_status ot_set_calibration_freq(ot_device* dev, double freq_hz, uint32_t* divider_out);
-/* Sets the packed-delta width (bits) and quantum (picoseconds) and tells the values in force. */
+/* Sets the packed-delta width (bits) and quantum (picoseconds) and stores the values in force. */
 ot_status ot_set_packed_delta_config(ot_device* dev, uint8_t delta_bits, uint16_t quantum_ps,
                                      uint8_t* effective_bits, uint16_t* effective_quantum_ps);
 /* One bit a channel. */
@@ -90,4 +90,4 @@ OT_STATIC_ASSERT(sizeof(ot_mode) == 4 && sizeof(ot_format) == 4 && sizeof(ot_tra
 
 #undef OT_STATIC_ASSERT
 
-#endif /* ORVO_TIMING_OT_API_H_ */
+#endif /* ORVO_TIMING_DEVICE_OT_API_H_ */

@@ -5,10 +5,10 @@
 #include <thread>
 #include <utility>
 
-#include "orvo/timing/capture_queue.h"
-#include "orvo/timing/device.h"
+#include "orvo/timing/device/capture_queue.h"
+#include "orvo/timing/device/device.h"
+#include "orvo/timing/device/library_status.h"
 #include "orvo/timing/error.h"
-#include "orvo/timing/library_status.h"
 #include "orvo/timing/stream_files.h"
 
 namespace orvo::timing {
@@ -17,14 +17,14 @@ namespace {
 constexpr std::uint64_t kMinChunkBytes = 4096;
 constexpr std::uint64_t kMinQueueChunks = 2;
 constexpr int kReadTimeoutMs = 20;
-// What the packed-delta configuration is taken to be where the library does not tell.
+// What the packed-delta configuration is taken to be where the library leaves it open.
 constexpr std::uint8_t kPresetDeltaBits = 16;
 constexpr std::uint16_t kPresetQuantumPs = 8;
 // Arguments of ot_stop_stream_mode.
 constexpr int kStopCompleted = 1;
 constexpr int kStopAbandoned = 0;
 
-/// Stops a stream after a failure, which is the one to tell: that of the stop is discarded.
+/// Stops a stream after a failure. The stop's own failure is discarded: the first one is reported.
 void abandon_stream(ot_device* handle) noexcept {
   try {
     detail::check(ot_stop_stream_mode(handle, kStopAbandoned), "stop_stream_any", handle);
@@ -72,6 +72,30 @@ class WriterThread {
   std::thread thread_;  // last: it uses the others
 };
 
+/// Reads into `chunk` and its successors and queues them, until the time is up.
+void read_stream(Device& device, const CaptureRequest& request, detail::CaptureQueue& queue,
+                 detail::CaptureChunk chunk) {
+  using SteadyClock = std::chrono::steady_clock;
+  const auto deadline = SteadyClock::now() + request.duration;  // in floating point
+  while (deadline > SteadyClock::now()) {  // false for a duration that is not a number
+    throw_if(request.interrupted);
+    std::uint64_t got = 0;
+    const ot_status status = ot_read_stream_bytes(device.handle, chunk.bytes.data(),
+                                                  chunk.bytes.size(), &got, kReadTimeoutMs);
+    if (status == OT_ERR_TIMEOUT || (status == OT_OK && got == 0)) {
+      continue;
+    }
+    if (status != OT_OK) {
+      detail::throw_status(status, "read_stream_bytes", ot_last_error(device.handle));
+    }
+    ++device.stream_state.reads;
+    device.stream_state.payload_bytes += got;
+    chunk.set_used(got);
+    queue.push(std::move(chunk));
+    chunk = queue.take_spare();
+  }
+}
+
 }  // namespace
 
 std::uint64_t Device::capture(const CaptureRequest& request) {
@@ -81,27 +105,26 @@ std::uint64_t Device::capture(const CaptureRequest& request) {
   detail::CaptureQueue queue(std::max(request.chunk_bytes, kMinChunkBytes),
                              std::max(request.queue_chunks, kMinQueueChunks));
   WriterThread writer(file, queue);
+  std::exception_ptr failure;
   bool stream_running = false;
   try {
     detail::CaptureChunk first = queue.take_spare();
     start_stream(request);
     stream_running = true;
-    read_stream(request, queue, std::move(first));
+    read_stream(*this, request, queue, std::move(first));
     detail::check(ot_stop_stream_mode(handle, kStopCompleted), "stop_stream_any", handle);
-    stream_running = false;
   } catch (...) {
+    failure = std::current_exception();
     if (stream_running) {
       abandon_stream(handle);
     }
-    writer.finish();
-    if (const std::exception_ptr error = queue.error()) {
-      std::rethrow_exception(error);
-    }
-    throw;
   }
   writer.finish();
-  if (const std::exception_ptr error = queue.error()) {
-    std::rethrow_exception(error);
+  if (std::exception_ptr error = queue.error()) {
+    failure = std::move(error);  // takes precedence over what the calling thread met
+  }
+  if (failure != nullptr) {
+    std::rethrow_exception(failure);
   }
   return writer.written_bytes();
 }
@@ -132,9 +155,7 @@ StreamFileHeader Device::configure_stream(const CaptureRequest& request) {
                                         static_cast<ot_format>(request.format)),
                 "set_stream_interface", handle);
   if (request.mode == Mode::internal) {
-    std::uint32_t divider = 0;
-    detail::check(ot_set_calibration_freq(handle, request.cal_freq_hz, &divider),
-                  "set_calibration_freq", handle);
+    set_calibration_freq(request.cal_freq_hz);
   }
   return header;
 }
@@ -144,31 +165,6 @@ void Device::start_stream(const CaptureRequest& request) {
                 "start_stream(mode)", handle);
   stream_mode = request.mode;
   stream_state = {};
-}
-
-void Device::read_stream(const CaptureRequest& request, detail::CaptureQueue& queue,
-                         detail::CaptureChunk chunk) {
-  using SteadyClock = std::chrono::steady_clock;
-  const auto deadline = SteadyClock::now() + request.duration;  // in floating point
-  while (deadline > SteadyClock::now()) {  // false for a duration that is not a number
-    if (interrupted != nullptr && interrupted()) {
-      throw Interrupted();
-    }
-    std::uint64_t got = 0;
-    const ot_status status =
-        ot_read_stream_bytes(handle, chunk.bytes.data(), chunk.bytes.size(), &got, kReadTimeoutMs);
-    if (status == OT_ERR_TIMEOUT || (status == OT_OK && got == 0)) {
-      continue;
-    }
-    if (status != OT_OK) {
-      detail::throw_status(status, "read_stream_bytes", ot_last_error(handle));
-    }
-    ++stream_state.reads;
-    stream_state.payload_bytes += got;
-    chunk.set_used(got);
-    queue.push(std::move(chunk));
-    chunk = queue.take_spare();
-  }
 }
 
 }  // namespace orvo::timing

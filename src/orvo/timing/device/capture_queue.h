@@ -1,5 +1,5 @@
 // Chunks of a capture on their way from the thread that reads the instrument to the one that
-// writes the file. docs/capture-queue.md tells who owns a chunk when and how every end is reached.
+// writes the file. docs/capture-queue.md says who owns a chunk when and how every end is reached.
 //
 // Threads: exactly one reader and one writer; each operation says whose it is.
 #pragma once
@@ -18,10 +18,10 @@ namespace orvo::timing::detail {
 /// A read buffer and how much of it is filled: a short read costs nothing to take back.
 struct CaptureChunk {
   std::vector<std::uint8_t> bytes;
-  std::size_t used = 0;  ///< by the last read into it; behind them are zeros
+  std::size_t used = 0;  ///< bytes that the last read filled
 
-  /// A read has filled `count` bytes. What a longer one left behind them is cleared: it must not
-  /// come back as data where a later read claims more than it fills.
+  /// Call when a read has filled `count` bytes. Clears what an earlier, longer read has left after
+  /// them: it must not return as data where a later read claims more than it fills.
   void set_used(std::size_t count);
 };
 

@@ -1,7 +1,7 @@
 // From a driver library's status to an Error. No state; call from the thread that owns the device.
 #pragma once
 
-#include "orvo/timing/ot_api.h"
+#include "orvo/timing/device/ot_api.h"
 
 namespace orvo::timing::detail {
 

@@ -1,8 +1,8 @@
 // One instrument: finding it, opening it, recording its stream.
 //
 // Threads: a Device belongs to one thread at a time; a capture's writer thread never touches it.
-// Errors: Error; that of a driver call starts with the call's name. A capture also throws its
-// file's errors, and Interrupted.
+// Errors: Error, whose operation() is the driver call that failed. A capture also throws its file's
+// errors, and Interrupted.
 #pragma once
 
 #include <array>
@@ -12,15 +12,11 @@
 #include <string_view>
 #include <vector>
 
-#include "orvo/timing/ot_api.h"
+#include "orvo/timing/device/ot_api.h"
+#include "orvo/timing/error.h"
 #include "orvo/timing/stream_header.h"
 
 namespace orvo::timing {
-
-namespace detail {
-class CaptureQueue;
-struct CaptureChunk;
-}  // namespace detail
 
 /// The texts by which an instrument names itself, as the library delivered them.
 struct Identity {
@@ -43,13 +39,30 @@ struct StreamState {
   std::uint64_t payload_bytes = 0;
 };
 
+/// What a capture records, how, and where.
+struct CaptureRequest {
+  std::string path;                        ///< of the stream file; truncated if it exists
+  std::chrono::duration<double> duration;  ///< from the start of the stream
+  Mode mode = Mode::internal;
+  Format format = Format::packed_delta;
+  std::uint8_t channel_mask = 0x0F;  ///< bit c for channel c
+  std::uint8_t tdl_index = 0;
+  double cal_freq_hz = 0;               ///< of the calibration source; internal mode only
+  std::uint8_t packed_bits = 16;        ///< width of one packed delta; packed-delta format only
+  std::uint16_t packed_quantum_ps = 8;  ///< time quantum of one step; packed-delta format only
+  Transport transport = Transport::usb;
+  std::uint64_t chunk_bytes = 1 << 20;  ///< of one read; raised to 4096
+  std::uint64_t queue_chunks = 128;     ///< reads that may wait for the disk; raised to 2
+  InterruptionCheck interrupted = {};   ///< asked before each read
+};
+
 /// The driver library's own rate, at which a device is opened with ot_open_serial.
 inline constexpr int kLibraryBaud = 3'000'000;
 
 /// Owns one open instrument and closes it exactly once.
 class Device {
  public:
-  /// All attached instruments in the library's order.
+  /// All attached instruments, in the library's order.
   [[nodiscard]] static std::vector<DiscoveredDevice> discover();
 
   /// Opens the instrument on `port` at `baud` bits per second.
@@ -63,16 +76,21 @@ class Device {
   Device(const Device&) = delete;
   Device& operator=(const Device&) = delete;
 
-  /// Records the raw stream into a new stream file at `path` for `duration` from the stream's
-  /// start and returns the payload bytes written. Blocks for `duration`, at most one read's
-  /// time-out (20 ms) more, and until the file is written.
+  [[nodiscard]] Identity identify();
+
+  /// Programs the calibration source as near as possible to `freq_hz` and returns the divider that
+  /// the instrument chose.
+  std::uint32_t set_calibration_freq(double freq_hz);
+
+  /// Records the raw stream into a new stream file and returns the payload bytes written. Blocks
+  /// for `duration`, which is looked at between reads: a read that waits for data (20 ms) or for
+  /// room in the queue delays the end, and the file is then written to its end.
   ///
-  /// `cal_freq_hz` counts in internal mode only, `packed_bits` and `packed_quantum_ps` in
-  /// packed-delta format only. `chunk_bytes` (one read) is raised to 4096, `queue_chunks` (reads
-  /// that may wait for the disk) to 2.
-  ///
-  /// After a failure the stream has been stopped and what was captured before it is in the file;
-  /// the device stays usable.
+  /// After a failure the stream has been stopped if it was started, and the file holds what was
+  /// queued before, unless it was the file that failed. The device stays open.
+  std::uint64_t capture(const CaptureRequest& request);
+
+  /// The same with the settings in a row.
   template <class Rep, class Period>
   std::uint64_t stream_to_file_for(const std::string& path,
                                    std::chrono::duration<Rep, Period> duration, Mode mode,
@@ -90,34 +108,14 @@ class Device {
   /// Fine-time table of each channel, in picoseconds.
   std::array<std::vector<std::int64_t>, 4> fine_lut;
   StreamState stream_state;
-  /// Asked before each read of a capture, which is abandoned with Interrupted when it says so.
-  bool (*interrupted)() = nullptr;
 
  private:
-  struct CaptureRequest {
-    const std::string& path;
-    std::chrono::duration<double> duration;
-    Mode mode;
-    Format format;
-    std::uint8_t channel_mask;
-    std::uint8_t tdl_index;
-    double cal_freq_hz;
-    std::uint8_t packed_bits;
-    std::uint16_t packed_quantum_ps;
-    Transport transport;
-    std::uint64_t chunk_bytes;
-    std::uint64_t queue_chunks;
-  };
-
   Device();
   enum class FineTableSource { defaults, from_file };
   Device(const std::string& port, int baud, FineTableSource fine_tables);
 
-  std::uint64_t capture(const CaptureRequest& request);
   [[nodiscard]] StreamFileHeader configure_stream(const CaptureRequest& request);
   void start_stream(const CaptureRequest& request);
-  void read_stream(const CaptureRequest& request, detail::CaptureQueue& queue,
-                   detail::CaptureChunk first);
 };
 
 }  // namespace orvo::timing

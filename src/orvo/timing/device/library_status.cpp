@@ -1,4 +1,4 @@
-#include "orvo/timing/library_status.h"
+#include "orvo/timing/device/library_status.h"
 
 #include <string>
 
@@ -8,15 +8,13 @@ namespace orvo::timing::detail {
 
 void throw_status(ot_status status, const char* operation, const char* detail_text) {
   const char* status_text = ot_status_string(status);
-  std::string message = operation;
-  message += ": ";
-  message += status_text != nullptr ? status_text : "";
+  std::string reason = status_text != nullptr ? status_text : "";
   if (detail_text != nullptr && *detail_text != '\0') {
-    message += " (";
-    message += detail_text;
-    message += ')';
+    reason += " (";
+    reason += detail_text;
+    reason += ')';
   }
-  throw Error(status, message);
+  throw Error(status, operation, reason);
 }
 
 void check(ot_status status, const char* operation, const ot_device* device) {

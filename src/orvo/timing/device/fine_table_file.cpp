@@ -1,4 +1,4 @@
-#include "orvo/timing/fine_table_file.h"
+#include "orvo/timing/device/fine_table_file.h"
 
 #include <algorithm>
 #include <fstream>

@@ -1,11 +1,11 @@
-#include "orvo/timing/input_buffer.h"
+#include "orvo/timing/buffers.h"
 
 #include <algorithm>
 #include <cstring>
 #include <new>
 #include <utility>
 
-namespace orvo::timing::detail {
+namespace orvo::timing {
 
 std::span<std::uint8_t> InputBuffer::prepare(std::size_t count) {
   const std::size_t used = size();
@@ -38,4 +38,12 @@ void InputBuffer::append(std::span<const std::uint8_t> bytes) {
   commit(bytes.size());
 }
 
-}  // namespace orvo::timing::detail
+TimeTag* TagBuffer::room_for(std::size_t count) {
+  if (count > capacity_) {
+    tags_ = std::make_unique_for_overwrite<TimeTag[]>(count);
+    capacity_ = count;
+  }
+  return tags_.get();
+}
+
+}  // namespace orvo::timing

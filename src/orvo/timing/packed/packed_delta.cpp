@@ -1,0 +1,140 @@
+#include "orvo/timing/packed/packed_delta.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <iostream>
+#include <optional>
+
+#include "orvo/timing/packed/record_groups.h"
+#include "orvo/timing/packed/records.h"
+
+namespace orvo::timing {
+namespace {
+
+constexpr std::size_t kSearchedBytes = 65'536;   // of a buffer without a lock, at the most
+constexpr std::size_t kKeptBytes = 4'096;        // when such a buffer is given up
+constexpr std::size_t kReportedBytes = 4'096;    // less may simply not be enough for a lock
+constexpr std::uint64_t kMinJudgedTags = 4'096;  // in a batch
+constexpr std::uint64_t kMaxImbalance = 8;       // most to least active channel
+constexpr unsigned kMaxDebugLines = 200;         // of one decoder
+
+LockEvent rejection(const detail::AlignmentCandidate& candidate) {
+  return {.kind = LockEvent::Kind::rejected_alignment,
+          .drop_bytes = candidate.drop_bytes,
+          .bit_offset = candidate.bit_offset,
+          .synced = candidate.synced,
+          .min = candidate.min,
+          .max = candidate.max,
+          .total = candidate.total};
+}
+
+/// Set when the lock is false: one alignment syncs every channel of the calibration source, and
+/// then all of them carry the same rate.
+std::optional<LockEvent> imbalance(const detail::PackedBatch& batch,
+                                   const detail::PackedFormat& format) {
+  LockEvent event{.kind = LockEvent::Kind::imbalanced, .min = UINT64_MAX};
+  for (unsigned c = 0; c < 4; ++c) {
+    if (format.active(c)) {
+      event.min = std::min(event.min, batch.channel_tags[c]);
+      event.max = std::max(event.max, batch.channel_tags[c]);
+      event.total += batch.channel_tags[c];
+    }
+  }
+  event.records = batch.records;
+  const bool judged = format.balanced && event.total >= kMinJudgedTags;
+  return judged && event.min * kMaxImbalance < event.max ? std::optional(event) : std::nullopt;
+}
+
+}  // namespace
+
+bool PackedDeltaDecoder::decodes(const StreamFileHeader& header) {
+  return detail::PackedFormat(header).valid();
+}
+
+PackedDeltaDecoder::PackedDeltaDecoder(const StreamFileHeader& header)
+    : header_(header), format_(header), groups_(detail::RecordGroups::make(format_)) {}
+
+PackedDeltaDecoder::~PackedDeltaDecoder() = default;
+
+std::span<const TimeTag> PackedDeltaDecoder::feed(InputBuffer& input) {
+  lock_events_.clear();
+  if (!format_.valid() || !(locked_ || take_lock(input))) {
+    return {};
+  }
+  const std::uint64_t bits = 8 * std::uint64_t{input.size()};
+  const std::uint64_t records = bits < bit_offset_ ? 0 : (bits - bit_offset_) / format_.width;
+  if (records == 0) {
+    return {};
+  }
+  const detail::PackedBatch batch = detail::decode_packed_records(
+      input.data(), bit_offset_, records, format_, state_, groups_.get(), tags_.room_for(records));
+  consume_packed_records(input, batch.records);
+  std::optional<LockEvent> drop = batch.drop;
+  std::size_t tags = batch.tags;
+  if (!drop) {
+    drop = imbalance(batch, format_);
+    tags = drop ? 0 : tags;
+  }
+  returned_tags_ += tags;
+  if (drop) {
+    drop_packed_lock();
+    report(input, *drop);
+  }
+  return tags_.first(tags);
+}
+
+bool PackedDeltaDecoder::take_lock(InputBuffer& input) {
+  const detail::AlignmentSearch search = detail::probe_packed_alignment(input.bytes(), format_);
+  if (!search.found) {
+    if (search.rejected) {
+      report(input, rejection(*search.rejected));
+    }
+    if (input.size() >= kReportedBytes) {
+      LockEvent event{.kind = LockEvent::Kind::no_alignment, .buffer_bytes = input.size()};
+      if (input.size() > kSearchedBytes) {
+        event.drop_bytes = input.size() - kKeptBytes;
+        input.keep_back(kKeptBytes);
+      }
+      report(input, event);
+    }
+    return false;
+  }
+  input.remove_front(search.found->drop_bytes);
+  locked_ = true;
+  bit_offset_ = search.found->bit_offset;
+  report(input, {.kind = LockEvent::Kind::locked,
+                 .drop_bytes = search.found->drop_bytes,
+                 .bit_offset = bit_offset_,
+                 .buffer_bytes = input.size()});
+  return true;
+}
+
+void PackedDeltaDecoder::consume_packed_records(InputBuffer& input, std::uint64_t count) {
+  const std::uint64_t position = format_.width * count + bit_offset_;
+  bit_offset_ = position % 8;
+  input.remove_front(position / 8);
+}
+
+/// The sub-byte position is forgotten: the next batch searches from the front of what is left.
+void PackedDeltaDecoder::drop_packed_lock() {
+  locked_ = false;
+  bit_offset_ = 0;
+  state_ = {};
+}
+
+void PackedDeltaDecoder::report(const InputBuffer& input, LockEvent event) {
+  event.payload_offset_bytes = input.removed();
+  event.tags_before = returned_tags_;
+  lock_events_.push_back(event);
+  packed_debug_log(event);
+}
+
+void PackedDeltaDecoder::packed_debug_log(const LockEvent& event) {
+  if (std::getenv("ORVO_PACKED_DEBUG") == nullptr || debug_lines_ >= kMaxDebugLines) {
+    return;
+  }
+  ++debug_lines_;
+  std::cerr << "packed-decoder: " + describe(event, header_) + '\n';
+}
+
+}  // namespace orvo::timing

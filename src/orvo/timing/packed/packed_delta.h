@@ -1,0 +1,64 @@
+// Packed-delta records: the instrument's compact format. This class takes the alignment lock,
+// judges each batch, and gives the lock up; the records themselves are decoded by records.h.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "orvo/timing/packed/alignment.h"
+#include "orvo/timing/packed/format.h"
+#include "orvo/timing/packed/state.h"
+#include "orvo/timing/record_decoder.h"
+
+namespace orvo::timing {
+
+namespace detail {
+class RecordGroups;
+struct PackedBatch;
+}  // namespace detail
+
+class PackedDeltaDecoder final : public RecordDecoder {
+ public:
+  /// Whether the header's width of one delta is one that records can have.
+  [[nodiscard]] static bool decodes(const StreamFileHeader& header);
+
+  explicit PackedDeltaDecoder(const StreamFileHeader& header);
+  ~PackedDeltaDecoder() override;
+  PackedDeltaDecoder(const PackedDeltaDecoder&) = delete;
+  PackedDeltaDecoder& operator=(const PackedDeltaDecoder&) = delete;
+
+  /// Takes an alignment lock first where none is held. The batch ends where the lock is lost.
+  std::span<const TimeTag> feed(InputBuffer& input) override;
+
+  [[nodiscard]] std::span<const LockEvent> lock_events() const noexcept override {
+    return lock_events_;
+  }
+
+  // For comparisons with another decoder.
+  [[nodiscard]] bool locked() const noexcept { return locked_; }
+  /// Bits of the first byte that are consumed already, 0 to 7.
+  [[nodiscard]] std::uint64_t bit_offset() const noexcept { return bit_offset_; }
+  [[nodiscard]] const detail::PackedState& state() const noexcept { return state_; }
+
+ private:
+  [[nodiscard]] bool take_lock(InputBuffer& input);
+  void consume_packed_records(InputBuffer& input, std::uint64_t count);
+  void drop_packed_lock();
+  /// Every lock taken, alignment rejected and lock dropped passes through here.
+  void report(const InputBuffer& input, LockEvent event);
+  void packed_debug_log(const LockEvent& event);
+
+  StreamFileHeader header_;
+  detail::PackedFormat format_;
+  std::unique_ptr<detail::RecordGroups> groups_;
+  detail::PackedState state_;
+  bool locked_ = false;
+  std::uint64_t bit_offset_ = 0;
+  TagBuffer tags_;
+  std::uint64_t returned_tags_ = 0;  // of all feeds
+  std::vector<LockEvent> lock_events_;
+  unsigned debug_lines_ = 0;
+};
+
+}  // namespace orvo::timing

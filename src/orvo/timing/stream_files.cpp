@@ -1,0 +1,256 @@
+#include "orvo/timing/stream_files.h"
+
+#include <algorithm>
+#include <optional>
+#include <utility>
+
+#include "orvo/timing/stream_decoder.h"
+
+namespace orvo::timing {
+namespace {
+
+constexpr std::size_t kWriteBufferBytes = 1 << 20;  // holds writes below 1,024 bytes together
+constexpr std::uint64_t kHeaderLimitBytes = std::uint64_t{1} << 32;  // its length has 32 bits
+
+/// Of files from before the container had its present name; otherwise the same.
+constexpr std::array<char, 8> kLegacyMagic = {'O', 'T', 'S', 'T', 'R', 'M', '1', '\n'};
+/// A header is read in pieces, from this size on and doubling, so that a damaged length cannot ask
+/// for much more memory than the file has bytes.
+constexpr std::size_t kHeaderPieceBytes = 1 << 16;
+/// A chunk is read in pieces of this size, so that a chunk larger than the file costs no more
+/// memory than the file.
+constexpr std::uint64_t kPieceBytes = 16 << 20;
+/// Most tags for which room is reserved before one is there.
+constexpr std::uint64_t kReservedTags = 65'536;
+
+constexpr const char* kWriter = "StreamFileWriter";
+constexpr const char* kReader = "StreamFileReader";
+
+std::array<char, 4> to_little_endian(std::uint32_t value) {
+  return {static_cast<char>(value), static_cast<char>(value >> 8), static_cast<char>(value >> 16),
+          static_cast<char>(value >> 24)};
+}
+
+std::uint32_t from_little_endian(const std::array<char, 4>& bytes) {
+  std::uint32_t value = 0;
+  for (std::size_t i = 0; i < bytes.size(); ++i) {
+    value |= std::uint32_t{static_cast<unsigned char>(bytes[i])} << (8 * i);
+  }
+  return value;
+}
+
+std::string read_text(std::ifstream& file, std::size_t length) {
+  std::string text;
+  while (text.size() < length) {
+    const std::size_t used = text.size();
+    text.resize(std::min(length, used + std::max(used, kHeaderPieceBytes)));
+    if (!file.read(text.data() + used, static_cast<std::streamsize>(text.size() - used))) {
+      throw Error(OT_ERR_IO, kReader, "truncated JSON header");
+    }
+  }
+  return text;
+}
+
+/// The header's text; leaves `file` at the payload.
+std::string read_header_text(std::ifstream& file) {
+  std::array<char, 8> magic;
+  if (!file.read(magic.data(), magic.size())) {
+    throw Error(OT_ERR_IO, kReader, "truncated magic");
+  }
+  if (magic != kStreamFileMagic && magic != kLegacyMagic) {
+    throw Error(OT_ERR_FORMAT, kReader, "not an Orvo timing stream file");
+  }
+  std::array<char, 4> length;
+  if (!file.read(length.data(), length.size())) {
+    throw Error(OT_ERR_IO, "stream file", "truncated header length");
+  }
+  return read_text(file, from_little_endian(length));
+}
+
+}  // namespace
+
+StreamFileWriter::~StreamFileWriter() { close(); }
+
+StreamFileWriter& StreamFileWriter::operator=(StreamFileWriter&& other) noexcept {
+  close();  // writes out what the old buffer holds, before it goes
+  write_buffer_ = std::move(other.write_buffer_);
+  file_ = std::move(other.file_);
+  header_ = std::move(other.header_);
+  return *this;
+}
+
+void StreamFileWriter::open(const std::string& path, const StreamFileHeader& header) {
+  close();
+  header_ = header;
+  write_buffer_.assign(kWriteBufferBytes, 0);
+  // A file stream takes a buffer only while it is closed.
+  file_.rdbuf()->pubsetbuf(write_buffer_.data(), static_cast<std::streamsize>(kWriteBufferBytes));
+  file_.open(path, std::ios::out | std::ios::trunc | std::ios::binary);
+  if (!file_) {
+    throw Error(OT_ERR_IO, kWriter, "cannot open " + path);
+  }
+  file_.setstate(std::ios::failbit);  // whatever throws: no payload without a header
+  const std::string text = detail::stream_header_to_json(header_);
+  if (text.size() >= kHeaderLimitBytes) {
+    throw Error(OT_ERR_ARGUMENT, kWriter, "header is too large");
+  }
+  file_.clear();
+  const std::array<char, 4> length = to_little_endian(static_cast<std::uint32_t>(text.size()));
+  file_.write(kStreamFileMagic.data(), kStreamFileMagic.size());
+  file_.write(length.data(), length.size());
+  file_.write(text.data(), static_cast<std::streamsize>(text.size()));
+  if (!file_) {
+    throw Error(OT_ERR_IO, kWriter, "failed to write header");
+  }
+}
+
+void StreamFileWriter::write(const std::uint8_t* data, std::uint64_t size) {
+  if (!file_) {
+    throw Error(OT_ERR_NOT_OPEN, kWriter, "not open");
+  }
+  if (data == nullptr && size != 0) {
+    throw Error(OT_ERR_ARGUMENT, kWriter, "null data");
+  }
+  file_.write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
+  if (!file_) {
+    throw Error(OT_ERR_IO, kWriter, "payload write failed");
+  }
+}
+
+void StreamFileWriter::close() noexcept {
+  if (file_.is_open()) {
+    file_.close();  // a failure only marks the stream as failed
+  }
+}
+
+struct StreamFileReader::File {
+  std::ifstream stream;
+  std::string header_text;
+  StreamFileHeader header;
+  std::uint64_t payload_start_bytes = 0;
+  std::uint64_t payload_read_bytes = 0;
+  std::optional<StreamDecoder> decoder;  // from the first read on
+  std::span<const TimeTag> pending;      // in the decoder's storage
+};
+
+StreamFileReader::StreamFileReader() = default;
+StreamFileReader::~StreamFileReader() = default;
+StreamFileReader::StreamFileReader(StreamFileReader&&) noexcept = default;
+StreamFileReader& StreamFileReader::operator=(StreamFileReader&&) noexcept = default;
+
+void StreamFileReader::open(const std::string& path) {
+  close();
+  auto file = std::make_unique<File>();
+  file->stream.open(path, std::ios::in | std::ios::binary);
+  if (!file->stream) {
+    throw Error(OT_ERR_IO, kReader, "cannot open " + path);
+  }
+  file->header_text = read_header_text(file->stream);
+  file->header = detail::stream_header_from_json(file->header_text);
+  file->payload_start_bytes = kStreamFileMagic.size() + 4 + file->header_text.size();
+  file_ = std::move(file);
+}
+
+void StreamFileReader::close() noexcept { file_.reset(); }
+
+const StreamFileHeader& StreamFileReader::header() const noexcept {
+  static const StreamFileHeader kNone;
+  if (file_ == nullptr) {
+    return kNone;
+  }
+  return file_->header;
+}
+
+const std::string& StreamFileReader::header_text() const noexcept {
+  static const std::string kNone;
+  if (file_ == nullptr) {
+    return kNone;
+  }
+  return file_->header_text;
+}
+
+std::uint64_t StreamFileReader::payload_start_bytes() const noexcept {
+  return file_ != nullptr ? file_->payload_start_bytes : 0;
+}
+
+std::uint64_t StreamFileReader::read_bytes() const noexcept {
+  return file_ != nullptr ? file_->payload_start_bytes + file_->payload_read_bytes : 0;
+}
+
+std::uint64_t StreamFileReader::undecoded_bytes() const noexcept {
+  return file_ != nullptr && file_->decoder ? file_->decoder->buffered_bytes() : 0;
+}
+
+std::vector<TimeTag> StreamFileReader::decode_next_tags(unsigned long max_tags,
+                                                        unsigned long chunk_bytes) {
+  std::vector<TimeTag> tags;
+  tags.reserve(std::min<std::uint64_t>(max_tags, kReservedTags));
+  while (tags.size() < max_tags) {
+    const std::span<const TimeTag> next = next_tags(max_tags - tags.size(), chunk_bytes);
+    if (next.empty()) {
+      break;
+    }
+    tags.insert(tags.end(), next.begin(), next.end());
+  }
+  return tags;
+}
+
+std::span<const TimeTag> StreamFileReader::next_tags(std::uint64_t max_tags,
+                                                     std::uint64_t chunk_bytes) {
+  if (max_tags == 0) {
+    return {};
+  }
+  if (file_ == nullptr) {
+    throw Error(OT_ERR_NOT_OPEN, kReader, "not open");
+  }
+  std::span<const TimeTag>& pending = file_->pending;
+  while (pending.empty() && decode_chunk(std::max<std::uint64_t>(chunk_bytes, 1))) {
+  }
+  const std::span<const TimeTag> taken =
+      pending.first(static_cast<std::size_t>(std::min<std::uint64_t>(max_tags, pending.size())));
+  pending = pending.subspan(taken.size());
+  return taken;
+}
+
+/// Reads and decodes one chunk; false at the end of the payload.
+bool StreamFileReader::decode_chunk(std::uint64_t chunk_bytes) {
+  throw_if(interrupted);
+  if (!file_->decoder) {
+    file_->decoder.emplace(file_->header);
+  }
+  if (read_chunk(chunk_bytes) == 0) {
+    return false;
+  }
+  file_->pending = file_->decoder->feed();
+  if (on_lock_event) {
+    for (const LockEvent& event : file_->decoder->lock_events()) {
+      on_lock_event(event);
+    }
+  }
+  return true;
+}
+
+/// Hands up to `chunk_bytes` of the payload to the decoder and returns how many there were.
+std::uint64_t StreamFileReader::read_chunk(std::uint64_t chunk_bytes) {
+  StreamDecoder& decoder = *file_->decoder;
+  std::ifstream& stream = file_->stream;
+  std::uint64_t total = 0;
+  do {
+    const std::uint64_t piece = std::min(chunk_bytes - total, kPieceBytes);
+    const std::span<std::uint8_t> room = decoder.prepare(static_cast<std::size_t>(piece));
+    stream.read(reinterpret_cast<char*>(room.data()), static_cast<std::streamsize>(piece));
+    if (stream.bad()) {
+      throw Error(OT_ERR_IO, kReader, "payload read failed");
+    }
+    const auto count = static_cast<std::size_t>(stream.gcount());
+    total += count;
+    if (decoder.decodes()) {  // otherwise the bytes would only pile up
+      decoder.commit(count);
+    }
+  } while (total < chunk_bytes && stream);
+  stream.clear();  // a short last read is normal, and reading on after the end is allowed
+  file_->payload_read_bytes += total;
+  return total;
+}
+
+}  // namespace orvo::timing
