@@ -14,8 +14,8 @@
 #include "orvo/inspection/lock_history.h"
 #include "orvo/inspection/printable_text.h"
 #include "orvo/inspection/stream_input.h"
-#include "orvo/timing/stream_decoder.h"
 #include "orvo/timing/error.h"
+#include "orvo/timing/stream_decoder.h"
 
 namespace orvo::inspection {
 namespace {
@@ -168,7 +168,7 @@ Json facts_of(const std::filesystem::path& path, std::uint64_t chunk_bytes) {
                 {"header_bytes", input.reader.payload_start_bytes()},
                 {"payload_bytes", or_null(input.payload_bytes())},
                 {"header", header_json(header)},
-                {"decodable", timing::StreamDecoder(header).decodes()},
+                {"decodable", timing::StreamDecoder::decodes(header)},
                 {"tags", statistics.tags()},
                 {"undecoded_bytes", input.reader.undecoded_bytes()},
                 {"channels", std::move(channels)}};

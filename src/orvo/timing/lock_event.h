@@ -33,10 +33,9 @@ struct LockEvent {
   std::uint64_t tags_before = 0;           ///< timestamps returned from what was consumed
 
   // locked, rejected_alignment, no_alignment.
-  std::uint64_t drop_bytes = 0;  ///< skipped before the alignment; no_alignment: given up
-  std::uint64_t bit_offset = 0;  ///< of the alignment, 0 to 7; not of no_alignment
-  std::uint64_t buffer_bytes =
-      0;  ///< that the search had, or the lock has; not of rejected_alignment
+  std::uint64_t drop_bytes = 0;    ///< skipped before the alignment; no_alignment: given up
+  std::uint64_t bit_offset = 0;    ///< of the alignment, 0 to 7; not of no_alignment
+  std::uint64_t buffer_bytes = 0;  ///< locked: after the skip; no_alignment: searched
 
   // rejected_alignment, imbalanced: over the active channels.
   unsigned synced = 0;    ///< channels that the rejected alignment syncs

@@ -29,6 +29,7 @@ class StreamDecoder {
 
   /// Whether the header describes records that can be decoded at all. Where it does not, feeding
   /// consumes nothing and yields nothing.
+  [[nodiscard]] static bool decodes(const StreamFileHeader& header);
   [[nodiscard]] bool decodes() const noexcept { return records_ != nullptr; }
 
   /// Adds payload bytes to what waits to be decoded.

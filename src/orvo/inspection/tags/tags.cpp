@@ -8,8 +8,8 @@
 #include "orvo/inspection/printable_text.h"
 #include "orvo/inspection/stream_input.h"
 #include "orvo/inspection/tags/progress.h"
-#include "orvo/timing/stream_decoder.h"
 #include "orvo/timing/error.h"
+#include "orvo/timing/stream_decoder.h"
 
 namespace orvo::inspection {
 namespace {
@@ -39,7 +39,7 @@ void copy_tags(StreamInput& input, const TagsOptions& options, TagWriter& writer
 
 int tags(const TagsOptions& options) {
   StreamInput input(options.file);
-  if (!timing::StreamDecoder(input.reader.header()).decodes()) {
+  if (!timing::StreamDecoder::decodes(input.reader.header())) {
     throw timing::Error(OT_ERR_FORMAT,
                         printable(options.file.string()) +
                             ": its header describes records that cannot be decoded; look at it "
