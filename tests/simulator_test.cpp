@@ -201,7 +201,7 @@ TEST(SimulatorSettings, BadOnesAreNamed) {
       "speed=1 seed= seed=1x rate_error_ppm=4:1 rate_error_ppm=1:0.1234567 jitter_ps=1000000001 "
       "silent= silent=7 lose=1:2 lose=1:1000000001@0 bit_phase=34 clock_ps=14315125997568 "
       "damage=bend@3 pace=fast pace=bytes: pace=bytes:0 pace=ps:9223372036854775808 "
-      "external_hz=1,2,3 external_hz=5000001,1,1,1 noise_bytes=16777217 replay= "
+      "external_hz=1,2,3 external_hz=5000001,1,1,1 noise_bytes=16777217 ledger= "
       "fail=ot_last_error:1:-1 fail=ot_open:0:-1 fail=ot_open:1:0 fail=ot_open:1:-2:sometimes");
   for (std::string text; texts >> text;) {
     const std::string key = std::string("'").append(text, 0, text.find('=')).append("'");

@@ -3,11 +3,8 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
-#include <stdexcept>
 #include <thread>
-#include <utility>
 
-#include "orvo/simulator/recording.h"
 #include "orvo/simulator/statuses.h"
 
 namespace orvo::simulator {
@@ -44,15 +41,6 @@ Outcome Device::set_calibration_freq(double freq_hz, std::uint32_t& divider) {
 
 Outcome Device::set_packed_delta_config(std::uint8_t& delta_bits, std::uint16_t& quantum_ps) {
   if (streaming()) return running();
-  if (!settings_.replay.empty()) {
-    try {
-      const RecordingInfo info = Recording(settings_.replay).info();
-      delta_bits = info.delta_bits;
-      quantum_ps = info.quantum_ps;
-    } catch (const std::runtime_error&) {
-      // Told by the start.
-    }
-  }
   delta_bits = delta_bits == 0 ? kDefaultBits : std::min(delta_bits, kMaxBits);
   quantum_ps = quantum_ps == 0 ? kDefaultQuantumPs : quantum_ps;
   config_.delta_bits = delta_bits;
@@ -77,32 +65,18 @@ Outcome Device::set_interface(ot_transport transport, ot_format format) {
 Outcome Device::start(ot_mode mode) {
   if (streaming()) return running();
   if (mode < 0 || mode > 1) return {OT_ERR_ARGUMENT, "unknown mode"};
-  if (!settings_.replay.empty()) return start_replay();
   config_.source.mode = static_cast<timing::Mode>(mode);
   config_.source.start_ps = clock_.now_ps();
   stream_ = std::make_unique<Stream>(settings_, generate_payload(settings_, config_));
   return {};
 }
 
-Outcome Device::start_replay() {
-  try {
-    auto recording = std::make_unique<Recording>(settings_.replay);
-    if (!recording->info().packed_delta || config_.format != timing::Format::packed_delta) {
-      return {OT_ERR_FORMAT, "only packed-delta recordings can be replayed"};
-    }
-    stream_ = std::make_unique<Stream>(settings_, std::move(recording));
-    return {};
-  } catch (const std::runtime_error& error) {
-    return {OT_ERR_FORMAT, error.what()};
-  }
-}
-
 Outcome Device::read(std::span<std::uint8_t> buffer, std::uint64_t& got, int timeout_ms) {
   if (!streaming()) return not_running();
   using Host = InstrumentClock::Host;
   const auto deadline = Host::now() + std::chrono::milliseconds(std::max(timeout_ms, 0));
-  got = stream_->read(buffer, paced() ? clock_.at(deadline) : kNever - 1);
-  if (!paced()) {
+  got = stream_->read(buffer, clock_.paced() ? clock_.at(deadline) : kNever - 1);
+  if (!clock_.paced()) {
     if (got == 0 && !buffer.empty()) std::this_thread::sleep_until(deadline);
   } else if (got == buffer.size()) {
     // All that fits is known; the read ends when the last of it has happened.
@@ -117,7 +91,7 @@ Outcome Device::read(std::span<std::uint8_t> buffer, std::uint64_t& got, int tim
 Outcome Device::stop(int stop_flag) {
   if (!streaming()) return not_running();
   if (stop_flag != 0 && stop_flag != 1) return {OT_ERR_ARGUMENT, "unknown stop flag"};
-  if (!paced() && settings_.replay.empty()) clock_.set_now(stream_->time_ps());
+  if (!clock_.paced()) clock_.set_now(stream_->time_ps());
   stream_.reset();
   return {};
 }

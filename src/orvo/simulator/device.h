@@ -44,9 +44,6 @@ class Device {
   Outcome stop(int stop_flag);
 
  private:
-  Outcome start_replay();
-  [[nodiscard]] bool paced() const { return clock_.paced() && settings_.replay.empty(); }
-
   const Settings& settings_;
   InstrumentClock& clock_;
   ot_identity identity_;

@@ -161,9 +161,9 @@ void add_failure(Settings& settings, std::string_view value) {
   settings.failures.push_back(std::move(failure));
 }
 
-std::string non_empty(std::string_view value) {
+void set_ledger(Settings& settings, std::string_view value) {
   if (value.empty()) throw BadValue{};
-  return std::string(value);
+  settings.ledger = value;
 }
 
 using Apply = void (*)(Settings&, std::string_view);
@@ -203,9 +203,8 @@ constexpr Key kKeys[] = {
        for_each_item(v, [&s](std::string_view item) { add_damage(s, item); });
      }},
     {"pace", set_pace},
-    {"replay", [](Settings& s, std::string_view v) { s.replay = non_empty(v); }},
     {"fail", add_failure},
-    {"ledger", [](Settings& s, std::string_view v) { s.ledger = non_empty(v); }},
+    {"ledger", set_ledger},
 };
 
 void apply(Settings& settings, std::string_view setting) {

@@ -55,7 +55,6 @@ struct Settings {
   std::vector<Damage> damage;
   Pace pace = Pace::real_time;
   std::uint64_t end = kNever;  ///< of an unpaced stream, in the unit of its pace
-  std::string replay;
   std::vector<Failure> failures;
   std::string ledger;
 };
