@@ -84,8 +84,6 @@ void add_damage(Settings& settings, std::string_view item) {
     damage.kind = DamageKind::flip;
   } else if (kind == "drop") {
     damage.kind = DamageKind::drop;
-  } else if (kind == "repeat") {
-    damage.kind = DamageKind::repeat;
   } else {
     throw BadValue{};
   }

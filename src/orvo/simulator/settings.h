@@ -22,7 +22,7 @@ struct Loss {
   std::uint64_t first = 0;
 };
 
-enum class DamageKind { flip, drop, repeat };
+enum class DamageKind { flip, drop };
 
 struct Damage {
   DamageKind kind = DamageKind::flip;

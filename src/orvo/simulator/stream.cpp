@@ -33,14 +33,9 @@ std::size_t Stream::deliver(std::span<std::uint8_t> out) {
   if (next_damage_ == damage_.size() || damage_[next_damage_].offset != offset_) {
     return deliver_whole(out);
   }
-  const DamageKind kind = damage_[next_damage_++].kind;
-  if (kind == DamageKind::flip) {
+  if (damage_[next_damage_++].kind == DamageKind::flip) {
     pending_.front() = static_cast<std::uint8_t>(~pending_.front());
     return 0;
-  }
-  if (kind == DamageKind::repeat) {
-    out.front() = pending_.front();
-    return 1;
   }
   // All that else is to happen to this byte is gone with it.
   while (next_damage_ < damage_.size() && damage_[next_damage_].offset == offset_) ++next_damage_;
