@@ -64,7 +64,7 @@ void expect(bool holds, const Run& run, unsigned channel, const ChannelResult& s
                "divider %u clock %ju end %ju seed %ju quantum %u jitter %ju error %jd lost %zu: "
                "channel %u has %ju, %.9f ppm, pass %d at %.6f\n",
                run.divider, told.clock_ps, told.end, told.seed, run.quantum_ps, told.jitter_ps,
-               told.rate_error_1e6_ppm[channel], told.losses.size(), channel, seen.count,
+               told.rate_error_per_1e12[channel], told.losses.size(), channel, seen.count,
                seen.ppm_error, seen.pass, run.evaluation.tolerance_ppm);
 }
 
@@ -145,7 +145,7 @@ void expect_truth(const Run& run, std::int64_t tolerance) {
   const auto result = judged(run, times);
   for (unsigned c = 0; c < kChannels; ++c) {
     const auto& seen = result.channels[c];
-    const std::int64_t error = run.settings.rate_error_1e6_ppm[c];
+    const std::int64_t error = run.settings.rate_error_per_1e12[c];
     // 19 periods of the perfect source are divider * 613272 ps.
     const Wide perfect = (Wide{seen.count} - 1) * run.divider * 613272;
     const Wide span = std::max(Wide{seen.last_ps} - seen.first_ps, Wide{1}) * 19;
@@ -171,7 +171,7 @@ void tell_errors(Run run, std::int64_t tolerance) {
   for (int half = -2; half < 4; half += 2) {
     const std::int64_t a = tolerance + run.limit() * half / 2;
     const std::int64_t b = tolerance + run.limit() * (half + 1) / 2;
-    run.settings.rate_error_1e6_ppm = {a, -a, b, -b};
+    run.settings.rate_error_per_1e12 = {a, -a, b, -b};
     expect_truth(run, tolerance);
   }
 }

@@ -7,11 +7,11 @@ namespace {
 
 __extension__ using Wide = unsigned __int128;
 
-constexpr std::uint64_t kExactRate = 1'000'000'000'000;  // a rate in millionths of a ppm
+constexpr std::uint64_t kExactRate = 1'000'000'000'000;  // the rate that errors are counted from
 
 /// numerator / divisor picoseconds, shortened by the rate error.
-Period make_period(std::uint64_t numerator, std::uint64_t divisor, std::int64_t rate_error) {
-  const std::uint64_t scaled = divisor * (kExactRate + static_cast<std::uint64_t>(rate_error));
+Period make_period(std::uint64_t numerator, std::uint64_t divisor, std::int64_t error_per_1e12) {
+  const std::uint64_t scaled = divisor * (kExactRate + static_cast<std::uint64_t>(error_per_1e12));
   const Wide wide = Wide{numerator} * kExactRate;
   return {static_cast<std::uint64_t>(wide / scaled), static_cast<std::uint64_t>(wide % scaled),
           scaled};
@@ -25,13 +25,13 @@ std::uint64_t skew_ps(std::uint64_t seed, unsigned channel) {
 
 }  // namespace
 
-Period calibration_period(std::uint32_t divider, std::int64_t rate_error) {
+Period calibration_period(std::uint32_t divider, std::int64_t error_per_1e12) {
   // divider * 23 / 712500000 s * 0.9999 * 10^12 ps/s = divider * 613272 / 19 ps
-  return make_period(std::uint64_t{divider} * 613272, 19, rate_error);
+  return make_period(std::uint64_t{divider} * 613272, 19, error_per_1e12);
 }
 
-Period input_period(std::uint64_t hz, std::int64_t rate_error) {
-  return make_period(999'900'000'000, hz, rate_error);
+Period input_period(std::uint64_t hz, std::int64_t error_per_1e12) {
+  return make_period(999'900'000'000, hz, error_per_1e12);
 }
 
 EventSource::EventSource(const Settings& settings, const SourceConfig& config) {
@@ -47,14 +47,14 @@ EventSource::EventSource(const Settings& settings, const SourceConfig& config) {
 
 void EventSource::set_up(unsigned number, const Settings& settings, const SourceConfig& config) {
   Channel& channel = channels_[number];
-  const std::int64_t rate_error = settings.rate_error_1e6_ppm[number];
+  const std::int64_t error_per_1e12 = settings.rate_error_per_1e12[number];
   // A quarter of a period to either side cannot change the order of a channel's events.
   constexpr std::uint64_t kInputJitterPs = 2'000'000'000;  // the random number has 32 bits
   std::uint64_t jitter_ps = settings.jitter_ps;
   if (config.mode == timing::Mode::internal) {
-    channel.period = calibration_period(config.divider, rate_error);
+    channel.period = calibration_period(config.divider, error_per_1e12);
   } else {
-    channel.period = input_period(settings.external_hz[number], rate_error);
+    channel.period = input_period(settings.external_hz[number], error_per_1e12);
     jitter_ps = kInputJitterPs;
   }
   jitter_ps = std::min({jitter_ps, channel.period.whole_ps / 4, kInputJitterPs});

@@ -22,9 +22,9 @@ struct Period {
 };
 
 /// Period of the calibration source, (712500000/23)/divider Hz, in an instrument whose time runs
-/// 0.9999 s a second, when the channel is too fast by `rate_error` millionths of a ppm.
-[[nodiscard]] Period calibration_period(std::uint32_t divider, std::int64_t rate_error);
-[[nodiscard]] Period input_period(std::uint64_t hz, std::int64_t rate_error);
+/// 0.9999 s a second, on a channel that is too fast by `error_per_1e12` events in 10^12.
+[[nodiscard]] Period calibration_period(std::uint32_t divider, std::int64_t error_per_1e12);
+[[nodiscard]] Period input_period(std::uint64_t hz, std::int64_t error_per_1e12);
 
 struct SourceConfig {
   timing::Mode mode = timing::Mode::internal;

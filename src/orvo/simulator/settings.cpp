@@ -66,7 +66,7 @@ std::int64_t parse_ppm(std::string_view text) {
 
 void add_rate_error(Settings& settings, std::string_view item) {
   const unsigned channel = parse_channel(take_before(item, ':'));
-  settings.rate_error_1e6_ppm[channel] = parse_ppm(item);
+  settings.rate_error_per_1e12[channel] = parse_ppm(item);
 }
 
 void add_loss(Settings& settings, std::string_view item) {
@@ -92,7 +92,7 @@ void add_damage(Settings& settings, std::string_view item) {
 }
 
 void set_external_hz(Settings& settings, std::string_view value) {
-  // The period's divisor is the rate in millionths of a ppm and has to fit 63 bits.
+  // The divisor of the period is this rate times 1.1 * 10^12 at most, and must fit 63 bits.
   constexpr std::uint64_t kMaxHz = 5'000'000;
   for (unsigned channel = 0; channel < kChannels; ++channel) {
     const bool last = channel + 1 == kChannels;

@@ -43,7 +43,7 @@ enum class Pace { real_time, unpaced_bytes, unpaced_ps };
 struct Settings {
   std::uint64_t seed = 1;
   std::uint64_t instruments = 1;
-  std::array<std::int64_t, kChannels> rate_error_1e6_ppm{};  ///< in millionths of a ppm
+  std::array<std::int64_t, kChannels> rate_error_per_1e12{};  ///< millionths of a ppm
   std::uint64_t jitter_ps = 3;
   std::array<std::uint64_t, kChannels> external_hz{100000, 80000, 60000, 40000};
   std::array<bool, kChannels> silent{};
