@@ -6,7 +6,7 @@
 #include <stdexcept>
 
 #include "kernels.h"
-#include "orvo/simulator/payload.h"
+#include "orvo/simulator/stream.h"
 #include "orvo/timing/big_endian.h"
 
 namespace orvo::benchmarks {

@@ -9,7 +9,7 @@
 #include <memory>
 #include <span>
 
-#include "orvo/simulator/payload.h"
+#include "orvo/simulator/stream.h"
 #include "orvo/timing/stream_header.h"
 #include "orvo/timing/time_tag.h"
 

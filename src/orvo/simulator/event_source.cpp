@@ -7,9 +7,9 @@ namespace {
 
 __extension__ using Wide = unsigned __int128;
 
-constexpr std::uint64_t kExactRate = 1'000'000'000'000;  // the rate that errors are counted from
+constexpr std::uint64_t kExactRate = 1'000'000'000'000;  // in the unit of rate errors
 
-/// numerator / divisor picoseconds, shortened by the rate error.
+/// numerator / divisor picoseconds, divided by the relative rate.
 Period make_period(std::uint64_t numerator, std::uint64_t divisor, std::int64_t error_per_1e12) {
   const std::uint64_t scaled = divisor * (kExactRate + static_cast<std::uint64_t>(error_per_1e12));
   const Wide wide = Wide{numerator} * kExactRate;
@@ -17,7 +17,7 @@ Period make_period(std::uint64_t numerator, std::uint64_t divisor, std::int64_t 
           scaled};
 }
 
-/// Cable lengths and comparators: fixed, below 1 ns, in the order of the channels.
+/// The delay of cables and comparators: fixed, below 1 ns, increasing with the channel's number.
 std::uint64_t skew_ps(std::uint64_t seed, unsigned channel) {
   constexpr std::uint64_t kSkewPs = 250;
   return channel * kSkewPs + random_at(seed ^ 0x5CE3, channel) % kSkewPs;
@@ -48,8 +48,8 @@ EventSource::EventSource(const Settings& settings, const SourceConfig& config) {
 void EventSource::set_up(unsigned number, const Settings& settings, const SourceConfig& config) {
   Channel& channel = channels_[number];
   const std::int64_t error_per_1e12 = settings.rate_error_per_1e12[number];
-  // A quarter of a period to either side cannot change the order of a channel's events.
-  constexpr std::uint64_t kInputJitterPs = 2'000'000'000;  // the random number has 32 bits
+  // An event that is late by half a period at most cannot pass the next one of its channel.
+  constexpr std::uint64_t kInputJitterPs = 2'000'000'000;  // twice this has 32 bits
   std::uint64_t jitter_ps = settings.jitter_ps;
   if (config.mode == timing::Mode::internal) {
     channel.period = calibration_period(config.divider, error_per_1e12);
@@ -82,7 +82,7 @@ void EventSource::skip(Channel& channel, std::uint64_t count) {
 }
 
 void EventSource::skip_losses(Channel& channel) {
-  // The next loss stands at the back; losses that overlap add up.
+  // Losses that overlap add up.
   while (!channel.losses.empty() && channel.losses.back().first <= channel.number) {
     skip(channel, channel.losses.back().count);
     channel.losses.pop_back();

@@ -1,7 +1,7 @@
-// When the channels fire: the events of all channels of one stream in the order of their times.
+// The events of all channels of one stream, in the order of their times.
 //
-// Threads: a source belongs to one thread. Ownership: copies what it needs from the settings.
-// Errors: none. Times are exact at any distance: nothing is rounded twice.
+// Threads: a source belongs to one thread. Ownership: copies what it needs of the settings.
+// Errors: none. Times are exact at any distance: they are rounded once, to whole picoseconds.
 #pragma once
 
 #include <array>
@@ -21,8 +21,9 @@ struct Period {
   std::uint64_t divisor = 1;
 };
 
-/// Period of the calibration source, (712500000/23)/divider Hz, in an instrument whose time runs
-/// 0.9999 s a second, on a channel that is too fast by `error_per_1e12` events in 10^12.
+/// Periods in instrument time, which runs 0.9999 s per second, on a channel whose rate is too high
+/// by `error_per_1e12` parts in 10^12: of the calibration source, (712500000/23)/divider Hz, and of
+/// an input.
 [[nodiscard]] Period calibration_period(std::uint32_t divider, std::int64_t error_per_1e12);
 [[nodiscard]] Period input_period(std::uint64_t hz, std::int64_t error_per_1e12);
 
@@ -31,6 +32,13 @@ struct SourceConfig {
   std::uint8_t channel_mask = 0;  ///< 0: all
   std::uint32_t divider = 1;
   std::uint64_t start_ps = 0;
+};
+
+struct StreamConfig {
+  timing::Format format = timing::Format::packed_delta;
+  std::uint8_t delta_bits = 16;  ///< 1 to 31
+  std::uint16_t quantum_ps = 8;  ///< not 0; its trailing zero bits give the tick: 4 ps for 12 ps
+  SourceConfig source;
 };
 
 class EventSource {
@@ -51,13 +59,13 @@ class EventSource {
   struct Channel {
     std::uint64_t next_ps = kNever;
     std::uint64_t nominal_ps = 0;
-    std::uint64_t fraction = 0;  // of a picosecond, in 1 / period.divisor
+    std::uint64_t fraction = 0;  // of a picosecond, in units of 1 / period.divisor
     std::uint64_t number = 0;    // of the next event
     std::uint64_t next_loss = kNever;
     std::uint64_t jitter_seed = 0;
     std::uint64_t jitter_values = 1;
     Period period;
-    std::vector<Loss> losses;
+    std::vector<Loss> losses;  // the next one last
   };
 
   static void skip(Channel& channel, std::uint64_t count);
@@ -83,8 +91,8 @@ class EventSource {
     fire(channel);
   }
 
-  /// Puts the channel of the front at its new place. Channels mostly fire in turn, so that the
-  /// branch is foreseen and no event waits for the times of the one before.
+  /// Moves the front's channel to its new place. Channels mostly fire in turn, so the branch is
+  /// predicted well and no event waits for the times of the one before.
   void insert(const Event& event) {
     unsigned place = 0;
     for (; place + 1 < kChannels && queue_[place + 1].time_ps <= event.time_ps; ++place) {

@@ -1,4 +1,4 @@
-// What is common to every part of the simulated instrument.
+// What all parts of the simulated instrument share: channels, time line, events, random numbers.
 #pragma once
 
 #include <cstdint>
@@ -11,24 +11,24 @@ inline constexpr unsigned kChannels = 4;
 inline constexpr std::uint64_t kCoarsePeriodPs = 3333;
 inline constexpr std::uint64_t kWrapPs = kCoarsePeriodPs << 32;
 
-/// Differences between events are taken in a counter of 41 bits.
+/// Delta32 and packed-delta streams count the time between events in a counter of 41 bits.
 inline constexpr unsigned kTickBits = 41;
 inline constexpr std::uint64_t kTickMask = (std::uint64_t{1} << kTickBits) - 1;
 
-/// The end of the instrument's time line, 106 days after its 0: a later event never comes. Times
-/// before it can be added to any period without leaving 64 bits.
+/// The end of the instrument's time line, after 106 days: a later event never occurs. The sum of a
+/// time before the end and any period fits 64 bits.
 inline constexpr std::uint64_t kTimeLineEndPs = std::uint64_t{1} << 63;
 
-/// A time that never comes.
+/// A time that never comes, a count that is never reached.
 inline constexpr std::uint64_t kNever = ~std::uint64_t{0};
 
-/// An event on the instrument's continuous time line, which the clock shows modulo kWrapPs.
+/// An event on the continuous time line, which the clock shows modulo kWrapPs.
 struct Event {
   std::uint64_t time_ps = kNever;
   unsigned channel = 0;
 };
 
-/// The clock's reading at times that never go back.
+/// The clock's reading at times that never decrease.
 class ClockReading {
  public:
   explicit ClockReading(std::uint64_t start_ps) : base_ps_(start_ps - start_ps % kWrapPs) {}
@@ -42,7 +42,7 @@ class ClockReading {
   std::uint64_t base_ps_;
 };
 
-/// A random number for each `counter`, the same in every run: no state to carry along.
+/// A random number for each `counter`, the same in every run and on every machine.
 inline std::uint64_t random_at(std::uint64_t seed, std::uint64_t counter) {
   std::uint64_t x = seed + counter * 0x9E3779B97F4A7C15U;
   x = (x ^ (x >> 30)) * 0xBF58476D1CE4E5B9U;

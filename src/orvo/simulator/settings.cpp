@@ -81,9 +81,9 @@ void add_damage(Settings& settings, std::string_view item) {
   const std::string_view kind = take_before(item, '@');
   Damage damage;
   if (kind == "flip") {
-    damage.kind = DamageKind::flip;
+    damage.kind = Damage::Kind::flip;
   } else if (kind == "drop") {
-    damage.kind = DamageKind::drop;
+    damage.kind = Damage::Kind::drop;
   } else {
     throw BadValue{};
   }

@@ -22,10 +22,9 @@ struct Loss {
   std::uint64_t first = 0;
 };
 
-enum class DamageKind { flip, drop };
-
 struct Damage {
-  DamageKind kind = DamageKind::flip;
+  enum class Kind { flip, drop };
+  Kind kind = Kind::flip;
   std::uint64_t offset = 0;  ///< byte of the undamaged stream
 };
 

@@ -3,7 +3,64 @@
 #include <algorithm>
 #include <utility>
 
+#include "orvo/simulator/encoders.h"
+
 namespace orvo::simulator {
+namespace {
+
+// Small enough to be copied out of the cache.
+constexpr std::size_t kBlockBytes = 64 * 1024;
+
+template <typename Encoder>
+class GeneratedPayload final : public Payload {
+ public:
+  GeneratedPayload(const Settings& settings, const StreamConfig& config)
+      : source_(settings, config.source),
+        encoder_(settings, config),
+        time_ps_(config.source.start_ps),
+        block_(kBlockBytes + Encoder::kMaxEventBytes + BitWriter::kSlackBytes) {
+    if (settings.pace == Pace::unpaced_ps) {
+      end_ps_ = std::min(time_ps_ + settings.end, kTimeLineEndPs);
+    }
+  }
+
+  std::span<std::uint8_t> next(std::size_t wanted, std::uint64_t until_ps) override {
+    std::uint8_t* const begin = block_.data();
+    const std::uint8_t* const full = begin + std::min(wanted, kBlockBytes);
+    const std::uint64_t last_ps = std::min(until_ps, end_ps_ - 1);
+    std::uint8_t* out = begin;
+    while (out < full && source_.front().time_ps <= last_ps) {
+      time_ps_ = source_.front().time_ps;
+      out = encoder_.encode(source_.front(), out);
+      source_.pop();
+    }
+    if (out < full && until_ps >= end_ps_) out = encoder_.finish(out);
+    return {begin, out};
+  }
+
+  [[nodiscard]] std::uint64_t time_ps() const override { return time_ps_; }
+
+ private:
+  EventSource source_;
+  Encoder encoder_;
+  std::uint64_t time_ps_;
+  std::uint64_t end_ps_ = kTimeLineEndPs;
+  std::vector<std::uint8_t> block_;
+};
+
+}  // namespace
+
+std::unique_ptr<Payload> generate_payload(const Settings& settings, const StreamConfig& config) {
+  switch (config.format) {
+    case timing::Format::raw64:
+      return std::make_unique<GeneratedPayload<Raw64Encoder>>(settings, config);
+    case timing::Format::delta32:
+      return std::make_unique<GeneratedPayload<Delta32Encoder>>(settings, config);
+    case timing::Format::packed_delta:
+      break;
+  }
+  return std::make_unique<GeneratedPayload<PackedEncoder>>(settings, config);
+}
 
 Stream::Stream(const Settings& settings, std::unique_ptr<Payload> payload)
     : payload_(std::move(payload)),
@@ -29,34 +86,31 @@ std::size_t Stream::read(std::span<std::uint8_t> out, std::uint64_t until_ps) {
   return done;
 }
 
+/// Damages the next pending byte, or copies pending bytes up to the next one to damage.
 std::size_t Stream::deliver(std::span<std::uint8_t> out) {
-  if (next_damage_ == damage_.size() || damage_[next_damage_].offset != offset_) {
-    return deliver_whole(out);
-  }
-  if (damage_[next_damage_++].kind == DamageKind::flip) {
-    pending_.front() = static_cast<std::uint8_t>(~pending_.front());
+  const std::uint64_t damaged =
+      next_damage_ < damage_.size() ? damage_[next_damage_].offset : kNever;
+  if (damaged == offset_) {
+    damage_next_byte();
     return 0;
   }
-  // All that else is to happen to this byte is gone with it.
-  while (next_damage_ < damage_.size() && damage_[next_damage_].offset == offset_) ++next_damage_;
-  consume(1);
-  return 0;
-}
-
-std::size_t Stream::deliver_whole(std::span<std::uint8_t> out) {
-  std::size_t count = std::min(out.size(), pending_.size());
-  if (next_damage_ < damage_.size()) {
-    const std::uint64_t whole = damage_[next_damage_].offset - offset_;
-    count = static_cast<std::size_t>(std::min<std::uint64_t>(count, whole));
-  }
+  const std::uint64_t count =
+      std::min<std::uint64_t>({out.size(), pending_.size(), damaged - offset_});
   std::copy_n(pending_.begin(), count, out.begin());
-  consume(count);
+  pending_ = pending_.subspan(count);
+  offset_ += count;
   return count;
 }
 
-void Stream::consume(std::size_t count) {
-  pending_ = pending_.subspan(count);
-  offset_ += count;
+void Stream::damage_next_byte() {
+  if (damage_[next_damage_++].kind == Damage::Kind::flip) {
+    pending_.front() = static_cast<std::uint8_t>(~pending_.front());
+    return;
+  }
+  pending_ = pending_.subspan(1);
+  // No later damage of a byte that is dropped.
+  while (next_damage_ < damage_.size() && damage_[next_damage_].offset == offset_) ++next_damage_;
+  ++offset_;
 }
 
 }  // namespace orvo::simulator
