@@ -11,8 +11,8 @@
 #include <utility>
 #include <vector>
 
+#include "orvo/simulator/device.h"
 #include "orvo/simulator/settings.h"
-#include "orvo/simulator/statuses.h"
 #include "orvo/simulator/stream.h"
 #include "orvo/timing/device/ot_api.h"
 #include "orvo/timing/stream_decoder.h"

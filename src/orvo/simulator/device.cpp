@@ -1,14 +1,19 @@
 #include "orvo/simulator/device.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 #include <thread>
 
-#include "orvo/simulator/statuses.h"
-
 namespace orvo::simulator {
 namespace {
+
+using std::chrono::nanoseconds;
+
+// 10 ns of the host are 9999 ps of the instrument.
+constexpr std::int64_t kHostNs = 10;
+constexpr std::int64_t kInstrumentPs = 9999;
+// Close to the end of the time line; up to here the products below fit 63 bits.
+constexpr std::int64_t kLastHostNs = kTimeLineEndPs / 1000;
 
 constexpr double kCalibrationBaseHz = 712500000.0 / 23.0;
 constexpr std::uint32_t kPowerOnDivider = 30978;  // 1 kHz
@@ -22,10 +27,26 @@ Outcome not_running() { return {OT_ERR_NOT_OPEN, "no stream is running"}; }
 
 }  // namespace
 
-StreamConfig Device::power_on_config() {
-  StreamConfig config;
-  config.source.divider = kPowerOnDivider;
-  return config;
+std::uint64_t InstrumentClock::at(Host::time_point host) const {
+  if (!started_) return now_ps_;
+  const auto passed = std::chrono::duration_cast<nanoseconds>(host - *started_);
+  const std::int64_t ns = std::clamp<std::int64_t>(passed.count(), 0, kLastHostNs);
+  const std::int64_t ps = ns / kHostNs * kInstrumentPs + ns % kHostNs * kInstrumentPs / kHostNs;
+  return now_ps_ + static_cast<std::uint64_t>(ps);
+}
+
+InstrumentClock::Host::time_point InstrumentClock::when(std::uint64_t time_ps) const {
+  if (!started_ || time_ps <= now_ps_) return Host::time_point::min();
+  const auto ps = static_cast<std::int64_t>(time_ps - now_ps_);
+  const std::int64_t rest = ps % kInstrumentPs;
+  const std::int64_t ns =
+      ps / kInstrumentPs * kHostNs + (rest * kHostNs + kInstrumentPs - 1) / kInstrumentPs;
+  return *started_ + nanoseconds(ns);
+}
+
+Device::Device(const Settings& settings, InstrumentClock& clock, const ot_identity& identity)
+    : settings_(settings), clock_(clock), identity_(identity) {
+  config_.source.divider = kPowerOnDivider;
 }
 
 Outcome Device::set_calibration_freq(double freq_hz, std::uint32_t& divider) {
@@ -73,16 +94,14 @@ Outcome Device::start(ot_mode mode) {
 
 Outcome Device::read(std::span<std::uint8_t> buffer, std::uint64_t& got, int timeout_ms) {
   if (!streaming()) return not_running();
-  using Host = InstrumentClock::Host;
-  const auto deadline = Host::now() + std::chrono::milliseconds(std::max(timeout_ms, 0));
+  const auto deadline =
+      InstrumentClock::Host::now() + std::chrono::milliseconds(std::max(timeout_ms, 0));
   got = stream_->read(buffer, clock_.paced() ? clock_.at(deadline) : kNever - 1);
-  if (!clock_.paced()) {
-    if (got == 0 && !buffer.empty()) std::this_thread::sleep_until(deadline);
-  } else if (got == buffer.size()) {
+  if (got < buffer.size() && (clock_.paced() || got == 0)) {
+    std::this_thread::sleep_until(deadline);
+  } else if (clock_.paced()) {
     // All that fits is known; the read ends when the last of it has happened.
     std::this_thread::sleep_until(std::min(deadline, clock_.when(stream_->time_ps())));
-  } else {
-    std::this_thread::sleep_until(deadline);
   }
   if (got == 0 && !buffer.empty()) return {OT_ERR_TIMEOUT, {}};
   return {};

@@ -1,20 +1,55 @@
-// One opened instrument: its settings, its stream, and what its user may do next.
+// One opened instrument, and the clock of the instrument.
 //
-// Threads: a device belongs to one thread at a time.
-// Errors: every operation returns its status with a text; arguments have been checked for null.
+// Threads: an object belongs to one thread at a time.
+// Errors: an operation returns its status with a text; the caller has checked arguments for null.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 
-#include "orvo/simulator/instrument_clock.h"
 #include "orvo/simulator/settings.h"
 #include "orvo/simulator/stream.h"
 #include "orvo/timing/device/ot_api.h"
 
 namespace orvo::simulator {
+
+/// The instrument's time: 0.9999 s per second of the host's steady clock, from the first opening
+/// on. Unpaced it moves only with the events that are read.
+class InstrumentClock {
+ public:
+  using Host = std::chrono::steady_clock;
+
+  InstrumentClock(std::uint64_t start_ps, bool paced) : now_ps_(start_ps), paced_(paced) {}
+
+  /// Calls after the first have no effect.
+  void start() {
+    if (!started_) started_ = Host::now();
+  }
+
+  [[nodiscard]] bool paced() const { return paced_; }
+  [[nodiscard]] std::uint64_t now_ps() const { return paced_ ? at(Host::now()) : now_ps_; }
+
+  // Paced only: the instrument's time at a time of the host; and the reverse, rounded up.
+  [[nodiscard]] std::uint64_t at(Host::time_point host) const;
+  [[nodiscard]] Host::time_point when(std::uint64_t time_ps) const;
+
+  /// Unpaced only.
+  void set_now(std::uint64_t time_ps) { now_ps_ = time_ps; }
+
+ private:
+  std::uint64_t now_ps_;  // paced: at the start
+  bool paced_;
+  std::optional<Host::time_point> started_;
+};
+
+// Statuses of this driver library alone.
+inline constexpr ot_status kBusy = 1;         ///< an instrument is open, or a stream is running
+inline constexpr ot_status kBadSettings = 2;  ///< ORVO_SIM has an unknown key or a bad value
+inline constexpr ot_status kNoMemory = 3;
 
 struct Outcome {
   ot_status status = OT_OK;
@@ -24,13 +59,12 @@ struct Outcome {
 class Device {
  public:
   /// `settings` and `clock` outlive the device.
-  Device(const Settings& settings, InstrumentClock& clock, const ot_identity& identity)
-      : settings_(settings), clock_(clock), identity_(identity) {}
+  Device(const Settings& settings, InstrumentClock& clock, const ot_identity& identity);
 
   [[nodiscard]] const ot_identity& identity() const { return identity_; }
   [[nodiscard]] bool streaming() const { return stream_ != nullptr; }
 
-  /// Rounds to the nearest integer divider of the source's base frequency.
+  /// Takes the divider of the source's base frequency that comes nearest.
   Outcome set_calibration_freq(double freq_hz, std::uint32_t& divider);
   /// A width of 0 becomes 16, one above 31 becomes 31; a quantum of 0 becomes 8.
   Outcome set_packed_delta_config(std::uint8_t& delta_bits, std::uint16_t& quantum_ps);
@@ -47,10 +81,8 @@ class Device {
   const Settings& settings_;
   InstrumentClock& clock_;
   ot_identity identity_;
-  StreamConfig config_ = power_on_config();
+  StreamConfig config_;
   std::unique_ptr<Stream> stream_;
-
-  static StreamConfig power_on_config();
 };
 
 }  // namespace orvo::simulator

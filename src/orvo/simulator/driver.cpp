@@ -6,12 +6,10 @@
 #include <stdexcept>
 #include <utility>
 
-#include "orvo/simulator/statuses.h"
-
 namespace orvo::simulator {
 namespace {
 
-/// A text of the environment; one that is not set counts as empty.
+/// Empty when the variable is not set.
 std::string environment(const char* name) {
   const char* const text = std::getenv(name);
   return text == nullptr ? "" : text;
@@ -34,7 +32,38 @@ ot_identity identity_of(std::uint64_t number) {
   return identity;
 }
 
+template <typename Handle>
+Handle* find_in(const std::vector<std::unique_ptr<Handle>>& handles, const Handle* wanted) {
+  const auto found = std::find_if(handles.begin(), handles.end(),
+                                  [wanted](const auto& handle) { return handle.get() == wanted; });
+  return found == handles.end() ? nullptr : found->get();
+}
+
 }  // namespace
+
+bool Ledger::open(const std::string& path) {
+  if (path == path_) return true;
+  file_.close();
+  file_.clear();
+  path_ = path;
+  misuses_ = 0;
+  if (path.empty()) return true;
+  file_.open(path);
+  if (file_.is_open()) return true;
+  path_.clear();
+  return false;
+}
+
+void Ledger::misuse(const std::string& line) {
+  ++misuses_;
+  write("misuse " + line);
+}
+
+void Ledger::write(const std::string& line) {
+  if (!file_.is_open() || file_ << line << std::endl) return;
+  std::fprintf(stderr, "ORVO_SIM: cannot write the ledger '%s', which ends here\n", path_.c_str());
+  file_.close();
+}
 
 Driver& Driver::instance() {
   static Driver driver;
@@ -74,14 +103,10 @@ bool Driver::any_open() const {
                      [](const auto& device) { return device->device.has_value(); });
 }
 
-bool Driver::knows(const ot_device* device) const {
-  return std::any_of(devices_.begin(), devices_.end(),
-                     [device](const auto& known) { return known.get() == device; });
-}
+ot_device* Driver::find(const ot_device* handle) const { return find_in(devices_, handle); }
 
-bool Driver::knows(const ot_discovery_list* list) const {
-  return std::any_of(lists_.begin(), lists_.end(),
-                     [list](const auto& known) { return known.get() == list; });
+ot_discovery_list* Driver::find(const ot_discovery_list* list) const {
+  return find_in(lists_, list);
 }
 
 std::vector<ot_discovery_list::Entry> Driver::attached() const {

@@ -1,11 +1,12 @@
-// What the driver library holds: its settings, the attached instruments, and every handle given
-// out. Closed handles stay known, so that a call after the close is recognised.
+// What the driver library holds: settings, ledger, the attached instruments, and every handle that
+// it gave out. Closed handles stay known, so that a call after the close is recognised.
 //
-// Threads: guarded by `mutex`, which each call holds to its end (see call.h).
+// Threads: `mutex` guards a driver; each call holds it to its end (call.h).
 #pragma once
 
-#include <array>
 #include <cstdint>
+#include <fstream>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -15,24 +16,43 @@
 #include <vector>
 
 #include "orvo/simulator/device.h"
-#include "orvo/simulator/instrument_clock.h"
-#include "orvo/simulator/ledger.h"
-#include "orvo/simulator/operation.h"
 #include "orvo/simulator/settings.h"
 #include "orvo/timing/device/ot_api.h"
 
 namespace orvo::simulator {
 
-/// What a user of the device owes by the results that it was given: a stream whose stop failed is
-/// stopped once more, by flag 0, and then left alone.
-enum class StreamDuty { none, running, stop_failed };
+/// The protocol ledger: a line for each call, and one that begins with "misuse" for each breach of
+/// the protocol. A line is in the file before the call returns, however the process ends. The first
+/// write that fails ends the ledger and is reported on standard error.
+class Ledger {
+ public:
+  /// Begins a new file, or continues the one that is open already; "" records nothing. Returns
+  /// whether that worked.
+  [[nodiscard]] bool open(const std::string& path);
+
+  void call(const std::string& line) { write(line); }
+  void misuse(const std::string& line);
+  /// The last line of a process that ends in order.
+  void end() { write("end misuses=" + std::to_string(misuses_)); }
+
+ private:
+  void write(const std::string& line);
+
+  std::ofstream file_;
+  std::string path_;
+  unsigned misuses_ = 0;
+};
+
+/// The state of a device's stream by the statuses that the caller got. A stop that failed is to be
+/// repeated once, with flag 0; the stream then counts as stopped, whatever that returns.
+enum class StreamState { idle, running, stop_failed };
 
 }  // namespace orvo::simulator
 
 struct ot_device {
   std::optional<orvo::simulator::Device> device;  // empty: closed
   std::string last_error;
-  orvo::simulator::StreamDuty duty = orvo::simulator::StreamDuty::none;
+  orvo::simulator::StreamState stream = orvo::simulator::StreamState::idle;
 };
 
 struct ot_discovery_list {
@@ -53,24 +73,24 @@ class Driver {
   Driver(const Driver&) = delete;
   Driver& operator=(const Driver&) = delete;
 
-  /// Reads ORVO_SIM if it has changed; settings stay while an instrument is open. Bad ones are
-  /// told on standard error.
+  /// Reads ORVO_SIM if it has changed and no instrument is open. Reports bad settings on standard
+  /// error.
   void load_settings();
   [[nodiscard]] const Settings& settings() const { return settings_; }
 
   Outcome discover(ot_discovery_list*& out);
   Outcome open(ot_device*& out, std::string_view port);
-  static void close(ot_device& device) { device.device.reset(); }
   /// Says on standard error, once a process, that results are those of a simulation.
   void say_simulated();
 
-  [[nodiscard]] bool knows(const ot_device* device) const;
-  [[nodiscard]] bool knows(const ot_discovery_list* list) const;
+  /// The device or list itself; null for one that this driver did not give out.
+  [[nodiscard]] ot_device* find(const ot_device* handle) const;
+  [[nodiscard]] ot_discovery_list* find(const ot_discovery_list* list) const;
 
   std::mutex mutex;
   Ledger ledger;
-  std::array<std::uint64_t, kOperations.size()> calls{};
-  std::vector<std::thread::id> threads;  // in the order of their first calls
+  std::map<std::string_view, std::uint64_t> calls;  ///< by operation
+  std::vector<std::thread::id> threads;             ///< in the order of first calls
 
  private:
   Driver() = default;

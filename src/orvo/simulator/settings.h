@@ -1,5 +1,6 @@
-// What the simulated instrument is commanded to do: the text of ORVO_SIM as values.
-// Plain values and a function without state: any thread may use them.
+// The settings of the simulated instrument: the text of ORVO_SIM as values.
+//
+// Threads: plain values and a function without state, for any thread.
 #pragma once
 
 #include <array>
@@ -10,12 +11,11 @@
 #include <vector>
 
 #include "orvo/simulator/instrument.h"
-#include "orvo/simulator/operation.h"
 #include "orvo/timing/ot_status.h"
 
 namespace orvo::simulator {
 
-/// `count` events of a channel, from number `first` of a stream on, are lost before encoding.
+/// A channel loses `count` events, before they are encoded, from its event number `first` on.
 struct Loss {
   unsigned channel = 0;
   std::uint64_t count = 0;
@@ -28,13 +28,14 @@ struct Damage {
   std::uint64_t offset = 0;  ///< byte of the undamaged stream
 };
 
+/// A call of the driver library that is to fail.
 struct Failure {
-  Operation operation = Operation::open;
-  std::uint64_t call = 1;  ///< counted from 1, from the loading of the library on
+  std::string operation;
+  std::uint64_t call = 1;  ///< number of the operation's call, from 1 at the library's loading
   ot_status status = OT_ERR_IO;
   bool always = false;  ///< this call and all later ones
   bool effect = false;  ///< the call does its work before it reports the failure
-  std::string detail;
+  std::string detail;   ///< text for ot_last_error
 };
 
 enum class Pace { real_time, unpaced_bytes, unpaced_ps };
@@ -51,11 +52,11 @@ struct Settings {
   std::uint64_t clock_ps = 1'000'000'000'000;
   std::uint64_t sync_interval = 256;
   std::uint64_t noise_bytes = 0;
-  std::vector<Damage> damage;
+  std::vector<Damage> damage;  ///< in the order of their offsets
   Pace pace = Pace::real_time;
-  std::uint64_t end = kNever;  ///< of an unpaced stream, in the unit of its pace
+  std::uint64_t end = kNever;  ///< of an unpaced stream, in bytes or picoseconds
   std::vector<Failure> failures;
-  std::string ledger;
+  std::string ledger;  ///< path; empty: none
 };
 
 /// Reads "key=value;key=value". Throws std::invalid_argument with a text that names the key.
