@@ -25,7 +25,7 @@ constexpr std::uint32_t kTimeLowField = 1;
 constexpr std::uint32_t kTimeHighField = 2;
 constexpr std::uint32_t kMarkerField = 3;
 
-constexpr std::uint64_t kBasePeriodPs = 1ULL << detail::kTickBits;
+constexpr detail::TickCounter kCounter(0);  // ticks of 1 ps
 
 bool is_control(std::uint32_t word, std::uint32_t field) {
   return word >> kPayloadBits == (kControlFlag >> kPayloadBits | field << 4 | kControlType);
@@ -33,28 +33,6 @@ bool is_control(std::uint32_t word, std::uint32_t field) {
 
 bool is_event(std::uint32_t word) {
   return (word & kControlFlag) == 0 && (word >> kPayloadBits & 0xF) == kEventType;
-}
-
-/// The step since the channel's last event, corrected when the clock wrapped in between.
-std::uint64_t corrected_step(std::int64_t last_ps, std::uint64_t step) {
-  if (step > detail::kTickWrapExcessPs) {
-    const std::uint64_t corrected = step - detail::kTickWrapExcessPs;
-    if (corrected <= detail::kUncheckedStepPs ||
-        detail::crosses_wrap(detail::not_before_zero(last_ps), corrected)) {
-      return corrected;
-    }
-  }
-  return step;
-}
-
-/// The base time placed near the channel's last event: it is told modulo its 41 bits only.
-std::uint64_t placed_base(std::int64_t last_ps, std::uint64_t base) {
-  const std::uint64_t reference = detail::not_before_zero(last_ps);
-  base += reference & ~(kBasePeriodPs - 1);
-  if (base + kBasePeriodPs / 2 < reference) {
-    base += kBasePeriodPs;
-  }
-  return reference < base ? reference + corrected_step(last_ps, base - reference) : base;
 }
 
 }  // namespace
@@ -158,11 +136,11 @@ bool Delta32Decoder::handle_event(std::size_t channel, std::uint64_t payload, Ti
     if (!last_ps) {
       return true;  // the channel's time line has not begun
     }
-    time_ps = static_cast<std::uint64_t>(*last_ps) + corrected_step(*last_ps, step);
+    time_ps = static_cast<std::uint64_t>(*last_ps) + kCounter.corrected_step(*last_ps, step);
   } else if (!last_ps) {
     time_ps = step + *base_time_ps_;
   } else {
-    time_ps = step + placed_base(*last_ps, *base_time_ps_);
+    time_ps = step + kCounter.placed_time(*last_ps, *base_time_ps_);
     if (static_cast<std::int64_t>(time_ps) <= *last_ps) {
       return false;
     }

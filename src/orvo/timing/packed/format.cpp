@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <bit>
 
-#include "orvo/timing/instrument_time.h"
-
 namespace orvo::timing::detail {
 namespace {
 
@@ -21,12 +19,10 @@ PackedFormat::PackedFormat(const StreamFileHeader& header)
     : bits(header.delta_bits == 0 ? kDefaultBits : header.delta_bits),
       width(bits + 3),
       all_ones(all_ones_of(std::min(bits, kMaxBits))),
-      sync_records((bits + kTickBits - 1) / bits),
+      sync_records((bits + TickCounter::kBits - 1) / bits),
       quantum_shift(static_cast<unsigned>(
           std::countr_zero(header.quantum_ps == 0 ? kDefaultQuantumPs : header.quantum_ps + 0U))),
-      period_ps(std::uint64_t{1} << (kTickBits + quantum_shift)),
-      wrap_excess_ps((kWrapPs + period_ps - 1) / period_ps * period_ps - kWrapPs),
-      sync_modulus_ps(std::min(period_ps, kWrapPs)),
+      counter(quantum_shift),
       active_mask(static_cast<std::uint8_t>(
           header.channel_mask == 0 ? kAllChannels : header.channel_mask & kAllChannels)),
       active_channels(static_cast<unsigned>(std::popcount(active_mask))),

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 
+#include "orvo/timing/instrument_time.h"
 #include "orvo/timing/stream_header.h"
 
 namespace orvo::timing::detail {
@@ -18,15 +19,12 @@ struct PackedFormat {
     return (active_mask >> channel & 1) != 0;
   }
 
-  unsigned bits;            ///< payload width; a header's 0 means 16
-  unsigned width;           ///< of a record, in bits
-  std::uint64_t all_ones;   ///< flagged, this payload starts a sync
-  unsigned sync_records;    ///< fewest payloads that hold a 41-bit tick
-  unsigned quantum_shift;   ///< one tick is 2^quantum_shift ps
-  std::uint64_t period_ps;  ///< of the 41-bit tick counter
-  /// By how much a difference modulo `period_ps` is too large when the clock wrapped in between.
-  std::uint64_t wrap_excess_ps;
-  std::uint64_t sync_modulus_ps;  ///< a sync tells its time modulo this
+  unsigned bits;           ///< payload width; a header's 0 means 16
+  unsigned width;          ///< of a record, in bits
+  std::uint64_t all_ones;  ///< flagged, this payload starts a sync
+  unsigned sync_records;   ///< fewest payloads that hold a 41-bit tick
+  unsigned quantum_shift;  ///< one tick is 2^quantum_shift ps
+  TickCounter counter;
 
   std::uint8_t active_mask;  ///< a header's mask of 0 means all four
   unsigned active_channels;

@@ -12,7 +12,7 @@ namespace {
 
 /// Up to this step none of the corrections and limits of the rules can apply.
 std::uint64_t plain_step_ps(const PackedFormat& format) {
-  const std::uint64_t limit = std::min(format.wrap_excess_ps, format.period_ps / 2);
+  const std::uint64_t limit = std::min(format.counter.wrap_excess_ps, format.counter.period_ps / 2);
   return format.internal ? std::min(limit, kInternalStepLimitPs) : limit;
 }
 

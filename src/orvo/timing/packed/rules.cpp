@@ -5,7 +5,7 @@
 namespace orvo::timing::detail {
 namespace {
 
-constexpr std::uint64_t kTickMask = (std::uint64_t{1} << kTickBits) - 1;
+constexpr std::uint64_t kTickMask = (std::uint64_t{1} << TickCounter::kBits) - 1;
 
 }  // namespace
 
@@ -55,27 +55,13 @@ PackedRules::Outcome PackedRules::take_sync_record(unsigned channel, bool flag,
   return Outcome::silent;
 }
 
-/// Places the synced time on the channel's time line: the stream tells it modulo the tick counter
-/// and the clock only.
 void PackedRules::complete_sync() {
   const PackedState::Channel& channel = state_.channels[state_.sync_channel];
-  const std::uint64_t modulus = format_.sync_modulus_ps;
-  std::uint64_t time = ((state_.sync_value & kTickMask) << format_.quantum_shift) % modulus;
-  if (channel.timed) {
-    const std::uint64_t last = not_before_zero(channel.last_time_ps);
-    time += last - last % modulus;
-    if (time + modulus / 2 < last) {
-      time += modulus;
-    }
-    if (format_.period_ps <= kWrapPs && last < time && time - last > format_.wrap_excess_ps) {
-      const std::uint64_t gap = time - last - format_.wrap_excess_ps;
-      if (gap <= kUncheckedStepPs || crosses_wrap(last, gap)) {
-        time = last + gap;
-      }
-    }
-  }
+  const std::uint64_t time_ps =
+      ((state_.sync_value & kTickMask) << format_.quantum_shift) % kWrapPs;
   state_.pending_sync_channel = state_.sync_channel;
-  state_.pending_sync_time_ps = time;
+  state_.pending_sync_time_ps =
+      channel.timed ? format_.counter.placed_time(channel.last_time_ps, time_ps) : time_ps;
   state_.sync_value = 0;
   state_.sync_bits = 0;
 }
@@ -116,19 +102,11 @@ PackedRules::Outcome PackedRules::take_step(unsigned channel, std::uint64_t step
     return Outcome::tag;
   };
 
-  const std::uint64_t period = format_.period_ps;
-  if (step > period / 2 && step <= period && period - step <= kBackwardTolerancePs) {
-    return advance(step - period);  // a small step back, modulo 2^64
+  const std::uint64_t period_ps = format_.counter.period_ps;
+  if (step > period_ps / 2 && step <= period_ps && period_ps - step <= kBackwardTolerancePs) {
+    return advance(step - period_ps);  // a small step back, modulo 2^64
   }
-  if (step > format_.wrap_excess_ps) {
-    const std::uint64_t corrected = step - format_.wrap_excess_ps;
-    if (corrected <= kUncheckedStepPs) {
-      return advance(corrected);
-    }
-    if (crosses_wrap(not_before_zero(state.last_time_ps), corrected)) {
-      step = corrected;
-    }
-  }
+  step = format_.counter.corrected_step(state.last_time_ps, step);
   if (format_.internal && step > kInternalStepLimitPs) {
     drop_.delta_ps = static_cast<std::int64_t>(step);
     drop_.prev_ps = static_cast<std::int64_t>(prev);
