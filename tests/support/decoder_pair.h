@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -58,13 +59,14 @@ class DecoderPair {
     };
     for (std::size_t c = 0; c < 4; ++c) {
       const auto& channel = fast.channels[c];
-      if (channel.timed != plain_.pk_have_time[c] || channel.overflow != plain_.pk_overflow[c] ||
-          (channel.timed && channel.last_time_ps != plain_.pk_last_time[c])) {
+      const auto last_time_ps =
+          plain_.pk_have_time[c] ? std::optional(plain_.pk_last_time[c]) : std::nullopt;
+      if (channel.last_time_ps != last_time_ps || channel.overflow != plain_.pk_overflow[c]) {
         return false;
       }
     }
     const bool pending = fast.pending_sync_channel != timing::detail::PackedState::kNoChannel;
-    return same(fast.sync_records_left, plain_.sync_chunks_left) &&
+    return same(fast.sync_chunks_left, plain_.sync_chunks_left) &&
            (plain_.sync_chunks_left == 0 ||
             (same(fast.sync_channel, plain_.sync_channel) && fast.sync_value == plain_.sync_value &&
              fast.sync_bits == plain_.sync_bits)) &&

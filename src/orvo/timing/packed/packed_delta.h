@@ -8,7 +8,7 @@
 
 #include "orvo/timing/packed/alignment.h"
 #include "orvo/timing/packed/format.h"
-#include "orvo/timing/packed/state.h"
+#include "orvo/timing/packed/rules.h"
 #include "orvo/timing/record_decoder.h"
 
 namespace orvo::timing {

@@ -19,9 +19,9 @@ std::uint64_t plain_step_ps(const PackedFormat& format) {
 void load_lanes(const PackedFormat& format, const PackedState& state, PackedLane (&lanes)[4]) {
   for (unsigned c = 0; c < 4; ++c) {
     const PackedState::Channel& channel = state.channels[c];
-    const bool plain = format.active(c) && state.sync_records_left == 0;
-    const bool anchored = plain && channel.timed && c != state.pending_sync_channel;
-    lanes[c].time_ps = static_cast<std::uint64_t>(channel.last_time_ps);
+    const bool plain = format.active(c) && state.sync_chunks_left == 0;
+    const bool anchored = plain && channel.last_time_ps && c != state.pending_sync_channel;
+    lanes[c].time_ps = static_cast<std::uint64_t>(channel.last_time_ps.value_or(0));
     lanes[c].overflow = channel.overflow;
     lanes[c].overflow_bound = plain ? format.all_ones : 0;
     lanes[c].full_step_bound_ps = anchored ? plain_step_ps(format) + 1 : 0;
@@ -31,8 +31,11 @@ void load_lanes(const PackedFormat& format, const PackedState& state, PackedLane
 
 void store_lanes(const PackedLane (&lanes)[4], PackedState& state) {
   for (unsigned c = 0; c < 4; ++c) {
-    state.channels[c].last_time_ps = static_cast<std::int64_t>(lanes[c].time_ps);
-    state.channels[c].overflow = lanes[c].overflow;
+    PackedState::Channel& channel = state.channels[c];
+    channel.overflow = lanes[c].overflow;
+    if (channel.last_time_ps) {
+      channel.last_time_ps = static_cast<std::int64_t>(lanes[c].time_ps);
+    }
   }
 }
 
@@ -114,13 +117,13 @@ void take_plain_records(PackedCursor& cursor, const PackedFormat& format, Packed
         break;
       case PackedRules::Outcome::tag:
         ++lanes[channel].tags;
-        *cursor.end++ = {static_cast<std::uint8_t>(channel), state.channels[channel].last_time_ps};
+        *cursor.end++ = {static_cast<std::uint8_t>(channel), *state.channels[channel].last_time_ps};
         break;
       case PackedRules::Outcome::drop:
         return false;
     }
   } while (cursor.position < cursor.stop &&
-           (state.sync_records_left > 0 || state.pending_sync_channel == channel));
+           (state.sync_chunks_left > 0 || state.pending_sync_channel == channel));
   return true;
 }
 
@@ -139,7 +142,7 @@ PackedBatch decode(PackedCursor cursor, const PackedFormat& format, PackedState&
     take_plain_records<kBits>(cursor, format, lanes);
     store_lanes(lanes, state);
     if (cursor.position < cursor.stop && !follow_rules(cursor, rules, format, state, lanes)) {
-      batch.drop = rules.drop();
+      batch.drop = rules.drop_event();
       batch.drop->record = (cursor.position - start.position) / format.width - 1;
       batch.drop->records = (start.stop - start.position) / format.width;
     }

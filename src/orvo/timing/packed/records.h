@@ -8,7 +8,7 @@
 
 #include "orvo/timing/lock_event.h"
 #include "orvo/timing/packed/format.h"
-#include "orvo/timing/packed/state.h"
+#include "orvo/timing/packed/rules.h"
 #include "orvo/timing/time_tag.h"
 
 namespace orvo::timing::detail {

@@ -1,41 +1,69 @@
-// Every rule of the packed-delta records, one record at a time: complete, plain and out of the
-// way of the fast loop, which hands over whatever it does not handle itself.
+// Every rule of the packed-delta records, one record at a time, written to be read. The loop in
+// records.cpp calls it for the records that it does not decode itself.
+//
+// Threads: PackedRules belongs to the thread that owns its state.
 #pragma once
 
+#include <array>
 #include <cstdint>
+#include <optional>
 
 #include "orvo/timing/lock_event.h"
 #include "orvo/timing/packed/format.h"
-#include "orvo/timing/packed/state.h"
 
 namespace orvo::timing::detail {
+
+/// What is carried from one record to the next under a lock, and reset when the lock is lost.
+/// Times are picoseconds modulo 2^64, read as signed.
+struct PackedState {
+  struct Channel {
+    std::uint64_t overflow = 0;  ///< sum of the overflow payloads since the last data record
+    std::optional<std::int64_t> last_time_ps;  ///< a channel's time line starts at its first sync
+
+    bool operator==(const Channel&) const = default;
+  };
+
+  std::array<Channel, 4> channels;
+
+  unsigned sync_chunks_left = 0;  ///< records missing from the sync being assembled; 0 if none is
+  unsigned sync_channel = 0;
+  std::uint64_t sync_value = 0;
+  unsigned sync_bits = 0;  ///< of `sync_value`, assembled so far
+
+  static constexpr unsigned kNoChannel = 4;
+  unsigned pending_sync_channel = kNoChannel;  ///< its next data record counts from the sync
+  std::uint64_t pending_sync_time_ps = 0;
+
+  bool operator==(const PackedState&) const = default;
+};
 
 class PackedRules {
  public:
   enum class Outcome {
     silent,  ///< no tag
     tag,     ///< the record's channel has an event at its `last_time_ps`
-    drop,    ///< the lock is lost; drop() says why
+    drop,    ///< the lock is lost; drop_event() says why
   };
 
+  /// Both arguments must outlive the rules; `state` is changed by each record.
   PackedRules(const PackedFormat& format, PackedState& state) : format_(format), state_(state) {}
 
   [[nodiscard]] Outcome take(std::uint64_t record);
 
-  /// Of the last Outcome::drop; where in the batch it happened is for the caller to add.
-  [[nodiscard]] const LockEvent& drop() const noexcept { return drop_; }
+  /// Of the last Outcome::drop. The caller adds the record's place in the batch.
+  [[nodiscard]] const LockEvent& drop_event() const noexcept { return drop_event_; }
 
  private:
-  Outcome take_sync_record(unsigned channel, bool flag, std::uint64_t payload);
+  Outcome take_sync_chunk(unsigned channel, bool flag, std::uint64_t payload);
   void complete_sync();
-  Outcome take_anchored(unsigned channel, std::uint64_t step);
-  Outcome take_step(unsigned channel, std::uint64_t step);
-  Outcome lose(LockEvent::Kind kind, unsigned channel);
-  Outcome lose_sync_delta(unsigned channel, std::uint64_t next, std::uint64_t prev);
+  Outcome take_anchored(unsigned channel, std::uint64_t step_ps);
+  Outcome take_step(unsigned channel, std::uint64_t step_ps);
+  Outcome drop(LockEvent::Kind kind, unsigned channel);
+  Outcome drop_sync_delta(unsigned channel, std::uint64_t next_ps, std::uint64_t prev_ps);
 
   const PackedFormat& format_;
   PackedState& state_;
-  LockEvent drop_{};
+  LockEvent drop_event_{};
 };
 
 }  // namespace orvo::timing::detail
