@@ -58,39 +58,15 @@ ORVO_AVX512 inline __m512i add(__m512i values, const HalfPlan::Sum& sum) {
 }
 
 /// Whether nothing that sixteen ordinary records can hold is beyond what the lanes take.
-bool all_plain(const PackedLane (&lanes)[4], const PackedFormat& format) {
+bool all_plain(const PackedLanes& lanes, const PackedFormat& format) {
   const std::uint64_t step_limit_ps = std::uint64_t{1} << (2 * format.bits + format.quantum_shift);
   for (unsigned c = 0; c < 4; ++c) {
-    if (format.active(c) && lanes[c].step_bound_ps < step_limit_ps) {
+    if (format.active(c) && lanes.step_bound_ps[c] < step_limit_ps) {
       return false;
     }
   }
   return true;
 }
-
-/// Time of each channel and tags counted since, in the first four lanes.
-struct ChannelTotals {
-  ORVO_AVX512 explicit ChannelTotals(const PackedLane (&lanes)[4])
-      : times(_mm512_set_epi64(0, 0, 0, 0, static_cast<long long>(lanes[3].time_ps),
-                               static_cast<long long>(lanes[2].time_ps),
-                               static_cast<long long>(lanes[1].time_ps),
-                               static_cast<long long>(lanes[0].time_ps))),
-        tags(_mm512_setzero_si512()) {}
-
-  ORVO_AVX512 void store(PackedLane (&lanes)[4]) const {
-    alignas(64) std::array<std::uint64_t, kHalfTags> stored_times;
-    alignas(64) std::array<std::uint64_t, kHalfTags> stored_tags;
-    _mm512_store_si512(stored_times.data(), times);
-    _mm512_store_si512(stored_tags.data(), tags);
-    for (unsigned c = 0; c < 4; ++c) {
-      lanes[c].time_ps = stored_times[c];
-      lanes[c].tags += stored_tags[c];
-    }
-  }
-
-  __m512i times;
-  __m512i tags;
-};
 
 ORVO_AVX512 std::uint32_t last_of(__m512i values) {
   alignas(64) std::array<std::uint32_t, kGroupRecords> stored;
@@ -180,7 +156,7 @@ RecordGroups::~RecordGroups() = default;
 
 void RecordGroups::begin_batch() { plans_->credit = Plans::kMaxCredit; }
 
-ORVO_AVX512 void RecordGroups::take(PackedCursor& cursor, PackedLane (&lanes)[4]) {
+ORVO_AVX512 void RecordGroups::take(PackedCursor& cursor, PackedLanes& lanes) {
   const PackedFormat& format = plans_->format;
   const std::uint64_t group_bits = std::uint64_t{kGroupRecords} * format.width;
   std::uint64_t groups = (cursor.stop - cursor.position) / group_bits;
@@ -197,7 +173,9 @@ ORVO_AVX512 void RecordGroups::take(PackedCursor& cursor, PackedLane (&lanes)[4]
   const __m512i all_ones = _mm512_set1_epi32(static_cast<int>(format.all_ones));
   const __m512i sync_start = _mm512_set1_epi32(static_cast<int>(2 * format.all_ones + 1));
 
-  ChannelTotals totals(lanes);
+  constexpr __mmask8 kChannels = 0x0F;
+  __m512i times = _mm512_maskz_loadu_epi64(kChannels, lanes.time_ps.data());
+  __m512i tags = _mm512_maskz_loadu_epi64(kChannels, lanes.tags.data());
   __m512i payloads_before = _mm512_setzero_si512();
   unsigned top_before = 0;
   // Local, for a store of tags could be to anything else as far as the compiler knows.
@@ -220,20 +198,21 @@ ORVO_AVX512 void RecordGroups::take(PackedCursor& cursor, PackedLane (&lanes)[4]
         plan->joined, _mm512_alignr_epi32(payloads, payloads_before, kGroupRecords - 1),
         payload_bits);
     const __m512i steps = _mm512_or_si512(overflow, payloads);
-    end = emit(plan->halves[0], steps, quantum_shift, totals.times, end);
+    end = emit(plan->halves[0], steps, quantum_shift, times, end);
     if (plan->halves[1].tags > 0) {
-      end = emit(plan->halves[1], steps, quantum_shift, totals.times, end);
+      end = emit(plan->halves[1], steps, quantum_shift, times, end);
     }
-    totals.tags = _mm512_add_epi64(totals.tags, load(plan->channel_tags.data()));
+    tags = _mm512_add_epi64(tags, load(plan->channel_tags.data()));
     payloads_before = payloads;
     top_before = plan->last_top;
   }
   cursor.position = 8 * static_cast<std::uint64_t>(group - cursor.data) + cursor.position % 8;
   cursor.end = end;
-  totals.store(lanes);
+  _mm512_mask_storeu_epi64(lanes.time_ps.data(), kChannels, times);
+  _mm512_mask_storeu_epi64(lanes.tags.data(), kChannels, tags);
   if ((top_before & 1) != 0) {  // its data record is behind the last group
-    lanes[top_before >> 1].overflow = last_of(payloads_before);
-    lanes[top_before >> 1].step_bound_ps = 0;
+    lanes.overflow[top_before >> 1] = last_of(payloads_before);
+    lanes.step_bound_ps[top_before >> 1] = 0;
   }
 }
 
@@ -248,7 +227,7 @@ struct RecordGroups::Plans {};
 std::unique_ptr<RecordGroups> RecordGroups::make(const PackedFormat&) { return nullptr; }
 RecordGroups::~RecordGroups() = default;
 void RecordGroups::begin_batch() {}
-void RecordGroups::take(PackedCursor&, PackedLane (&)[4]) {}
+void RecordGroups::take(PackedCursor&, PackedLanes&) {}
 
 }  // namespace orvo::timing::detail
 

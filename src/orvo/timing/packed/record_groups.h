@@ -6,7 +6,7 @@
 #include <memory>
 
 #include "orvo/timing/packed/format.h"
-#include "orvo/timing/packed/lanes.h"
+#include "orvo/timing/packed/records.h"
 
 namespace orvo::timing::detail {
 
@@ -29,7 +29,7 @@ class RecordGroups {
 
   /// Takes groups while they hold nothing but what the lanes take without the rules; the first
   /// other one is left whole. Reads up to 64 bytes behind the first byte of a group.
-  void take(PackedCursor& cursor, PackedLane (&lanes)[4]);
+  void take(PackedCursor& cursor, PackedLanes& lanes);
 
  private:
   struct Plans;

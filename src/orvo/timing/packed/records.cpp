@@ -16,25 +16,25 @@ std::uint64_t plain_step_ps(const PackedFormat& format) {
   return format.internal ? std::min(limit, kInternalStepLimitPs) : limit;
 }
 
-void load_lanes(const PackedFormat& format, const PackedState& state, PackedLane (&lanes)[4]) {
+void load_lanes(const PackedFormat& format, const PackedState& state, PackedLanes& lanes) {
   for (unsigned c = 0; c < 4; ++c) {
     const PackedState::Channel& channel = state.channels[c];
     const bool plain = format.active(c) && state.sync_chunks_left == 0;
     const bool anchored = plain && channel.last_time_ps && c != state.pending_sync_channel;
-    lanes[c].time_ps = static_cast<std::uint64_t>(channel.last_time_ps.value_or(0));
-    lanes[c].overflow = channel.overflow;
-    lanes[c].overflow_bound = plain ? format.all_ones : 0;
-    lanes[c].full_step_bound_ps = anchored ? plain_step_ps(format) + 1 : 0;
-    lanes[c].step_bound_ps = channel.overflow == 0 ? lanes[c].full_step_bound_ps : 0;
+    lanes.time_ps[c] = static_cast<std::uint64_t>(channel.last_time_ps.value_or(0));
+    lanes.overflow[c] = channel.overflow;
+    lanes.overflow_bound[c] = plain ? format.all_ones : 0;
+    lanes.full_step_bound_ps[c] = anchored ? plain_step_ps(format) + 1 : 0;
+    lanes.step_bound_ps[c] = channel.overflow == 0 ? lanes.full_step_bound_ps[c] : 0;
   }
 }
 
-void store_lanes(const PackedLane (&lanes)[4], PackedState& state) {
+void store_lanes(const PackedLanes& lanes, PackedState& state) {
   for (unsigned c = 0; c < 4; ++c) {
     PackedState::Channel& channel = state.channels[c];
-    channel.overflow = lanes[c].overflow;
+    channel.overflow = lanes.overflow[c];
     if (channel.last_time_ps) {
-      channel.last_time_ps = static_cast<std::int64_t>(lanes[c].time_ps);
+      channel.last_time_ps = static_cast<std::int64_t>(lanes.time_ps[c]);
     }
   }
 }
@@ -42,7 +42,7 @@ void store_lanes(const PackedLane (&lanes)[4], PackedState& state) {
 /// Takes records up to the first that the lanes leave to the rules. `kBits` is the payload width,
 /// known to the compiler, or 0 for any.
 template <unsigned kBits>
-void take_plain_records(PackedCursor& cursor, const PackedFormat& format, PackedLane (&lanes)[4]) {
+void take_plain_records(PackedCursor& cursor, const PackedFormat& format, PackedLanes& lanes) {
   const unsigned bits = kBits > 0 ? kBits : format.bits;
   const unsigned width = bits + 3;
   const std::uint64_t all_ones = (std::uint64_t{1} << bits) - 1;
@@ -53,10 +53,10 @@ void take_plain_records(PackedCursor& cursor, const PackedFormat& format, Packed
   TimeTag* end = cursor.end;
 
   const auto emit = [&](unsigned channel, std::uint64_t step_ps) {
-    PackedLane& lane = lanes[channel];
-    lane.time_ps += step_ps;
-    ++lane.tags;
-    *end++ = {static_cast<std::uint8_t>(channel), static_cast<std::int64_t>(lane.time_ps)};
+    lanes.time_ps[channel] += step_ps;
+    ++lanes.tags[channel];
+    *end++ = {static_cast<std::uint8_t>(channel),
+              static_cast<std::int64_t>(lanes.time_ps[channel])};
   };
 
   // Two records lie in one word wherever they begin, unless they are wide.
@@ -67,31 +67,30 @@ void take_plain_records(PackedCursor& cursor, const PackedFormat& format, Packed
     const std::uint64_t record = word >> (64 - width);
     const auto channel = static_cast<unsigned>(record >> (bits + 1));
     const std::uint64_t payload = record & all_ones;
-    PackedLane& lane = lanes[channel];
     if ((record >> bits & 1) == 0) {
       const std::uint64_t step_ps = payload * tick_ps;
-      const std::uint64_t full_step_ps = ((lane.overflow << bits) + payload) * tick_ps;
-      if (step_ps < lane.step_bound_ps) [[likely]] {
+      const std::uint64_t full_step_ps = ((lanes.overflow[channel] << bits) + payload) * tick_ps;
+      if (step_ps < lanes.step_bound_ps[channel]) [[likely]] {
         emit(channel, step_ps);
-      } else if (full_step_ps < lane.full_step_bound_ps) {
-        lane.overflow = 0;
-        lane.step_bound_ps = lane.full_step_bound_ps;
+      } else if (full_step_ps < lanes.full_step_bound_ps[channel]) {
+        lanes.overflow[channel] = 0;
+        lanes.step_bound_ps[channel] = lanes.full_step_bound_ps[channel];
         emit(channel, full_step_ps);
       } else {
         break;
       }
-    } else if (payload < lane.overflow_bound) {
+    } else if (payload < lanes.overflow_bound[channel]) {
       // Nearly always the channel's data record is next: both at once, without the lane's overflow.
       const std::uint64_t next =
           kPairInWord ? word << width >> (64 - width) : record_at(data, position + width, width);
       const std::uint64_t step_ps = ((payload << bits) + (next & all_ones)) * tick_ps;
-      if ((record ^ next) >> bits == 1 && step_ps < lane.step_bound_ps && position + width < stop)
-          [[likely]] {
+      if ((record ^ next) >> bits == 1 && step_ps < lanes.step_bound_ps[channel] &&
+          position + width < stop) [[likely]] {
         emit(channel, step_ps);
         position += width;
       } else {
-        lane.overflow += payload;
-        lane.step_bound_ps = 0;
+        lanes.overflow[channel] += payload;
+        lanes.step_bound_ps[channel] = 0;
       }
     } else {
       break;
@@ -106,7 +105,7 @@ void take_plain_records(PackedCursor& cursor, const PackedFormat& format, Packed
 /// data record it anchors. False: the lock is lost.
 [[nodiscard]] bool follow_rules(PackedCursor& cursor, PackedRules& rules,
                                 const PackedFormat& format, const PackedState& state,
-                                PackedLane (&lanes)[4]) {
+                                PackedLanes& lanes) {
   unsigned channel = 0;
   do {
     const std::uint64_t record = record_at(cursor.data, cursor.position, format.width);
@@ -116,7 +115,7 @@ void take_plain_records(PackedCursor& cursor, const PackedFormat& format, Packed
       case PackedRules::Outcome::silent:
         break;
       case PackedRules::Outcome::tag:
-        ++lanes[channel].tags;
+        ++lanes.tags[channel];
         *cursor.end++ = {static_cast<std::uint8_t>(channel), *state.channels[channel].last_time_ps};
         break;
       case PackedRules::Outcome::drop:
@@ -133,7 +132,7 @@ PackedBatch decode(PackedCursor cursor, const PackedFormat& format, PackedState&
   const PackedCursor start = cursor;
   PackedRules rules(format, state);
   PackedBatch batch;
-  PackedLane lanes[4] = {};
+  PackedLanes lanes = {};
   while (cursor.position < cursor.stop && !batch.drop) {
     load_lanes(format, state, lanes);
     if (groups != nullptr) {
@@ -150,7 +149,7 @@ PackedBatch decode(PackedCursor cursor, const PackedFormat& format, PackedState&
   batch.records = (cursor.position - start.position) / format.width;
   batch.tags = static_cast<std::size_t>(cursor.end - start.end);
   for (unsigned c = 0; c < 4; ++c) {
-    batch.channel_tags[c] = lanes[c].tags;
+    batch.channel_tags[c] = lanes.tags[c];
   }
   return batch;
 }
