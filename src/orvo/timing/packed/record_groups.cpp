@@ -1,24 +1,30 @@
 #include "orvo/timing/packed/record_groups.h"
 
-#include <cstdlib>
-#include <cstring>
-
 #if defined(__x86_64__)
 
 #include <immintrin.h>
 
-#include "orvo/timing/packed/group_plan.h"
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <span>
+#include <utility>
 
-// Per function: the rest of the library must run on any processor.
+// For each function by itself: the rest of the library must run on any processor.
 #define ORVO_AVX512 __attribute__((target("avx512f,avx512bw,avx512dq,avx512vl,avx512vbmi,bmi2")))
 
 namespace orvo::timing::detail {
 namespace {
 
-// The kernel writes tags as pairs of 64-bit words, the channel in the lowest byte of the first.
-static_assert(sizeof(TimeTag) == 16 && offsetof(TimeTag, channel) == 0 &&
-              offsetof(TimeTag, time_ps) == 8);
+// A tag is stored as two 64-bit lanes: its channel with the padding zero, and its time.
+static_assert(sizeof(TimeTag) == 16 && sizeof(TimeTag::channel) == 1);
+static_assert(offsetof(TimeTag, channel) == 0 && offsetof(TimeTag, time_ps) == 8);
 
+constexpr unsigned kGroupRecords = 16;  // one in each 32-bit lane of a 512-bit register
+constexpr unsigned kHalfTags = 8;       // one in each 64-bit lane
 /// Records up to here fit 32 bits wherever they begin in a byte, and so does the step of an
 /// overflow and a data record together.
 constexpr unsigned kMaxGroupBits = 16;
@@ -29,24 +35,124 @@ bool processor_has_avx512() {
          __builtin_cpu_supports("avx512vbmi") && __builtin_cpu_supports("bmi2");
 }
 
-/// How sixteen records that begin at some bit of a byte are spread over sixteen lanes. The next
-/// sixteen begin at the same bit again.
-struct Spread {
-  alignas(64) std::array<std::uint8_t, 64> bytes;  // to big-endian words
-  alignas(64) std::array<std::uint32_t, kGroupRecords> shifts;
+// --- Plans ---
 
-  Spread() = default;
-  Spread(unsigned bit, unsigned width) {
-    for (unsigned i = 0; i < kGroupRecords; ++i, bit += width) {
-      for (unsigned k = 0; k < 4; ++k) {
-        bytes[4 * i + k] = static_cast<std::uint8_t>(bit / 8 + 3 - k);
-      }
-      shifts[i] = bit % 8;
-    }
-  }
+/// A pattern: the tops of sixteen records, and above them that of the record before. A top is the
+/// three bits above a record's payload: channel and flag.
+constexpr unsigned kTopBits = 3;
+constexpr std::uint64_t kNoPattern = UINT64_MAX;
+
+constexpr unsigned top_of(std::uint64_t pattern, unsigned record) {
+  return static_cast<unsigned>(pattern >> (kTopBits * record) & 7);
+}
+constexpr unsigned top_before(std::uint64_t pattern) { return top_of(pattern, kGroupRecords); }
+constexpr unsigned last_top(std::uint64_t pattern) { return top_of(pattern, kGroupRecords - 1); }
+
+/// Up to eight tags of a group, in the order of their records, one in each 64-bit lane. What lanes
+/// without a tag hold is not used.
+struct HalfPlan {
+  /// Adds lane `from[i]` to lane i where `lanes` has bit i. The first sum adds the channel's tag
+  /// one before, the second two before, the third four before: after all three, each lane holds
+  /// the sum of its channel's steps up to itself.
+  struct Sum {
+    alignas(64) std::array<std::uint64_t, kHalfTags> from{};
+    std::uint8_t lanes = 0;
+  };
+
+  alignas(64) std::array<std::uint32_t, kGroupRecords> steps{};  ///< record of each tag
+  alignas(64) std::array<std::uint64_t, kHalfTags> channels{};
+  alignas(64) std::array<std::uint64_t, kHalfTags> last{};  ///< by channel: lane of its last tag
+  std::array<Sum, 3> sums;
+  std::uint16_t step_lanes = 0;  ///< 32-bit lanes: the low half of each tag's 64 bits
+  std::uint8_t last_lanes = 0;   ///< channels that have a tag
+  std::uint8_t tags = 0;
 };
 
+struct GroupPlan {
+  std::uint64_t pattern = kNoPattern;
+  bool ordinary = false;     ///< nothing for the rules, unless a sync starts
+  std::uint16_t joined = 0;  ///< data records that add to the overflow record before them
+  alignas(64) std::array<std::uint64_t, kHalfTags> channel_tags{};  ///< by channel, then zeros
+  std::array<HalfPlan, 2> halves;
+};
+
+struct TagPlace {
+  unsigned record;
+  unsigned channel;
+};
+
+constexpr int kNone = -1;
+
+/// `previous[i]`: lane of the tag that lane i's channel had before.
+void plan_sums(HalfPlan& half, std::array<int, kHalfTags> previous) {
+  for (HalfPlan::Sum& sum : half.sums) {
+    const std::array<int, kHalfTags> from = previous;
+    for (unsigned i = 0; i < kHalfTags; ++i) {
+      if (from[i] != kNone) {
+        sum.from[i] = static_cast<std::uint64_t>(from[i]);
+        sum.lanes |= static_cast<std::uint8_t>(1U << i);
+        previous[i] = from[static_cast<unsigned>(from[i])];  // twice as far back
+      }
+    }
+  }
+}
+
+HalfPlan plan_half(std::span<const TagPlace> tags) {
+  HalfPlan half;
+  half.tags = static_cast<std::uint8_t>(tags.size());
+  std::array<int, 4> last;
+  last.fill(kNone);
+  std::array<int, kHalfTags> previous;
+  previous.fill(kNone);
+  for (unsigned i = 0; i < tags.size(); ++i) {
+    half.steps[2 * i] = tags[i].record;
+    half.step_lanes |= static_cast<std::uint16_t>(1U << (2 * i));
+    half.channels[i] = tags[i].channel;
+    previous[i] = std::exchange(last[tags[i].channel], static_cast<int>(i));
+  }
+  plan_sums(half, previous);
+  for (unsigned c = 0; c < 4; ++c) {
+    if (last[c] != kNone) {
+      half.last[c] = static_cast<std::uint64_t>(last[c]);
+      half.last_lanes |= static_cast<std::uint8_t>(1U << c);
+    }
+  }
+  return half;
+}
+
+GroupPlan make_plan(std::uint64_t pattern, const PackedFormat& format) {
+  GroupPlan plan;
+  plan.pattern = pattern;
+  plan.ordinary = true;
+  std::array<TagPlace, kGroupRecords> tags;
+  std::size_t count = 0;
+  unsigned before = top_before(pattern);
+  for (unsigned i = 0; i < kGroupRecords; ++i) {
+    const unsigned top = top_of(pattern, i);
+    const unsigned channel = top >> 1;
+    const bool after_overflow = (before & 1) != 0;
+    const bool joins = after_overflow && (top ^ before) == 1;  // its channel's data record
+    plan.ordinary &= format.active(channel) && joins == after_overflow;
+    if ((top & 1) == 0) {
+      plan.joined |= static_cast<std::uint16_t>((joins ? 1U : 0U) << i);
+      tags[count++] = {i, channel};
+      ++plan.channel_tags[channel];
+    }
+    before = top;
+  }
+  const std::span<const TagPlace> all = std::span(tags).first(count);
+  const std::size_t first = std::min<std::size_t>(count, kHalfTags);
+  plan.halves = {plan_half(all.first(first)), plan_half(all.subspan(first))};
+  return plan;
+}
+
+// --- Vectors ---
+
 ORVO_AVX512 inline __m512i load(const void* aligned) { return _mm512_load_si512(aligned); }
+
+ORVO_AVX512 inline __m512i all_lanes(std::uint64_t value) {
+  return _mm512_set1_epi32(static_cast<int>(value));
+}
 
 ORVO_AVX512 inline __m128i shift_by(unsigned count) {
   return _mm_cvtsi32_si128(static_cast<int>(count));
@@ -57,21 +163,29 @@ ORVO_AVX512 inline __m512i add(__m512i values, const HalfPlan::Sum& sum) {
                                _mm512_permutexvar_epi64(load(sum.from.data()), values));
 }
 
-/// Whether nothing that sixteen ordinary records can hold is beyond what the lanes take.
-bool all_plain(const PackedLanes& lanes, const PackedFormat& format) {
-  const std::uint64_t step_limit_ps = std::uint64_t{1} << (2 * format.bits + format.quantum_shift);
-  for (unsigned c = 0; c < 4; ++c) {
-    if (format.active(c) && lanes.step_bound_ps[c] < step_limit_ps) {
-      return false;
-    }
+/// How sixteen records that begin at some bit of a byte are spread over sixteen lanes. The next
+/// sixteen begin at the same bit again.
+struct Spread {
+  ORVO_AVX512 Spread(unsigned first_bit, unsigned width) {
+    const __m512i numbers = _mm512_set_epi32(15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0);
+    const __m512i bits =
+        _mm512_add_epi32(_mm512_mullo_epi32(numbers, all_lanes(width)), all_lanes(first_bit));
+    shifts = _mm512_and_si512(bits, all_lanes(7));
+    bytes = _mm512_add_epi32(_mm512_mullo_epi32(_mm512_srli_epi32(bits, 3), all_lanes(0x01010101)),
+                             all_lanes(0x00010203));  // four bytes each, the first one highest
   }
-  return true;
-}
 
-ORVO_AVX512 std::uint32_t last_of(__m512i values) {
-  alignas(64) std::array<std::uint32_t, kGroupRecords> stored;
-  _mm512_store_si512(stored.data(), values);
-  return stored.back();
+  __m512i bytes;
+  __m512i shifts;
+};
+
+ORVO_AVX512 inline std::uint64_t pattern_of(__m512i tops, unsigned before) {
+  constexpr std::uint64_t kTops = 0x0707'0707'0707'0707;
+  const __m128i bytes = _mm512_cvtepi32_epi8(tops);
+  const auto low = static_cast<std::uint64_t>(_mm_cvtsi128_si64(bytes));
+  const auto high = static_cast<std::uint64_t>(_mm_extract_epi64(bytes, 1));
+  return _pext_u64(low, kTops) | _pext_u64(high, kTops) << (8 * kTopBits) |
+         std::uint64_t{before} << (kGroupRecords * kTopBits);
 }
 
 /// Stores up to eight tags and adds their steps to `times`, by channel.
@@ -98,99 +212,85 @@ ORVO_AVX512 inline TimeTag* emit(const HalfPlan& half, __m512i steps, __m128i qu
   return end + half.tags;
 }
 
-}  // namespace
-
-struct RecordGroups::Plans {
-  static constexpr unsigned kPlanBits = 6;
-  /// A plan costs what several groups gain. Channels that fire in no order would need a new one
-  /// all the time: with the credit used up, the rest of the batch goes without groups.
-  static constexpr int kMaxCredit = 64;
-  static constexpr int kPlanCost = 8;
-
-  explicit Plans(const PackedFormat& stream_format) : format(stream_format) {
-    for (unsigned bit = 0; bit < spreads.size(); ++bit) {
-      spreads[bit] = Spread(bit, format.width);
+/// Whether the lanes take all that sixteen ordinary records can hold.
+bool all_plain(const PackedLanes& lanes, const PackedFormat& format) {
+  const std::uint64_t step_limit_ps = std::uint64_t{1} << (2 * format.bits + format.quantum_shift);
+  for (unsigned c = 0; c < 4; ++c) {
+    if (format.active(c) && lanes.step_bound_ps[c] < step_limit_ps) {
+      return false;
     }
   }
-
-  /// Plan for the records' tops; null when a new one is too dear.
-  ORVO_AVX512 const GroupPlan* plan_for(__m128i tops, unsigned top_before) {
-    constexpr std::uint64_t kTopBits = 0x0707'0707'0707'0707;
-    const auto low = static_cast<std::uint64_t>(_mm_cvtsi128_si64(tops));
-    const auto high = static_cast<std::uint64_t>(_mm_extract_epi64(tops, 1));
-    const std::uint64_t key = _pext_u64(low, kTopBits) | _pext_u64(high, kTopBits) << 24 |
-                              std::uint64_t{top_before} << 48;
-    constexpr std::uint64_t kSpreadingFactor = 0x9E37'79B9'7F4A'7C15;  // 2^64 / golden ratio
-    GroupPlan& plan = plans[key * kSpreadingFactor >> (64 - kPlanBits)];
-    if (plan.key != key) [[unlikely]] {
-      credit -= kPlanCost;
-      if (credit < 0) {
-        return nullptr;
-      }
-      alignas(16) GroupTops stored;
-      _mm_store_si128(reinterpret_cast<__m128i*>(stored.data()), tops);
-      plan = make_group_plan(key, stored, top_before, format.active_mask);
-    } else if (credit < kMaxCredit) {
-      ++credit;
-    }
-    return &plan;
-  }
-
-  const PackedFormat& format;
-  std::array<Spread, 8> spreads;  // by the bit of a byte at which a group begins
-  std::array<GroupPlan, 1U << kPlanBits> plans;
-  int credit = kMaxCredit;
-};
-
-std::unique_ptr<RecordGroups> RecordGroups::make(const PackedFormat& format) {
-  const char* kernel = std::getenv("ORVO_PACKED_KERNEL");
-  const bool wanted = kernel == nullptr || std::strcmp(kernel, "portable") != 0;
-  static const bool able = processor_has_avx512();
-  const bool use = wanted && able && format.bits <= kMaxGroupBits;
-  return use ? std::unique_ptr<RecordGroups>(new RecordGroups(format)) : nullptr;
+  return true;
 }
 
-RecordGroups::RecordGroups(const PackedFormat& format) : plans_(std::make_unique<Plans>(format)) {}
+class Avx512RecordGroups final : public RecordGroups {
+ public:
+  explicit Avx512RecordGroups(const PackedFormat& format) : format_(format) {}
 
-RecordGroups::~RecordGroups() = default;
+  void begin_batch() override { budget_ = std::min(budget_ + 1, kMaxBudget); }
+  ORVO_AVX512 void take(PackedCursor& cursor, PackedLanes& lanes) override;
 
-void RecordGroups::begin_batch() { plans_->credit = Plans::kMaxCredit; }
+ private:
+  static constexpr unsigned kCachedPlanBits = 6;
+  /// A new plan takes as long as several groups save, so plans have a budget: each batch and each
+  /// group with a cached plan adds one, a new plan takes `kPlanCost`. Channels that fire in no
+  /// order would need a plan for every group: they spend it, and records go without groups then.
+  static constexpr int kMaxBudget = 64;
+  static constexpr int kPlanCost = 8;
 
-ORVO_AVX512 void RecordGroups::take(PackedCursor& cursor, PackedLanes& lanes) {
-  const PackedFormat& format = plans_->format;
-  const std::uint64_t group_bits = std::uint64_t{kGroupRecords} * format.width;
+  /// Null when the group is not ordinary, or when it needs a new plan and the budget is spent.
+  const GroupPlan* plan_for(std::uint64_t pattern) {
+    constexpr std::uint64_t kSpreadingFactor = 0x9E37'79B9'7F4A'7C15;  // 2^64 / golden ratio
+    GroupPlan& plan = plans_[pattern * kSpreadingFactor >> (64 - kCachedPlanBits)];
+    if (plan.pattern != pattern) [[unlikely]] {
+      budget_ -= kPlanCost;
+      if (budget_ < 0) {
+        return nullptr;
+      }
+      plan = make_plan(pattern, format_);
+    } else if (budget_ < kMaxBudget) {
+      ++budget_;
+    }
+    return plan.ordinary ? &plan : nullptr;
+  }
+
+  const PackedFormat& format_;
+  std::array<GroupPlan, 1U << kCachedPlanBits> plans_;
+  int budget_ = kMaxBudget;
+};
+
+ORVO_AVX512 void Avx512RecordGroups::take(PackedCursor& cursor, PackedLanes& lanes) {
+  const std::uint64_t group_bits = std::uint64_t{kGroupRecords} * format_.width;
   std::uint64_t groups = (cursor.stop - cursor.position) / group_bits;
-  // Until all channels are on their way, groups are not worth their plans.
-  if (plans_->credit < 0 || groups == 0 || !all_plain(lanes, format)) {
+  // Until every active channel has a time, groups are not worth their plans.
+  if (budget_ < 0 || groups == 0 || !all_plain(lanes, format_)) {
     return;
   }
-  const Spread& spread = plans_->spreads[cursor.position % 8];
-  const __m512i spread_bytes = load(spread.bytes.data());
-  const __m512i spread_shifts = load(spread.shifts.data());
-  const __m128i record_shift = shift_by(32 - format.width);
-  const __m128i payload_bits = shift_by(format.bits);
-  const __m128i quantum_shift = shift_by(format.quantum_shift);
-  const __m512i all_ones = _mm512_set1_epi32(static_cast<int>(format.all_ones));
-  const __m512i sync_start = _mm512_set1_epi32(static_cast<int>(2 * format.all_ones + 1));
+  const Spread spread(cursor.position % 8, format_.width);
+  const __m128i record_shift = shift_by(32 - format_.width);
+  const __m128i payload_bits = shift_by(format_.bits);
+  const __m128i quantum_shift = shift_by(format_.quantum_shift);
+  const __m512i all_ones = all_lanes(format_.all_ones);
+  const __m512i sync_start = all_lanes(2 * format_.all_ones + 1);
 
   constexpr __mmask8 kChannels = 0x0F;
   __m512i times = _mm512_maskz_loadu_epi64(kChannels, lanes.time_ps.data());
   __m512i tags = _mm512_maskz_loadu_epi64(kChannels, lanes.tags.data());
   __m512i payloads_before = _mm512_setzero_si512();
-  unsigned top_before = 0;
-  // Local, for a store of tags could be to anything else as far as the compiler knows.
+  unsigned before = 0;  // top of the record before; at first one without a flag, whatever it was
+  // Local copies, because the compiler must assume that storing a tag may change the cursor.
   const std::uint8_t* group = cursor.data + cursor.position / 8;
   TimeTag* end = cursor.end;
   for (; groups > 0; --groups, group += group_bits / 8) {
-    const __m512i words = _mm512_permutexvar_epi8(spread_bytes, _mm512_loadu_si512(group));
-    const __m512i records = _mm512_srl_epi32(_mm512_sllv_epi32(words, spread_shifts), record_shift);
+    const __m512i words = _mm512_permutexvar_epi8(spread.bytes, _mm512_loadu_si512(group));
+    const __m512i records = _mm512_srl_epi32(_mm512_sllv_epi32(words, spread.shifts), record_shift);
     const __m512i sync_parts = _mm512_and_si512(records, sync_start);
     if (_mm512_cmpeq_epi32_mask(sync_parts, sync_start) != 0) [[unlikely]] {
       break;
     }
-    const __m128i tops = _mm512_cvtepi32_epi8(_mm512_srl_epi32(records, payload_bits));
-    const GroupPlan* plan = plans_->plan_for(tops, top_before);
-    if (plan == nullptr || !plan->ordinary) [[unlikely]] {
+    const std::uint64_t pattern = pattern_of(_mm512_srl_epi32(records, payload_bits), before);
+    const GroupPlan* plan = plan_for(pattern);
+    if (plan == nullptr) [[unlikely]] {
       break;
     }
     const __m512i payloads = _mm512_and_si512(records, all_ones);
@@ -204,16 +304,27 @@ ORVO_AVX512 void RecordGroups::take(PackedCursor& cursor, PackedLanes& lanes) {
     }
     tags = _mm512_add_epi64(tags, load(plan->channel_tags.data()));
     payloads_before = payloads;
-    top_before = plan->last_top;
+    before = last_top(pattern);
   }
   cursor.position = 8 * static_cast<std::uint64_t>(group - cursor.data) + cursor.position % 8;
   cursor.end = end;
   _mm512_mask_storeu_epi64(lanes.time_ps.data(), kChannels, times);
   _mm512_mask_storeu_epi64(lanes.tags.data(), kChannels, tags);
-  if ((top_before & 1) != 0) {  // its data record is behind the last group
-    lanes.overflow[top_before >> 1] = last_of(payloads_before);
-    lanes.step_bound_ps[top_before >> 1] = 0;
+  if ((before & 1) != 0) {  // its data record follows the last group
+    lanes.overflow[before >> 1] = static_cast<std::uint32_t>(
+        _mm_extract_epi32(_mm512_extracti32x4_epi32(payloads_before, 3), 3));
+    lanes.step_bound_ps[before >> 1] = 0;
   }
+}
+
+}  // namespace
+
+std::unique_ptr<RecordGroups> RecordGroups::make(const PackedFormat& format) {
+  const char* kernel = std::getenv("ORVO_PACKED_KERNEL");
+  const bool wanted = kernel == nullptr || std::strcmp(kernel, "portable") != 0;
+  static const bool able = processor_has_avx512();
+  const bool use = wanted && able && format.bits <= kMaxGroupBits;
+  return use ? std::make_unique<Avx512RecordGroups>(format) : nullptr;
 }
 
 }  // namespace orvo::timing::detail
@@ -222,12 +333,7 @@ ORVO_AVX512 void RecordGroups::take(PackedCursor& cursor, PackedLanes& lanes) {
 
 namespace orvo::timing::detail {
 
-struct RecordGroups::Plans {};
-
 std::unique_ptr<RecordGroups> RecordGroups::make(const PackedFormat&) { return nullptr; }
-RecordGroups::~RecordGroups() = default;
-void RecordGroups::begin_batch() {}
-void RecordGroups::take(PackedCursor&, PackedLanes&) {}
 
 }  // namespace orvo::timing::detail
 
