@@ -7,19 +7,22 @@
 #include <cstdlib>
 #include <sstream>
 
+#include "orvo/timing/instrument_time.h"
 #include "orvo/timing/packed/packed_delta.h"
+#include "support/decoder_pair.h"
 #include "support/decoding.h"
 #include "support/plain_decoder.h"
 
 namespace orvo::tests {
 namespace {
 
-/// Packs records of 16-bit payloads, most significant bit first.
+/// Packs records, most significant bit first.
 class Records {
  public:
   /// d, o: a data or overflow record of a channel with a payload. s: a sync of a channel to a tick,
   /// without the data record that it anchors. +: data that steps so many ticks, with overflows.
-  explicit Records(const std::string& text) {
+  explicit Records(const std::string& text, unsigned payload_bits = 16)
+      : payload_bits_(payload_bits), all_ones_((1U << payload_bits) - 1) {
     std::istringstream words(text);
     for (std::string word; words >> word;) {
       unsigned channel = 0;
@@ -31,11 +34,13 @@ class Records {
 
   void add(char kind, unsigned channel, std::uint64_t value) {
     if (kind == 's') {
-      put(channel, true, 0xFFFF);
-      for (unsigned shift = 0; shift < 48; shift += 16) put(channel, false, value >> shift);
+      put(channel, true, all_ones_);
+      for (unsigned shift = 0; shift < 41; shift += payload_bits_) {
+        put(channel, false, value >> shift);
+      }
     } else if (kind == '+') {
-      for (std::uint64_t high = value >> 16; high > 0;) {
-        const std::uint64_t payload = std::min<std::uint64_t>(high, 0xFFFE);
+      for (std::uint64_t high = value >> payload_bits_; high > 0;) {
+        const std::uint64_t payload = std::min<std::uint64_t>(high, all_ones_ - 1);
         put(channel, true, payload);
         high -= payload;
       }
@@ -50,20 +55,23 @@ class Records {
 
  private:
   void put(unsigned channel, bool flag, std::uint64_t payload) {
-    const std::uint64_t record = channel << 17 | (flag ? 1U : 0U) << 16 | (payload & 0xFFFF);
-    for (unsigned bit = 19; bit-- > 0; ++bits_) {
+    const std::uint64_t top = channel << 1 | (flag ? 1U : 0U);
+    const std::uint64_t record = top << payload_bits_ | (payload & all_ones_);
+    for (unsigned bit = payload_bits_ + 3; bit-- > 0; ++bits_) {
       if (bits_ % 8 == 0) bytes_.push_back(0);
       bytes_.back() |= static_cast<std::uint8_t>((record >> bit & 1) << (7 - bits_ % 8));
     }
   }
 
+  unsigned payload_bits_;
+  std::uint64_t all_ones_;
   Bytes bytes_;
   unsigned bits_ = 0;
 };
 
 /// Whole bytes of syncs and events at tick 1000 of each channel of `mask`: they take the lock.
-Bytes lock_of(unsigned mask) {
-  Records records("");
+Bytes lock_of(unsigned mask, unsigned payload_bits = 16) {
+  Records records("", payload_bits);
   for (unsigned c = 0; c < 4; ++c) {
     if ((mask >> c & 1) == 0) continue;
     records.add('s', c, 1000);
@@ -78,12 +86,13 @@ Bytes lock_of(unsigned mask) {
 TEST(PackedRecords, FollowTheRules) {
   constexpr auto kInside = timing::Mode::internal;
   constexpr auto kOutside = timing::Mode::external;
-  // At 8 ps the counter turns 409632505856 ticks behind the clock's wrap.
+  // At 8 ps the counter's period exceeds the clock's by 409632505856 ticks.
   const struct {
     const char* name;
     timing::Mode mode;
     unsigned mask;
-    const char *records, *tags, *drop;  // drop: the line that tells of it, without its prefix
+    const char *records, *tags, *drop;  // drop: the line that reports it, without its prefix
+    unsigned unsynced = 0;              // channels of the mask that have had no sync
   } cases[] = {
       {"payload in quanta", kInside, 1, "d0,5", "0:8040 ", ""},
       {"overflow payloads add up", kInside, 1, "o0,1 o0,2 d0,7 d0,1", "0:1580920 0:1580928 ", ""},
@@ -106,7 +115,9 @@ TEST(PackedRecords, FollowTheRules) {
       {"sync more than 1 us back", kOutside, 1, "d0,65000 d0,65000 d0,0 s0,1001 d0,0",
        "0:528000 0:1048000 0:1048000 ",
        "drop nonmonotonic sync ch=0 next=8008 prev=1048000 record=7"},
-      {"a channel without a sync is silent", kOutside, 7, "d2,1", "2:8008 ", ""},
+      {"a channel without a sync is silent", kOutside, 7, "d2,1 o2,4 d2,1 d0,1", "0:8008 ", "", 4},
+      {"until its first sync", kOutside, 7, "o2,9 d1,1 d2,1 s2,2000 d2,5 d0,1 o2,1 d2,1",
+       "1:8008 2:16040 0:8008 2:540336 ", "", 4},
       {"inactive channel", kInside, 5, "d0,1 d1,7", "0:8008 ",
        "drop inactive ch=1 active_mask=0x5 record=1 records=2"},
       {"another channel inside a sync", kInside, 6, "o1,65535 d1,0 d2,0", "",
@@ -122,7 +133,7 @@ TEST(PackedRecords, FollowTheRules) {
     timing::InputBuffer input;
     timing::PackedDeltaDecoder fast(header);
     PlainDecoder plain(header);
-    plain.input_buffer = lock_of(c.mask);
+    plain.input_buffer = lock_of(c.mask & ~c.unsynced);
     input.append(plain.input_buffer);
     fast.feed(input);
     plain.feed_packed_delta();
@@ -140,6 +151,65 @@ TEST(PackedRecords, FollowTheRules) {
     plain.input_buffer = bytes;
     EXPECT_EQ(text_of(plain.feed_packed_delta()), c.tags);
     EXPECT_EQ(plain.log, std::vector<std::string>(drop.empty() ? 0 : 1, drop));
+  }
+}
+
+// Sixteen records are decoded at a time, as many as have no need of the rules.
+TEST(PackedRecords, OneUnusualAmongOrdinary) {
+  constexpr const char* kUnusual[] = {
+      "d3,1",               // inactive
+      "o0,1 o0,2 d0,1",     // overflow twice
+      "o0,1 d1,1",          // overflow and then another channel
+      "s1,9000 d1,9",       // a sync
+      "o2,131069 d2,9999",  // the longest step: above the limit at 256 ps and 17 bits
+      "o2,65534 d2,65535",  // the same for 16 bits
+  };
+  for (const unsigned bits : {15U, 16U, 17U}) {
+    for (const unsigned quantum_ps : {8U, 256U}) {
+      for (const std::string unusual : kUnusual) {
+        for (unsigned place = 0; place < 40; ++place) {
+          timing::StreamFileHeader header;
+          header.mode = timing::Mode::internal;
+          header.channel_mask = 7;
+          header.delta_bits = static_cast<std::uint8_t>(bits);
+          header.quantum_ps = static_cast<std::uint16_t>(quantum_ps);
+          std::string text;
+          for (unsigned event = 0; event < 50; ++event) {
+            const std::string channel = std::to_string(event % 3);
+            text += event == place ? unusual + ' ' : "";
+            text += (event % 6 < 2 ? "o" + channel + ",1 d" : "d") + channel + ",7 ";
+          }
+          DecoderPair pair(header);
+          ASSERT_EQ(pair.feed(lock_of(7, bits)), "");
+          ASSERT_TRUE(pair.plain().locked);
+          ASSERT_EQ(pair.feed(Records(text, bits).bytes()), "")
+              << bits << " bits, " << quantum_ps << " ps, " << unusual << " before " << place;
+        }
+      }
+    }
+  }
+}
+
+TEST(TickCounter, CorrectsAcrossTheWrap) {
+  constexpr std::int64_t kMs = 1'000'000'000;
+  constexpr std::int64_t kWrap = 14'315'125'997'568;
+  constexpr std::int64_t kExcess = 1'078'036'791'296;  // at 1 ps
+  const timing::detail::TickCounter counter(0);
+  const struct {
+    std::int64_t last_ps, step_ps, corrected_ps;
+  } steps[] = {
+      {0, kExcess, kExcess},
+      {0, kExcess + 1, 1},
+      {0, kExcess + 10 * kMs, 10 * kMs},
+      {0, kExcess + 10 * kMs + 1, kExcess + 10 * kMs + 1},
+      {2 * kWrap - 20 * kMs, kExcess + 20 * kMs, 20 * kMs},
+      {2 * kWrap - 20 * kMs - 1, kExcess + 20 * kMs, kExcess + 20 * kMs},
+      {-725'849'473'024 - kMs, kExcess + 20 * kMs, kExcess + 20 * kMs},  // counts as 0
+  };
+  for (const auto& [last_ps, step_ps, corrected_ps] : steps) {
+    EXPECT_EQ(counter.corrected_step(last_ps, static_cast<std::uint64_t>(step_ps)),
+              static_cast<std::uint64_t>(corrected_ps))
+        << last_ps << ' ' << step_ps;
   }
 }
 

@@ -152,6 +152,23 @@ TEST(PackedSameness, LimitOfImbalance) {
   }
 }
 
+// Events of a channel before its first sync are none of the batch's tags.
+TEST(PackedSameness, NoImbalanceByUnsyncedChannels) {
+  timing::StreamFileHeader header;
+  header.mode = timing::Mode::internal;
+  header.channel_mask = 3;
+  header.delta_bits = 5;
+  DecoderPair pair(header);
+  Bytes stream(3000, 0x01);
+  stream[0] = 0x3F;
+  stream.resize(33'000, 0x41);
+  stream[31'000] = 0x7F;
+  std::fill_n(stream.begin() + 31'001, 9, std::uint8_t{0x40});
+  ASSERT_EQ(pair.feed(stream), "");
+  EXPECT_EQ(pair.plain().log.size(), 1U);
+  EXPECT_EQ(pair.tags(), 2990U + 1990U);
+}
+
 // What the search found or refused, as text.
 std::string fast_search(const Bytes& buffer, const timing::StreamFileHeader& header) {
   const timing::detail::PackedFormat format(header);

@@ -27,7 +27,10 @@ class Writer {
                                    : random.one_in(2) ? kWrapPs - random.below(2000 * period_ps)
                                                       : random.below(kWrapPs) >> random.below(44);
     const bool same_rates = !random.one_in(3);
-    for (unsigned c = 0; c < 4; ++c) {
+    const bool some_late = header.mode == timing::Mode::external && random.one_in(2);
+    for (unsigned c = 0, active = 0; c < 4; ++c) {
+      active += mask_ >> c & 1;
+      if (some_late && active > 2) channels_[c].first_sync = random.below(1U << random.below(22));
       channels_[c].time_ps = start_ps + c * period_ps / 4;
       channels_[c].period_ps = period_ps * (same_rates ? 4 : 4 + random.below(5)) / 4;
     }
@@ -54,7 +57,7 @@ class Writer {
 
  private:
   struct Channel {
-    std::uint64_t time_ps, period_ps, events = 0;
+    std::uint64_t time_ps, period_ps, events = 0, first_sync = 0;
   };
 
   [[nodiscard]] std::uint64_t tick(std::uint64_t time_ps) const {
@@ -95,7 +98,8 @@ class Writer {
     const std::uint64_t step = (tick(channel.time_ps) - before) & kTickMask;
     const bool too_far =
         bits_ == 1 ? step > 1 : (step >> bits_) / (ones_ - 1) >= kMaxOverflowRecords;
-    const bool due = channel.events++ % sync_interval_ == 0;
+    const bool due = channel.events >= channel.first_sync && channel.events % sync_interval_ == 0;
+    ++channel.events;
     too_far || (due && may_sync) ? sync(c, tick(channel.time_ps)) : data(c, step);
   }
 

@@ -21,7 +21,8 @@ class PackedStreams {
   timing::StreamFileHeader header();
 
   /// About `bytes` bytes that start in mid-record. One event in `fault_interval` is not as an
-  /// instrument sends it; 0 for none. Channel 0 may slow down for the second half.
+  /// instrument sends it; 0 for none. Channel 0 may slow down for the second half. In external mode
+  /// channels past the first two may have no sync for long.
   std::vector<std::uint8_t> stream(const timing::StreamFileHeader& header, std::size_t bytes,
                                    std::uint64_t fault_interval, bool slows_down);
 

@@ -212,11 +212,11 @@ ORVO_AVX512 inline TimeTag* emit(const HalfPlan& half, __m512i steps, __m128i qu
   return end + half.tags;
 }
 
-/// Whether the lanes take all that sixteen ordinary records can hold.
+/// Whether all active channels have a time, and the lanes take all that ordinary records can hold.
 bool all_plain(const PackedLanes& lanes, const PackedFormat& format) {
   const std::uint64_t step_limit_ps = std::uint64_t{1} << (2 * format.bits + format.quantum_shift);
   for (unsigned c = 0; c < 4; ++c) {
-    if (format.active(c) && lanes.step_bound_ps[c] < step_limit_ps) {
+    if (format.active(c) && (lanes.step_bound_ps[c] < step_limit_ps || lanes.tag_bytes[c] == 0)) {
       return false;
     }
   }

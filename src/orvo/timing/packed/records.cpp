@@ -10,39 +10,44 @@
 namespace orvo::timing::detail {
 namespace {
 
-/// Up to this step none of the corrections and limits of the rules can apply.
-std::uint64_t plain_step_ps(const PackedFormat& format) {
-  const std::uint64_t limit = std::min(format.counter.wrap_excess_ps, format.counter.period_ps / 2);
-  return format.internal ? std::min(limit, kInternalStepLimitPs) : limit;
+/// Below this step none of the corrections and limits of the rules can apply.
+std::uint64_t ordinary_bound_ps(const PackedFormat& format) {
+  const std::uint64_t limit_ps =
+      std::min(format.counter.wrap_excess_ps, format.counter.period_ps / 2);
+  return 1 + (format.internal ? std::min(limit_ps, kInternalStepLimitPs) : limit_ps);
 }
 
 void load_lanes(const PackedFormat& format, const PackedState& state, PackedLanes& lanes) {
   for (unsigned c = 0; c < 4; ++c) {
     const PackedState::Channel& channel = state.channels[c];
-    const bool plain = format.active(c) && state.sync_chunks_left == 0;
-    const bool anchored = plain && channel.last_time_ps && c != state.pending_sync_channel;
+    const bool for_rules = !format.active(c) || state.sync_chunks_left > 0;
+    const bool timed = channel.last_time_ps.has_value();
+    const std::uint64_t step_bound_ps = timed ? ordinary_bound_ps(format) : UINT64_MAX;
     lanes.time_ps[c] = static_cast<std::uint64_t>(channel.last_time_ps.value_or(0));
     lanes.overflow[c] = channel.overflow;
-    lanes.overflow_bound[c] = plain ? format.all_ones : 0;
-    lanes.full_step_bound_ps[c] = anchored ? plain_step_ps(format) + 1 : 0;
+    lanes.overflow_bound[c] = for_rules ? 0 : format.all_ones;
+    lanes.full_step_bound_ps[c] = for_rules || c == state.pending_sync_channel ? 0 : step_bound_ps;
     lanes.step_bound_ps[c] = channel.overflow == 0 ? lanes.full_step_bound_ps[c] : 0;
+    lanes.tag_bytes[c] = timed ? sizeof(TimeTag) : 0;
   }
 }
 
-void store_lanes(const PackedLanes& lanes, PackedState& state) {
+void store_lanes(PackedLanes& lanes, PackedState& state) {
   for (unsigned c = 0; c < 4; ++c) {
     PackedState::Channel& channel = state.channels[c];
     channel.overflow = lanes.overflow[c];
     if (channel.last_time_ps) {
       channel.last_time_ps = static_cast<std::int64_t>(lanes.time_ps[c]);
+    } else {
+      lanes.tags[c] = 0;
     }
   }
 }
 
-/// Takes records up to the first that the lanes leave to the rules. `kBits` is the payload width,
+/// Decodes records up to the first that the lanes leave to the rules. `kBits` is the payload width,
 /// known to the compiler, or 0 for any.
 template <unsigned kBits>
-void take_plain_records(PackedCursor& cursor, const PackedFormat& format, PackedLanes& lanes) {
+void take_ordinary_records(PackedCursor& cursor, const PackedFormat& format, PackedLanes& lanes) {
   const unsigned bits = kBits > 0 ? kBits : format.bits;
   const unsigned width = bits + 3;
   const std::uint64_t all_ones = (std::uint64_t{1} << bits) - 1;
@@ -55,8 +60,8 @@ void take_plain_records(PackedCursor& cursor, const PackedFormat& format, Packed
   const auto emit = [&](unsigned channel, std::uint64_t step_ps) {
     lanes.time_ps[channel] += step_ps;
     ++lanes.tags[channel];
-    *end++ = {static_cast<std::uint8_t>(channel),
-              static_cast<std::int64_t>(lanes.time_ps[channel])};
+    *end = {static_cast<std::uint8_t>(channel), static_cast<std::int64_t>(lanes.time_ps[channel])};
+    end = reinterpret_cast<TimeTag*>(reinterpret_cast<std::byte*>(end) + lanes.tag_bytes[channel]);
   };
 
   // Two records lie in one word wherever they begin, unless they are wide.
@@ -69,15 +74,16 @@ void take_plain_records(PackedCursor& cursor, const PackedFormat& format, Packed
     const std::uint64_t payload = record & all_ones;
     if ((record >> bits & 1) == 0) {
       const std::uint64_t step_ps = payload * tick_ps;
-      const std::uint64_t full_step_ps = ((lanes.overflow[channel] << bits) + payload) * tick_ps;
       if (step_ps < lanes.step_bound_ps[channel]) [[likely]] {
         emit(channel, step_ps);
-      } else if (full_step_ps < lanes.full_step_bound_ps[channel]) {
+      } else {
+        const std::uint64_t full_step_ps = ((lanes.overflow[channel] << bits) + payload) * tick_ps;
+        if (full_step_ps >= lanes.full_step_bound_ps[channel]) {
+          break;
+        }
         lanes.overflow[channel] = 0;
         lanes.step_bound_ps[channel] = lanes.full_step_bound_ps[channel];
         emit(channel, full_step_ps);
-      } else {
-        break;
       }
     } else if (payload < lanes.overflow_bound[channel]) {
       // Nearly always the channel's data record is next: both at once, without the lane's overflow.
@@ -101,8 +107,8 @@ void take_plain_records(PackedCursor& cursor, const PackedFormat& format, Packed
   cursor.end = end;
 }
 
-/// Lets the rules take the next record and, where it belongs to a sync, the rest of that with the
-/// data record it anchors. False: the lock is lost.
+/// Gives the rules the next record and, if it belongs to a sync, the rest of the sync with the
+/// data record that follows. False: the lock is lost.
 [[nodiscard]] bool follow_rules(PackedCursor& cursor, PackedRules& rules,
                                 const PackedFormat& format, const PackedState& state,
                                 PackedLanes& lanes) {
@@ -138,7 +144,7 @@ PackedBatch decode(PackedCursor cursor, const PackedFormat& format, PackedState&
     if (groups != nullptr) {
       groups->take(cursor, lanes);
     }
-    take_plain_records<kBits>(cursor, format, lanes);
+    take_ordinary_records<kBits>(cursor, format, lanes);
     store_lanes(lanes, state);
     if (cursor.position < cursor.stop && !follow_rules(cursor, rules, format, state, lanes)) {
       batch.drop = rules.drop_event();

@@ -46,7 +46,10 @@ struct PackedLanes {
   PerChannel overflow_bound;      ///< a flagged payload below this only adds to `overflow`
   PerChannel step_bound_ps;       ///< steps below this are ordinary; 0 while there is overflow
   PerChannel full_step_bound_ps;  ///< the same for steps with overflow
-  PerChannel tags;                ///< decoded in this batch
+  /// How far a tag moves the end of the tags: sizeof(TimeTag), or 0 while the channel has no time
+  /// and its tags are overwritten by the next.
+  PerChannel tag_bytes;
+  PerChannel tags;  ///< decoded in this batch
 };
 
 /// The place in a batch.
