@@ -31,13 +31,19 @@ class FastDecoder {
   return names;
 }
 
-[[nodiscard]] inline std::unique_ptr<FastDecoder> make_decoder(
-    const timing::StreamFileHeader& header, const std::string& kernel) {
+/// What `make` returns where it chooses that kernel.
+template <typename Make>
+[[nodiscard]] auto with_kernel(const std::string& kernel, const Make& make) {
   constexpr const char* kVariable = "ORVO_PACKED_KERNEL";
   setenv(kVariable, kernel.c_str(), 1);
-  auto decoder = std::make_unique<FastDecoder>(header);
+  auto made = make();
   unsetenv(kVariable);
-  return decoder;
+  return made;
+}
+
+[[nodiscard]] inline std::unique_ptr<FastDecoder> make_decoder(
+    const timing::StreamFileHeader& header, const std::string& kernel) {
+  return with_kernel(kernel, [&] { return std::make_unique<FastDecoder>(header); });
 }
 
 }  // namespace orvo::benchmarks

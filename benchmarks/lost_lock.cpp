@@ -13,7 +13,7 @@ namespace {
 constexpr std::size_t kPlainChunks = 3;
 
 /// Seconds a chunk, with the search and with what the buffer does about bytes left over.
-/// `feed` appends bytes, decodes them and tells whether the lock is still held.
+/// `feed` appends bytes, decodes them and reports whether the lock is still held.
 template <typename Feed>
 double seconds_per_chunk(const PackedStream& stream, std::size_t chunks, const Feed& feed) {
   if (!feed(stream.warm_up())) throw std::logic_error("no lock was found");

@@ -24,6 +24,7 @@ int main(int argc, char** argv) {
   Table table;
   add_decoding(table);
   add_lost_locks(table);
+  add_unsynced_channels(table);
   add_lock_search(table);
   add_read_back(table);
   add_capture(table);

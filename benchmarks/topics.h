@@ -7,6 +7,7 @@ namespace orvo::benchmarks {
 
 void add_decoding(Table& table);
 void add_lost_locks(Table& table);
+void add_unsynced_channels(Table& table);
 void add_lock_search(Table& table);
 void add_read_back(Table& table);
 void add_capture(Table& table);
