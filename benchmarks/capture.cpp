@@ -59,7 +59,7 @@ double regrowing_seconds(const std::string& path, std::uint64_t total_bytes,
 
 Figures measure_full_reads() {
   // A larger file would measure how the system finds memory for it. So that the queue's memory is
-  // small beside it, the queue is short; an instrument does not fill a long one either.
+  // small in comparison, the queue is short; an instrument does not fill a long one either.
   constexpr std::uint64_t kTotalBytes = 256 << 20;
   constexpr std::uint64_t kQueueChunks = 8;
   const tests::ScratchDirectory directory;

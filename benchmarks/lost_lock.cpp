@@ -1,4 +1,4 @@
-// A damaged stream: the lock is lost and searched anew in every chunk.
+// A damaged stream: the lock is lost and searched again in every chunk.
 
 #include <stdexcept>
 

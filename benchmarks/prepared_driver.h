@@ -1,4 +1,4 @@
-// A driver library inside this program that has all bytes ready: what a capture costs beside it is
+// A driver library inside this program that has all bytes ready: what a capture costs besides it is
 // the capture's own. It defines the ot_ operations; all succeed.
 #pragma once
 

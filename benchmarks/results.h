@@ -20,7 +20,7 @@ using Results = std::map<std::string, std::vector<Figures>>;  // repetitions of 
 /// benchmark with an error.
 void add_benchmark(const std::string& name, std::function<Figures()> measure);
 
-/// Runs what is registered. False when a benchmark failed; that is told on standard error.
+/// Runs what is registered. False when a benchmark failed; which is reported on standard error.
 [[nodiscard]] bool run_benchmarks(Results& results);
 
 template <typename Function>

@@ -117,7 +117,7 @@ PackedStream make_stream(timing::Mode mode, double hz) {
   return stream;
 }
 
-/// Behind the first sync record from bit `position` on, moves the sync to another channel.
+/// After the first sync record from bit `position` on, moves the sync to another channel.
 void damage_sync(std::vector<std::uint8_t>& bytes, std::uint64_t position) {
   constexpr unsigned kWidth = kDeltaBits + 3;
   constexpr std::uint64_t kSyncStart = (std::uint64_t{2} << kDeltaBits) - 1;  // of any channel

@@ -1,4 +1,4 @@
-// The ratios in which speed is told, each with what it is to reach.
+// The ratios by which speed is reported, each with its goal.
 #pragma once
 
 #include <ostream>

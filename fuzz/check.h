@@ -46,7 +46,7 @@ inline std::optional<DecoderInput> decoder_input(Bytes bytes) {
   return input;
 }
 
-/// Holds its bytes in memory, where whatever wants a path can read them.
+/// Holds its bytes in memory, where code that wants a path can read them.
 class MemoryFile {
  public:
   MemoryFile() : descriptor_(memfd_create("fuzz", 0)) { require(descriptor_ >= 0); }

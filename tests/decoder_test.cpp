@@ -1,4 +1,4 @@
-// Raw64 and delta32 records to timestamps, whatever chunks they come in.
+// Raw64 and delta32 records to timestamps, in chunks of any size.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -33,7 +33,7 @@ std::string decoded(Format format, const char* raw64_tag_format, const Bytes& by
   return text_of(tags);
 }
 
-/// One record of a stream, told as its kind and up to three numbers: "d1,500".
+/// One record of a stream, written as its kind and up to three numbers: "d1,500".
 struct Item {
   char kind = 0;
   unsigned long a = 0, b = 0, c = 0;

@@ -37,7 +37,8 @@ TEST(Evaluation, OverflowIsRequiredWhereOneRecordCannotCarryThePeriod) {
     EvaluationSettings settings;
     settings.packed_bits = c.packed_bits;
     settings.packed_quantum_ps = c.packed_quantum_ps;
-    EXPECT_EQ(derive_rates(c.divider, settings).overflow_required, c.required) << c.divider << ' ' << +c.packed_bits;
+    EXPECT_EQ(derive_rates(c.divider, settings).overflow_required, c.required)
+        << c.divider << ' ' << +c.packed_bits;
   }
 }
 

@@ -100,7 +100,7 @@ TEST(SimulatedStream, DecodesExactly) {
       const std::string syncs = "clock_ps=14315108000000;sync_interval=25";
       expect_exact({kPacked, bits, quantum_ps, kInside, 0, 15, 200'000'000, syncs});
     }
-    if (quantum_ps == 1) continue;  // behind a wrap, a sync some 10 ms after an event is ambiguous
+    if (quantum_ps == 1) continue;  // after a wrap, a sync about 10 ms after an event is ambiguous
     expect_exact({kPacked, 24, quantum_ps, kInside, 0, 3097800, kMinutePs, ""});
   }
   expect_exact({kPacked, 16, 8, kOutside, 0, 0, kMinutePs, "external_hz=90,20,10,3"});

@@ -75,9 +75,9 @@ RunResult measured(const Config& config, std::size_t index, const fs::path& run_
       run_dir / ("overflow_frequency_0" + std::to_string(index + 1) + ".ortime");
   const double requested_hz = config.frequencies_hz[index];
   const long divider = std::lround(verification::kCalibrationBaseHz / requested_hz);
-  RunResult run = judge(verification::read_tag_statistics(stream_file.string(), 1 << 20),
-                        verification::derive_rates(static_cast<std::uint32_t>(divider), config),
-                        config);
+  RunResult run =
+      judge(verification::read_tag_statistics(stream_file.string(), 1 << 20),
+            verification::derive_rates(static_cast<std::uint32_t>(divider), config), config);
   run.requested_hz = requested_hz;
   run.stream_file = stream_file;
   run.payload_bytes = payload_of(stream_file).size();
@@ -316,7 +316,7 @@ TEST_F(Tool, NamesWhatItDidNotFind) {
     const ToolResult result = run(c.sim, {std::string("--control-port=") + c.port});
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.err, c.err);
-    // The unfinished line tells what the tool was at.
+    // The unfinished line shows which step failed.
     const bool opened = lines_with(result.ledger, "ot_identify") != "";
     EXPECT_EQ(result.out.ends_with("\nDevice: "), opened);
     EXPECT_TRUE(result.ledger.ends_with(opened ? kClosed : "end misuses=0\n"));

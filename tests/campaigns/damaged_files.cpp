@@ -238,8 +238,8 @@ class FlippedBits {
     cost_.turned = std::max(cost_.turned, missing(turns_, sorted(tags, kWrapPs)));
   }
 
-  /// The fault shows with the next syncs, one chunk later at the latest; the one behind brings the
-  /// lock; from then on all is as if nothing had been, turns of the clock aside.
+  /// The fault shows with the next syncs, one chunk later at the latest; the chunk after that
+  /// brings the lock; from then on all tags come, turns of the clock aside.
   void expect_lock_again(const Tags& tags, std::size_t chunk) {
     if (chunk + 2 >= chunk_ends_.size()) return;
     const std::size_t rest = tags_.size() - chunk_ends_[chunk + 2];

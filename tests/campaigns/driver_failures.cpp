@@ -1,5 +1,5 @@
 // Every call of a run that can fail is made to fail: with each status, once and from then on,
-// before and after its effect, alone and with failures behind it that must not be told.
+// before and after its effect, alone and with failures after it that must not be reported.
 //
 //     campaign_driver_failures [RUNS | all]
 #include <map>

@@ -1,5 +1,5 @@
 // A limit of file sizes, which is a disk that is full, at any byte: of a small recording and of the
-// reports behind it, at every size, and of a large recording.
+// reports after it, at every size, and of a large recording.
 //
 //     campaign_full_disk [RUNS | all]
 #include <algorithm>

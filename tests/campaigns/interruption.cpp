@@ -150,7 +150,7 @@ Cases phases() {
   Cases cases;
   const ToolCall capture{.arguments = {"--capture-s=1000", "--chunk-bytes=4096"}};
   const ToolCall silence{.arguments = {"--capture-s=1000"}, .sim = "pace=bytes:1"};
-  // A search for a lock in vain behind each byte that is read back.
+  // A search for a lock, without success, after each byte that is read back.
   const ToolCall search{.arguments = {"--capture-s=0.3", "--chunk-bytes=1"},
                         .sim = "silent=1;pace=bytes:2000000"};
   for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {

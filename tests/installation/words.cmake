@@ -59,7 +59,7 @@ collect(documented "\n. `([a-z_]+)` ." "${text}")
 list(REMOVE_ITEM settings cal_freq_hz)  # named in the row of the key that it is another name of
 expect_same("Settings in README.md" "${documented}" "${settings}")
 if(NOT text MATCHES "also `cal_freq_hz`")
-  message(SEND_ERROR "README.md does not tell of cal_freq_hz")
+  message(SEND_ERROR "README.md does not mention cal_freq_hz")
 endif()
 
 # What the simulated instrument can be told.

@@ -1,6 +1,6 @@
 // The packed-delta decoder in its plainest form: one record at a time, every rule written out where
 // it applies, the lock search by trying every start. The decoder of the timing layer has to agree
-// with it in everything that can be seen, and its speed is told as a multiple of this one's.
+// with it in everything that can be seen, and its speed is given as a multiple of this one's.
 // It shares no code with the timing layer. One thread per object.
 #pragma once
 

@@ -14,8 +14,8 @@ namespace orvo::tests {
 
 struct ScriptedRead {
   ot_status status = OT_OK;
-  std::string bytes;  // copied as far as they fit; the count told is that of all, on any status
-  std::uint64_t claimed = 0;  // more bytes, told and not written
+  std::string bytes;  // copied as far as they fit; the count reported is that of all, on any status
+  std::uint64_t claimed = 0;  // more bytes, reported and not written
 };
 
 struct ScriptedInstrument {
@@ -31,7 +31,7 @@ struct ScriptedFailure {
 /// Installs itself as what the ot_ operations do, for as long as it lives; one at a time.
 ///
 /// A call is recorded as its name without "ot_" and its inputs, then, where it has outputs, "/" and
-/// what they held on entry ("set_calibration_freq 1000/0"), with "; " behind it. A call on a wrong
+/// what they held on entry ("set_calibration_freq 1000/0"), followed by "; ". A call on a wrong
 /// handle or list, or from a thread other than the one that made the script, is marked with "!".
 class ScriptedDriver {
  public:

@@ -18,7 +18,7 @@ using Texts = std::vector<std::string>;
 
 struct ToolCall {
   Texts arguments = {};
-  Texts environment = {};    ///< "NAME=value", beside the test's own without its ORVO_ variables
+  Texts environment = {};    ///< "NAME=value", besides the test's own without its ORVO_ variables
   std::string sim = {};      ///< ORVO_SIM; the ledger is added, and comes through a pipe
   std::string closed = {};   ///< digits of the standard descriptors that are closed at the start
   bool unread = false;       ///< standard output and error are pipes that nobody reads
@@ -105,7 +105,7 @@ class ToolProcess : public ToolResult {
 /// The only directory in `root`; "" if there is none, none that exists if there are more.
 [[nodiscard]] std::filesystem::path run_dir_in(const std::filesystem::path& root);
 
-/// The names in `directory`, sorted, with a space behind each.
+/// The names in `directory`, sorted, with a space after each.
 [[nodiscard]] std::string names_in(const std::filesystem::path& directory);
 
 }  // namespace orvo::tests

@@ -6,7 +6,6 @@
 #include <vector>
 
 #include "orvo/verification/evaluation.h"
-#include "orvo/verification/evaluation.h"
 
 namespace orvo::inspection {
 

@@ -44,7 +44,7 @@ class Ledger {
 };
 
 /// The state of a device's stream by the statuses that the caller got. A stop that failed is to be
-/// repeated once, with flag 0; the stream then counts as stopped, whatever that returns.
+/// repeated once, with flag 0; the stream then counts as stopped, also if that fails.
 enum class StreamState { idle, running, stop_failed };
 
 }  // namespace orvo::simulator

@@ -25,7 +25,7 @@ class Error : public std::runtime_error {
         status_(status),
         operation_length_(operation.size()) {}
 
-  /// One of ot_status.h, or whatever the driver library returned, unchanged.
+  /// One of ot_status.h, or the status that the driver library returned, unchanged.
   [[nodiscard]] ot_status status() const noexcept { return status_; }
 
   /// The class or the driver call that failed; empty where the message names none.

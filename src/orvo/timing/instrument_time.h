@@ -19,7 +19,7 @@ inline constexpr std::uint64_t kInternalStepLimitPs = 1'000'000'000'000;
 /// Events of a channel may be reported this much out of order.
 inline constexpr std::uint64_t kBackwardTolerancePs = 1'000'000;
 
-/// The instrument's 41-bit counter of ticks of 2^`quantum_shift` ps. It starts anew whenever the
+/// The instrument's 41-bit counter of ticks of 2^`quantum_shift` ps. It restarts from 0 when the
 /// clock wraps; the steps in a stream are differences of two counts, modulo the counter's period.
 struct TickCounter {
   static constexpr unsigned kBits = 41;

@@ -5,8 +5,8 @@ namespace {
 
 constexpr std::string_view kWhiteSpace = " \t\n\v\f\r";
 
-/// What follows the first ':' behind the first "key"; nothing when there is no such place or
-/// the text ends with it.
+/// What follows the first ':' after the first "key"; nothing when there is no such place or the
+/// text ends with it.
 std::optional<std::string_view> find_value(std::string_view text, std::string_view key) {
   const std::string needle = '"' + std::string(key) + '"';
   const std::size_t found = text.find(needle);

@@ -1,5 +1,5 @@
 // Raw64 records: eight bytes, big-endian, in one of two layouts. Nothing marks where they begin, so
-// the scan goes on byte by byte over whatever is not a valid record.
+// eight bytes that are no valid record are scanned byte by byte.
 #pragma once
 
 #include <array>

@@ -89,7 +89,7 @@ void StreamFileWriter::open(const std::string& path, const StreamFileHeader& hea
   if (!file_) {
     throw Error(OT_ERR_IO, kWriter, "cannot open " + path);
   }
-  file_.setstate(std::ios::failbit);  // whatever throws: no payload without a header
+  file_.setstate(std::ios::failbit);  // also after an exception: no payload without a header
   const std::string text = detail::stream_header_to_json(header_);
   if (text.size() >= kHeaderLimitBytes) {
     throw Error(OT_ERR_ARGUMENT, kWriter, "header is too large");
@@ -230,7 +230,7 @@ bool StreamFileReader::decode_chunk(std::uint64_t chunk_bytes) {
   return true;
 }
 
-/// Hands up to `chunk_bytes` of the payload to the decoder and returns how many there were.
+/// Appends up to `chunk_bytes` of the payload to the decoder's input and returns how many.
 std::uint64_t StreamFileReader::read_chunk(std::uint64_t chunk_bytes) {
   StreamDecoder& decoder = *file_->decoder;
   std::ifstream& stream = file_->stream;

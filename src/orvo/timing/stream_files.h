@@ -3,8 +3,7 @@
 //   orvo::timing::StreamFileReader reader;
 //   reader.open("overflow_frequency_01.ortime");
 //   reader.for_each_batch(1 << 20, [](std::span<const orvo::timing::TimeTag> tags) {
-//     for (const auto& tag : tags) std::cout << unsigned{tag.channel} << ' ' << tag.time_ps <<
-//     '\n';
+//     for (auto tag : tags) std::cout << unsigned{tag.channel} << ' ' << tag.time_ps << '\n';
 //   });
 //
 // Threads: neither class locks; each object belongs to one thread at a time.
@@ -50,7 +49,7 @@ class StreamFileWriter {
   /// the standard library's stream does it: a failed write is thus reported by the write() that
   /// met it, where bytes collected in the buffer would fail unseen in close(). A null `data` is
   /// allowed for no bytes. Before any open() and after close(), the first bytes fail with
-  /// OT_ERR_IO, and only what follows as not open.
+  /// OT_ERR_IO, all later ones with OT_ERR_NOT_OPEN.
   void write(const std::uint8_t* data, std::uint64_t size);
 
   /// Writes out what is buffered and closes. A failure is not reported.
@@ -70,8 +69,8 @@ class StreamFileReader {
   StreamFileReader(StreamFileReader&& other) noexcept;
   StreamFileReader& operator=(StreamFileReader&& other) noexcept;
 
-  /// Opens and checks `path` and stands at its first payload byte. Nothing of an earlier file is
-  /// kept. After a failure the reader is not open.
+  /// Opens and checks `path` and stands at its first payload byte. An earlier file is closed
+  /// first. After a failure the reader is not open.
   void open(const std::string& path);
   void close() noexcept;
   [[nodiscard]] bool is_open() const noexcept { return file_ != nullptr; }
@@ -85,8 +84,8 @@ class StreamFileReader {
   [[nodiscard]] std::uint64_t payload_start_bytes() const noexcept;
   /// Bytes of the file read so far, those before the payload included.
   [[nodiscard]] std::uint64_t read_bytes() const noexcept;
-  /// Payload bytes read that wait to be decoded; at the end of the payload no tag comes of them any
-  /// more. None where the header describes records that cannot be decoded.
+  /// Payload bytes read that wait to be decoded; those left at the end of the payload yield no tag.
+  /// 0 where the header describes records that cannot be decoded.
   [[nodiscard]] std::uint64_t undecoded_bytes() const noexcept;
 
   /// The next timestamps in decoding order, at most `max_tags`; none at the end of the payload.

@@ -26,7 +26,7 @@ struct StreamFileHeader {
   std::uint8_t channel_mask = 0x0F;  ///< bit c for channel c, 0 to 3
   std::uint8_t tdl_index = 0;
   std::uint8_t delta_bits = 16;         ///< width of one packed delta
-  std::uint16_t quantum_ps = 8;         ///< time quantum of one packed-delta step
+  std::uint16_t quantum_ps = 8;         ///< packed-delta ticks: the largest power of two in it
   std::string raw64_tag_format = "ps";  ///< "ps" or "raw_cf" (coarse and fine count)
   std::string created_utc;              ///< empty: filled from the clock when written
   std::string application;

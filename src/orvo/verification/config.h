@@ -13,7 +13,7 @@
 
 namespace orvo::verification {
 
-/// Of the channels and the packed-delta format it holds what the verdict depends on as well.
+/// All settings of a verification; those that the verdict depends on are in the base.
 struct Config : EvaluationSettings {
   std::string control_port;  ///< empty: ORVO_TIMING_PORT or the first instrument found
   std::string usb_serial;    ///< not empty: handed to the driver library by environment
@@ -39,9 +39,9 @@ struct Config : EvaluationSettings {
 /// std::invalid_argument or std::out_of_range and leaves the setting as it was.
 void apply_config_line(Config& config, std::string key, std::string value);
 
-/// Where the settings file may be, in search order: beside the program, in the working directory,
-/// in `source_dir`/verification. `argv` is the program's argument vector, of which only the first
-/// is used. Throws std::filesystem::filesystem_error without a working directory.
+/// Where the settings file may be, in search order: in the program's folder, in the working
+/// directory, in `source_dir`/verification. `argv` is the program's argument vector, of which only
+/// the first is used. Throws std::filesystem::filesystem_error without a working directory.
 [[nodiscard]] std::vector<std::filesystem::path> config_candidates(
     char** argv, const std::filesystem::path& source_dir);
 

@@ -54,7 +54,7 @@ struct EvaluationSettings {
   double tolerance_ppm = 25.0;              ///< largest accepted rate error of a channel
   std::uint64_t min_tags_per_channel = 64;  ///< fewest timestamps that a channel needs to pass
   std::uint8_t packed_bits = 16;            ///< width of one packed delta
-  std::uint16_t packed_quantum_ps = 8;      ///< time quantum of one packed-delta step
+  std::uint16_t packed_quantum_ps = 8;      ///< see timing::StreamFileHeader
 
   bool operator==(const EvaluationSettings&) const = default;
 };

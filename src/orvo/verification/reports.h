@@ -27,7 +27,7 @@ std::ostream& operator<<(std::ostream& out, Fixed number);
 void write_reports(const std::filesystem::path& output_root, const std::filesystem::path& run_dir,
                    const Config& config, const std::vector<RunResult>& results, bool all_pass);
 
-/// One row for each run and channel, whatever the channel mask.
+/// One row for each run and channel, also for channels outside the channel mask.
 void write_csv(const std::filesystem::path& csv_path, const std::vector<RunResult>& results);
 
 void write_json_report(const std::filesystem::path& json_path, const Config& config,

@@ -32,7 +32,7 @@ enum ExitStatus : int {
 /// the exit status. `output_root` and `run_dir` are absolute; `run_dir` exists.
 ///
 /// Threads: call once, from a thread that alone uses standard output and the environment.
-/// Errors: whatever a step throws; later runs and the reports are then left out.
+/// Errors: those of each step; later runs and the reports are then left out.
 [[nodiscard]] ExitStatus run_verification(const Config& config,
                                           const std::filesystem::path& output_root,
                                           const std::filesystem::path& run_dir);

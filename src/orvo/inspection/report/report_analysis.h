@@ -11,7 +11,6 @@
 #include "orvo/inspection/lock_history.h"
 #include "orvo/timing/stream_header.h"
 #include "orvo/verification/evaluation.h"
-#include "orvo/verification/evaluation.h"
 
 namespace orvo::inspection {
 

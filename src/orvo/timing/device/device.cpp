@@ -10,7 +10,7 @@
 namespace orvo::timing {
 namespace {
 
-/// Releases a discovery list, whatever happens while it is read.
+/// Releases a discovery list, also where reading it throws.
 struct ReleasedList {
   explicit ReleasedList(ot_discovery_list* owned) : list(owned) {}
   ~ReleasedList() { ot_discover_free(list); }
@@ -63,7 +63,7 @@ std::vector<DiscoveredDevice> Device::discover() {
 
 Device::Device() { fine_lut.fill(detail::default_fine_table()); }
 
-// Whatever throws once Device() has completed, the destructor runs and closes an opened handle.
+// Once Device() has completed, an exception from here runs the destructor, which closes the handle.
 Device::Device(const std::string& port, int baud, FineTableSource fine_tables) : Device() {
   handle = open_handle(port, baud);
   owns_handle = true;

@@ -49,7 +49,7 @@ struct CaptureRequest {
   std::uint8_t tdl_index = 0;
   double cal_freq_hz = 0;               ///< of the calibration source; internal mode only
   std::uint8_t packed_bits = 16;        ///< width of one packed delta; packed-delta format only
-  std::uint16_t packed_quantum_ps = 8;  ///< time quantum of one step; packed-delta format only
+  std::uint16_t packed_quantum_ps = 8;  ///< see StreamFileHeader; packed-delta format only
   Transport transport = Transport::usb;
   std::uint64_t chunk_bytes = 1 << 20;  ///< of one read; raised to 4096
   std::uint64_t queue_chunks = 128;     ///< reads that may wait for the disk; raised to 2

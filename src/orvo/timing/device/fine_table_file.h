@@ -1,4 +1,4 @@
-// The instrument's own fine-time tables, from a file beside the user's work.
+// The instrument's own fine-time tables, from a file in the working directory.
 #pragma once
 
 #include <array>
