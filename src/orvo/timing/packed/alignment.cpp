@@ -12,10 +12,6 @@
 namespace orvo::timing::detail {
 namespace {
 
-constexpr std::size_t kSpanBytes = 65'536;
-constexpr std::size_t kLastOffset = 64;
-constexpr std::size_t kLastOffsetOneChannel = 16;
-
 std::size_t last_offset(std::size_t buffer_bytes, const PackedFormat& format) {
   return std::min(format.active_channels == 1 ? kLastOffsetOneChannel : kLastOffset,
                   buffer_bytes - 1);
@@ -40,7 +36,7 @@ class Search {
   void judge(std::uint64_t begin, unsigned grid);
 
   [[nodiscard]] std::uint64_t end_of_span(std::uint64_t offset) const {
-    return 8 * std::min<std::uint64_t>(offset + kSpanBytes, buffer_bytes_);
+    return 8 * std::min<std::uint64_t>(offset + kSearchedBytes, buffer_bytes_);
   }
 
   const PackedFormat& format_;
@@ -65,9 +61,9 @@ Search::Search(std::span<const std::uint8_t> buffer, const PackedFormat& format)
       buffer_bytes_(buffer.size()),
       last_offset_(last_offset(buffer.size(), format)),
       begins_(8 * last_offset_ + format.width),
-      searched_{
-          BitView(buffer.first(std::min<std::size_t>(buffer.size(), last_offset_ + kSpanBytes))),
-          format, end_of_span(0)},
+      searched_{BitView(buffer.first(
+                    std::min<std::size_t>(buffer.size(), last_offset_ + kSearchedBytes))),
+                format, end_of_span(0)},
       best_(format),
       map_(format.width) {}
 

@@ -1,6 +1,7 @@
-// Where records begin in a packed-delta stream: nothing in it marks the place, so it is searched.
+// The search for the bit at which packed-delta records begin, and the numbers in the lock's rules.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <span>
@@ -8,6 +9,22 @@
 #include "orvo/timing/packed/format.h"
 
 namespace orvo::timing::detail {
+
+// Limits of imbalance are ratios of the most to the least active channel.
+
+// The search of a buffer without a lock.
+inline constexpr std::size_t kSearchedBytes = 65'536;     ///< parsed from each byte offset
+inline constexpr std::size_t kLastOffset = 64;            ///< byte offset, several active channels
+inline constexpr std::size_t kLastOffsetOneChannel = 16;  ///< byte offset, one active channel
+inline constexpr std::uint64_t kMaxImbalance = 2;
+
+// A buffer in which the search found nothing.
+inline constexpr std::size_t kReportedBytes = 4'096;  ///< a shorter one waits for more bytes
+inline constexpr std::size_t kKeptBytes = 4'096;      ///< of one longer than kSearchedBytes
+
+// A batch of tags that was decoded with a lock.
+inline constexpr std::uint64_t kMinJudgedTags = 4'096;
+inline constexpr std::uint64_t kMaxBatchImbalance = 8;
 
 /// A place from which records parse into syncs and data, and how well the channels did.
 struct AlignmentCandidate {

@@ -29,7 +29,7 @@ void BestAlignment::offer(const AlignmentParse& parse, std::uint64_t offset, std
   if (candidate.synced < format_.required_synced) {
     return;
   }
-  const bool unbalanced = format_.balanced && 2 * candidate.min < candidate.max;
+  const bool unbalanced = format_.balanced && kMaxImbalance * candidate.min < candidate.max;
   std::optional<Entry>& best = unbalanced ? rejected_ : best_;
   if (better(entry, best, !unbalanced)) {
     best = entry;

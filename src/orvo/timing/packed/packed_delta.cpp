@@ -11,12 +11,7 @@
 namespace orvo::timing {
 namespace {
 
-constexpr std::size_t kSearchedBytes = 65'536;   // of a buffer without a lock, at the most
-constexpr std::size_t kKeptBytes = 4'096;        // when such a buffer is given up
-constexpr std::size_t kReportedBytes = 4'096;    // less may simply not be enough for a lock
-constexpr std::uint64_t kMinJudgedTags = 4'096;  // in a batch
-constexpr std::uint64_t kMaxImbalance = 8;       // most to least active channel
-constexpr unsigned kMaxDebugLines = 200;         // of one decoder
+constexpr unsigned kMaxDebugLines = 200;  // of one decoder
 
 LockEvent rejection(const detail::AlignmentCandidate& candidate) {
   return {.kind = LockEvent::Kind::rejected_alignment,
@@ -41,8 +36,9 @@ std::optional<LockEvent> imbalance(const detail::PackedBatch& batch,
     }
   }
   event.records = batch.records;
-  const bool judged = format.balanced && event.total >= kMinJudgedTags;
-  return judged && event.min * kMaxImbalance < event.max ? std::optional(event) : std::nullopt;
+  const bool judged = format.balanced && event.total >= detail::kMinJudgedTags;
+  const bool imbalanced = event.min * detail::kMaxBatchImbalance < event.max;
+  return judged && imbalanced ? std::optional(event) : std::nullopt;
 }
 
 }  // namespace
@@ -89,11 +85,11 @@ bool PackedDeltaDecoder::take_lock(InputBuffer& input) {
     if (search.rejected) {
       report(input, rejection(*search.rejected));
     }
-    if (input.size() >= kReportedBytes) {
+    if (input.size() >= detail::kReportedBytes) {
       LockEvent event{.kind = LockEvent::Kind::no_alignment, .buffer_bytes = input.size()};
-      if (input.size() > kSearchedBytes) {
-        event.drop_bytes = input.size() - kKeptBytes;
-        input.keep_back(kKeptBytes);
+      if (input.size() > detail::kSearchedBytes) {
+        event.drop_bytes = input.size() - detail::kKeptBytes;
+        input.keep_back(detail::kKeptBytes);
       }
       report(input, event);
     }
