@@ -2,23 +2,35 @@
 
 #include <algorithm>
 #include <array>
-#include <bit>
+#include <tuple>
 
-#include "orvo/timing/packed/best_alignment.h"
-#include "orvo/timing/packed/grid_map.h"
 #include "orvo/timing/packed/record_grid.h"
 #include "orvo/timing/packed/turning_points.h"
 
 namespace orvo::timing::detail {
 namespace {
 
-std::size_t last_offset(std::size_t buffer_bytes, const PackedFormat& format) {
-  return std::min(format.active_channels == 1 ? kLastOffsetOneChannel : kLastOffset,
-                  buffer_bytes - 1);
+AlignmentCandidate candidate_of(const AlignmentParse& parse, std::uint64_t begin,
+                                const PackedFormat& format) {
+  const std::uint64_t first_record = parse.was_reset() ? parse.restart : begin;
+  AlignmentCandidate candidate{
+      .drop_bytes = first_record / 8, .bit_offset = first_record % 8, .min = UINT64_MAX};
+  for (unsigned c = 0; c < 4; ++c) {
+    if (format.active(c)) {
+      const std::uint64_t count = parse.counts[c];
+      candidate.synced += count > 0 ? 1 : 0;
+      candidate.min = std::min(candidate.min, count);
+      candidate.max = std::max(candidate.max, count);
+      candidate.total += count;
+    }
+  }
+  return candidate;
 }
 
-/// One walk from the last bit to the first: each turning point is met by its grid, and each place
-/// where a parse begins is judged when all behind it is known.
+/// Each byte offset has a span of bytes, and a parse begins at every bit shift in it. Two parses
+/// that begin at one bit, but in different spans, differ only in where they end, and the first span
+/// ends first. So one parse a bit is read to the end of the first span, for a whole grid at once,
+/// and from there to the end of one span after the other.
 class Search {
  public:
   Search(std::span<const std::uint8_t> buffer, const PackedFormat& format);
@@ -26,176 +38,74 @@ class Search {
   [[nodiscard]] AlignmentSearch run();
 
  private:
-  void visit_block(std::uint64_t first_word, const TurningPoints& points);
-  void visit_word(std::uint64_t word, std::uint64_t turns, std::uint64_t inactive,
-                  std::uint64_t begins);
-  [[nodiscard]] std::uint64_t begins_in(std::uint64_t word) const;
-  [[nodiscard]] bool pass_sync_starts(std::uint64_t word, unsigned slot, std::uint64_t sync_starts);
-  void catch_up();
-  void meet(std::uint64_t position, unsigned grid, bool is_inactive);
-  void judge(std::uint64_t begin, unsigned grid);
+  static constexpr unsigned kMaxWidth = PackedFormat::kMaxBits + 3;
 
-  [[nodiscard]] std::uint64_t end_of_span(std::uint64_t offset) const {
-    return 8 * std::min<std::uint64_t>(offset + kSearchedBytes, buffer_bytes_);
+  void read_grid(unsigned grid, const TurningPoints& turning_points);
+  void offer(const AlignmentCandidate& candidate);
+
+  [[nodiscard]] std::uint64_t end_of_span(std::size_t offset) const {
+    return 8 * std::uint64_t{std::min(offset + kSearchedBytes, buffer_bytes_)};
   }
 
   const PackedFormat& format_;
   const std::size_t buffer_bytes_;
-  const std::uint64_t last_offset_;
-  const std::uint64_t begins_;  ///< a parse begins at each bit before this one
-  const SearchedBits searched_;
-  BestAlignment best_;
-
-  std::array<RecordGrid, kMaxGrids> grids_;
-  GridMap map_;
-  /// Grids with a sync start behind the bits that all spans share.
-  std::array<bool, kMaxGrids> late_start_{};
-
-  std::uint64_t later_starts_ = 0;  ///< sync starts of the word behind the one visited
-  std::uint64_t can_pass_ = 0;      ///< set of grids; see RecordGrid::can_pass
-  std::uint64_t passed_odd_ = 0;    ///< those that passed an odd number and do not know it yet
+  const std::size_t last_offset_;
+  const BitView bits_;
+  std::array<AlignmentParse, 8 * kLastOffset + kMaxWidth> parses_;  ///< by the bit of the begin
+  AlignmentSearch best_;
 };
 
 Search::Search(std::span<const std::uint8_t> buffer, const PackedFormat& format)
     : format_(format),
       buffer_bytes_(buffer.size()),
-      last_offset_(last_offset(buffer.size(), format)),
-      begins_(8 * last_offset_ + format.width),
-      searched_{BitView(buffer.first(
-                    std::min<std::size_t>(buffer.size(), last_offset_ + kSearchedBytes))),
-                format, end_of_span(0)},
-      best_(format),
-      map_(format.width) {}
+      last_offset_(std::min(format.active_channels == 1 ? kLastOffsetOneChannel : kLastOffset,
+                            buffer_bytes_ - 1)),
+      bits_(buffer.first(end_of_span(last_offset_) / 8)) {}
 
 AlignmentSearch Search::run() {
-  const std::size_t blocks_with_begins =
-      (begins_ + 8 * TurningPoints::kBytes - 1) / (8 * TurningPoints::kBytes);
-  const std::size_t blocks =
-      (searched_.bits.bytes().size() + TurningPoints::kBytes - 1) / TurningPoints::kBytes;
-  TurningPoints points;
-  for (std::size_t block = std::max(blocks, blocks_with_begins); block-- > 0;) {
-    if (!map_.any_open()) {
-      block = std::min(block, blocks_with_begins - 1);
-    }
-    const std::size_t byte = block * TurningPoints::kBytes;
-    if (!find_turning_points(searched_.bits, byte, format_, points)) {
-      later_starts_ = 0;
-      if (block >= blocks_with_begins) {
-        continue;
-      }
-      points = {};
-    }
-    visit_block(block * TurningPoints::kWords, points);
-  }
-  return best_.result();
-}
-
-void Search::visit_block(std::uint64_t first_word, const TurningPoints& points) {
-  unsigned slot = map_.slot_of(first_word + TurningPoints::kWords);
-  for (std::size_t i = TurningPoints::kWords; i-- > 0;) {
-    const std::uint64_t word = first_word + i;
-    slot = map_.slot_before(slot);
-    const std::uint64_t begins = begins_in(word);
-    const std::uint64_t turns = (points.sync_starts[i] | points.inactive[i]) & map_.open(slot);
-    const bool only_starts = (begins | (turns & points.inactive[i])) == 0;
-    if ((turns | begins) != 0 && !(only_starts && pass_sync_starts(word, slot, turns))) {
-      visit_word(word, turns, points.inactive[i], begins);
-    }
-    later_starts_ = points.sync_starts[i];
-  }
-}
-
-void Search::visit_word(std::uint64_t word, std::uint64_t turns, std::uint64_t inactive,
-                        std::uint64_t begins) {
-  catch_up();
-  const std::uint8_t* const grids = map_.grids_of(map_.slot_of(word));
-  for (std::uint64_t bits = turns | begins; bits != 0; bits &= bits - 1) {
-    const auto behind = static_cast<unsigned>(std::countr_zero(bits));
-    const std::uint64_t position = 64 * word + 63 - behind;
-    const unsigned grid = grids[63 - behind];
-    if ((turns >> behind & 1) != 0) {
-      meet(position, grid, (inactive >> behind & 1) != 0);
-    }
-    if ((begins >> behind & 1) != 0) {
-      judge(position, grid);
-    }
-  }
-}
-
-std::uint64_t Search::begins_in(std::uint64_t word) const {
-  if (64 * word >= begins_) {
-    return 0;
-  }
-  const std::uint64_t count = begins_ - 64 * word;
-  return count >= 64 ? ~std::uint64_t{0} : ~(~std::uint64_t{0} >> count);
-}
-
-/// In ones without end sync starts are everywhere, each broken by the next. Where a word has no
-/// others, its grids only have to know whether they passed an odd number of them.
-bool Search::pass_sync_starts(std::uint64_t word, unsigned slot, std::uint64_t sync_starts) {
-  const GridMap::Fold fold = map_.fold(slot, sync_starts);
-  if ((fold.any & ~can_pass_) != 0) {
-    return false;
-  }
-  const std::uint64_t starts_next =
-      sync_starts << format_.width | later_starts_ >> (64 - format_.width);
-  for (std::uint64_t bits = sync_starts & ~starts_next; bits != 0; bits &= bits - 1) {
-    const std::uint64_t position = 64 * word + 63 - static_cast<unsigned>(std::countr_zero(bits));
-    if (end_of_sync(position, searched_).kind != SyncEnd::Kind::broken_by_start) {
-      return false;
-    }
-  }
-  passed_odd_ ^= fold.odd;
-  return true;
-}
-
-void Search::catch_up() {
-  for (unsigned grid = 0; passed_odd_ != 0; ++grid) {
-    if ((passed_odd_ & map_.set_of(grid)) != 0) {
-      grids_[grid].pass_sync_start();
-      passed_odd_ ^= map_.set_of(grid);
-    }
-  }
-}
-
-void Search::meet(std::uint64_t position, unsigned grid, bool is_inactive) {
-  RecordGrid& records = grids_[grid];
-  if (position + format_.width > searched_.end) {
-    late_start_[grid] = late_start_[grid] || !is_inactive;
-    return;
-  }
-  if (records.settled()) {
-    return;
-  }
-  if (is_inactive) {
-    records.meet_inactive(position, format_.width);
-  } else {
-    records.meet_sync_start(position, searched_);
-  }
-  if (records.settled()) {
-    map_.close(grid);
-  }
-  if (records.can_pass()) {
-    can_pass_ |= map_.set_of(grid);
-  }
-}
-
-/// The spans of different byte offsets end at different records: the parse is taken on from
-/// the end that all share to the end of each.
-void Search::judge(std::uint64_t begin, unsigned grid) {
-  AlignmentParse parse = grids_[grid].outcome();
-  if (parse.idle() && !late_start_[grid]) {
-    return;
-  }
   const unsigned width = format_.width;
-  const std::uint64_t lowest = begin < width ? 0 : (begin - width) / 8 + 1;
-  std::uint64_t record = std::max(begin, searched_.end - (searched_.end - grid) % width);
-  for (std::uint64_t offset = lowest; offset <= std::min(begin / 8, last_offset_); ++offset) {
+  const TurningPoints turning_points(bits_, end_of_span(0), format_);
+  for (unsigned grid = 0; grid < width && grid + width <= end_of_span(0); ++grid) {
+    read_grid(grid, turning_points);
+  }
+  for (std::size_t offset = 0; offset <= last_offset_; ++offset) {
     const std::uint64_t end = end_of_span(offset);
-    for (; record + width <= end; record += width) {
-      parse.take(searched_.bits.from(record), record + width, format_);
+    for (std::uint64_t begin = 8 * offset; begin < 8 * offset + width; ++begin) {
+      if (begin + width <= end) {
+        parses_[begin].read_to(end, bits_, format_);
+        offer(candidate_of(parses_[begin], begin, format_));
+      }
     }
-    best_.offer(parse, offset, begin);
+  }
+  if (best_.found) {
+    best_.rejected.reset();
+  }
+  return best_;
+}
+
+/// Reads all parses of the grid to the end of the first span.
+void Search::read_grid(unsigned grid, const TurningPoints& turning_points) {
+  const std::uint64_t width = format_.width;
+  const std::uint64_t begins_end = 8 * last_offset_ + width;  // after the last bit shift
+  RecordGrid records(bits_, format_, turning_points, grid, end_of_span(0));
+  for (std::uint64_t n = (begins_end - grid + width - 1) / width; n-- > 0;) {
+    const std::uint64_t begin = grid + n * width;
+    parses_[begin] = records.outcome_from(begin);
+  }
+}
+
+/// Among equals the first one offered wins.
+void Search::offer(const AlignmentCandidate& candidate) {
+  if (candidate.synced < format_.required_synced) {
+    return;
+  }
+  const bool refused = format_.balanced && kMaxImbalance * candidate.min < candidate.max;
+  const auto rank = [refused](const AlignmentCandidate& c) {
+    return std::tuple(c.synced, refused ? 0 : c.min, c.total);
+  };
+  std::optional<AlignmentCandidate>& best = refused ? best_.rejected : best_.found;
+  if (!best || rank(candidate) > rank(*best)) {
+    best = candidate;
   }
 }
 

@@ -31,23 +31,19 @@ struct AlignmentCandidate {
   std::uint64_t drop_bytes = 0;  ///< whole bytes before the first record
   std::uint64_t bit_offset = 0;  ///< 0 to 7, within the next byte
   unsigned synced = 0;           ///< channels
-  std::uint64_t min = 0;         ///< records of the least and the most active channel, and of all
-  std::uint64_t max = 0;
-  std::uint64_t total = 0;
-
-  bool operator==(const AlignmentCandidate&) const = default;
+  std::uint64_t min = 0;         ///< data records of the least active channel
+  std::uint64_t max = 0;         ///< data records of the most active channel
+  std::uint64_t total = 0;       ///< data records
 };
 
 struct AlignmentSearch {
   std::optional<AlignmentCandidate> found;
-  /// With nothing found: the best that was refused for its imbalance.
+  /// If nothing was found: the best candidate among those refused for imbalance.
   std::optional<AlignmentCandidate> rejected;
-
-  bool operator==(const AlignmentSearch&) const = default;
 };
 
-/// Searches the front of `buffer`: the first 65 byte offsets (17 for a single active channel),
-/// every bit shift of a record at each, over at most 65,536 bytes.
+/// Searches the front of `buffer`: every byte offset up to the last one, and there every bit shift
+/// up to a record's width. Takes about 160 KiB of stack and no other memory.
 [[nodiscard]] AlignmentSearch probe_packed_alignment(std::span<const std::uint8_t> buffer,
                                                      const PackedFormat& format);
 

@@ -2,98 +2,127 @@
 
 #include <algorithm>
 
-#include "orvo/timing/packed/record_counts.h"
-
 namespace orvo::timing::detail {
+namespace {
 
-SyncEnd end_of_sync(std::uint64_t position, const SearchedBits& searched) {
-  const PackedFormat& format = searched.format;
-  const unsigned width = format.width;
-  const unsigned channel = record_kind(searched.bits.from(position)) / 2;
-  const std::uint64_t whole = position + (format.sync_records + std::uint64_t{1}) * width;
-  for (std::uint64_t stop = position + width; stop != whole; stop += width) {
-    if (stop + width > searched.end) {
-      return {SyncEnd::Kind::unfinished, channel, stop};
+// Of the record at the top of a word.
+unsigned channel_of(std::uint64_t record) { return static_cast<unsigned>(record >> 62); }
+bool is_flagged(std::uint64_t record) { return (record >> 61 & 1) != 0; }
+bool is_all_ones(std::uint64_t record, const PackedFormat& format) {
+  return (record >> (64 - format.width) & format.all_ones) == format.all_ones;
+}
+
+/// Position after the payloads that begin at `begin`, at most `limit`.
+std::uint64_t end_of_payloads(const BitView& bits, std::uint64_t begin, std::uint64_t limit,
+                              unsigned channel, unsigned width) {
+  std::uint64_t end = begin;
+  while (end < limit && channel_of(bits.from(end)) == channel && !is_flagged(bits.from(end))) {
+    end += width;
+  }
+  return end;
+}
+
+}  // namespace
+
+void AlignmentParse::read_to(std::uint64_t end, const BitView& bits, const PackedFormat& format) {
+  while (next + format.width <= end) {
+    const std::uint64_t record = bits.from(next);
+    next += format.width;
+    take(record, format);
+  }
+}
+
+void AlignmentParse::take(std::uint64_t record, const PackedFormat& format) {
+  const unsigned channel = channel_of(record);
+  const bool in_sync = sync_records_left > 0;
+  if (!format.active(channel) || (in_sync && (channel != sync_channel || is_flagged(record)))) {
+    *this = {.next = next, .restart = next};
+  } else if (in_sync) {
+    if (--sync_records_left == 0) {
+      pending_channel = channel;
     }
-    const std::uint64_t record = searched.bits.from(stop);
-    if (record_kind(record) != data_kind(channel)) {
-      const bool by_start = is_sync_start(record, format);
-      return {by_start ? SyncEnd::Kind::broken_by_start : SyncEnd::Kind::broken, channel, stop};
+  } else if (is_flagged(record)) {
+    if (is_all_ones(record, format)) {
+      sync_records_left = format.sync_records;
+      sync_channel = channel;
     }
-  }
-  return {SyncEnd::Kind::whole, channel, whole};
-}
-
-void RecordGrid::meet_sync_start(std::uint64_t position, const SearchedBits& searched) {
-  const SyncEnd end = end_of_sync(position, searched);
-  switch (end.kind) {
-    case SyncEnd::Kind::whole:
-    case SyncEnd::Kind::unfinished:
-      put_sync_in_front(position, end, searched);
-      break;
-    case SyncEnd::Kind::broken_by_start:
-      // By the nearest, which is none to this parse: it goes on behind it.
-      pass_sync_start();
-      reset_at(end.position, searched.format.width);
-      break;
-    case SyncEnd::Kind::broken:
-      // The parse waits for the nearest sync start again. With that reset later, both outcomes
-      // are one from here on.
-      settled_ = outcome().was_reset();
-      outcomes_[1 - from_next_] = outcome();
-      reset_at(end.position, searched.format.width);
-      break;
-  }
-  next_start_ = position;
-}
-
-void RecordGrid::meet_inactive(std::uint64_t position, unsigned width) {
-  reset_at(position, width);
-  settled_ = true;
-}
-
-/// The record at `position` resets a parse; a later reset hides it.
-void RecordGrid::reset_at(std::uint64_t position, unsigned width) {
-  AlignmentParse& parse = outcomes_[from_next_];
-  if (!parse.was_reset()) {
-    parse.restart = position + width;
+  } else if (pending_channel == channel) {
+    ++counts[channel];
+    pending_channel = kNoChannel;
+  } else if (counts[channel] > 0) {
+    ++counts[channel];
   }
 }
 
-void RecordGrid::put_sync_in_front(std::uint64_t position, const SyncEnd& end,
-                                   const SearchedBits& searched) {
-  AlignmentParse& parse = outcomes_[from_next_];
-  outcomes_[1 - from_next_] = parse;
-  if (parse.was_reset()) {
-    settled_ = true;  // what is in front of a reset is forgotten
-  } else if (end.kind == SyncEnd::Kind::whole) {
-    count_behind_sync(end, searched);
+RecordGrid::RecordGrid(const BitView& bits, const PackedFormat& format,
+                       const TurningPoints& turning_points, unsigned grid, std::uint64_t end)
+    : bits_(bits),
+      format_(format),
+      walk_(turning_points, grid),
+      next_point_(walk_.next()),
+      end_(end - (end - grid) % format.width),
+      nearest_(end_) {
+  outcomes_.fill({.next = end_});
+}
+
+const AlignmentParse& RecordGrid::outcome_from(std::uint64_t begin) {
+  while (next_point_ >= static_cast<std::int64_t>(begin) && !settled()) {
+    const auto position = static_cast<std::uint64_t>(next_point_);
+    meet(position);
+    nearest_ = position;
+    next_point_ = walk_.next();
+  }
+  return from_nearest();
+}
+
+void RecordGrid::meet(std::uint64_t position) {
+  const unsigned channel = channel_of(bits_.from(position));
+  if (!format_.active(channel)) {
+    reset_at(position);
+    after_nearest() = from_nearest();
+    return;
+  }
+  const std::uint64_t payloads = position + format_.width;
+  const std::uint64_t whole = payloads + format_.sync_records * std::uint64_t{format_.width};
+  const std::uint64_t end =
+      end_of_payloads(bits_, payloads, std::min(whole, nearest_), channel, format_.width);
+  if (end == nearest_ && end != whole && end != end_) {
+    // The nearest breaks the sync. Runs of ones are full of this, so nothing is copied.
+    from_nearest_ = 1 - from_nearest_;
+    reset_at(end);
+    return;
+  }
+  after_nearest() = from_nearest();
+  if (end == whole) {
+    add_data(end, channel);
+  } else if (end == end_) {
+    from_nearest() = {.next = position};
+    from_nearest().read_to(end_, bits_, format_);
   } else {
-    const std::uint64_t seen = (end.position - position) / searched.format.width - 1;
-    parse.sync_records_left = searched.format.sync_records - static_cast<unsigned>(seen);
-    parse.sync_channel = end.channel;
+    reset_at(end);
   }
 }
 
-void RecordGrid::count_behind_sync(const SyncEnd& sync, const SearchedBits& searched) {
-  AlignmentParse& parse = outcomes_[from_next_];
-  const unsigned width = searched.format.width;
-  const std::uint64_t stop = std::min(next_start_, searched.end);
-  const auto counts =
-      count_data_records(searched.bits, sync.position, (stop - sync.position) / width, width);
+/// Adds the data records from bit `begin`, where a whole sync ends, to the nearest turning point.
+void RecordGrid::add_data(std::uint64_t begin, unsigned channel) {
+  AlignmentParse& parse = from_nearest();
+  if (parse.was_reset()) {
+    return;
+  }
+  std::array<std::uint32_t, 8> kinds{};  // by channel and flag
+  for (std::uint64_t position = begin; position < nearest_; position += format_.width) {
+    ++kinds[bits_.from(position) >> 61];
+  }
   for (unsigned c = 0; c < 4; ++c) {
-    data_[c] += counts[c];
+    data_[c] += kinds[2 * c];
   }
-  // Only a record before the next sync is anchored to this one; then all later ones count.
-  const bool anchors = counts[sync.channel] > 0;
-  if (anchors) {
-    parse.counts[sync.channel] = data_[sync.channel];
+  // The sync anchors the first data record of its channel, but only before the next sync.
+  if (kinds[2 * channel] > 0) {
+    parse.counts[channel] = data_[channel];
+  } else if (parse.pending_channel == AlignmentParse::kNoChannel &&
+             parse.counts == std::array<std::uint32_t, 4>{}) {
+    parse.pending_channel = channel;  // no sync follows
   }
-  // The last sync that is whole decides, however many payloads of another follow.
-  if (!has_sync_ && !anchors) {
-    parse.pending_channel = sync.channel;
-  }
-  has_sync_ = true;
 }
 
 }  // namespace orvo::timing::detail
