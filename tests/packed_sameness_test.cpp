@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <iostream>
+#include <iterator>
 #include <map>
 #include <sstream>
 #include <string>
@@ -221,6 +222,32 @@ TEST(PackedSameness, LockSearchAlone) {
     std::cout << '"' << outcome << "\": " << outcomes[outcome] << "\n";
     EXPECT_GT(outcomes[outcome], 0U);
   }
+}
+
+// Bytes of one value, which repeat sync starts or inactive channels from end to end: alone,
+// damaged, or with a stream between them.
+TEST(PackedSameness, LockSearchInRepeatedBytes) {
+  PackedStreams random(seed() + 3'000'000);
+  std::map<std::string, std::uint64_t> outcomes;  // by their first word
+  for (std::uint64_t round = 0; round < 2000 * factor(); ++round) {
+    constexpr std::uint8_t kBytes[] = {0x00, 0xFF, 0x55, 0xAA, 0xDF, 0x7F, 0x3F, 0xFC};
+    const std::uint8_t byte = kBytes[round % std::size(kBytes)];
+    const timing::StreamFileHeader header = random.header();
+    Bytes buffer(1 + random.below(random.one_in(40) ? 5000 : 300), byte);
+    if (random.one_in(2)) {
+      const Bytes stream = random.stream(header, random.below(500), 0, false);
+      const auto at = static_cast<std::ptrdiff_t>(random.below(buffer.size()));
+      buffer.insert(buffer.begin() + at, stream.begin(), stream.end());
+    }
+    while (random.one_in(2) && !buffer.empty()) random.damage(buffer);
+    const std::string plain = plain_search(buffer, header);
+    ++outcomes[plain.substr(0, plain.find(' '))];
+    ASSERT_EQ(fast_search(buffer, header), plain)
+        << buffer.size() << " bytes, many of them " << unsigned{byte} << ", "
+        << timing::detail::stream_header_to_json(header);
+  }
+  EXPECT_GT(outcomes["found"], 0U);
+  EXPECT_GT(outcomes[""], 0U);
 }
 
 }  // namespace
