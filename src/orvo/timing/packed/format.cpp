@@ -26,9 +26,9 @@ PackedFormat::PackedFormat(const StreamFileHeader& header)
       active_mask(static_cast<std::uint8_t>(
           header.channel_mask == 0 ? kAllChannels : header.channel_mask & kAllChannels)),
       active_channels(static_cast<unsigned>(std::popcount(active_mask))),
-      required_synced(header.mode == Mode::internal
-                          ? active_channels
-                          : std::min(active_channels, kMinSyncedExternal)),
+      required_synced(std::max(1U, header.mode == Mode::internal
+                                       ? active_channels
+                                       : std::min(active_channels, kMinSyncedExternal))),
       internal(header.mode == Mode::internal),
       balanced(internal && active_channels >= 2) {}
 
