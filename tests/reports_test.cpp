@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "orvo/verification/directory_lock.h"
 #include "support/error_of.h"
 #include "support/scratch.h"
 
@@ -158,6 +159,14 @@ TEST_F(Reports, PublishedCopiesAreOfOneStart) {
     EXPECT_EQ(summary.size(), 1U << 18);
     EXPECT_TRUE(read("latest.csv") == summary && read("latest.json") == summary) << round;
   }
+}
+
+// A script may hold a lock on the folder for as long as the tool runs. Without a limit this hangs.
+TEST_F(Reports, ALockIsNotWaitedForWithoutEnd) {
+  const DirectoryLock held(dir_);
+  const auto before = std::chrono::steady_clock::now();
+  const DirectoryLock given_up(dir_, std::chrono::milliseconds(30));
+  EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(30));
 }
 
 TEST_F(Reports, FailuresNameTheOutput) {

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <thread>
 
 #include "orvo/timing/error.h"
@@ -13,15 +12,19 @@
 
 namespace orvo::verification {
 
-DirectoryLock::DirectoryLock(const std::filesystem::path& directory)
+DirectoryLock::DirectoryLock(const std::filesystem::path& directory,
+                             std::chrono::milliseconds longest_wait)
     : descriptor_(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
   // Asked again and again, because a call that waits goes on waiting after a noted signal.
-  while (descriptor_ >= 0 && flock(descriptor_, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
+  constexpr std::chrono::milliseconds kPause{10};
+  while (descriptor_ >= 0 && longest_wait > longest_wait.zero() &&
+         flock(descriptor_, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
     if (interrupted()) {
       close(descriptor_);
       throw timing::Interrupted();
     }
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    std::this_thread::sleep_for(kPause);
+    longest_wait -= kPause;
   }
 }
 

@@ -1,18 +1,20 @@
 // Starts of the tool that share a folder take turns.
 #pragma once
 
+#include <chrono>
 #include <filesystem>
 
 namespace orvo::verification {
 
-/// Waits until no other process holds `directory`, then holds it until destroyed, or until the
-/// process ends. Advisory: it keeps out other starts of the tool alone. A folder that cannot be
-/// locked, such as one on a file system without locks, is used as it is.
+/// Waits until nobody else holds `directory`, then holds it until destroyed, or until the process
+/// ends. Advisory: only programs that ask for the lock are kept out. After `longest_wait`, and
+/// where a folder cannot be locked, such as on a file system without locks, it is used as it is.
 ///
 /// Errors: timing::Interrupted when a signal is noted while it waits.
 class DirectoryLock {
  public:
-  explicit DirectoryLock(const std::filesystem::path& directory);
+  explicit DirectoryLock(const std::filesystem::path& directory,
+                         std::chrono::milliseconds longest_wait = std::chrono::milliseconds::max());
   ~DirectoryLock();
   DirectoryLock(const DirectoryLock&) = delete;
   DirectoryLock& operator=(const DirectoryLock&) = delete;
