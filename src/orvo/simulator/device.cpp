@@ -51,7 +51,10 @@ Device::Device(const Settings& settings, InstrumentClock& clock, const ot_identi
 
 Outcome Device::set_calibration_freq(double freq_hz, std::uint32_t& divider) {
   if (streaming()) return running();
-  const double nearest = std::max(std::round(kCalibrationBaseHz / freq_hz), 1.0);
+  const double below = std::max(std::floor(kCalibrationBaseHz / freq_hz), 1.0);
+  const double above = below + 1;
+  const bool is_above = freq_hz - kCalibrationBaseHz / above < kCalibrationBaseHz / below - freq_hz;
+  const double nearest = is_above ? above : below;
   if (!(std::isfinite(freq_hz) && freq_hz > 0 && nearest <= 4294967295.0)) {
     return {OT_ERR_ARGUMENT, "calibration frequency out of range"};
   }
