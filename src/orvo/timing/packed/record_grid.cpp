@@ -22,6 +22,24 @@ std::uint64_t end_of_payloads(const BitView& bits, std::uint64_t begin, std::uin
   return end;
 }
 
+using KindCounts = std::array<std::uint32_t, 8>;  // by channel and flag
+
+/// Counts the records from `begin` to `end`, two out of each word.
+KindCounts count_kinds(const BitView& bits, std::uint64_t begin, std::uint64_t end,
+                       std::uint64_t width) {
+  KindCounts counts{};
+  std::uint64_t position = begin;
+  for (; position + width < end; position += 2 * width) {
+    const std::uint64_t records = bits.from(position);
+    ++counts[records >> 61];
+    ++counts[records << width >> 61];
+  }
+  if (position < end) {
+    ++counts[bits.from(position) >> 61];
+  }
+  return counts;
+}
+
 }  // namespace
 
 void AlignmentParse::read_to(std::uint64_t end, const BitView& bits, const PackedFormat& format) {
@@ -80,16 +98,20 @@ void RecordGrid::meet(std::uint64_t position) {
   if (!format_.active(channel)) {
     reset_at(position);
     after_nearest() = from_nearest();
-    return;
+  } else if (position + format_.width == nearest_ && nearest_ != end_) {
+    break_by_nearest();  // without a look at payloads: a run of ones is full of this
+  } else {
+    meet_sync_start(position, channel);
   }
+}
+
+void RecordGrid::meet_sync_start(std::uint64_t position, unsigned channel) {
   const std::uint64_t payloads = position + format_.width;
   const std::uint64_t whole = payloads + format_.sync_records * std::uint64_t{format_.width};
   const std::uint64_t end =
       end_of_payloads(bits_, payloads, std::min(whole, nearest_), channel, format_.width);
   if (end == nearest_ && end != whole && end != end_) {
-    // The nearest breaks the sync. Runs of ones are full of this, so nothing is copied.
-    from_nearest_ = 1 - from_nearest_;
-    reset_at(end);
+    break_by_nearest();
     return;
   }
   after_nearest() = from_nearest();
@@ -109,10 +131,7 @@ void RecordGrid::add_data(std::uint64_t begin, unsigned channel) {
   if (parse.was_reset()) {
     return;
   }
-  std::array<std::uint32_t, 8> kinds{};  // by channel and flag
-  for (std::uint64_t position = begin; position < nearest_; position += format_.width) {
-    ++kinds[bits_.from(position) >> 61];
-  }
+  const KindCounts kinds = count_kinds(bits_, begin, nearest_, format_.width);
   for (unsigned c = 0; c < 4; ++c) {
     data_[c] += kinds[2 * c];
   }

@@ -65,7 +65,13 @@ class RecordGrid {
     return outcomes_[0].was_reset() && outcomes_[0].restart == outcomes_[1].restart;
   }
   void meet(std::uint64_t position);
+  void meet_sync_start(std::uint64_t position, unsigned channel);
   void add_data(std::uint64_t begin, unsigned channel);
+  /// The nearest breaks the sync that starts at the turning point being met.
+  void break_by_nearest() {
+    from_nearest_ = 1 - from_nearest_;
+    reset_at(nearest_);
+  }
   /// The record at `position` resets the parse. If a later one does so too, that one counts.
   void reset_at(std::uint64_t position) {
     if (!from_nearest().was_reset()) {
