@@ -251,5 +251,24 @@ TEST(PackedSameness, LockSearchInRepeatedBytes) {
   EXPECT_GT(outcomes[""], 0U);
 }
 
+// A sync that another follows before any data anchors none of it, even where the first span ends
+// after both and only later spans have the data. Widths of five bits make a record a byte.
+TEST(PackedSameness, LockSearchAfterTheFirstSpan) {
+  timing::StreamFileHeader header;
+  header.mode = timing::Mode::external;
+  header.channel_mask = 3;
+  header.delta_bits = 5;
+  const Bytes syncs = {0x3F, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x7F, 64, 64, 64, 64, 64, 64, 64, 64, 64};
+  Bytes buffer(65'536 - syncs.size());
+  buffer.insert(buffer.end(), syncs.begin(), syncs.end());
+  buffer.insert(buffer.end(), 10, 0x00);
+  buffer.insert(buffer.end(), 20, 0x40);
+  buffer.insert(buffer.end(), syncs.begin(), syncs.begin() + 10);
+  buffer.insert(buffer.end(), 24, 0x00);
+  const std::string plain = plain_search(buffer, header);
+  EXPECT_EQ(plain, "found 64 0");
+  EXPECT_EQ(fast_search(buffer, header), plain);
+}
+
 }  // namespace
 }  // namespace orvo::tests
