@@ -8,7 +8,9 @@
 #include <utility>
 #include <vector>
 
+#include "orvo/timing/error.h"
 #include "orvo/verification/directory_lock.h"
+#include "orvo/verification/interruption.h"
 #include "support/error_of.h"
 #include "support/scratch.h"
 
@@ -167,6 +169,20 @@ TEST_F(Reports, ALockIsNotWaitedForWithoutEnd) {
   const auto before = std::chrono::steady_clock::now();
   const DirectoryLock given_up(dir_, std::chrono::milliseconds(30));
   EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(30));
+}
+
+TEST_F(Reports, ASignalEndsTheWaitForALock) {
+  const DirectoryLock held(dir_);
+  const auto wait = [this] {
+    const InterruptionWatch watch;
+    std::raise(SIGTERM);
+    try {
+      const DirectoryLock never(dir_, std::chrono::seconds(20));
+    } catch (const timing::Interrupted&) {
+      std::exit(3);
+    }
+  };
+  EXPECT_EXIT(wait(), testing::ExitedWithCode(3), "");
 }
 
 TEST_F(Reports, FailuresNameTheOutput) {
