@@ -96,7 +96,7 @@ TEST_F(Report, NeverReplacesWhatItIsMadeFrom) {
     EXPECT_EQ(error_of([&] {
                 (void)inspection::report({scratch.path(), output});
               }),
-              output + " is an input file: name another one for the output [-1]");
+              '"' + output + "\" is an input file: name another one for the output [-1]");
     EXPECT_EQ(read_file(output), before);
   }
 }

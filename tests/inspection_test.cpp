@@ -1,7 +1,5 @@
 // Stream files looked into: `info` and `tags`.
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <nlohmann/json.hpp>
@@ -98,13 +96,17 @@ TEST_F(Inspection, ManyTagsCrossEveryBlockAndAreWholeOrAbsent) {
   elsewhere.file = file;
   elsewhere.output = "/dev/full";
   EXPECT_EQ(error_of([&] { return inspection::tags(elsewhere); }),
-            "cannot write /dev/full: No space left on device [-2]");
-  write_file(scratch.file("t.csv"), "before\n");
-  const int open_already = open(scratch.file("t.csv").c_str(), O_WRONLY | O_APPEND);
-  elsewhere.output = "/dev/fd/" + std::to_string(open_already);
-  EXPECT_EQ(inspection::tags(elsewhere), inspection::kExitSuccess);
-  EXPECT_TRUE(read_file(scratch.file("t.csv")) == "before\n" + csv);
-  close(open_already);
+            "cannot write \"/dev/full\": No space left on device [-2]");
+  write_file(scratch.file("t.csv.part"), "left by one that was killed");
+  EXPECT_TRUE(tags("t.csv") == csv);
+  std::filesystem::copy_file(file, scratch.file("u.part"));
+  elsewhere.file = scratch.file("u.part");
+  elsewhere.output = scratch.file("u");
+  EXPECT_EQ(error_of([&] { return inspection::tags(elsewhere); }),
+            '"' + scratch.file("u") + "\" is an input file: name another one for the output [-1]");
+  EXPECT_TRUE(read_file(scratch.file("u.part")) == before);
+  std::filesystem::remove(scratch.file("u.part"));
+  elsewhere.file = file;
   for (const char* const name : {"/dev/fd/", "/dev/fd/99999999999"}) {  // not standard input
     elsewhere.output = name;
     EXPECT_NE(error_of([&] { return inspection::tags(elsewhere); }), "") << name;

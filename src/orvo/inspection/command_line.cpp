@@ -118,7 +118,7 @@ TagsOptions meant_by(const TagsWords& words) {
   const std::string extension = options.output.extension().string();
   const auto named = extension.empty() ? std::nullopt : tag_format_named(extension.substr(1));
   options.format = tag_format_named(words.format).value_or(named.value_or(TagFormat::csv));
-  if (options.format == TagFormat::npy && (options.output.empty() || options.output == "-")) {
+  if (options.format == TagFormat::npy && options.output == "-") {
     throw CLI::ValidationError("--format", "npy needs a file: add -o FILE.npy");
   }
   if (options.from_ps && options.to_ps && *options.from_ps >= *options.to_ps) {
@@ -150,7 +150,7 @@ void add_tags(CLI::App& program, Command& chosen) {
           },
           ""));
   add_output(command, options.output,
-             "Output [standard output, like -]; a file appears when it\n"
+             "Output [-, standard output]; a file appears when it\n"
              "is whole");
   add(command, "--channel", words->channels, "N", "Only tags of channel N, 0 to 3; may be repeated")
       ->allow_extra_args(false)

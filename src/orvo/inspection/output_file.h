@@ -1,10 +1,11 @@
-// Where a command's results go: a file that appears only when it is whole, or whatever else a name
-// or standard output stands for, written as it comes.
+// Where a command's results go: a file that gets its name only when it is whole, or standard output
+// or a device or pipe, written as it comes.
 //
-// Threads: an OutputFile belongs to one thread at a time; one that is being made at a time in a
-// process. Errors: timing::Error with OT_ERR_IO and the output's name in its message.
+// Threads: an OutputFile belongs to one thread at a time. Errors: timing::Error with OT_ERR_IO and
+// the output's name in its message.
 #pragma once
 
+#include <cstdio>
 #include <filesystem>
 #include <span>
 #include <string>
@@ -14,13 +15,12 @@ namespace orvo::inspection {
 
 class OutputFile {
  public:
-  /// An empty `path` and "-" are standard output. That, what else is open already ("/dev/fd/3"),
-  /// and what is no regular file, such as a pipe, is written directly; else the bytes go into a
-  /// file of another name beside `path`, which publish() renames. Refuses to write over one of
-  /// `inputs`, also by another name or through links.
+  /// "-" is standard output, as is /dev/stdout. The bytes for a file are written to one beside it
+  /// with ".part" after its name, which publish() renames; what is no regular file is written
+  /// directly. Refuses to write over one of `inputs`, also by another name or through links.
   OutputFile(const std::filesystem::path& path, const std::vector<std::filesystem::path>& inputs);
 
-  /// Removes what was not published. SIGINT, SIGTERM, SIGHUP and SIGPIPE remove it too.
+  /// Removes what was not published.
   ~OutputFile();
   OutputFile(const OutputFile&) = delete;
   OutputFile& operator=(const OutputFile&) = delete;
@@ -30,7 +30,7 @@ class OutputFile {
   void write(std::span<const char> bytes);
 
   /// Whether the output is a file of its own, whose front can be written again.
-  [[nodiscard]] bool can_seek() const noexcept { return !temporary_.empty(); }
+  [[nodiscard]] bool can_seek() const noexcept { return !part_.empty(); }
   /// Overwrites the first bytes; only where can_seek().
   void write_front(std::span<const char> bytes);
 
@@ -40,13 +40,12 @@ class OutputFile {
   [[nodiscard]] const std::string& name() const noexcept { return name_; }
 
  private:
-  void open_temporary();
   [[noreturn]] void fail(const char* what) const;
 
   std::string name_;              // for messages
   std::filesystem::path target_;  // links resolved
-  std::string temporary_;         // empty: written directly
-  int descriptor_ = -1;
+  std::filesystem::path part_;    // empty: written directly
+  std::FILE* file_ = nullptr;
 };
 
 }  // namespace orvo::inspection

@@ -12,7 +12,7 @@ namespace orvo::inspection {
 
 struct TagsOptions {
   std::filesystem::path file;
-  std::filesystem::path output;  ///< empty: standard output
+  std::filesystem::path output = "-";  ///< as OutputFile takes it
   TagFormat format = TagFormat::csv;
   std::uint8_t channel_mask = 0x0F;     ///< bit c: channel c is wanted
   std::optional<std::int64_t> from_ps;  ///< the first time that is wanted
