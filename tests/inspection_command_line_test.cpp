@@ -8,7 +8,7 @@
 #include "orvo/inspection/command_line.h"
 #include "orvo/inspection/exit_status.h"
 #include "orvo/inspection/printable_text.h"
-#include "orvo/inspection/tags/progress.h"
+#include "orvo/inspection/progress.h"
 #include "support/scratch.h"
 
 namespace orvo::tests {
@@ -35,39 +35,53 @@ TEST(CommandLine, UsageErrorsNameTheFaultAndWhereToLook) {
   } cases[] = {
       {"", "a command is missing"},
       {"look x", "'look' is no command"},
-      {"info", "FILE is required"},
+      {"\x1b[2J x", "'\\x1b[2J' is no command"},
+      {"info", "PATH is required"},
       {"info --bogus x", "--bogus\nTry 'ortime info --help'"},
-      {"info --chunk-bytes 0 x", "'0' is not an integer from 1 to"},
-      {"info --chunk-bytes 99999999999999999999 x", "is not an integer"},
-      {"info --chunk-bytes 1 --chunk-bytes 2 x", "--chunk-bytes"},
+      {"info --chunk-bytes 0 x", "'0' is not an integer from 1 to 1073741824"},
+      {"info --chunk-bytes 1073741825 x", "is not an integer from"},
+      {"info --chunk-bytes 99999999999999999999 x", "is not an integer from"},
       {"tags x y", "y"},
-      {"tags x --channel 4", "'4' is not an integer from 0 to 3"},
+      {"tags x --channel 4", "--channel: '4' is no channel"},
+      {"tags x --channel 1,22", "--channel: '22' is no channel"},
       {"tags x --channel", "--channel"},
-      {"tags x --format xml", "'xml' is not csv, jsonl or npy"},
+      {"tags --channel 1 2 x", "x"},
+      {"tags x --format jsonl", "jsonl not in {csv,npy}"},
       {"tags x --format npy", "npy needs a file"},
-      {"tags x --from-ps 9223372036854775808", "is not an integer"},
+      {"tags x -o t.npz", "'t.npz': ends neither in .csv nor in .npy"},
+      {"tags x -o t.csv.gz", "ends neither in .csv nor in .npy"},
+      {"tags x -o t.csv --format npy", "ends otherwise than --format"},
+      {"tags x --from-ps 9223372036854775808", "is not an integer from -9"},
       {"tags x --from-ps 5 --to-ps 5", "must be greater than --from-ps"},
-      {"verify " + file, "is a stream file"},
-      {"verify " + directory + " --divider 3", "is a run directory"},
-      {"verify " + file + " --divider 3 --expected-decoded-hz 5", "excludes"},
+      {"tags " + file + " --run 1", "--run: needs a run directory"},
+      {"tags " + directory + " --run 0", "is not an integer from 1"},
+      {"verify " + file, "'" + file + "': is a stream file"},
+      {"verify -", "is a stream file"},
+      {"verify " + directory + " --divider 3", "'" + directory + "': is a run"},
+      {"verify " + directory + " --requested-hz 3", "is a run"},
+      {"verify " + file + " --divider 3 --requested-hz 5", "excludes"},
       {"verify " + file + " --divider 0", "from 1 to 4294967295"},
       {"verify " + file + " --divider -1", "from 1 to 4294967295"},
       {"verify " + file + " --divider 4294967296", "from 1 to 4294967295"},
-      {"verify " + file + " --expected-decoded-hz nan", "greater than 0"},
-      {"verify " + file + " --expected-decoded-hz 0", "greater than 0"},
-      {"verify " + file + " --divider 3 --tolerance-ppm inf", "of at least 0"},
+      {"verify " + file + " --requested-hz nan", "'nan' is not a number greater than 0"},
+      {"verify " + file + " --requested-hz 0", "greater than 0"},
+      {"verify " + file + " --divider 3 --tolerance-ppm nan", "of at least 0"},
+      {"verify " + file + " --divider 3 --tolerance-ppm -1", "of at least 0"},
       {"verify " + file + " --divider 3 --tolerance-ppm 25ppm", "of at least 0"},
-      {"verify " + file + " --divider 3 --channel-mask 16", "a mask of channels"},
-      {"verify " + file + " --divider 3 --channel-mask 0b", "a mask of channels"},
-      {"verify " + file + " --divider 3 --min-tags-per-channel 18446744073709551616", "integer"},
+      {"verify " + file + " --divider 3 --channel-mask 16", "not in range 0 to 15"},
+      {"verify " + file + " --divider 3 --channel-mask 0b", "--channel-mask"},
+      {"verify " + file + " --divider 3 --min-tags-per-channel 18446744073709551616",
+       "is not an integer"},
       {"report x", "--output is required"},
       {"report x -o ''", "the name is empty"},
   };
   for (const auto& [words, told] : cases) {
     SCOPED_TRACE(words);
     testing::internal::CaptureStderr();
-    EXPECT_EQ(std::get<int>(parse(words)), inspection::kExitUsage);
+    const Command parsed = parse(words);
     const std::string error = testing::internal::GetCapturedStderr();
+    ASSERT_TRUE(std::holds_alternative<int>(parsed));
+    EXPECT_EQ(std::get<int>(parsed), inspection::kExitUsage);
     EXPECT_NE(error.find(told), std::string::npos) << error;
     EXPECT_NE(error.find("--help'"), std::string::npos) << error;
   }
@@ -79,27 +93,31 @@ TEST(CommandLine, WordsBecomeOptions) {
   const std::string file = scratch.file("a.ortime");
   write_file(file, "");
   const auto tags =
-      std::get<inspection::TagsOptions>(parse("tags --channel 1 --channel 3 tags --from-ps -5 "
-                                              "--to-ps 7 -o x.npy --chunk-bytes 9"));
-  EXPECT_EQ(tags.file, "tags");  // a file that is called like a command
-  EXPECT_EQ(tags.channel_mask, 0b1010);
+      std::get<inspection::TagsOptions>(parse("tags --channel 1 --channel 3,0 tags --from-ps -5 "
+                                              "--to-ps 7 -o x.NPY --chunk-bytes 9"));
+  EXPECT_EQ(tags.path, "tags");  // a file that is called like a command
+  EXPECT_EQ(tags.channel_mask, 0b1011);
   EXPECT_EQ(tags.from_ps, -5);
   EXPECT_EQ(tags.to_ps, 7);
   EXPECT_EQ(tags.format, inspection::TagFormat::npy);
   EXPECT_EQ(tags.chunk_bytes, 9U);
+  EXPECT_EQ(std::get<inspection::TagsOptions>(parse("tags x -o t --format npy")).format,
+            inspection::TagFormat::npy);
+  EXPECT_EQ(std::get<inspection::TagsOptions>(parse("tags x -o t.x --format csv")).format,
+            inspection::TagFormat::csv);
   const auto verify = std::get<inspection::VerifyOptions>(
-      parse("verify " + file +
-            " --divider 4294967295 --channel-mask 0B101 --tolerance-ppm 0.1 "
-            "--min-tags-per-channel 18446744073709551615 --chunk-bytes 010"));
+      parse("--chunk_bytes=010 verify " + file +
+            " --divider 4294967295 --channel_mask 0B101 --tolerance-ppm inf "
+            "--min_tags_per_channel=18446744073709551615"));
   EXPECT_EQ(verify.divider, 4294967295U);
-  EXPECT_EQ(verify.expected_decoded_hz, std::nullopt);
+  EXPECT_EQ(verify.requested_hz, std::nullopt);
   EXPECT_EQ(verify.channel_mask, 5);
-  EXPECT_EQ(verify.tolerance_ppm, 0.1);
+  EXPECT_EQ(verify.tolerance_ppm, std::numeric_limits<double>::infinity());
   EXPECT_EQ(verify.min_tags_per_channel, std::numeric_limits<std::uint64_t>::max());
   EXPECT_EQ(verify.chunk_bytes, 10U);
-  const auto report = std::get<inspection::ReportOptions>(parse("report run -o page.html"));
-  EXPECT_EQ(report.run_dir, "run");
-  EXPECT_EQ(report.output, "page.html");
+  const auto report = std::get<inspection::ReportOptions>(parse("report run_1 -o page_1.html"));
+  EXPECT_EQ(report.path, "run_1");
+  EXPECT_EQ(report.output, "page_1.html");
   EXPECT_EQ(report.chunk_bytes, 1048576U);
 }
 

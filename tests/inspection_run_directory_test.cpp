@@ -1,9 +1,12 @@
 // Run directories as the tool leaves them, and what else may be found in their place.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <filesystem>
+#include <limits>
 #include <string>
+#include <vector>
 
 #include "orvo/inspection/run_directory.h"
 #include "orvo/verification/reports.h"
@@ -14,7 +17,7 @@ namespace orvo::tests {
 namespace {
 
 namespace fs = std::filesystem;
-using inspection::load_run_directory;
+using inspection::load_run;
 
 struct RunDirectory : testing::Test {
   RunDirectory() {
@@ -31,6 +34,7 @@ struct RunDirectory : testing::Test {
   const std::string file = scratch.file("a.ortime");
   const std::string json = scratch.file("overflow_frequency.json");
   verification::RunResult run;
+  std::string said, missing;
 };
 
 TEST_F(RunDirectory, HasWhatTheToolWrote) {
@@ -42,7 +46,7 @@ TEST_F(RunDirectory, HasWhatTheToolWrote) {
   extreme.channels[3] = {UINT64_MAX, INT64_MIN, INT64_MAX, 4194303.9999999991, -4e-7, true};
   verification::write_json_report(json, config, {run, extreme}, true);
   const std::string written = read_file(json);
-  const inspection::RunDirectory read = load_run_directory(scratch.path());
+  const inspection::RunDirectory read = load_run(scratch.path());
   EXPECT_EQ(read.capture_s, 0.35);
   EXPECT_EQ(read.settings.packed_bits, 16);
   EXPECT_EQ(read.settings.packed_quantum_ps, 65535);
@@ -58,12 +62,12 @@ TEST_F(RunDirectory, IsRefusedWithADamagedReport) {
   } cases[] = {
       {report, "", ": parse error at line 1,"},
       {report, "7", ": cannot use at() with number"},
-      {report, std::string(100'000, '['), " is nested too deeply"},
+      {report, std::string(100'000, '['), ": is nested too deeply"},
       {report, std::string((16 << 20) + 1, ' '), " is too large: more than 16 MiB"},
       {"\"overflow_f", "\"f", ": (/verification) is not overflow_frequency"},
       {"\"pass\"", "\"fail\"", ": key 'pass' not found"},
       {":15,", ":256,", ": (/channel_mask) is not an integer from 0 to 255"},
-      {":25.000,", ":inf,", ": parse error at line 9,"},
+      {":25.000,", ":infinite,", ": parse error at line 9,"},
       {":1000,", ":4294967296,", ": (/runs/0/divider) is not an integer from 0 to 4294967295"},
       {"required\":true", "required\":1",
        ": (/runs/0/overflow_required) type must be boolean, but is number"},
@@ -80,27 +84,151 @@ TEST_F(RunDirectory, IsRefusedWithADamagedReport) {
     std::string damaged = report;
     ASSERT_NE(damaged.find(c.from), std::string::npos) << c.from;
     write_file(json, damaged.replace(damaged.find(c.from), c.from.size(), c.to));
-    const std::string error = error_of([&] { (void)load_run_directory(scratch.path()); });
-    EXPECT_EQ(error.substr(0, (json + c.error).size()), json + c.error);
+    const std::string error = error_of([&] { (void)load_run(scratch.path()); });
+    EXPECT_TRUE(error.starts_with('"' + json + '"' + c.error)) << error;
     EXPECT_TRUE(error.ends_with("[-4]")) << error;
   }
 }
 
-TEST_F(RunDirectory, FindsAStreamFileThatHasMoved) {
+TEST_F(RunDirectory, LooksForRecordingsInTheDirectoryThatWasNamedFirst) {
   const fs::path there = scratch.path() / "b\xE9 \xC3\xA9\"\\\n" / "c.ortime";  // no UTF-8
   const fs::path here = scratch.path() / "c.ortime";
   const auto found = [&](const fs::path& recorded) {
     run.stream_file = recorded;
     verification::write_json_report(json, {}, {run}, false);
-    return load_run_directory(scratch.path()).runs.at(0).stream_file;
+    testing::internal::CaptureStderr();
+    const inspection::RunDirectory dir = load_run(scratch.path());
+    said = testing::internal::GetCapturedStderr();
+    missing = error_of([&] { require_recording(dir, dir.runs.at(0)); });
+    return dir.runs.at(0).stream_file;
   };
-  EXPECT_EQ(found(there), there);  // for want of another
-  fs::copy_file(file, here);
-  EXPECT_EQ(found(there), here);
-  EXPECT_EQ(found(scratch.path() / "b\x01" / "c.ortime"), here);  // recorded as "b?"
+  EXPECT_EQ(found(there), there);
+  EXPECT_EQ(said, "");
+  EXPECT_TRUE(missing.starts_with("recording \"c.ortime\" is missing: it is neither in \"" +
+                                  scratch.path().string() + "\" nor where it was recorded, "))
+      << missing;
   fs::create_directories(there.parent_path());
   fs::copy_file(file, there);
   EXPECT_EQ(found(there), there);
+  EXPECT_TRUE(said.starts_with("ortime: 1 of 1 recordings are not in \"")) << said;
+  EXPECT_NE(said.find("/b\\xe9 é\\\"\\\\\\n\""), std::string::npos) << said;
+  EXPECT_EQ(missing, "no error");
+  fs::copy_file(file, here);
+  EXPECT_EQ(found(there), here);
+  EXPECT_EQ(found(scratch.path() / "b\x01" / "c.ortime"), here);  // recorded as "b?"
+  EXPECT_EQ(said, "");
+  fs::remove(here);
+  fs::create_directory(here);
+  EXPECT_EQ(found(there), there);
+}
+
+TEST_F(RunDirectory, IsTakenByEveryNameThatTheToolLeaves) {
+  const fs::path root = scratch.path() / "root";
+  for (const char* const name : {"20261124_160312", "20261125_080000"}) {
+    fs::create_directories(root / name);
+    run.stream_file = root / name / "overflow_frequency_01.ortime";
+    write_file(run.stream_file, "");
+    verification::write_json_report(root / name / "overflow_frequency.json", {}, {run}, false);
+  }
+  const fs::path newest = root / "20261125_080000";
+  fs::copy_file(newest / "overflow_frequency.json", root / "latest.json");
+  fs::create_directories(root / "20261126_000000");  // nothing was recorded
+  fs::create_directories(root / "later_than_any");
+  fs::create_directory_symlink(newest, scratch.path() / "link");
+  for (const fs::path& path : {newest, newest / "overflow_frequency.json", root / "latest.json",
+                               root, scratch.path() / "link"}) {
+    testing::internal::CaptureStderr();
+    const inspection::RunDirectory dir = load_run(path);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              path == root ? "ortime: newest run: \"" + newest.string() + "\"\n" : "");
+    EXPECT_EQ(dir.path, newest) << path;
+    EXPECT_EQ(dir.runs.at(0).stream_file, newest / "overflow_frequency_01.ortime") << path;
+    EXPECT_TRUE(dir.ended());
+  }
+  EXPECT_NE(error_of([&] {
+              (void)load_run(root / "20261126_000000");
+            }).find("holds neither overflow_frequency.json nor a recording nor run directories"),
+            std::string::npos);
+  EXPECT_EQ(error_of([&] { (void)load_run(root / "missing"); }),
+            "cannot open \"" + (root / "missing").string() + "\": No such file or directory [-2]");
+}
+
+TEST_F(RunDirectory, WithoutAReportHasItsRecordings) {
+  const fs::path dir = scratch.path() / "run";
+  fs::create_directories(dir / "overflow_frequency_03.ortime");  // no file
+  for (const char* const number : {"100", "99", "02", "01"}) {
+    write_file(dir / ("overflow_frequency_" + std::string(number) + ".ortime"), "");
+  }
+  write_file(dir / "other.ortime", "");
+  const inspection::RunDirectory read = load_run(dir);
+  EXPECT_FALSE(read.ended());
+  std::string names;
+  for (const verification::RunResult& left : read.runs) {
+    names += left.stream_file.filename().string() + '\n';
+  }
+  EXPECT_EQ(names,
+            "overflow_frequency_01.ortime\noverflow_frequency_02.ortime\n"
+            "overflow_frequency_99.ortime\noverflow_frequency_100.ortime\n");
+}
+
+TEST_F(RunDirectory, InfersWhatAReportDoesNotHoldFromItsVerdicts) {
+  constexpr double kInfinite = std::numeric_limits<double>::infinity();
+  constexpr std::uint64_t kUsual = 64;
+  const struct {
+    const char* what;
+    double tolerance_ppm;
+    std::vector<verification::ChannelResult> channels;  // count, rate error and verdict
+    std::uint64_t min_tags;
+    double least_ppm, most_ppm;
+    bool noted;
+  } cases[] = {
+      {"the usual", 25, {{100, 0, 0, 0, 3, true}, {63, 0, 0, 0, 3, false}}, kUsual, 25, 25, false},
+      {"lower", 25, {{10, 0, 0, 0, 3, true}, {9, 0, 0, 0, 3, false}}, 10, 25, 25, true},
+      {"as near as it can be", 25, {{10, 0, 0, 0, 3, true}}, 10, 25, 25, true},
+      {"higher", 25, {{100, 0, 0, 0, 3, false}, {200, 0, 0, 0, 3, true}}, 101, 25, 25, true},
+      {"0.0004", 0.0004, {{100, 0, 0, 0, 0.00035, true}}, kUsual, 0.00035, 0.0005, true},
+      {"between",
+       0.0004,
+       {{100, 0, 0, 0, 3e-4, true}, {100, 0, 0, 0, 4.1e-4, false}},
+       kUsual,
+       3e-4,
+       4.09e-4,
+       true},
+      {"above what is reported",
+       0.0014,
+       {{100, 0, 0, 0, 0.0012, true}},
+       kUsual,
+       0.0012,
+       0.0015,
+       true},
+      {"infinite",
+       kInfinite,
+       {{100, 0, 0, 0, 1e6, true}, {10, 0, 0, 0, 0, false}},
+       kUsual,
+       kInfinite,
+       kInfinite,
+       false},
+      {"nothing fits",
+       25,
+       {{100, 0, 0, 0, 3, true}, {100, 0, 0, 0, 3, false}},
+       kUsual,
+       25,
+       25,
+       false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    verification::Config config;
+    config.tolerance_ppm = c.tolerance_ppm;
+    run.channels = {};
+    std::copy(c.channels.begin(), c.channels.end(), run.channels.begin());
+    verification::write_json_report(json, config, {run}, false);
+    const inspection::RunDirectory read = load_run(scratch.path());
+    EXPECT_EQ(read.settings.min_tags_per_channel, c.min_tags);
+    EXPECT_GE(read.settings.tolerance_ppm, c.least_ppm);
+    EXPECT_LE(read.settings.tolerance_ppm, c.most_ppm);
+    EXPECT_EQ(read.settings_note.empty(), !c.noted) << read.settings_note;
+  }
 }
 
 }  // namespace

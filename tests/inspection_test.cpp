@@ -7,7 +7,7 @@
 #include "orvo/inspection/exit_status.h"
 #include "orvo/inspection/info.h"
 #include "orvo/inspection/lock_history.h"
-#include "orvo/inspection/tags/tags.h"
+#include "orvo/inspection/tags.h"
 #include "orvo/timing/stream_files.h"
 #include "support/decoding.h"
 #include "support/error_of.h"
@@ -46,8 +46,8 @@ class Inspection : public testing::Test {
   std::string tags(const std::string& name, TagFormat format = TagFormat::csv, Time from_ps = {},
                    Time to_ps = {}, std::uint8_t channel_mask = 0x0F,
                    std::uint64_t chunk_bytes = 1000) {
-    const TagsOptions options = {file,  scratch.file(name), format, channel_mask, from_ps,
-                                 to_ps, chunk_bytes};
+    const TagsOptions options = {file,    0,     scratch.file(name), format, channel_mask,
+                                 from_ps, to_ps, chunk_bytes};
     EXPECT_EQ(inspection::tags(options), inspection::kExitSuccess);
     return read_file(scratch.file(name));
   }
@@ -61,8 +61,6 @@ TEST_F(Inspection, TagsInEveryFormat) {
   EXPECT_EQ(tags("t"), "channel,time_ps\n0,5\n3,258\n1,7\n0,5\n");
   EXPECT_EQ(tags("t", TagFormat::csv, {}, 258, 0b1001), "channel,time_ps\n0,5\n0,5\n");
   EXPECT_EQ(tags("t", TagFormat::csv, 259), "channel,time_ps\n");
-  EXPECT_EQ(tags("t", TagFormat::jsonl, 7),
-            "{\"channel\":3,\"time_ps\":258}\n{\"channel\":1,\"time_ps\":7}\n");
   const std::string npy = tags("t", TagFormat::npy, 6, 259);
   const std::string start("\x93NUMPY\x01\x00\x76\x00", 10);
   ASSERT_EQ(npy.size(), 128U + 18U);
@@ -93,20 +91,20 @@ TEST_F(Inspection, ManyTagsCrossEveryBlockAndAreWholeOrAbsent) {
   }
   EXPECT_TRUE(read_file(file) == before);
   TagsOptions elsewhere;
-  elsewhere.file = file;
+  elsewhere.path = file;
   elsewhere.output = "/dev/full";
   EXPECT_EQ(error_of([&] { return inspection::tags(elsewhere); }),
             "cannot write \"/dev/full\": No space left on device [-2]");
   write_file(scratch.file("t.csv.part"), "left by one that was killed");
   EXPECT_TRUE(tags("t.csv") == csv);
   std::filesystem::copy_file(file, scratch.file("u.part"));
-  elsewhere.file = scratch.file("u.part");
+  elsewhere.path = scratch.file("u.part");
   elsewhere.output = scratch.file("u");
   EXPECT_EQ(error_of([&] { return inspection::tags(elsewhere); }),
             '"' + scratch.file("u") + "\" is an input file: name another one for the output [-1]");
   EXPECT_TRUE(read_file(scratch.file("u.part")) == before);
   std::filesystem::remove(scratch.file("u.part"));
-  elsewhere.file = file;
+  elsewhere.path = file;
   for (const char* const name : {"/dev/fd/", "/dev/fd/99999999999"}) {  // not standard input
     elsewhere.output = name;
     EXPECT_NE(error_of([&] { return inspection::tags(elsewhere); }), "") << name;
@@ -143,10 +141,12 @@ TEST_F(Inspection, InfoTellsChannelsInDisorder) {
   testing::internal::CaptureStdout();
   testing::internal::CaptureStderr();
   EXPECT_EQ(inspection::info({{scratch.file("bad"), file}, true}), inspection::kExitError);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(),
-            "ortime: " + scratch.file("bad") + ": not an Orvo timing stream file\n");
+  const std::string error = '"' + scratch.file("bad") + "\": not an Orvo timing stream file";
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "ortime: " + error + '\n');
   const auto document = nlohmann::json::parse(testing::internal::GetCapturedStdout());
-  EXPECT_EQ(document["files"].size(), 1U);
+  EXPECT_EQ(document["files"].size(), 2U);
+  EXPECT_EQ(document["files"][0]["error"], error);
+  EXPECT_EQ(document["files"][1]["tags"], 5);
 }
 
 TEST_F(Inspection, LocksAreDatedByTheTagBefore) {

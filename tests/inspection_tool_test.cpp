@@ -112,5 +112,45 @@ TEST(InspectionTool, FindsTheSameNumbersInEveryRecording) {
   }
 }
 
+TEST(InspectionTool, GivesScriptsNoGreenLightTheyShouldNotGet) {
+  const ScratchDirectory scratch;
+  const ToolResult recorded = undisturbed([&] {
+    std::filesystem::remove_all(scratch.file("out"));
+    return run_tool(scratch.path(),
+                    {.arguments = {"--output-root=out", "--capture-s=0.1",
+                                   "--min-tags-per-channel=5", "--tolerance-ppm=inf"},
+                     .sim = "pace=ps:100000000000"});
+  });
+  ASSERT_EQ(recorded.status, 0) << recorded.err;
+  const std::filesystem::path run_dir = run_dir_in(scratch.file("out"));
+  EXPECT_EQ(ortime(scratch, "verify " + run_dir.string()).status, 0);
+  EXPECT_EQ(ortime(scratch, "verify " + scratch.file("out/latest.json")).status, 0);
+  const std::filesystem::path copy = scratch.path() / "copy";
+  const std::filesystem::path cut = copy / "overflow_frequency_02.ortime";
+  std::filesystem::copy(run_dir, copy);
+  std::filesystem::resize_file(cut, std::filesystem::file_size(cut) - 4000);
+  const ToolResult disagree = ortime(scratch, "verify " + copy.string());
+  EXPECT_EQ(disagree.status, 3);
+  EXPECT_NE(disagree.out.find("\npass=false disagreements="), std::string::npos) << disagree.out;
+  EXPECT_EQ(ortime(scratch, "verify --json " + copy.string()).status, 3);
+  std::filesystem::remove(cut);
+  EXPECT_EQ(ortime(scratch, "verify " + copy.string()).status, 0);  // read where it was recorded
+  std::filesystem::rename(run_dir, scratch.file("away"));
+  const ToolResult missing = ortime(scratch, "verify " + copy.string());
+  EXPECT_EQ(missing.status, 1);
+  EXPECT_EQ(count_of(missing.out, std::regex("\n  ch")), 8U) << missing.out;
+  std::filesystem::remove(copy / "overflow_frequency.json");
+  const ToolResult unended = ortime(scratch, "info --json " + copy.string());
+  EXPECT_EQ(unended.status, 0) << unended.err;
+  EXPECT_EQ(count_of(unended.out, std::regex("\"decodable\"")), 2U) << unended.out;
+
+  const std::string file = (copy / "overflow_frequency_01.ortime").string();
+  EXPECT_EQ(ortime(scratch, "tags - <" + file).out, ortime(scratch, "tags " + file).out);
+  EXPECT_EQ(ortime(scratch, "tags --run=1 " + copy.string()).out,
+            ortime(scratch, "tags " + file).out);
+  EXPECT_EQ(
+      ortime(scratch, "verify - --requested-hz=1000 --min-tags-per-channel=5 <" + file).status, 0);
+}
+
 }  // namespace
 }  // namespace orvo::tests

@@ -3,6 +3,8 @@
 
 #include <cmath>
 #include <iostream>
+#include <limits>
+#include <nlohmann/json.hpp>
 #include <sstream>
 
 #include "orvo/inspection/verify.h"
@@ -17,6 +19,7 @@ namespace orvo::tests {
 namespace {
 
 namespace fs = std::filesystem;
+using inspection::VerifyOptions;
 
 constexpr std::uint32_t kDivider = 1000;
 constexpr double kPeriodPs = 1e12 / (verification::kCalibrationBaseHz / kDivider / 0.9999);
@@ -30,8 +33,7 @@ class Verify : public testing::Test {
                 verification::derive_rates(kDivider, {}), {});
     run.stream_file = file;
     run.payload_bytes = 2400;
-    verification::write_json_report(scratch.path() / "overflow_frequency.json", {}, {run},
-                                    run.pass);
+    verification::write_json_report(report, {}, {run}, run.pass);
   }
 
   /// `events` on each of the channels 0 to 2; those of channel 2 come 100 ppm too late.
@@ -51,7 +53,7 @@ class Verify : public testing::Test {
   }
 
   /// `out` and `err` get what is printed.
-  int verify(const inspection::VerifyOptions& options) {
+  int verify(const VerifyOptions& options) {
     std::ostringstream to_out, to_err;
     std::streambuf* const previous_out = std::cout.rdbuf(to_out.rdbuf());
     std::streambuf* const previous_err = std::cerr.rdbuf(to_err.rdbuf());
@@ -65,6 +67,7 @@ class Verify : public testing::Test {
 
   ScratchDirectory scratch;
   const std::string file = scratch.file("a.ortime");
+  const std::string report = scratch.file("overflow_frequency.json");
   verification::RunResult run;
   std::string out, err;
 };
@@ -73,29 +76,32 @@ TEST_F(Verify, JudgesAStreamFile) {
   const std::string by_divider =
       "tolerance_ppm=25\nmin_tags_per_channel=64\nchannel_mask=0x03\n"
       "run effective_hz=30978.261 expected_decoded_hz=30981.359 divider=1000 "
-      "overflow_required=false payload_bytes=2400 decoded_tags=300 pass=true\n  stream_file=";
+      "overflow_required=false payload_bytes=2400 decoded_tags=300 pass=true\n  stream_file=\"";
   const std::string by_rate =
-      "tolerance_ppm=4.56\nmin_tags_per_channel=64\nchannel_mask=0x03\n"
-      "run effective_hz=30978.402 expected_decoded_hz=30981.500 overflow_required=false ";
+      "tolerance_ppm=25\nmin_tags_per_channel=64\nchannel_mask=0x03\n"
+      "run requested_hz=30970.000 effective_hz=30978.261 expected_decoded_hz=30981.359 "
+      "divider=1000 overflow_required=false ";
   const std::string silent_channel =
       "\n  ch3 count=0 first_ps=0 last_ps=0 measured_hz=0.000000000 ppm_error=0.000000 pass=false";
+  const std::optional<std::uint32_t> none;
+  constexpr double kInfinite = std::numeric_limits<double>::infinity();
   const struct {
-    inspection::VerifyOptions options;
+    VerifyOptions options;
     int status;
     std::string start, end;  // of what is printed
   } cases[] = {
       // Channels 0 and 1 count, by the header.
-      {{file, kDivider, {}, {}, {}, {}},
-       0,
-       by_divider,
-       silent_channel + " judged=false\npass=true\n"},
+      {{file, kDivider}, 0, by_divider, silent_channel + " judged=false\npass=true\n"},
       {{file, kDivider, {}, {}, {}, 15}, 2, "", silent_channel + "\npass=false\n"},
       {{file, kDivider, {}, {}, {}, 7}, 2, "", "\npass=false\n"},
       {{file, kDivider, {}, 101, {}, 7}, 0, "", "\npass=true\n"},
-      {{file, kDivider, {}, {}, 101, {}}, 2, "", "\npass=false\n"},
-      {{file, kDivider + 1, {}, {}, {}, {}}, 2, "", "\npass=false\n"},
-      {{file, {}, 30981.5, 4.56, {}, {}}, 0, by_rate, "\npass=true\n"},
-      {{file, {}, 30981.5, 4.54, {}, {}}, 2, "", "\npass=false\n"},
+      {{file, kDivider + 5, {}, kInfinite}, 0, "tolerance_ppm=inf\n", "\npass=true\n"},
+      {{file, kDivider, {}, {}, 101}, 2, "", "\npass=false\n"},
+      {{file, kDivider + 1}, 2, "", "\npass=false\n"},
+      {{file, none, 30970}, 0, by_rate, "\npass=true\n"},  // 1000.27 times
+      {{file, none, 30960}, 2, "", "\npass=false\n"},      // 1000.59 times
+      {{file, none, 1e300}, 2, "", "\npass=false\n"},      // no less than 1
+      {{file, none, 1e-300}, 2, "", "\npass=false\n"},     // no more than 32 bits
   };
   for (const auto& c : cases) {
     EXPECT_EQ(verify(c.options), c.status);
@@ -105,35 +111,151 @@ TEST_F(Verify, JudgesAStreamFile) {
   }
 }
 
-TEST_F(Verify, TellsWhereTheReportSaysOtherwise) {
+TEST_F(Verify, NoPassWhereRecordingsAndReportDisagree) {
   const fs::path path = scratch.path();
-  EXPECT_EQ(verify({path, {}, {}, {}, {}, {}}), 2);  // for channels 2 and 3
+  EXPECT_EQ(verify({path}), 2);  // for channels 2 and 3
   EXPECT_EQ(err, "");
+  EXPECT_TRUE(out.ends_with("\npass=false\n"));
   EXPECT_EQ(verify({path, {}, {}, {}, {}, 3}), 0);
   EXPECT_EQ(err, "");  // another judgement was asked for
   write_recording(99);
-  EXPECT_EQ(verify({path, {}, {}, {}, 100, {}}), 2);
+  EXPECT_EQ(verify({path}), 3);
   EXPECT_TRUE(
       err.starts_with("ortime: run 1: payload_bytes=2376 differs from the report: 2400\n"
                       "ortime: run 1: decoded_tags=297 differs from the report: 300\n"
                       "ortime: run 1: ch0 count=99 differs from the report: 100\n"
                       "ortime: run 1: ch0 last_ps="))
       << err;
+  EXPECT_NE(err.find("\nortime: recordings and report disagree in 14 numbers: "), std::string::npos)
+      << err;
+  EXPECT_TRUE(out.ends_with("\npass=false disagreements=14\n")) << out;
+  EXPECT_EQ(verify({path, {}, {}, {}, {}, 3}), 3);  // although all that counts has passed
+  EXPECT_TRUE(out.ends_with(" disagreements=14\n")) << out;
+  write_recording(10);
+  EXPECT_EQ(verify({path}), 3);
   EXPECT_NE(err.find("ch1 pass=false differs from the report: true\n"), std::string::npos);
-  EXPECT_TRUE(err.ends_with(" --min-tags-per-channel, digits of --tolerance-ppm?\n"));
+
+  write_recording(100);
+  run.channels[2].pass = run.channels[3].pass = run.pass = true;
+  verification::write_json_report(report, {}, {run}, true);
+  EXPECT_EQ(verify({path}), 3);
+  EXPECT_NE(err.find("run 1: ch2 pass=false differs from the report: true\n"), std::string::npos);
+  EXPECT_NE(err.find("ortime: pass=false differs from the report: true\n"), std::string::npos);
+}
+
+TEST_F(Verify, JudgesWhatIsThereAndNamesWhatIsMissing) {
+  verification::RunResult lost = run, damaged = run;
+  lost.stream_file = scratch.file("lost.ortime");
+  damaged.stream_file = scratch.file("damaged.ortime");
+  write_file(damaged.stream_file.string(), "plain text");
+  verification::write_json_report(report, {}, {lost, run, damaged}, false);
+  EXPECT_EQ(verify({scratch.path(), {}, {}, {}, {}, 3}), 1);
+  EXPECT_TRUE(err.starts_with("ortime: run 1: recording \"lost.ortime\" is missing: ")) << err;
+  EXPECT_NE(err.find("\nortime: run 3: \"" + damaged.stream_file.string() + "\": "),
+            std::string::npos)
+      << err;
+  EXPECT_NE(out.find("\n  ch0 count=100 "), std::string::npos);
+  EXPECT_TRUE(out.ends_with("\npass=false unjudged=2\n")) << out;
+
+  VerifyOptions options = {scratch.path(), {}, {}, {}, {}, 3};
+  options.json = true;
+  EXPECT_EQ(verify(options), 1);
+  const auto document = nlohmann::json::parse(out);
+  EXPECT_EQ(document["channel_mask"], 3);
+  EXPECT_EQ(document["min_tags_per_channel"], 64);
+  EXPECT_EQ(document["unjudged"], 2);
+  EXPECT_EQ(document["pass"], false);
+  ASSERT_EQ(document["runs"].size(), 3U);
+  EXPECT_TRUE(document["runs"][0].contains("error"));
+  EXPECT_EQ(document["runs"][1]["stream_file"], file);
+  EXPECT_EQ(document["runs"][1]["decoded_tags"], 300);
+  EXPECT_EQ(document["runs"][1]["pass"], true);
+  EXPECT_EQ(document["runs"][1]["channels"][2]["judged"], false);
+  EXPECT_EQ(document["runs"][1]["channels"][2]["pass"], false);
+  EXPECT_EQ(document["runs"][1]["differences"].size(), 0U);
+}
+
+TEST_F(Verify, TakesWhatTheReportDoesNotHoldFromItsVerdicts) {
+  write_recording(10);
+  verification::EvaluationSettings settings;
+  settings.min_tags_per_channel = 5;
+  settings.channel_mask = 3;
+  run = judge(verification::read_tag_statistics(file, 1 << 20),
+              verification::derive_rates(kDivider, settings), settings);
+  run.stream_file = file;
+  run.payload_bytes = 240;
+  verification::Config config;
+  config.channel_mask = 3;
+  config.min_tags_per_channel = 5;
+  verification::write_json_report(report, config, {run}, true);
+  EXPECT_EQ(verify({scratch.path()}), 0) << err;
+  EXPECT_TRUE(out.starts_with("tolerance_ppm=25\nmin_tags_per_channel=10\n")) << out;
+  EXPECT_EQ(err,
+            "ortime: taken from the verdicts of the report, which does not hold it: "
+            "min_tags_per_channel=10\n");
+  EXPECT_EQ(verify({scratch.path(), {}, {}, {}, 11}), 2);
+  EXPECT_EQ(err, "");
+}
+
+TEST_F(Verify, SaysWhatWasTakenForAnOddHeader) {
+  const std::string whole = read_file(file);
+  const std::size_t begin = whole.find('{'), end = whole.find("}}") + 2;
+  const std::string header = whole.substr(begin, end - begin);
+  const auto with_header = [&](std::string json) {
+    std::string size = whole.substr(8, 4);
+    for (std::size_t i = 0; i < 4; ++i) {
+      size[i] = static_cast<char>(json.size() >> 8 * i & 0xFF);
+    }
+    write_file(file, "ORTIME1\n" + size + json + whole.substr(end));
+  };
+  ASSERT_EQ(begin, 12U);
+  const auto changed = [&](const std::string& from, const std::string& to) {
+    const std::size_t at = header.find(from);
+    EXPECT_NE(at, std::string::npos) << from << " in " << header;
+    return header.substr(0, at) + to + header.substr(at + from.size());
+  };
+  const struct {
+    std::string header, warning;
+  } cases[] = {
+      {"", "is empty; taken: "},
+      {"{", "is no JSON object; taken: "},
+      {"[7]", "is no JSON object; taken: "},
+      {changed("orvo_timing_raw_stream_capture", "other"),
+       "is that of another kind of file; read all the same"},
+      {changed("\"schema_version\":1", "\"schema_version\":2"),
+       "has schema_version 2, not 1; read all the same"},
+      {changed("\"channel_mask\"", "\"mask\""), "is incomplete; taken: channel_mask="},
+  };
+  for (const auto& c : cases) {
+    with_header(c.header);
+    const int status = verify({file, kDivider, {}, 101, {}, 7});
+    EXPECT_NE(err.find("ortime: \"" + file + "\": its header " + c.warning), std::string::npos)
+        << err;
+    EXPECT_EQ(status, out.ends_with("\npass=true\n") ? 0 : 2);
+  }
+  with_header(header);
+  EXPECT_EQ(verify({file, kDivider}), 0);
+  EXPECT_EQ(err, "");
 }
 
 TEST_F(Verify, RefusesWhatCannotBeJudged) {
   const std::string text = scratch.file("text");
   write_file(text, "plain text");
-  fs::rename(file, scratch.file("other"));
+  timing::StreamFileHeader wide;
+  wide.delta_bits = 99;
+  const std::string undecodable = scratch.file("undecodable");
+  timing::StreamFileWriter().open(undecodable, wide);
+  const fs::path unended = scratch.path() / "unended";
+  fs::create_directories(unended);
+  fs::rename(file, unended / "overflow_frequency_01.ortime");
   const struct {
-    inspection::VerifyOptions options;
+    VerifyOptions options;
     const char *message, *status;
   } cases[] = {
-      {{text, 1, {}, {}, {}, {}}, "text: not an Orvo timing stream file", "[-4]"},
-      {{file, {}, {}, {}, {}, {}}, "a.ortime: No such file or directory", "[-2]"},
-      {{scratch.path(), {}, {}, {}, {}, {}}, "a.ortime nor a file of that name in ", "[-2]"},
+      {{text, 1}, "text\": not an Orvo timing stream file", "[-4]"},
+      {{file}, "a.ortime\": No such file or directory", "[-2]"},
+      {{undecodable, 1}, "records that cannot be decoded: packed_delta of 99 bits", "[-4]"},
+      {{unended}, "unended\" has no report, because an error ended the run: judge its", "[-5]"},
   };
   for (const auto& c : cases) {
     const std::string error = error_of([&] { (void)inspection::verify(c.options); });

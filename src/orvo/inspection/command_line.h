@@ -6,7 +6,7 @@
 
 #include "orvo/inspection/info.h"
 #include "orvo/inspection/report/report.h"
-#include "orvo/inspection/tags/tags.h"
+#include "orvo/inspection/tags.h"
 #include "orvo/inspection/verify.h"
 
 namespace orvo::inspection {

@@ -12,7 +12,7 @@
 #include "orvo/inspection/exit_status.h"
 #include "orvo/inspection/intervals.h"
 #include "orvo/inspection/lock_history.h"
-#include "orvo/inspection/printable_text.h"
+#include "orvo/inspection/run_directory.h"
 #include "orvo/inspection/stream_input.h"
 #include "orvo/timing/error.h"
 #include "orvo/timing/stream_decoder.h"
@@ -118,7 +118,7 @@ Json locks_json(const LockHistory& locks, const timing::StreamFileHeader& header
 
 std::string named_value(const std::string& name, const Json& value) {
   return name + '=' +
-         (value.is_string()         ? printable(value.get_ref<const std::string&>())
+         (value.is_string()         ? fmt::format("{:?}", value.get_ref<const std::string&>())
           : value.is_number_float() ? fmt::format("{:.6f}", value.get<double>())
                                     : value.dump());
 }
@@ -162,6 +162,7 @@ Json facts_of(const std::filesystem::path& path, std::uint64_t chunk_bytes) {
   for (std::size_t channel = 0; channel < kChannels; ++channel) {
     channels.push_back(channel_json(channel, statistics.channel(channel), intervals[channel]));
   }
+  print_warning(input);
   const timing::StreamFileHeader& header = input.reader.header();
   Json facts = {{"file", path.string()},
                 {"file_bytes", or_null(input.file_bytes())},
@@ -187,17 +188,28 @@ std::string text_of(const Json& facts) {
 int info(const InfoOptions& options) {
   int status = kExitSuccess;
   Json files = Json::array();
-  for (const std::filesystem::path& file : options.files) {
+  const auto show = [&](const std::filesystem::path& file) {
+    Json facts;
     try {
-      Json facts = facts_of(file, options.chunk_bytes);
-      if (options.json) {
-        files.push_back(std::move(facts));
-      } else {
-        std::cout << text_of(facts) << std::flush;
-      }
+      facts = facts_of(file, options.chunk_bytes);
     } catch (const timing::Error& error) {
+      facts = {{"file", file.string()}, {"error", error.what()}};
       std::cerr << "ortime: " << error.what() << std::endl;
       status = kExitError;
+    }
+    if (options.json) {
+      files.push_back(std::move(facts));
+    } else if (!facts.contains("error")) {
+      std::cout << text_of(facts) << std::flush;
+    }
+  };
+  for (const std::filesystem::path& path : options.paths) {
+    if (!names_run(path)) {
+      show(path);
+      continue;
+    }
+    for (const verification::RunResult& run : load_run(path).runs) {
+      show(run.stream_file);
     }
   }
   if (options.json) {

@@ -12,9 +12,9 @@
 namespace orvo::inspection {
 
 struct InfoOptions {
-  std::vector<std::filesystem::path> files;
-  bool json = false;                    ///< one document instead of text
-  std::uint64_t chunk_bytes = 1 << 20;  ///< read at a time; packed-delta locks depend on it
+  std::vector<std::filesystem::path> paths;  ///< stream files, or runs for their recordings
+  bool json = false;                         ///< one document instead of text
+  std::uint64_t chunk_bytes = 1 << 20;       ///< read at a time; packed-delta locks depend on it
 };
 
 /// Prints to standard output. Returns kExitSuccess, or kExitError where a file could not be read.

@@ -1,8 +1,9 @@
-// What a verification has left in its run directory: its JSON report and its stream files.
-// Plain values; any thread may call load_run_directory().
+// A verification as it was left on disk: its JSON report and its recordings.
+// Plain values; any thread may call. Errors: timing::Error, with names as {:?} writes them.
 #pragma once
 
 #include <filesystem>
+#include <string>
 #include <vector>
 
 #include "orvo/verification/evaluation.h"
@@ -10,24 +11,38 @@
 namespace orvo::inspection {
 
 struct RunDirectory {
-  std::filesystem::path path;
-  bool pass = false;     ///< as reported
+  std::filesystem::path path;    ///< absolute, without links
+  std::filesystem::path report;  ///< the JSON report; empty where an error ended the verification
+
+  // Of the report; without one they mean nothing.
+  bool pass = false;
   double capture_s = 0;  ///< of every run
-
-  /// As reported, but for `min_tags_per_channel`, which the report lacks: the tool's default.
+  /// What the report does not hold is taken from its verdicts: the number of timestamps that a
+  /// channel needs, and further digits of the tolerance.
   verification::EvaluationSettings settings;
+  std::string settings_note;  ///< says what was taken so; empty where nothing had to be
 
-  /// As reported, to the digits that the report has. `stream_file` is where the file is now: its
-  /// recorded path, else its name in `path`; where neither is a file, its recorded path.
+  /// As reported, to the digits that the report has; without a report, those that have left a
+  /// recording, with nothing else filled. `stream_file` is where the recording is now: in `path`,
+  /// else where it was recorded.
   std::vector<verification::RunResult> runs;
+
+  [[nodiscard]] bool ended() const { return !report.empty(); }
 };
 
-/// Where the JSON report of the run directory is.
-[[nodiscard]] std::filesystem::path report_path(const std::filesystem::path& run_dir);
+/// Whether `path` names a run as load_run() takes it, rather than a stream file.
+[[nodiscard]] bool names_run(const std::filesystem::path& path);
 
-/// Reads the JSON report of the run directory at `path`.
-/// Errors: timing::Error, OT_ERR_IO or OT_ERR_FORMAT, with a message that names the file and, where
-/// there is one, the member at fault. A report without runs is one of them.
-[[nodiscard]] RunDirectory load_run_directory(const std::filesystem::path& path);
+/// The run that `path` stands for: a run directory, a JSON report, or an output root, for its
+/// newest run. Says on standard error what a user may not expect: which run was taken of a root,
+/// and that recordings lie elsewhere.
+[[nodiscard]] RunDirectory load_run(const std::filesystem::path& path);
+
+/// Throws when the recording of `run` is not there, and says where it was looked for.
+void require_recording(const RunDirectory& dir, const verification::RunResult& run);
+
+/// Fills from the JSON report `dir.report` what a report holds; a stream_file is where it was
+/// recorded. A report without runs is an error.
+void read_report(RunDirectory& dir);
 
 }  // namespace orvo::inspection

@@ -1,4 +1,5 @@
-// A stream file read for a command: what is wrong with it is told with its name.
+// A stream file read for a command: what is wrong with it is said with its name, and how far the
+// reading is, on a terminal.
 // Threads: a StreamInput belongs to one thread. Errors: timing::Error.
 #pragma once
 
@@ -7,6 +8,7 @@
 #include <functional>
 #include <optional>
 #include <span>
+#include <string>
 
 #include "orvo/timing/stream_files.h"
 #include "orvo/verification/evaluation.h"
@@ -15,8 +17,15 @@ namespace orvo::inspection {
 
 class StreamInput {
  public:
-  /// Opens the file at `path`, which may be a pipe; `on_lock_event` as StreamFileReader's.
+  /// Opens the file at `path`, which may be a pipe, or "-" for standard input; `on_lock_event` as
+  /// StreamFileReader's.
   explicit StreamInput(std::filesystem::path path, timing::LockListener on_lock_event = {});
+
+  /// What is odd about the header and what was taken instead, one line; empty for a header as the
+  /// tool writes it.
+  [[nodiscard]] std::string warning() const;
+  /// Throws where the header describes records that cannot be decoded.
+  void require_decodable() const;
 
   /// Hands all tags to `action`, some at a time in decoding order, reading `chunk_bytes` at a time.
   void read(std::uint64_t chunk_bytes,
@@ -27,13 +36,17 @@ class StreamInput {
   [[nodiscard]] std::optional<std::uint64_t> payload_bytes() const;
 
   timing::StreamFileReader reader;
+  bool shows_progress = true;  ///< where standard error is a terminal
 
  private:
-  std::filesystem::path path_;
+  std::string name_;  // for messages
   std::optional<std::uint64_t> file_bytes_;
 };
 
-/// What the header tells of the settings; `packed_bits` is 0 where no record overflows.
+/// Says on standard error what warning() says.
+void print_warning(const StreamInput& input);
+
+/// What the header says about the settings; `packed_bits` is 0 where no record overflows.
 [[nodiscard]] verification::EvaluationSettings settings_of(const timing::StreamFileHeader& header);
 
 }  // namespace orvo::inspection

@@ -2,13 +2,17 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <cmath>
 #include <iostream>
+#include <limits>
+#include <nlohmann/json.hpp>
 #include <string>
-#include <string_view>
+#include <utility>
 #include <vector>
 
+#include "orvo/inspection/comparison.h"
 #include "orvo/inspection/exit_status.h"
-#include "orvo/inspection/printable_text.h"
 #include "orvo/inspection/run_directory.h"
 #include "orvo/inspection/stream_input.h"
 #include "orvo/timing/error.h"
@@ -16,95 +20,172 @@
 namespace orvo::inspection {
 namespace {
 
-using verification::ChannelResult;
+using Json = nlohmann::ordered_json;
 using verification::EvaluationSettings;
 using verification::RunResult;
 
-constexpr const char* kVerdict = "pass";
-
-/// With the digits that the reports of the tool have.
-struct NamedNumber {
-  std::string name;
-  std::string digits;
+/// A recording judged anew.
+struct Judgement {
+  RunResult run;
+  std::vector<NamedNumber> numbers;  // of the run, those that are known
+  std::vector<Difference> differences;
+  std::string error;  // why it could not be judged; empty: it was
 };
-using Numbers = std::vector<NamedNumber>;
 
-Numbers numbers_of(const RunResult& run) {
-  return {{"requested_hz", fmt::format("{:.3f}", run.requested_hz)},
-          {"effective_hz", fmt::format("{:.3f}", run.effective_hz)},
-          {"expected_decoded_hz", fmt::format("{:.3f}", run.expected_decoded_hz)},
-          {"divider", fmt::to_string(run.divider)},
-          {"overflow_required", fmt::to_string(run.overflow_required)},
-          {"payload_bytes", fmt::to_string(run.payload_bytes)},
-          {"decoded_tags", fmt::to_string(run.decoded_tags)},
-          {kVerdict, fmt::to_string(run.pass)}};
-}
-
-Numbers numbers_of(const ChannelResult& channel) {
-  return {{"count", fmt::to_string(channel.count)},
-          {"first_ps", fmt::to_string(channel.first_ps)},
-          {"last_ps", fmt::to_string(channel.last_ps)},
-          {"measured_hz", fmt::format("{:.9f}", channel.measured_hz)},
-          {"ppm_error", fmt::format("{:.6f}", channel.ppm_error)},
-          {kVerdict, fmt::to_string(channel.pass)}};
-}
-
-void print_numbers(std::string_view of, const Numbers& numbers, const char* end) {
-  std::cout << of;
-  for (const NamedNumber& number : numbers) {
-    std::cout << ' ' << number.name << '=' << number.digits;
+Json json_of(const std::vector<NamedNumber>& numbers) {
+  Json object = Json::object();
+  for (const auto& [name, digits] : numbers) {
+    object[name] = Json::parse(digits);
   }
-  std::cout << end << '\n';
+  return object;
 }
 
-void print_run(const RunResult& run, const Numbers& numbers, std::uint8_t channel_mask) {
-  print_numbers("run", numbers, "");
-  std::cout << "  stream_file=" << printable(run.stream_file.string()) << '\n';
-  for (std::size_t channel = 0; channel < verification::kChannels; ++channel) {
-    const bool judged = verification::channel_counts(channel_mask, channel);
-    print_numbers(fmt::format("  ch{}", channel), numbers_of(run.channels[channel]),
-                  judged ? "" : " judged=false");
+std::string text_of(const std::vector<NamedNumber>& numbers) {
+  std::string text;
+  for (const auto& [name, digits] : numbers) {
+    text += fmt::format(" {}={}", name, digits);
   }
+  return text;
 }
 
-/// Prints the last line.
-int status_of(bool pass) {
-  std::cout << fmt::format("pass={}\n", pass);
-  return pass ? kExitSuccess : kExitVerificationFailed;
-}
-
-/// Tells on standard error which of the numbers `reported` has otherwise; the verdicts only
-/// `with_verdicts`. Returns whether one does.
-bool print_differences(const std::string& of, const Numbers& reported, const Numbers& decoded,
-                       bool with_verdicts) {
-  bool differs = false;
-  for (std::size_t i = 0; i < decoded.size(); ++i) {
-    if (decoded[i].digits != reported[i].digits && (with_verdicts || decoded[i].name != kVerdict)) {
-      std::cerr << fmt::format("ortime: {}{}={} differs from the report: {}\n", of, decoded[i].name,
-                               decoded[i].digits, reported[i].digits);
-      differs = true;
+/// The judgements as they come, and the verdict.
+class Output {
+ public:
+  Output(const EvaluationSettings& settings, bool json)
+      : settings_(settings),
+        json_(json),
+        document_({{"tolerance_ppm", settings.tolerance_ppm},
+                   {"min_tags_per_channel", settings.min_tags_per_channel},
+                   {"channel_mask", settings.channel_mask},
+                   {"runs", Json::array()}}) {
+    if (!json_) {
+      std::cout << fmt::format("tolerance_ppm={}\nmin_tags_per_channel={}\nchannel_mask=0x{:02X}\n",
+                               settings.tolerance_ppm, settings.min_tags_per_channel,
+                               settings.channel_mask);
     }
   }
-  return differs;
-}
 
-/// `settings` with what the options say otherwise; prints them.
+  void add(const Judgement& judgement) {
+    const std::size_t number = document_["runs"].size() + 1;
+    unjudged_ += judgement.error.empty() ? 0U : 1U;
+    pass_ = pass_ && judgement.run.pass;
+    if (!judgement.error.empty()) {
+      std::cerr << fmt::format("ortime: run {}: {}\n", number, judgement.error);
+    }
+    for (const Difference& difference : judgement.differences) {
+      disagree(fmt::format("run {}: ", number), difference);
+    }
+    document_["runs"].push_back(json_of_run(judgement));
+    if (!json_ && judgement.error.empty()) {
+      print(judgement);
+    }
+  }
+
+  void disagree(const std::string& of, const Difference& difference) {
+    ++disagreements_;
+    std::cerr << fmt::format("ortime: {}{}={} differs from the report: {}\n", of, difference.name,
+                             difference.decoded, difference.reported);
+  }
+
+  /// Whether every recording was judged and passed.
+  [[nodiscard]] bool pass() const { return pass_ && unjudged_ == 0; }
+  [[nodiscard]] std::size_t unjudged() const { return unjudged_; }
+
+  /// Prints the verdict; returns the exit status.
+  int finish() {
+    const bool pass = this->pass() && disagreements_ == 0;
+    document_.update({{"unjudged", unjudged_}, {"disagreements", disagreements_}, {"pass", pass}});
+    if (json_) {
+      std::cout << document_.dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
+    } else {
+      std::cout << "pass=" << (pass ? "true" : "false")
+                << (unjudged_ != 0 ? fmt::format(" unjudged={}", unjudged_) : "")
+                << (disagreements_ != 0 ? fmt::format(" disagreements={}", disagreements_) : "")
+                << '\n';
+    }
+    if (disagreements_ != 0) {
+      std::cerr << fmt::format(
+          "ortime: recordings and report disagree in {} numbers: was one of them changed, or made "
+          "with another --chunk-bytes?\n",
+          disagreements_);
+    }
+    return unjudged_ != 0        ? kExitError
+           : disagreements_ != 0 ? kExitDisagreement
+           : pass                ? kExitSuccess
+                                 : kExitVerificationFailed;
+  }
+
+ private:
+  [[nodiscard]] bool judged(std::size_t channel) const {
+    return verification::channel_counts(settings_.channel_mask, channel);
+  }
+
+  void print(const Judgement& judgement) const {
+    std::cout << "run" << text_of(judgement.numbers)
+              << fmt::format("\n  stream_file={:?}\n", judgement.run.stream_file.string());
+    for (std::size_t c = 0; c < verification::kChannels; ++c) {
+      std::cout << "  ch" << c << text_of(numbers_of(judgement.run.channels[c]))
+                << (judged(c) ? "" : " judged=false") << '\n';
+    }
+    std::cout.flush();
+  }
+
+  [[nodiscard]] Json json_of_run(const Judgement& judgement) const {
+    Json object = {{"stream_file", judgement.run.stream_file.string()}};
+    if (!judgement.error.empty()) {
+      object["error"] = judgement.error;
+      return object;
+    }
+    object.update(json_of(judgement.numbers));
+    for (std::size_t c = 0; c < verification::kChannels; ++c) {
+      Json channel = {{"channel", c}, {"judged", judged(c)}};
+      channel.update(json_of(numbers_of(judgement.run.channels[c])));
+      object["channels"].push_back(std::move(channel));
+    }
+    object["differences"] = Json::array();
+    for (const auto& [name, reported, decoded] : judgement.differences) {
+      object["differences"].push_back(
+          {{"name", name}, {"reported", Json::parse(reported)}, {"decoded", Json::parse(decoded)}});
+    }
+    return object;
+  }
+
+  EvaluationSettings settings_;
+  bool json_;
+  Json document_;
+  std::size_t disagreements_ = 0;
+  std::size_t unjudged_ = 0;
+  bool pass_ = true;
+};
+
+/// What the options say otherwise, on top of `settings`.
 EvaluationSettings chosen_settings(EvaluationSettings settings, const VerifyOptions& options) {
   settings.tolerance_ppm = options.tolerance_ppm.value_or(settings.tolerance_ppm);
   settings.min_tags_per_channel =
       options.min_tags_per_channel.value_or(settings.min_tags_per_channel);
   settings.channel_mask = options.channel_mask.value_or(settings.channel_mask);
-  std::cout << fmt::format("tolerance_ppm={}\nmin_tags_per_channel={}\nchannel_mask=0x{:02X}\n",
-                           settings.tolerance_ppm, settings.min_tags_per_channel,
-                           settings.channel_mask);
   return settings;
 }
 
-RunResult judge_recording(StreamInput& input, const verification::Rates& rates,
+std::uint32_t divider_of(const VerifyOptions& options) {
+  if (options.divider) {
+    return *options.divider;
+  }
+  const double nearest =
+      std::round(verification::kCalibrationBaseHz / options.requested_hz.value());
+  constexpr double kLargest = std::numeric_limits<std::uint32_t>::max();
+  return static_cast<std::uint32_t>(std::clamp(nearest, 1.0, kLargest));
+}
+
+/// What `input` holds, judged; the requested frequency and the stream file stay empty.
+RunResult judge_recording(StreamInput& input, std::uint32_t divider,
                           const EvaluationSettings& settings, std::uint64_t chunk_bytes) {
+  input.require_decodable();
+  print_warning(input);
   verification::TagStatistics statistics;
   input.read(chunk_bytes, [&](std::span<const timing::TimeTag> tags) { statistics.add(tags); });
-  RunResult run = verification::judge(statistics, rates, settings);
+  RunResult run =
+      verification::judge(statistics, verification::derive_rates(divider, settings), settings);
   run.payload_bytes = input.payload_bytes().value_or(0);
   return run;
 }
@@ -112,82 +193,68 @@ RunResult judge_recording(StreamInput& input, const verification::Rates& rates,
 int verify_file(const VerifyOptions& options) {
   StreamInput input(options.path);
   const EvaluationSettings settings = chosen_settings(settings_of(input.reader.header()), options);
-  verification::Rates rates;
-  if (options.divider) {
-    rates = verification::derive_rates(*options.divider, settings);
-  } else {
-    rates.expected_decoded_hz = options.expected_decoded_hz.value();
-    rates.effective_hz =
-        rates.expected_decoded_hz * verification::kDecodedTimestampSecondsPerSecond;
-    rates.overflow_required = verification::overflow_required(rates.expected_decoded_hz, settings);
-  }
-  RunResult run = judge_recording(input, rates, settings, options.chunk_bytes);
-  run.stream_file = options.path;
-
-  Numbers numbers = numbers_of(run);
-  std::erase_if(numbers, [&](const NamedNumber& number) {  // what no one has told
-    return number.name == "requested_hz" || (number.name == "divider" && !options.divider) ||
+  Judgement judgement;
+  judgement.run = judge_recording(input, divider_of(options), settings, options.chunk_bytes);
+  judgement.run.stream_file = options.path;
+  judgement.run.requested_hz = options.requested_hz.value_or(0);
+  judgement.numbers = numbers_of(judgement.run);
+  std::erase_if(judgement.numbers, [&](const NamedNumber& number) {  // what no one has said
+    return (number.name == "requested_hz" && !options.requested_hz) ||
            (number.name == "payload_bytes" && !input.payload_bytes());
   });
-  print_run(run, numbers, settings.channel_mask);
-  return status_of(run.pass);
+  Output output(settings, options.json);
+  output.add(judgement);
+  return output.finish();
 }
 
-/// The run judged anew.
-RunResult judged_again(const RunResult& reported, const RunDirectory& directory,
-                       const EvaluationSettings& settings, std::uint64_t chunk_bytes) {
-  std::error_code error;
-  if (!std::filesystem::is_regular_file(reported.stream_file, error)) {
-    throw timing::Error(OT_ERR_IO, fmt::format("neither {} nor a file of that name in {} can be "
-                                               "found",
-                                               printable(reported.stream_file.string()),
-                                               printable(directory.path.string())));
-  }
-  StreamInput input(reported.stream_file);
-  RunResult run = judge_recording(input, verification::derive_rates(reported.divider, settings),
-                                  settings, chunk_bytes);
-  run.requested_hz = reported.requested_hz;
+Judgement judged_again(const RunDirectory& dir, const RunResult& reported,
+                       const EvaluationSettings& settings, const VerifyOptions& options,
+                       bool same_judgement) {
+  Judgement judgement;
+  RunResult& run = judgement.run;
   run.stream_file = reported.stream_file;
-  return run;
+  try {
+    require_recording(dir, reported);
+    StreamInput input(reported.stream_file);
+    run = judge_recording(input, reported.divider, settings, options.chunk_bytes);
+    run.stream_file = reported.stream_file;
+    run.requested_hz = reported.requested_hz;
+    judgement.numbers = numbers_of(run);
+    judgement.differences = differences(reported, run, same_judgement);
+  } catch (const timing::Error& error) {
+    judgement.error = error.what();
+  }
+  return judgement;
 }
 
-int verify_directory(const VerifyOptions& options) {
-  const RunDirectory directory = load_run_directory(options.path);
-  const EvaluationSettings settings = chosen_settings(directory.settings, options);
-  // Another minimum may be the very one of the recording, which the report does not tell.
-  const bool same_judgement = !options.tolerance_ppm && !options.channel_mask;
-  bool pass = true;
-  bool differs = false;
-  const auto compare = [&](const std::string& of, const auto& reported, const auto& decoded) {
-    differs |= print_differences(of, numbers_of(reported), numbers_of(decoded), same_judgement);
-  };
-  for (std::size_t i = 0; i < directory.runs.size(); ++i) {
-    const RunResult& reported = directory.runs[i];
-    const RunResult run = judged_again(reported, directory, settings, options.chunk_bytes);
-    print_run(run, numbers_of(run), settings.channel_mask);
-    compare(fmt::format("run {}: ", i + 1), reported, run);
-    for (std::size_t c = 0; c < verification::kChannels; ++c) {
-      compare(fmt::format("run {}: ch{} ", i + 1, c), reported.channels[c], run.channels[c]);
-    }
-    pass = pass && run.pass;
+int verify_run(const VerifyOptions& options) {
+  const RunDirectory dir = load_run(options.path);
+  if (!dir.ended()) {
+    throw timing::Error(OT_ERR_NOT_FOUND,
+                        fmt::format("{:?} has no report, because an error ended the run: judge its "
+                                    "recordings with 'ortime verify --requested-hz F FILE'",
+                                    dir.path.string()));
   }
-  if (same_judgement && pass != directory.pass) {
-    std::cerr << fmt::format("ortime: pass={} differs from the report: {}\n", pass, directory.pass);
-    differs = true;
+  const bool same_judgement =
+      !options.tolerance_ppm && !options.min_tags_per_channel && !options.channel_mask;
+  if (same_judgement && !dir.settings_note.empty()) {
+    std::cerr << "ortime: " << dir.settings_note << '\n';
   }
-  if (differs) {
-    std::cerr << "ortime: was the recording changed, or made with settings that the report does "
-                 "not tell: --chunk-bytes, --min-tags-per-channel, digits of --tolerance-ppm?\n";
+  const EvaluationSettings settings = chosen_settings(dir.settings, options);
+  Output output(settings, options.json);
+  for (const RunResult& reported : dir.runs) {
+    output.add(judged_again(dir, reported, settings, options, same_judgement));
   }
-  return status_of(pass);
+  if (same_judgement && output.unjudged() == 0 && output.pass() != dir.pass) {
+    output.disagree("", {"pass", fmt::to_string(dir.pass), fmt::to_string(output.pass())});
+  }
+  return output.finish();
 }
 
 }  // namespace
 
 int verify(const VerifyOptions& options) {
-  std::error_code error;  // what cannot be looked at cannot be opened either, which tells why
-  return std::filesystem::is_directory(options.path, error) ? verify_directory(options)
-                                                            : verify_file(options);
+  return names_run(options.path) ? verify_run(options) : verify_file(options);
 }
 
 }  // namespace orvo::inspection

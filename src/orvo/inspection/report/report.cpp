@@ -1,5 +1,7 @@
 #include "orvo/inspection/report/report.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <iostream>
@@ -13,6 +15,7 @@
 #include "orvo/inspection/report/report_page.h"
 #include "orvo/inspection/report/report_words.h"
 #include "orvo/inspection/run_directory.h"
+#include "orvo/timing/error.h"
 
 namespace orvo::inspection {
 namespace {
@@ -58,9 +61,14 @@ std::string run_sections(const RunDirectory& dir, std::uint64_t chunk_bytes,
 
 int report(const ReportOptions& options) {
   unsetenv("ORVO_PACKED_DEBUG");  // the page has the lock history, and each file is decoded twice
-  RunDirectory dir = load_run_directory(options.run_dir);
-  dir.path = std::filesystem::canonical(dir.path);  // "." would tell a reader nothing
-  std::vector<std::filesystem::path> inputs = {report_path(dir.path)};
+  const RunDirectory dir = load_run(options.path);
+  if (!dir.ended()) {
+    throw timing::Error(OT_ERR_NOT_FOUND,
+                        fmt::format("{:?} has no report, because an error ended the run: look at "
+                                    "its recordings with 'ortime info'",
+                                    dir.path.string()));
+  }
+  std::vector<std::filesystem::path> inputs = {dir.report};
   for (const verification::RunResult& run : dir.runs) {
     inputs.push_back(run.stream_file);
   }

@@ -8,8 +8,8 @@
 namespace orvo::inspection {
 
 struct ReportOptions {
-  std::filesystem::path run_dir;
-  std::filesystem::path output;
+  std::filesystem::path path;    ///< a run as load_run() takes it
+  std::filesystem::path output;  ///< the page, as OutputFile takes it
   std::uint64_t chunk_bytes = 1 << 20;  ///< read at a time; packed-delta locks depend on it
 };
 

@@ -1,4 +1,4 @@
-#include "orvo/inspection/tags/progress.h"
+#include "orvo/inspection/progress.h"
 
 #include <fmt/format.h>
 #include <unistd.h>
@@ -39,8 +39,8 @@ std::string progress_line(std::uint64_t done_bytes, std::optional<std::uint64_t>
   return line;
 }
 
-ProgressBar::ProgressBar(std::optional<std::uint64_t> total_bytes, bool results_on_terminal)
-    : total_bytes_(total_bytes), shown_(!results_on_terminal && isatty(STDERR_FILENO) == 1) {}
+ProgressBar::ProgressBar(std::optional<std::uint64_t> total_bytes, bool wanted)
+    : total_bytes_(total_bytes), shown_(wanted && isatty(STDERR_FILENO) == 1) {}
 
 ProgressBar::~ProgressBar() {
   if (drawn_) {

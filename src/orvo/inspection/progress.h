@@ -15,9 +15,8 @@ namespace orvo::inspection {
 
 class ProgressBar {
  public:
-  /// Shows nothing where standard error is no terminal, or where `results_on_terminal` would get
-  /// mixed with it.
-  ProgressBar(std::optional<std::uint64_t> total_bytes, bool results_on_terminal);
+  /// Shows nothing where it is not wanted or standard error is no terminal.
+  ProgressBar(std::optional<std::uint64_t> total_bytes, bool wanted);
   /// Wipes the bar away.
   ~ProgressBar();
   ProgressBar(const ProgressBar&) = delete;

@@ -1,0 +1,49 @@
+#include "orvo/inspection/comparison.h"
+
+#include <fmt/format.h>
+
+namespace orvo::inspection {
+
+using Numbers = std::vector<NamedNumber>;
+
+Numbers numbers_of(const verification::RunResult& run) {
+  return {{"requested_hz", fmt::format("{:.3f}", run.requested_hz)},
+          {"effective_hz", fmt::format("{:.3f}", run.effective_hz)},
+          {"expected_decoded_hz", fmt::format("{:.3f}", run.expected_decoded_hz)},
+          {"divider", fmt::to_string(run.divider)},
+          {"overflow_required", fmt::to_string(run.overflow_required)},
+          {"payload_bytes", fmt::to_string(run.payload_bytes)},
+          {"decoded_tags", fmt::to_string(run.decoded_tags)},
+          {"pass", fmt::to_string(run.pass)}};
+}
+
+Numbers numbers_of(const verification::ChannelResult& channel) {
+  return {{"count", fmt::to_string(channel.count)},
+          {"first_ps", fmt::to_string(channel.first_ps)},
+          {"last_ps", fmt::to_string(channel.last_ps)},
+          {"measured_hz", fmt::format("{:.9f}", channel.measured_hz)},
+          {"ppm_error", fmt::format("{:.6f}", channel.ppm_error)},
+          {"pass", fmt::to_string(channel.pass)}};
+}
+
+std::vector<Difference> differences(const verification::RunResult& reported,
+                                    const verification::RunResult& decoded, bool with_verdicts) {
+  std::vector<Difference> found;
+  const auto compare = [&](const std::string& of, const Numbers& old_numbers,
+                           const Numbers& new_numbers) {
+    for (std::size_t i = 0; i < new_numbers.size(); ++i) {
+      const auto& [name, digits] = new_numbers[i];
+      if (digits != old_numbers[i].digits && (with_verdicts || name != "pass")) {
+        found.push_back({of + name, old_numbers[i].digits, digits});
+      }
+    }
+  };
+  compare("", numbers_of(reported), numbers_of(decoded));
+  for (std::size_t c = 0; c < verification::kChannels; ++c) {
+    compare(fmt::format("ch{} ", c), numbers_of(reported.channels[c]),
+            numbers_of(decoded.channels[c]));
+  }
+  return found;
+}
+
+}  // namespace orvo::inspection
