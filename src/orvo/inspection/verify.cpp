@@ -167,14 +167,17 @@ EvaluationSettings chosen_settings(EvaluationSettings settings, const VerifyOpti
   return settings;
 }
 
+/// The divider that was given, or the one whose frequency is nearest to the one asked for.
 std::uint32_t divider_of(const VerifyOptions& options) {
   if (options.divider) {
     return *options.divider;
   }
-  const double nearest =
-      std::round(verification::kCalibrationBaseHz / options.requested_hz.value());
+  constexpr double kBaseHz = verification::kCalibrationBaseHz;
   constexpr double kLargest = std::numeric_limits<std::uint32_t>::max();
-  return static_cast<std::uint32_t>(std::clamp(nearest, 1.0, kLargest));
+  const double hz = options.requested_hz.value();
+  const double below = std::clamp(std::floor(kBaseHz / hz), 1.0, kLargest - 1);
+  return static_cast<std::uint32_t>(hz - kBaseHz / (below + 1) < kBaseHz / below - hz ? below + 1
+                                                                                      : below);
 }
 
 /// What `input` holds, judged; the requested frequency and the stream file stay empty.
