@@ -51,6 +51,13 @@ void TagStatistics::add(std::span<const timing::TimeTag> tags) {
   }
 }
 
+void TagStatistics::add(std::size_t channel, const Channel& counted) {
+  Channel& sum = channels_[std::min(channel, kChannels)];
+  sum.count += counted.count;
+  sum.smallest_ps = std::min(sum.smallest_ps, counted.smallest_ps);
+  sum.largest_ps = std::max(sum.largest_ps, counted.largest_ps);
+}
+
 std::uint64_t TagStatistics::tags() const noexcept {
   std::uint64_t tags = 0;
   for (const Channel& channel : channels_) {

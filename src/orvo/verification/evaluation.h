@@ -75,6 +75,8 @@ class TagStatistics {
 
   /// Takes tags in any order.
   void add(std::span<const timing::TimeTag> tags);
+  /// Takes what was counted of a channel elsewhere.
+  void add(std::size_t channel, const Channel& counted);
 
   /// All tags, also those of channels that do not exist.
   [[nodiscard]] std::uint64_t tags() const noexcept;
