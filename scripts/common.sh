@@ -37,5 +37,5 @@ build() {
 }
 
 build_packages=(cmake ninja-build g++)
-inspection_packages=(libcli11-dev libfmt-dev nlohmann-json3-dev)
+inspection_packages=(libcli11-dev libfmt-dev libkainjow-mustache-dev nlohmann-json3-dev)
 test_packages=("${build_packages[@]}" "${inspection_packages[@]}" libgtest-dev)

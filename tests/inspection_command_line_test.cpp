@@ -7,7 +7,6 @@
 
 #include "orvo/inspection/command_line.h"
 #include "orvo/inspection/exit_status.h"
-#include "orvo/inspection/printable_text.h"
 #include "orvo/inspection/progress.h"
 #include "support/scratch.h"
 
@@ -72,8 +71,9 @@ TEST(CommandLine, UsageErrorsNameTheFaultAndWhereToLook) {
       {"verify " + file + " --divider 3 --channel-mask 0b", "--channel-mask"},
       {"verify " + file + " --divider 3 --min-tags-per-channel 18446744073709551616",
        "is not an integer"},
-      {"report x", "--output is required"},
+      {"report x", "--output or --json is required"},
       {"report x -o ''", "the name is empty"},
+      {"report x -o page --json page", "needs a file of its own"},
   };
   for (const auto& [words, told] : cases) {
     SCOPED_TRACE(words);
@@ -115,24 +115,13 @@ TEST(CommandLine, WordsBecomeOptions) {
   EXPECT_EQ(verify.tolerance_ppm, std::numeric_limits<double>::infinity());
   EXPECT_EQ(verify.min_tags_per_channel, std::numeric_limits<std::uint64_t>::max());
   EXPECT_EQ(verify.chunk_bytes, 10U);
-  const auto report = std::get<inspection::ReportOptions>(parse("report run_1 -o page_1.html"));
+  const auto report = std::get<inspection::ReportOptions>(
+      parse("report run_1 -o page_1.html --title=bench_7 --json d"));
   EXPECT_EQ(report.path, "run_1");
   EXPECT_EQ(report.output, "page_1.html");
+  EXPECT_EQ(report.json, "d");
+  EXPECT_EQ(report.title, "bench_7");
   EXPECT_EQ(report.chunk_bytes, 1048576U);
-}
-
-TEST(PrintableText, CommandsNoTerminal) {
-  const std::pair<std::string, std::string> cases[] = {
-      {"plain \\ text", "plain \\ text"},
-      {"ü€😀", "ü€😀"},
-      {"\x1b[2J\x7f\t", "\\x1b[2J\\x7f\\x09"},
-      {"\xc2\x9b", "\\xc2\\x9b"},
-      {"\xc0\xaf", "\\xc0\\xaf"},
-      {"\xed\xa0\x80", "\\xed\\xa0\\x80"},
-      {"\xf4\x90\x80\x80", "\\xf4\\x90\\x80\\x80"},
-      {"a\xe2\x82", "a\\xe2\\x82"},
-  };
-  for (const auto& [text, shown] : cases) EXPECT_EQ(inspection::printable(text), shown);
 }
 
 TEST(Progress, TellsPartRateAndTimeLeft) {

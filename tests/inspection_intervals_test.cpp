@@ -1,86 +1,241 @@
-// What the charts of a report are drawn from: intervals, scales and texts.
+// What a recording's times show: intervals, skew, and the time that counts.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
+#include <random>
 
 #include "orvo/inspection/intervals.h"
-#include "orvo/inspection/report/chart_scale.h"
-#include "orvo/inspection/report/html_text.h"
+#include "orvo/inspection/recording.h"
+#include "orvo/inspection/report/scale.h"
+#include "orvo/inspection/report/text.h"
+#include "support/recordings.h"
+#include "support/scratch.h"
 
 namespace orvo::tests {
 namespace {
 
+using inspection::Bin;
+using inspection::IntervalAnalysis;
+using inspection::IntervalSettings;
+using inspection::Recording;
+using timing::TimeTag;
+
+constexpr double kPeriodPs = 10'000'000;
+
+IntervalSettings settings_of_8_ps() {
+  return {.expected_ps = {kPeriodPs, kPeriodPs, kPeriodPs, kPeriodPs},
+          .tick_shift = 3,
+          .largest_plain_ps = 524'280,
+          .longest_ps = 1e12,
+          .reference = 0};
+}
+
+/// As the analysis has it, computed from all values at once.
+inspection::Spread plain_spread(std::vector<double> values) {
+  std::sort(values.begin(), values.end());
+  const auto count = static_cast<double>(values.size());
+  double mean = 0;
+  double squares = 0;
+  for (const double value : values) mean += value / count;
+  for (const double value : values) squares += (value - mean) * (value - mean) / count;
+  return {values.size(), mean, (values[(values.size() - 1) / 2] + values[values.size() / 2]) / 2,
+          std::sqrt(squares)};
+}
+
 TEST(Intervals, OneLostEventAmongAMillionIsSeen) {
-  constexpr std::int64_t kPeriodPs = 10'000'000;
-  inspection::IntervalStatistics statistics({kPeriodPs, 8, 524'280});
-  inspection::IntervalTracker tracker;
-  inspection::IntervalEnvelope envelope(0, 1'000'000 * kPeriodPs, 1'000);
-  inspection::IntervalHistogram histogram(4);
+  IntervalAnalysis analysis(settings_of_8_ps());
+  std::vector<double> deviations_ps;
+  std::vector<TimeTag> tags;
   for (std::int64_t i = 0; i <= 1'000'000; ++i) {
-    const std::int64_t time_ps = i * kPeriodPs + i % 3 * 8;
-    if (i == 700'001) {
-      continue;
-    }
-    if (const auto interval_ps = tracker.step(time_ps)) {
-      const auto deviation_ps = static_cast<double>(*interval_ps - kPeriodPs);
-      statistics.add(*interval_ps, time_ps);
-      envelope.add(time_ps, deviation_ps, true);
-      histogram.add(deviation_ps / 8);
+    const std::int64_t time_ps = i * 10'000'000 + i % 3 * 8;
+    if (i != 700'001) {
+      if (!tags.empty() && time_ps - tags.back().time_ps < 15'000'000) {
+        deviations_ps.push_back(static_cast<double>(time_ps - tags.back().time_ps) - kPeriodPs);
+      }
+      tags.push_back({1, time_ps});
     }
   }
-  EXPECT_EQ(statistics.intervals(), 999'999U);
-  EXPECT_EQ(statistics.gaps(), 1U);
-  EXPECT_EQ(statistics.missing_events(), 1);
-  EXPECT_EQ(statistics.with_overflow(), 999'999U);
-  EXPECT_EQ(statistics.common_range_quanta(), 4);  // however far the one is
-  EXPECT_NEAR(statistics.largest().deviation_ps, kPeriodPs, 16);
-  EXPECT_EQ(histogram.above(), 1U);
-  for (std::size_t i = 0; i < envelope.columns().size(); ++i) {
-    const inspection::IntervalEnvelope::Column& column = envelope.columns()[i];
-    EXPECT_NEAR(static_cast<double>(column.intervals), 1'000, 1) << i;
-    EXPECT_EQ(column.largest_ps > 100, i == 700) << i;
-    EXPECT_EQ(column.smallest_ps, -16) << i;
+  for (std::size_t i = 0; i < tags.size(); i += 4'096) {
+    analysis.add(std::span(tags).subspan(i, std::min<std::size_t>(4'096, tags.size() - i)));
+  }
+  analysis.finish();
+  EXPECT_EQ(analysis.tags(1).count, 1'000'000U);
+  EXPECT_EQ(analysis.tags(1).largest_ps, tags.back().time_ps);
+  const inspection::Spread spread = spread_of(analysis.deviations(1), kPeriodPs / 2);
+  const inspection::Spread plain = plain_spread(deviations_ps);
+  EXPECT_EQ(spread.count, plain.count);
+  EXPECT_NEAR(spread.mean_ps, plain.mean_ps, 1e-9);
+  EXPECT_EQ(spread.median_ps, plain.median_ps);
+  EXPECT_NEAR(spread.deviation_ps, plain.deviation_ps, 1e-6);
+  EXPECT_NEAR(analysis.deviations(1).back().value_ps, kPeriodPs, kPeriodPs / 512);
+
+  inspection::IntervalSummary sum;
+  std::size_t columns_with_a_gap = 0;
+  for (const auto& [index, column] : analysis.columns()) {
+    const inspection::IntervalSummary& s = column.channels[1];
+    columns_with_a_gap += s.gaps;
+    EXPECT_EQ(s.longest.interval_ps > 10'000'100, s.gaps == 1) << index;
+    EXPECT_EQ(s.shortest.interval_ps, 9'999'984) << index;
+    EXPECT_EQ(s.with_overflow, s.intervals) << index;
+    sum.add(s);
+  }
+  EXPECT_EQ(columns_with_a_gap, 1U);
+  EXPECT_EQ(sum.intervals, 999'999U);
+  EXPECT_EQ(sum.missing_events, 1U);
+  EXPECT_EQ(sum.backward_steps, 0U);
+  EXPECT_EQ(sum.longest.time_ps, 700'002LL * 10'000'000 + 700'002 % 3 * 8);
+}
+
+TEST(Intervals, AnyTimesAreCountedOnce) {
+  std::mt19937_64 random(1);
+  IntervalAnalysis analysis(settings_of_8_ps());
+  verification::TagStatistics plain;
+  constexpr std::int64_t kEnds[] = {INT64_MIN, INT64_MAX, 0, -1};
+  for (int round = 0; round < 40; ++round) {
+    std::vector<TimeTag> tags;
+    for (int i = 0; i < 1'000; ++i) {
+      tags.push_back({static_cast<std::uint8_t>(random() % 4),
+                      i < 4 ? kEnds[i] : static_cast<std::int64_t>(random() >> random() % 64)});
+    }
+    analysis.add(tags);
+    plain.add(tags);
+  }
+  analysis.finish();
+  EXPECT_LE(analysis.columns().size(), 8'192U);
+  std::uint64_t tags = 0;
+  for (const auto& [index, column] : analysis.columns()) {
+    tags += column.tags;
+  }
+  EXPECT_EQ(tags, plain.tags());
+  for (std::size_t c = 0; c < 4; ++c) {
+    EXPECT_EQ(analysis.tags(c).count, plain.channel(c).count);
+    EXPECT_EQ(analysis.tags(c).smallest_ps, plain.channel(c).smallest_ps);
+    EXPECT_EQ(analysis.tags(c).largest_ps, plain.channel(c).largest_ps);
   }
 }
 
-TEST(Intervals, HistogramCountsEverythingOnce) {
-  for (const double range : {0.0, 4.0, 30.0, 31.0, 1'000.0, 1e12}) {
-    inspection::IntervalHistogram histogram(range);
-    const auto bars = histogram.bars();
-    EXPECT_LE(bars.size(), inspection::IntervalHistogram::kMaxBars);
-    for (const double quanta : {-1e19, -range, 0.0, range, 1e19}) {
-      histogram.add(quanta);
-    }
-    std::uint64_t inside = 0;
-    for (const std::uint64_t bar : bars) {
-      inside += bar;
-    }
-    EXPECT_EQ(inside, 3U) << range;
-    EXPECT_GE(bars[bars.size() / 2], 1U) << range;
-    EXPECT_EQ(histogram.below() + histogram.above(), 2U) << range;
+TEST(Intervals, ValuesKeepTheirPlaces) {
+  inspection::ValueCounts counts;
+  for (const std::int64_t value :
+       {std::int64_t{-1'023}, std::int64_t{0}, std::int64_t{1'023}, std::int64_t{1'000'000},
+        std::int64_t{-7'000'000'000}, INT64_MAX, INT64_MIN}) {
+    counts.add(value, 2);
   }
+  const std::vector<Bin> bins = counts.bins(8, 0.5);
+  const double wanted[] = {-0x1p66, -5.6e10, -8'183.5, 0.5, 8'184.5, 8e6, 0x1p66};
+  ASSERT_EQ(bins.size(), std::size(wanted));
+  for (std::size_t i = 0; i < bins.size(); ++i) {
+    EXPECT_EQ(bins[i].count, 2U);
+    EXPECT_NEAR(bins[i].value_ps, wanted[i],
+                std::abs(wanted[i]) > 1e4 ? std::abs(wanted[i]) / 512 : 0);
+  }
+}
+
+TEST(Intervals, SkewIsThatOfTheNearestEvent) {
+  struct Case {
+    const char* name;
+    std::int64_t skew_ps;  // of channel 1 against channel 0
+    bool channel_0_first;  // in the stream
+    unsigned lost_from_0;  // one event in so many, 0 for none
+  };
+  for (const Case& c :
+       {Case{"after", 248, true, 0}, Case{"before", -248, false, 0},
+        Case{"before, sent after", -248, true, 0}, Case{"after, sent before", 248, false, 0},
+        Case{"far", 3'000'000, true, 0}, Case{"far before", -3'000'000, false, 0},
+        Case{"without a partner", 248, true, 10}}) {
+    IntervalAnalysis analysis(settings_of_8_ps());
+    std::vector<TimeTag> tags;
+    std::uint64_t pairs = 0;
+    for (int i = 1; i <= 1'000; ++i) {
+      const std::int64_t time_ps = i * 10'000'000 + i % 2 * 8;
+      const bool lost = c.lost_from_0 != 0 && i % static_cast<int>(c.lost_from_0) == 0;
+      pairs += lost ? 0 : 1;
+      if (c.channel_0_first && !lost) tags.push_back({0, time_ps});
+      tags.push_back({1, time_ps + c.skew_ps});
+      if (!c.channel_0_first && !lost) tags.push_back({0, time_ps});
+    }
+    analysis.add(tags);
+    analysis.finish();
+    const inspection::Spread skew = spread_of(analysis.skews(1));
+    EXPECT_EQ(skew.count, pairs) << c.name;
+    EXPECT_EQ(skew.median_ps, static_cast<double>(c.skew_ps)) << c.name;
+    EXPECT_NEAR(skew.deviation_ps, 0, 1e-3) << c.name;
+    EXPECT_TRUE(analysis.skews(0).empty()) << c.name;
+  }
+}
+
+TEST(Recordings, WithoutADividerItIsFoundInTheIntervals) {
+  const ScratchDirectory scratch;
+  PackedWriter writer;
+  writer.events(500);
+  const std::string file = scratch.file("a.ortime");
+  writer.save(file);
+  const Recording recording = inspection::read_recording(file, {});
+  EXPECT_EQ(recording.divider, PackedWriter::kDivider);
+  EXPECT_NEAR(recording.channels[2].expected_ps, PackedWriter::kPeriodPs, 1e-3);
+  EXPECT_EQ(recording.reference, 0U);
+  for (std::size_t c = 1; c < 4; ++c) {
+    EXPECT_EQ(recording.channels[c].skew.median_ps, PackedWriter::skew_ps(c)) << c;
+  }
+  EXPECT_EQ(inspection::read_recording(file, {.channel_mask = 0b1010}).reference, 1U);
+}
+
+TEST(Recordings, TimesFromDamageAreOutside) {
+  const ScratchDirectory scratch;
+  const std::string file = scratch.file("a.ortime");
+  PackedWriter writer;
+  writer.events(300);
+  writer.jump(900'000'000'000);  // less than the decoder refuses
+  writer.events(20);
+  writer.save(file);
+  const double capture_s = 300 * PackedWriter::kPeriodPs / 1e12;
+  const Recording recording =
+      inspection::read_recording(file, {.divider = PackedWriter::kDivider, .capture_s = capture_s});
+  EXPECT_EQ(recording.tags.tags(), 4 * 320U);
+  EXPECT_EQ(recording.tags_outside, 4 * 20U);
+  EXPECT_LT(static_cast<double>(recording.last_ps - recording.first_ps), capture_s * 1.3e12 + 1e11);
+  EXPECT_EQ(recording.channels[0].intervals.missing_events, 0U);
+  EXPECT_EQ(recording.channels[0].intervals.intervals, 299U);
+
+  const Recording whole = inspection::read_recording(file, {.divider = PackedWriter::kDivider});
+  EXPECT_EQ(whole.tags_outside, 0U);
+  EXPECT_EQ(whole.channels[0].intervals.gaps, 1U);
+  EXPECT_LE(whole.columns.size(), 1'001U);
 }
 
 TEST(Charts, NoiseAndAFarOutlierAreOnOneScale) {
-  const inspection::DeviationScale scale(32, -12, 1e7);
-  EXPECT_GT(scale.position(-8) - scale.position(8), 0.05);
-  double previous = 1.1;
-  for (const double deviation_ps : {-32.0, -12.0, 0.0, 12.0, 50.0, 51.0, 1e3, 1e6, 1e7}) {
-    EXPECT_LT(scale.position(deviation_ps), previous) << deviation_ps;
-    previous = scale.position(deviation_ps);
+  Recording recording;
+  recording.tick_ps = 8;
+  inspection::ChannelRecording& channel = recording.channels[2];
+  channel.expected_ps = kPeriodPs;
+  channel.deviations = {{-8, 5'000}, {0, 9'000}, {8, 5'000}, {kPeriodPs, 1}};
+  channel.intervals.intervals = 19'001;
+  channel.intervals.shortest = {9'999'992, 0};
+  channel.intervals.longest = {20'000'000, 0};
+  const inspection::Scale scale(recording);
+  EXPECT_GT(scale.y(-8) - scale.y(8), inspection::Scale::kHeightPx / 3);
+  double previous = inspection::Scale::kHeightPx;
+  for (const double deviation_ps : {-8.0, 0.0, 8.0, 50.0, 51.0, 1e3, 1e6, 1e7}) {
+    EXPECT_LT(scale.y(deviation_ps), previous) << deviation_ps;
+    previous = scale.y(deviation_ps);
   }
   EXPECT_GE(previous, 0);
+  EXPECT_TRUE(scale.in_tail(1e7));
+  EXPECT_FALSE(scale.in_tail(8));
 }
 
-TEST(Html, TextsAndNumbers) {
+TEST(Texts, Numbers) {
   using namespace inspection;
-  EXPECT_EQ(html_escaped("<a href='\"'>&\xFF\n"), "&lt;a href=&#39;&quot;&#39;&gt;&amp;\\xff\\x0a");
   EXPECT_EQ(grouped(std::int64_t{-1'234'567}), "−1\u202F234\u202F567");
   EXPECT_EQ(signed_text(-0.0000001, 6), "0.000000");
+  EXPECT_EQ(signed_text(12.25, 1), "+12.2");
   EXPECT_EQ(fixed_text(std::nan(""), 2), "–");
   EXPECT_EQ(signed_time_text(10'006'015), "+10.01\u00A0µs");
+  EXPECT_EQ(time_text(51'230'000'000, 3), "51.2\u00A0ms");
+  EXPECT_EQ(time_text(999'960), "1\u00A0µs");
   EXPECT_EQ(hz_text(100'000), "100\u00A0kHz");
-  EXPECT_EQ(percent_text(999'999, 1'000'000), "above 99.9\u00A0%");
+  EXPECT_EQ(counted(1, "event"), "1\u00A0event");
 }
 
 }  // namespace

@@ -123,7 +123,7 @@ TEST_F(Inspection, InfoTellsChannelsInDisorder) {
   StreamFileHeader header;
   header.application = "\x1b[31m\xff\xc2\x9b ü\n";
   write_tags({{0, 10}, {1, 1}, {0, 40}, {0, 30}, {0, 30}}, header);
-  const nlohmann::ordered_json json = inspection::facts_of(file, 8);
+  const nlohmann::ordered_json json = inspection::facts_of(file, {.chunk_bytes = 8});
   const std::string text = inspection::text_of(json);
   EXPECT_TRUE(text.ends_with(
       "\ntags=5\nundecoded_bytes=0\nchannels:\n"
@@ -159,7 +159,7 @@ TEST_F(Inspection, LocksAreDatedByTheTagBefore) {
   reader.open(file);
   const Tags all = reader.decode_next_tags(~0UL, 4096);
   EXPECT_EQ(reader.read_bytes(), std::filesystem::file_size(file));
-  const nlohmann::ordered_json facts = inspection::facts_of(file, 4096);
+  const nlohmann::ordered_json facts = inspection::facts_of(file, {.chunk_bytes = 4096});
   const nlohmann::ordered_json& locks = facts["locks"];
   ASSERT_GT(locks["dropped"], 3U);
   ASSERT_EQ(locks["events"].size() + locks["events_left_out"].get<std::size_t>(), events.size());

@@ -243,13 +243,24 @@ void add_report(CLI::App& program, Command& chosen) {
   CLI::App* const command =
       program.add_subcommand("report", "One self-contained HTML page for a run");
   add(command, "RUN", options->path, "", "A run")->required();
-  add_output(command, "-o,--output", options->output, "The page; - for standard output")
-      ->required();
+  add_output(command, "-o,--output", options->output, "The page; - for standard output");
+  add_output(command, "--json", options->json,
+             "What the page shows as data: results, deviations over\n"
+             "time, histograms");
+  add(command, "--title", options->title, "TEXT", "Such as which instrument, which bench");
   command->footer(
       "Examples:\n"
       "  ortime report -o report.html logs/verification/overflow_frequency\n"
-      "  ortime report -o - logs/verification/overflow_frequency/latest.json | gzip > r.html.gz");
-  command->callback([options, &chosen] { chosen = *options; });
+      "  ortime report --json data.json logs/verification/overflow_frequency/latest.json");
+  command->callback([options, &chosen] {
+    if (options->output.empty() && options->json.empty()) {
+      throw CLI::RequiredError("--output or --json");
+    }
+    if (options->output == options->json) {
+      throw CLI::ValidationError("--json", "needs a file of its own");
+    }
+    chosen = *options;
+  });
 }
 
 /// Says what is wrong with the command line, and where to look.

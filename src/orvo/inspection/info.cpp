@@ -10,12 +10,9 @@
 #include <utility>
 
 #include "orvo/inspection/exit_status.h"
-#include "orvo/inspection/intervals.h"
-#include "orvo/inspection/lock_history.h"
+#include "orvo/inspection/recording.h"
 #include "orvo/inspection/run_directory.h"
-#include "orvo/inspection/stream_input.h"
 #include "orvo/timing/error.h"
-#include "orvo/timing/stream_decoder.h"
 
 namespace orvo::inspection {
 namespace {
@@ -35,20 +32,6 @@ constexpr const char* kKindNames[LockHistory::kKinds] = {"locked",
                                                          "implausible_sync_delta",
                                                          "implausible_delta",
                                                          "imbalanced"};
-
-/// From a tag to the next of its channel in decoding order.
-struct Intervals {
-  IntervalTracker tracker;
-  std::optional<std::int64_t> shortest_ps;
-  std::optional<std::int64_t> longest_ps;
-
-  void add(std::int64_t time_ps) {
-    if (const auto interval_ps = tracker.step(time_ps)) {
-      shortest_ps = std::min(shortest_ps.value_or(*interval_ps), *interval_ps);
-      longest_ps = std::max(longest_ps.value_or(*interval_ps), *interval_ps);
-    }
-  }
-};
 
 template <typename Value>
 Json or_null(const std::optional<Value>& value) {
@@ -71,16 +54,35 @@ Json header_json(const timing::StreamFileHeader& header) {
           {"device_port", header.device_port}};
 }
 
-Json channel_json(std::size_t index, const TagStatistics::Channel& channel,
-                  const Intervals& intervals) {
-  Json json = {{"channel", index},
-               {"tags", channel.count},
-               {"first_ps", nullptr},
-               {"last_ps", nullptr},
-               {"span_ps", nullptr},
-               {"rate_hz", nullptr},
-               {"shortest_interval_ps", or_null(intervals.shortest_ps)},
-               {"longest_interval_ps", or_null(intervals.longest_ps)}};
+Json spread_json(const Spread& spread) {
+  return spread.count == 0 ? Json()
+                           : Json{{"count", spread.count},
+                                  {"mean_ps", spread.mean_ps},
+                                  {"median_ps", spread.median_ps},
+                                  {"standard_deviation_ps", spread.deviation_ps}};
+}
+
+Json channel_json(std::size_t index, const Recording& recording) {
+  const TagStatistics::Channel& channel = recording.tags.channel(index);
+  const ChannelRecording& found = recording.channels[index];
+  const IntervalSummary& intervals = found.intervals;
+  Json json = {
+      {"channel", index},
+      {"tags", channel.count},
+      {"first_ps", nullptr},
+      {"last_ps", nullptr},
+      {"span_ps", nullptr},
+      {"rate_hz", nullptr},
+      {"shortest_interval_ps", nullptr},
+      {"longest_interval_ps", nullptr},
+      {"missing_events",
+       recording.header.mode == timing::Mode::internal ? Json(intervals.missing_events) : Json()},
+      {"deviation", spread_json(found.spread)},
+      {"skew", spread_json(found.skew)}};
+  if (intervals.intervals != 0) {
+    json["shortest_interval_ps"] = intervals.shortest.interval_ps;
+    json["longest_interval_ps"] = intervals.longest.interval_ps;
+  }
   if (channel.count != 0) {
     const std::uint64_t span_ps = static_cast<std::uint64_t>(channel.largest_ps) -
                                   static_cast<std::uint64_t>(channel.smallest_ps);
@@ -146,35 +148,26 @@ void put_lines(const Json& object, const std::string& indent, std::string& text)
 
 }  // namespace
 
-Json facts_of(const std::filesystem::path& path, std::uint64_t chunk_bytes) {
-  LockHistory locks;
-  StreamInput input(path, [&](const timing::LockEvent& event) { locks.add(event); });
-  TagStatistics statistics;
-  std::array<Intervals, kChannels> intervals;
-  input.read(chunk_bytes, [&](std::span<const timing::TimeTag> tags) {
-    statistics.add(tags);
-    locks.pass(tags);
-    for (const timing::TimeTag& tag : tags) {
-      intervals[tag.channel % kChannels].add(tag.time_ps);
-    }
-  });
+Json facts_of(const std::filesystem::path& path, const RecordingOptions& options) {
+  const Recording recording = read_recording(path, options);
+  if (!recording.warning.empty()) {
+    std::cerr << "ortime: " << recording.warning << '\n';
+  }
   Json channels = Json::array();
   for (std::size_t channel = 0; channel < kChannels; ++channel) {
-    channels.push_back(channel_json(channel, statistics.channel(channel), intervals[channel]));
+    channels.push_back(channel_json(channel, recording));
   }
-  print_warning(input);
-  const timing::StreamFileHeader& header = input.reader.header();
   Json facts = {{"file", path.string()},
-                {"file_bytes", or_null(input.file_bytes())},
-                {"header_bytes", input.reader.payload_start_bytes()},
-                {"payload_bytes", or_null(input.payload_bytes())},
-                {"header", header_json(header)},
-                {"decodable", timing::StreamDecoder::decodes(header)},
-                {"tags", statistics.tags()},
-                {"undecoded_bytes", input.reader.undecoded_bytes()},
+                {"file_bytes", or_null(recording.file_bytes)},
+                {"header_bytes", recording.header_bytes},
+                {"payload_bytes", or_null(recording.payload_bytes)},
+                {"header", header_json(recording.header)},
+                {"decodable", recording.decodable},
+                {"tags", recording.tags.tags()},
+                {"undecoded_bytes", recording.undecoded_bytes},
                 {"channels", std::move(channels)}};
-  if (header.stream_format == timing::Format::packed_delta) {
-    facts["locks"] = locks_json(locks, header);
+  if (recording.header.stream_format == timing::Format::packed_delta) {
+    facts["locks"] = locks_json(recording.locks, recording.header);
   }
   return facts;
 }
@@ -188,10 +181,11 @@ std::string text_of(const Json& facts) {
 int info(const InfoOptions& options) {
   int status = kExitSuccess;
   Json files = Json::array();
-  const auto show = [&](const std::filesystem::path& file) {
+  const auto show = [&](const std::filesystem::path& file, RecordingOptions known) {
+    known.chunk_bytes = options.chunk_bytes;
     Json facts;
     try {
-      facts = facts_of(file, options.chunk_bytes);
+      facts = facts_of(file, known);
     } catch (const timing::Error& error) {
       facts = {{"file", file.string()}, {"error", error.what()}};
       std::cerr << "ortime: " << error.what() << std::endl;
@@ -205,11 +199,16 @@ int info(const InfoOptions& options) {
   };
   for (const std::filesystem::path& path : options.paths) {
     if (!names_run(path)) {
-      show(path);
+      show(path, {});
       continue;
     }
-    for (const verification::RunResult& run : load_run(path).runs) {
-      show(run.stream_file);
+    const RunDirectory dir = load_run(path);
+    for (const verification::RunResult& run : dir.runs) {
+      RecordingOptions known = {.divider = run.divider, .capture_s = dir.capture_s};
+      if (dir.ended()) {
+        known.channel_mask = dir.settings.channel_mask;
+      }
+      show(run.stream_file, known);
     }
   }
   if (options.json) {

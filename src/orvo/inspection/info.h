@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "orvo/inspection/recording.h"
+
 namespace orvo::inspection {
 
 struct InfoOptions {
@@ -22,9 +24,9 @@ struct InfoOptions {
 
 /// What the stream file at `path` holds. What is not defined (the rate of a single tag) is null;
 /// strings are as the file has them, so that a dump has to replace what is no UTF-8. Throws
-/// timing::Error.
+/// timing::Error; a warning about its header goes to standard error.
 [[nodiscard]] nlohmann::ordered_json facts_of(const std::filesystem::path& path,
-                                              std::uint64_t chunk_bytes);
+                                              const RecordingOptions& options);
 
 /// `facts` as lines of name=value, safe for a terminal whatever the file holds.
 [[nodiscard]] std::string text_of(const nlohmann::ordered_json& facts);

@@ -8,99 +8,308 @@
 namespace orvo::inspection {
 namespace {
 
+using verification::kChannels;
+
+constexpr std::size_t kMaxColumns = 8192;
 /// An interval of this many expected ones has lost an event rather than jittered.
 constexpr double kGapPeriods = 1.5;
-constexpr std::size_t kSmallestOctave = 2;  // 4 quanta: rounding alone makes deviations of 1 or 2
-constexpr double kCommonShare = 0.99;
-constexpr double kMostQuanta = 1e19;  // fits in 64 bits
+
+// Bins of ValueCounts: one a value up to 2 * kSteps, then kSteps for each power of two.
+constexpr std::size_t kSteps = 512;
+constexpr int kExactBits = 10;
+static_assert(1 << kExactBits == 2 * kSteps);
+
+std::size_t bin_of(std::uint64_t magnitude) {
+  const int shift = std::max(0, static_cast<int>(std::bit_width(magnitude)) - kExactBits);
+  return static_cast<std::size_t>(shift) * kSteps + static_cast<std::size_t>(magnitude >> shift);
+}
+
+double middle_of(std::size_t bin) {
+  if (bin < 2 * kSteps) {
+    return static_cast<double>(bin);
+  }
+  const auto shift = static_cast<int>(bin / kSteps) - 1;
+  const auto step = static_cast<double>(bin % kSteps + kSteps);
+  return std::ldexp(step, shift) + (std::ldexp(1.0, shift) - 1) / 2;
+}
+
+bool count_in(CountWindow& window, std::uint64_t value_ps, unsigned tick_shift) {
+  const std::uint64_t slot = (value_ps - window.start_ps) >> tick_shift;
+  if (slot >= window.slots) {
+    return false;
+  }
+  ++window.counts[slot];
+  return true;
+}
+
+/// Hands each value that occurred and its count to `take`, and forgets them.
+template <typename Take>
+void empty(CountWindow& window, unsigned tick_shift, const Take& take) {
+  for (std::uint64_t slot = 0; slot < window.slots; ++slot) {
+    if (const std::uint64_t count = std::exchange(window.counts[slot], 0); count != 0) {
+      take(window.start_ps + (slot << tick_shift), count);
+    }
+  }
+}
 
 }  // namespace
 
-std::optional<std::int64_t> IntervalTracker::step(std::int64_t time_ps) {
-  const std::optional<std::int64_t> previous_ps = std::exchange(previous_ps_, time_ps);
-  if (!previous_ps) {
-    return std::nullopt;
+Spread spread_of(std::span<const Bin> bins, double limit_ps) {
+  const auto inside = [&](const Bin& bin) { return std::abs(bin.value_ps) < limit_ps; };
+  Spread spread;
+  double sum = 0;
+  for (const Bin& bin : bins) {
+    spread.count += inside(bin) ? bin.count : 0;
+    sum += inside(bin) ? bin.value_ps * static_cast<double>(bin.count) : 0;
   }
-  return static_cast<std::int64_t>(static_cast<std::uint64_t>(time_ps) -
-                                   static_cast<std::uint64_t>(*previous_ps));
+  if (spread.count == 0) {
+    return spread;
+  }
+  spread.mean_ps = sum / static_cast<double>(spread.count);
+  double squares = 0;
+  std::uint64_t before = 0;
+  for (const Bin& bin : bins) {
+    if (!inside(bin)) {
+      continue;
+    }
+    squares += std::pow(bin.value_ps - spread.mean_ps, 2) * static_cast<double>(bin.count);
+    // The mean of the two in the middle, which are one of an odd number.
+    for (const std::uint64_t middle : {(spread.count - 1) / 2, spread.count / 2}) {
+      spread.median_ps += middle >= before && middle < before + bin.count ? bin.value_ps / 2 : 0;
+    }
+    before += bin.count;
+  }
+  spread.deviation_ps = std::sqrt(squares / static_cast<double>(spread.count));
+  return spread;
 }
 
-void IntervalStatistics::add(std::int64_t interval_ps, std::int64_t time_ps) {
-  const auto interval = static_cast<double>(interval_ps);
-  const Extreme extreme{interval - scale_.expected_ps, time_ps};
-  if (intervals_ == 0 || extreme.deviation_ps < smallest_.deviation_ps) {
-    smallest_ = extreme;
-  }
-  if (intervals_ == 0 || extreme.deviation_ps > largest_.deviation_ps) {
-    largest_ = extreme;
-  }
-  ++intervals_;
-  if (interval >= kGapPeriods * scale_.expected_ps) {
-    ++gaps_;
-    missing_events_ += std::round(interval / scale_.expected_ps) - 1;
-  }
-  backward_steps_ += interval < 0 ? 1 : 0;
-  with_overflow_ += interval > scale_.largest_plain_ps ? 1 : 0;
-  const double quanta = std::abs(extreme.deviation_ps) / scale_.quantum_ps;
-  ++octaves_[std::bit_width(static_cast<std::uint64_t>(std::min(quanta, kMostQuanta)))];
+void ValueCounts::add(std::int64_t value, std::uint64_t count) {
+  const auto bits = static_cast<std::uint64_t>(value);
+  std::vector<std::uint64_t>& counts = value < 0 ? negative_counts_ : counts_;
+  const std::size_t bin = bin_of(value < 0 ? 0 - bits : bits);
+  counts.resize(std::max(counts.size(), bin + 1));
+  counts[bin] += count;
 }
 
-double IntervalStatistics::common_range_quanta() const {
-  const auto wanted = static_cast<std::uint64_t>(kCommonShare * static_cast<double>(intervals_));
-  std::uint64_t within = 0;
-  std::size_t octave = 0;
-  for (; octave + 1 < octaves_.size(); ++octave) {
-    within += octaves_[octave];
-    if (within >= wanted && octave >= kSmallestOctave) {
-      break;
+std::vector<Bin> ValueCounts::bins(double unit_ps, double offset_ps) const {
+  std::vector<Bin> bins;
+  for (std::size_t bin = negative_counts_.size(); bin-- > 0;) {
+    if (negative_counts_[bin] != 0) {
+      bins.push_back({offset_ps - unit_ps * middle_of(bin), negative_counts_[bin]});
     }
   }
-  return std::ldexp(1.0, static_cast<int>(octave));
-}
-
-double IntervalStatistics::whole_range_quanta() const {
-  return std::ceil(std::max(std::abs(smallest_.deviation_ps), std::abs(largest_.deviation_ps)) /
-                   scale_.quantum_ps);
-}
-
-IntervalEnvelope::IntervalEnvelope(std::int64_t first_ps, std::int64_t last_ps, std::size_t columns)
-    : first_ps_(static_cast<double>(first_ps)), columns_(columns) {
-  const double span_ps = static_cast<double>(last_ps) - first_ps_;
-  columns_per_ps_ = span_ps > 0 ? static_cast<double>(columns) / span_ps : 0;
-}
-
-void IntervalEnvelope::add(std::int64_t time_ps, double deviation_ps, bool with_overflow) {
-  const double place = (static_cast<double>(time_ps) - first_ps_) * columns_per_ps_;
-  const double last = static_cast<double>(columns_.size() - 1);
-  Column& column = columns_[static_cast<std::size_t>(std::clamp(place, 0.0, last))];
-  const bool first = column.intervals++ == 0;
-  column.smallest_ps = first ? deviation_ps : std::min(column.smallest_ps, deviation_ps);
-  column.largest_ps = first ? deviation_ps : std::max(column.largest_ps, deviation_ps);
-  column.with_overflow += with_overflow ? 1 : 0;
-}
-
-IntervalHistogram::IntervalHistogram(double range_quanta) {
-  // Whole quanta, so that no bar holds more of the possible values than its neighbour; odd ones,
-  // so that 0 is in the middle.
-  bar_quanta_ = std::ceil((2 * range_quanta + 1) / static_cast<double>(kMaxBars));
-  bar_quanta_ += std::fmod(bar_quanta_, 2) == 0 ? 1 : 0;
-  const double each_side = std::ceil((range_quanta + 0.5) / bar_quanta_ - 0.5);
-  bars_.resize(2 * static_cast<std::size_t>(each_side) + 1);
-}
-
-double IntervalHistogram::edge_quanta(std::size_t index) const {
-  return (static_cast<double>(index) - static_cast<double>(bars_.size()) / 2) * bar_quanta_;
-}
-
-void IntervalHistogram::add(double deviation_quanta) {
-  const double bar = std::floor((deviation_quanta - edge_quanta(0)) / bar_quanta_);
-  if (bar < 0) {
-    ++below_;
-  } else if (bar >= static_cast<double>(bars_.size())) {
-    ++above_;
-  } else {
-    ++bars_[static_cast<std::size_t>(bar)];
+  for (std::size_t bin = 0; bin < counts_.size(); ++bin) {
+    if (counts_[bin] != 0) {
+      bins.push_back({offset_ps + unit_ps * middle_of(bin), counts_[bin]});
+    }
   }
+  return bins;
+}
+
+void IntervalSummary::add(const IntervalSummary& other) {
+  intervals += other.intervals;
+  shortest = other.shortest.interval_ps < shortest.interval_ps ? other.shortest : shortest;
+  longest = other.longest.interval_ps > longest.interval_ps ? other.longest : longest;
+  deviations_ps += other.deviations_ps;
+  squares += other.squares;
+  with_overflow += other.with_overflow;
+  gaps += other.gaps;
+  missing_events += other.missing_events;
+  backward_steps += other.backward_steps;
+}
+
+void Column::add(const Column& other) {
+  tags += other.tags;
+  for (std::size_t channel = 0; channel < kChannels; ++channel) {
+    channels[channel].add(other.channels[channel]);
+  }
+}
+
+Columns coarser(const Columns& columns, unsigned by) {
+  Columns result;
+  for (const auto& [index, column] : columns) {
+    result.try_emplace(result.end(), index >> by)->second.add(column);
+  }
+  return result;
+}
+
+IntervalAnalysis::IntervalAnalysis(const IntervalSettings& settings) : settings_(settings) {
+  for (std::size_t channel = 0; channel < kChannels; ++channel) {
+    Lane& lane = lanes_[channel];
+    lane.expected_ps = std::clamp(settings.expected_ps[channel], 1.0, 1e18);
+    lane.half_ps = static_cast<std::int64_t>(lane.expected_ps / 2);
+  }
+}
+
+/// A window around `middle_ps`, nowhere down to `lowest_ps` or up to `highest_ps`.
+void IntervalAnalysis::open(CountWindow& window, std::int64_t middle_ps, std::int64_t lowest_ps,
+                            std::int64_t highest_ps) const {
+  constexpr std::int64_t kReach = CountWindow::kSlots / 2;
+  const unsigned shift = settings_.tick_shift;
+  const std::int64_t middle = middle_ps >> shift;
+  const std::int64_t start = std::min(middle, std::max(middle - kReach, (lowest_ps >> shift) + 1));
+  const std::int64_t end = std::max(middle + 1, std::min(middle + kReach, highest_ps >> shift));
+  window.start_ps = static_cast<std::uint64_t>(start) << shift;
+  window.slots = static_cast<std::uint64_t>(end - start);
+}
+
+void IntervalAnalysis::add(std::span<const timing::TimeTag> tags) {
+  const unsigned tick_shift = settings_.tick_shift;
+  const std::size_t reference = settings_.reference;
+  std::uint64_t reference_ps = reference_ps_;
+  for (const timing::TimeTag& tag : tags) {
+    const std::size_t channel = tag.channel % kChannels;
+    Lane& lane = lanes_[channel];
+    const auto time_ps = static_cast<std::uint64_t>(tag.time_ps);
+    if (tag.time_ps < column_begin_ps_ || tag.time_ps > column_last_ps_) {
+      enter_column(tag.time_ps);
+    }
+    if (!count_in(lane.intervals, time_ps - lane.previous_ps, tick_shift)) {
+      add_unusual(channel, tag.time_ps);
+    }
+    lane.previous_ps = time_ps;
+    if (channel == reference) {
+      reference_ps = time_ps;
+      meet_waiting(time_ps);
+    } else if (reference < kChannels &&
+               !count_in(lane.skew_window, time_ps - reference_ps, tick_shift) &&
+               !(lanes_[reference].tags.count != 0 && pair(lane, time_ps, reference_ps))) {
+      lane.waiting_ps = time_ps;
+      any_waits_ = lane.waits = true;
+    }
+  }
+  reference_ps_ = reference_ps;
+}
+
+void IntervalAnalysis::finish() {
+  if (column_ != nullptr) {
+    leave_column();
+  }
+  for (Lane& lane : lanes_) {
+    empty(lane.skew_window, settings_.tick_shift, [&](std::uint64_t skew_ps, std::uint64_t count) {
+      const std::int64_t skew = static_cast<std::int64_t>(skew_ps) - lane.skew_base_ps;
+      lane.skews.add(skew >> settings_.tick_shift, count);
+    });
+  }
+}
+
+std::vector<Bin> IntervalAnalysis::deviations(std::size_t channel) const {
+  const Lane& lane = lanes_[channel];
+  return lane.deviations.bins(std::ldexp(1.0, static_cast<int>(settings_.tick_shift)),
+                              static_cast<double>(lane.base_ps) - lane.expected_ps);
+}
+
+std::vector<Bin> IntervalAnalysis::skews(std::size_t channel) const {
+  const Lane& lane = lanes_[channel];
+  return lane.skews.bins(std::ldexp(1.0, static_cast<int>(settings_.tick_shift)),
+                         static_cast<double>(lane.skew_base_ps));
+}
+
+void IntervalAnalysis::enter_column(std::int64_t time_ps) {
+  if (column_ != nullptr) {
+    leave_column();
+  }
+  columns_.try_emplace(time_ps >> column_shift_);
+  while (columns_.size() > kMaxColumns) {
+    columns_ = coarser(columns_, 1);
+    ++column_shift_;
+  }
+  column_ = &columns_.at(time_ps >> column_shift_);
+  column_begin_ps_ = time_ps >> column_shift_ << column_shift_;
+  column_last_ps_ = column_begin_ps_ + (column_ps() - 1);
+}
+
+void IntervalAnalysis::leave_column() {
+  for (std::size_t channel = 0; channel < kChannels; ++channel) {
+    Lane& lane = lanes_[channel];
+    const auto last_ps = static_cast<std::int64_t>(lane.previous_ps);
+    if (std::exchange(lane.left_ps, lane.previous_ps) == lane.previous_ps) {
+      continue;  // no event in it, or the same time again, which is unusual
+    }
+    empty(lane.intervals, settings_.tick_shift,
+          [&](std::uint64_t interval_ps, std::uint64_t count) {
+            account(channel, interval_ps, count, last_ps);
+            lane.tags.count += count;
+            lane.tags.largest_ps = std::max(lane.tags.largest_ps, last_ps);
+            column_->tags += count;
+          });
+  }
+}
+
+void IntervalAnalysis::add_unusual(std::size_t channel, std::int64_t time_ps) {
+  Lane& lane = lanes_[channel];
+  if (lane.tags.count != 0) {
+    const std::uint64_t interval_ps = static_cast<std::uint64_t>(time_ps) - lane.previous_ps;
+    const auto interval = static_cast<std::int64_t>(interval_ps);
+    const bool regular = interval > lane.half_ps && interval - lane.half_ps < 2 * lane.half_ps;
+    if (lane.tags.count == 1) {
+      lane.base_ps =
+          regular ? interval : 2 * lane.half_ps >> settings_.tick_shift << settings_.tick_shift;
+    }
+    if (regular && lane.intervals.slots == 0) {  // above 0 alone: the last time in it is the latest
+      open(lane.intervals, interval, lane.half_ps, 3 * lane.half_ps);
+    }
+    lane.tags.largest_ps =
+        std::max(lane.tags.largest_ps, static_cast<std::int64_t>(lane.previous_ps));
+    account(channel, interval_ps, 1, time_ps);
+  }
+  lane.tags.smallest_ps = std::min(lane.tags.smallest_ps, time_ps);
+  lane.tags.largest_ps = std::max(lane.tags.largest_ps, time_ps);
+  ++lane.tags.count;
+  ++column_->tags;
+}
+
+void IntervalAnalysis::account(std::size_t channel, std::uint64_t interval_ps, std::uint64_t count,
+                               std::int64_t time_ps) {
+  Lane& lane = lanes_[channel];
+  const Extreme extreme = {static_cast<std::int64_t>(interval_ps), time_ps};
+  const auto interval = static_cast<double>(extreme.interval_ps);
+  if (std::abs(interval) > settings_.longest_ps) {
+    return;
+  }
+  const auto difference_ps =
+      static_cast<std::int64_t>(interval_ps - static_cast<std::uint64_t>(lane.base_ps));
+  lane.deviations.add(difference_ps >> settings_.tick_shift, count);
+  const double deviation_ps = interval - lane.expected_ps;
+  const auto weight = static_cast<double>(count);
+  IntervalSummary summary = {.intervals = count,
+                             .shortest = extreme,
+                             .longest = extreme,
+                             .deviations_ps = weight * deviation_ps,
+                             .squares = weight * deviation_ps * deviation_ps};
+  summary.with_overflow = interval > settings_.largest_plain_ps ? count : 0;
+  summary.backward_steps = interval < 0 ? count : 0;
+  if (settings_.constant_rate && interval >= kGapPeriods * lane.expected_ps) {
+    const double missing = std::round(interval / lane.expected_ps) - 1;
+    summary.gaps = count;
+    summary.missing_events = static_cast<std::uint64_t>(missing) * count;
+  }
+  column_->channels[channel].add(summary);
+}
+
+void IntervalAnalysis::meet_waiting(std::uint64_t reference_ps) {
+  if (std::exchange(any_waits_, false)) {
+    for (Lane& lane : lanes_) {
+      if (std::exchange(lane.waits, false)) {
+        (void)pair(lane, lane.waiting_ps, reference_ps);
+      }
+    }
+  }
+}
+
+bool IntervalAnalysis::pair(Lane& lane, std::uint64_t time_ps, std::uint64_t reference_ps) {
+  const auto skew_ps = static_cast<std::int64_t>(time_ps - reference_ps);
+  if (skew_ps >= lane.half_ps || skew_ps <= -lane.half_ps) {
+    return false;
+  }
+  if (lane.skew_window.slots == 0) {
+    lane.skew_base_ps = skew_ps;
+    open(lane.skew_window, skew_ps, -lane.half_ps, lane.half_ps);
+  }
+  if (!count_in(lane.skew_window, static_cast<std::uint64_t>(skew_ps), settings_.tick_shift)) {
+    lane.skews.add((skew_ps - lane.skew_base_ps) >> settings_.tick_shift, 1);
+  }
+  return true;
 }
 
 }  // namespace orvo::inspection

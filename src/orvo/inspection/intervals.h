@@ -1,127 +1,164 @@
-// The intervals between one channel's events against the one that is expected: in figures, over
-// time, and by how often which deviation occurs. Plain values; each object belongs to one thread.
+// What the times of decoded tags show beside their rates: how far each interval of a channel is
+// from the expected one, when, and how far the channels fire apart. In memory that does not grow
+// with the number of tags.
+// Threads: each object belongs to one thread. Times are any: what exceeds 64 bits wraps.
 #pragma once
 
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <optional>
+#include <limits>
+#include <map>
 #include <span>
 #include <vector>
 
+#include "orvo/timing/time_tag.h"
+#include "orvo/verification/evaluation.h"
+
 namespace orvo::inspection {
 
-/// From each event of a channel to the next.
-class IntervalTracker {
- public:
-  /// The time since the event before, modulo 2^64; nothing for the first one.
-  [[nodiscard]] std::optional<std::int64_t> step(std::int64_t time_ps);
-
- private:
-  std::optional<std::int64_t> previous_ps_;
+/// A value that occurred, or the middle of several that share a bin.
+struct Bin {
+  double value_ps = 0;
+  std::uint64_t count = 0;
 };
 
-/// What the intervals of a run are measured with.
-struct IntervalScale {
-  double expected_ps = 0;       ///< greater than 0
-  double quantum_ps = 1;        ///< greater than 0
-  double largest_plain_ps = 0;  ///< what is longer takes overflow records; infinite: nothing does
+struct Spread {
+  std::uint64_t count = 0;  ///< with none, the rest is 0
+  double mean_ps = 0;
+  double median_ps = 0;
+  double deviation_ps = 0;  ///< standard deviation
+};
+
+/// Of the values less than `limit_ps` away from 0; `bins` ascend.
+[[nodiscard]] Spread spread_of(std::span<const Bin> bins,
+                               double limit_ps = std::numeric_limits<double>::infinity());
+
+/// How often which whole number occurs. Below 1,024 each has its bin; further bins are no wider
+/// than a 512th of their values.
+class ValueCounts {
+ public:
+  void add(std::int64_t value, std::uint64_t count);
+
+  /// What occurred, ascending: each value times `unit_ps`, plus `offset_ps`.
+  [[nodiscard]] std::vector<Bin> bins(double unit_ps, double offset_ps = 0) const;
+
+ private:
+  std::vector<std::uint64_t> counts_;  // by bin, as many as needed
+  std::vector<std::uint64_t> negative_counts_;
+};
+
+/// Counters for the values that occur most, a tick apart.
+struct CountWindow {
+  static constexpr std::uint64_t kSlots = 256;
+
+  std::uint64_t start_ps = 0;
+  std::uint64_t slots = 0;  // used
+  std::array<std::uint64_t, kSlots> counts = {};
 };
 
 struct Extreme {
-  double deviation_ps = 0;
-  std::int64_t time_ps = 0;  ///< of the event that ends the interval
+  std::int64_t interval_ps = 0;
+  std::int64_t time_ps = 0;  ///< of the event that ends it, give or take a Column
 };
 
-/// What the first of two passes over a recording finds, from which the charts' ranges follow.
-class IntervalStatistics {
+/// The intervals of a channel that end in some stretch of time.
+struct IntervalSummary {
+  std::uint64_t intervals = 0;
+  Extreme shortest = {std::numeric_limits<std::int64_t>::max(), 0};
+  Extreme longest = {std::numeric_limits<std::int64_t>::min(), 0};
+  double deviations_ps = 0;  ///< their sum
+  double squares = 0;        ///< sum of the deviations' squares
+  std::uint64_t with_overflow = 0;
+  std::uint64_t gaps = 0;            ///< intervals of 1.5 expected ones and more
+  std::uint64_t missing_events = 0;  ///< that would fill the gaps
+  std::uint64_t backward_steps = 0;  ///< intervals below 0
+
+  void add(const IntervalSummary& other);
+};
+
+/// A stretch of time.
+struct Column {
+  std::uint64_t tags = 0;
+  std::array<IntervalSummary, verification::kChannels> channels;
+
+  void add(const Column& other);
+};
+
+/// Columns by their number: [i] begins at i times their width.
+using Columns = std::map<std::int64_t, Column>;
+
+/// Columns of 2^by times the width.
+[[nodiscard]] Columns coarser(const Columns& columns, unsigned by);
+
+struct IntervalSettings {
+  /// Of each channel, greater than 0.
+  std::array<double, verification::kChannels> expected_ps = {};
+  bool constant_rate = true;    ///< of the source: a long interval has lost events
+  unsigned tick_shift = 0;      ///< times are multiples of 2^tick_shift ps, 15 at most
+  double largest_plain_ps = 0;  ///< a longer interval takes overflow records
+  double longest_ps = 0;        ///< a longer interval, also backward, is left out: it is damage
+  std::size_t reference = verification::kChannels;  ///< of the skew; kChannels: there is none
+};
+
+class IntervalAnalysis {
  public:
-  explicit IntervalStatistics(const IntervalScale& scale = {}) : scale_(scale) {}
+  explicit IntervalAnalysis(const IntervalSettings& settings);
 
-  void add(std::int64_t interval_ps, std::int64_t time_ps);
+  /// Takes tags in decoding order.
+  void add(std::span<const timing::TimeTag> tags);
+  /// To be called after the last tag and before what follows.
+  void finish();
 
-  [[nodiscard]] std::uint64_t intervals() const noexcept { return intervals_; }
-  [[nodiscard]] const Extreme& smallest() const noexcept { return smallest_; }
-  [[nodiscard]] const Extreme& largest() const noexcept { return largest_; }
-
-  /// Intervals of about two expected ones and more, and the events that would fill them.
-  [[nodiscard]] std::uint64_t gaps() const noexcept { return gaps_; }
-  [[nodiscard]] double missing_events() const noexcept { return missing_events_; }
-  /// Intervals below 0.
-  [[nodiscard]] std::uint64_t backward_steps() const noexcept { return backward_steps_; }
-  /// Intervals that take overflow records.
-  [[nodiscard]] std::uint64_t with_overflow() const noexcept { return with_overflow_; }
-
-  /// The smallest power of two, not below 4, of quanta that at least 99 % of the deviations lie
-  /// within: a few far ones do not count.
-  [[nodiscard]] double common_range_quanta() const;
-  /// Whole quanta that all deviations lie within.
-  [[nodiscard]] double whole_range_quanta() const;
+  [[nodiscard]] const verification::TagStatistics::Channel& tags(std::size_t channel) const {
+    return lanes_[channel].tags;
+  }
+  /// Of each interval from the expected one.
+  [[nodiscard]] std::vector<Bin> deviations(std::size_t channel) const;
+  /// Of each event from the nearest one of the reference, later ones positive; events without one
+  /// within half an expected interval do not count.
+  [[nodiscard]] std::vector<Bin> skews(std::size_t channel) const;
+  /// Those that hold tags, at most 8,192.
+  [[nodiscard]] const Columns& columns() const noexcept { return columns_; }
+  [[nodiscard]] std::int64_t column_ps() const noexcept { return std::int64_t{1} << column_shift_; }
 
  private:
-  IntervalScale scale_;
-  std::uint64_t intervals_ = 0;
-  Extreme smallest_;
-  Extreme largest_;
-  std::uint64_t gaps_ = 0;
-  double missing_events_ = 0;
-  std::uint64_t backward_steps_ = 0;
-  std::uint64_t with_overflow_ = 0;
-  /// [k]: deviations below 2^k quanta, none below 2^(k-1).
-  std::array<std::uint64_t, 65> octaves_ = {};
-};
-
-/// Deviations over time in a fixed number of columns, each with its smallest and largest: one event
-/// lost among millions is as visible as one among ten.
-class IntervalEnvelope {
- public:
-  struct Column {
-    std::uint64_t intervals = 0;  ///< with none, the next two mean nothing
-    double smallest_ps = 0;
-    double largest_ps = 0;
-    std::uint64_t with_overflow = 0;
+  struct Lane {
+    verification::TagStatistics::Channel tags;
+    std::uint64_t previous_ps = 0;
+    std::uint64_t left_ps = 0;  // previous_ps when the last column was left
+    double expected_ps = 0;
+    std::int64_t half_ps = 0;  // half the expected interval
+    CountWindow intervals;     // of the present column
+    std::int64_t base_ps = 0;  // an interval as they are
+    ValueCounts deviations;    // of the intervals from the base, in ticks
+    bool waits = false;
+    std::uint64_t waiting_ps = 0;  // an event that waits for a near one of the reference
+    CountWindow skew_window;
+    std::int64_t skew_base_ps = 0;
+    ValueCounts skews;  // from their base, in ticks
   };
 
-  IntervalEnvelope() = default;
-  /// `columns` of the same width, at least one, from `first_ps` to `last_ps`, which is not before
-  /// it.
-  IntervalEnvelope(std::int64_t first_ps, std::int64_t last_ps, std::size_t columns);
+  void open(CountWindow& window, std::int64_t middle_ps, std::int64_t lowest_ps,
+            std::int64_t highest_ps) const;
+  void enter_column(std::int64_t time_ps);
+  void leave_column();
+  void add_unusual(std::size_t channel, std::int64_t time_ps);
+  void account(std::size_t channel, std::uint64_t interval_ps, std::uint64_t count,
+               std::int64_t time_ps);
+  void meet_waiting(std::uint64_t reference_ps);
+  /// Counts the skew of an event, if it is near this one of the reference.
+  [[nodiscard]] bool pair(Lane& lane, std::uint64_t time_ps, std::uint64_t reference_ps);
 
-  /// An interval that ends at `time_ps`; a time out of range counts for the nearest column.
-  void add(std::int64_t time_ps, double deviation_ps, bool with_overflow);
-
-  [[nodiscard]] std::span<const Column> columns() const noexcept { return columns_; }
-
- private:
-  double first_ps_ = 0;
-  double columns_per_ps_ = 0;
-  std::vector<Column> columns_;
-};
-
-/// How often which deviation occurs, in quanta: bars of the same width around 0, and one at either
-/// end for all that lies beyond them.
-class IntervalHistogram {
- public:
-  static constexpr std::size_t kMaxBars = 61;
-
-  /// At least from -`range_quanta` to `range_quanta`, which is 0 or more, in at most kMaxBars bars.
-  explicit IntervalHistogram(double range_quanta = 0);
-
-  void add(double deviation_quanta);
-
-  /// An odd number of bars; the middle one is around 0.
-  [[nodiscard]] std::span<const std::uint64_t> bars() const noexcept { return bars_; }
-  [[nodiscard]] double bar_quanta() const noexcept { return bar_quanta_; }
-  /// Where bar `index` begins and where the last one ends.
-  [[nodiscard]] double edge_quanta(std::size_t index) const;
-  [[nodiscard]] std::uint64_t below() const noexcept { return below_; }
-  [[nodiscard]] std::uint64_t above() const noexcept { return above_; }
-
- private:
-  double bar_quanta_ = 1;
-  std::vector<std::uint64_t> bars_;
-  std::uint64_t below_ = 0;
-  std::uint64_t above_ = 0;
+  IntervalSettings settings_;
+  std::array<Lane, verification::kChannels> lanes_;
+  std::uint64_t reference_ps_ = 0;
+  bool any_waits_ = false;
+  Columns columns_;
+  unsigned column_shift_ = 20;        // about a microsecond: no finer than any chart
+  std::int64_t column_begin_ps_ = 1;  // of the present column, there is none yet
+  std::int64_t column_last_ps_ = 0;
+  Column* column_ = nullptr;
 };
 
 }  // namespace orvo::inspection

@@ -1,0 +1,238 @@
+#include "orvo/inspection/recording.h"
+
+#include <algorithm>
+#include <bit>
+#include <cmath>
+#include <limits>
+#include <span>
+#include <utility>
+
+#include "orvo/inspection/stream_input.h"
+#include "orvo/timing/instrument_time.h"
+#include "orvo/timing/stream_decoder.h"
+
+namespace orvo::inspection {
+namespace {
+
+using timing::TimeTag;
+using verification::kChannels;
+
+constexpr double kInfinite = std::numeric_limits<double>::infinity();
+/// Tags from which the intervals to expect are found, where nobody says them.
+constexpr std::size_t kFirstTags = 4096;
+/// A capture goes on until a read returns: it may hold more time than was asked for.
+constexpr double kCaptureReach = 1.25;
+constexpr double kCaptureSlack_s = 0.1;
+
+double expected_ps_of(std::uint32_t divider) {
+  return timing::kPicosecondsPerSecond * verification::kDecodedTimestampSecondsPerSecond * divider /
+         verification::kCalibrationBaseHz;
+}
+
+/// The median interval of each channel; 0 where there is none.
+std::array<double, kChannels> median_intervals_ps(std::span<const TimeTag> tags) {
+  std::array<std::vector<double>, kChannels> intervals;
+  std::array<std::optional<std::int64_t>, kChannels> previous;
+  for (const TimeTag& tag : tags) {
+    const std::size_t channel = tag.channel % kChannels;
+    if (const auto before = std::exchange(previous[channel], tag.time_ps)) {
+      intervals[channel].push_back(static_cast<double>(tag.time_ps) - static_cast<double>(*before));
+    }
+  }
+  std::array<double, kChannels> medians = {};
+  for (std::size_t channel = 0; channel < kChannels; ++channel) {
+    std::vector<double>& all = intervals[channel];
+    if (!all.empty()) {
+      const auto middle = all.begin() + static_cast<std::ptrdiff_t>(all.size() / 2);
+      std::nth_element(all.begin(), middle, all.end());
+      medians[channel] = *middle;
+    }
+  }
+  return medians;
+}
+
+/// Fills what is expected of the intervals, where need be from the recording's first tags.
+void expect(std::span<const TimeTag> first_tags, Recording& recording) {
+  std::array<double, kChannels> expected_ps = {};
+  if (recording.divider == 0) {
+    expected_ps = median_intervals_ps(first_tags);
+    if (recording.header.mode == timing::Mode::internal) {
+      std::array<double, kChannels> sorted = expected_ps;
+      std::sort(sorted.begin(), sorted.end(), std::greater());
+      const double divider = std::round(sorted[1] / expected_ps_of(1));
+      recording.divider = divider >= 1 && divider <= 1e9 ? static_cast<std::uint32_t>(divider) : 0;
+    }
+  }
+  for (std::size_t channel = 0; channel < kChannels; ++channel) {
+    recording.channels[channel].expected_ps =
+        recording.divider != 0 ? expected_ps_of(recording.divider) : expected_ps[channel];
+  }
+}
+
+/// Fires all channels at once: only the calibration source does.
+std::optional<std::size_t> reference_of(const timing::StreamFileHeader& header, std::uint8_t mask) {
+  std::size_t channel = 0;
+  while (channel < kChannels && !verification::channel_counts(mask, channel)) {
+    ++channel;
+  }
+  return header.mode == timing::Mode::internal && channel < kChannels ? std::optional(channel)
+                                                                      : std::nullopt;
+}
+
+IntervalSettings settings_for(Recording& recording, double capture_s) {
+  IntervalSettings settings = {.constant_rate = recording.header.mode == timing::Mode::internal,
+                               .longest_ps = longest_capture_ps(capture_s),
+                               .reference = recording.reference.value_or(kChannels)};
+  for (std::size_t channel = 0; channel < kChannels; ++channel) {
+    settings.expected_ps[channel] = recording.channels[channel].expected_ps;
+  }
+  if (recording.header.stream_format == timing::Format::packed_delta) {
+    const verification::EvaluationSettings packed = settings_of(recording.header);
+    settings.tick_shift = static_cast<unsigned>(std::countr_zero(packed.packed_quantum_ps));
+    settings.largest_plain_ps =
+        std::ldexp(std::ldexp(1.0, packed.packed_bits) - 1, static_cast<int>(settings.tick_shift));
+  } else {
+    settings.largest_plain_ps = kInfinite;
+  }
+  recording.tick_ps = std::ldexp(1.0, static_cast<int>(settings.tick_shift));
+  recording.largest_plain_ps = settings.largest_plain_ps;
+  return settings;
+}
+
+/// The `length` of columns with most tags: begin and end.
+std::pair<Columns::const_iterator, Columns::const_iterator> fullest(const Columns& columns,
+                                                                    double length) {
+  auto best = std::pair(columns.begin(), columns.begin());
+  std::uint64_t most = 0;
+  std::uint64_t tags = 0;
+  auto begin = columns.begin();
+  for (auto end = columns.begin(); end != columns.end();) {
+    tags += end->second.tags;
+    const auto index = static_cast<double>(end->first);
+    ++end;
+    for (; index - static_cast<double>(begin->first) >= length; ++begin) {
+      tags -= begin->second.tags;
+    }
+    if (tags > most) {
+      most = tags;
+      best = {begin, end};
+    }
+  }
+  return best;
+}
+
+std::uint64_t tags_in(Columns::const_iterator begin, Columns::const_iterator end) {
+  std::uint64_t tags = 0;
+  for (; begin != end; ++begin) {
+    tags += begin->second.tags;
+  }
+  return tags;
+}
+
+/// Fills what is about the time that counts.
+void take_columns(const IntervalAnalysis& analysis, const RecordingOptions& options,
+                  Recording& recording) {
+  const Columns& columns = analysis.columns();
+  recording.first_ps = std::numeric_limits<std::int64_t>::max();
+  recording.last_ps = std::numeric_limits<std::int64_t>::min();
+  for (std::size_t channel = 0; channel < kChannels; ++channel) {
+    recording.first_ps = std::min(recording.first_ps, analysis.tags(channel).smallest_ps);
+    recording.last_ps = std::max(recording.last_ps, analysis.tags(channel).largest_ps);
+  }
+  if (columns.empty()) {
+    recording.first_ps = recording.last_ps = 0;
+    return;
+  }
+  recording.column_ps = analysis.column_ps();
+  auto counted = std::pair(columns.begin(), columns.end());
+  const double longest_ps = longest_capture_ps(options.capture_s);
+  if (static_cast<double>(recording.last_ps) - static_cast<double>(recording.first_ps) >
+      longest_ps) {
+    const auto best = fullest(columns, longest_ps / static_cast<double>(recording.column_ps));
+    const std::uint64_t all = recording.tags.tags();
+    const std::uint64_t inside = tags_in(best.first, best.second);
+    if (inside >= all - inside) {
+      counted = best;
+      recording.tags_outside = all - inside;
+    }
+  }
+  // Within a column, the first and the last time are known to its width alone.
+  const auto last_index = std::prev(counted.second)->first;
+  recording.first_ps = std::max(recording.first_ps, counted.first->first * recording.column_ps);
+  recording.last_ps =
+      std::min(recording.last_ps, last_index * recording.column_ps + (recording.column_ps - 1));
+  recording.columns = Columns(counted.first, counted.second);
+  for (const auto& [index, column] : recording.columns) {
+    for (std::size_t channel = 0; channel < kChannels; ++channel) {
+      recording.channels[channel].intervals.add(column.channels[channel]);
+    }
+  }
+  const auto span =
+      static_cast<std::uint64_t>(last_index) - static_cast<std::uint64_t>(counted.first->first);
+  const auto by =
+      static_cast<int>(std::bit_width(span / std::max<std::size_t>(options.columns, 1)));
+  recording.columns = coarser(recording.columns, static_cast<unsigned>(by));
+  recording.column_ps <<= by;
+}
+
+void take_channels(const IntervalAnalysis& analysis, Recording& recording) {
+  for (std::size_t number = 0; number < kChannels; ++number) {
+    recording.tags.add(number, analysis.tags(number));
+    ChannelRecording& channel = recording.channels[number];
+    channel.deviations = analysis.deviations(number);
+    channel.spread = spread_of(channel.deviations, channel.expected_ps / 2);
+    channel.skews = analysis.skews(number);
+    channel.skew = spread_of(channel.skews);
+  }
+}
+
+}  // namespace
+
+double longest_capture_ps(double capture_s) {
+  return capture_s > 0
+             ? (kCaptureReach * capture_s + kCaptureSlack_s) * timing::kPicosecondsPerSecond
+             : kInfinite;
+}
+
+Recording read_recording(const std::filesystem::path& path, const RecordingOptions& options) {
+  Recording recording;
+  StreamInput input(path, [&](const timing::LockEvent& event) { recording.locks.add(event); });
+  recording.header = input.reader.header();
+  recording.header_bytes = input.reader.payload_start_bytes();
+  recording.file_bytes = input.file_bytes();
+  recording.payload_bytes = input.payload_bytes();
+  recording.warning = input.warning();
+  recording.decodable = timing::StreamDecoder::decodes(recording.header);
+  recording.divider = options.divider;
+  recording.reference =
+      reference_of(recording.header, options.channel_mask.value_or(recording.header.channel_mask));
+
+  std::optional<IntervalAnalysis> analysis;
+  std::vector<TimeTag> first_tags;
+  const auto begin = [&] {
+    expect(first_tags, recording);
+    analysis.emplace(settings_for(recording, options.capture_s));
+    analysis->add(first_tags);
+  };
+  input.read(options.chunk_bytes, [&](std::span<const TimeTag> tags) {
+    recording.locks.pass(tags);
+    if (analysis) {
+      analysis->add(tags);
+      return;
+    }
+    first_tags.insert(first_tags.end(), tags.begin(), tags.end());
+    if (recording.divider != 0 || first_tags.size() >= kFirstTags) {
+      begin();
+    }
+  });
+  if (!analysis) {
+    begin();
+  }
+  analysis->finish();
+  recording.undecoded_bytes = input.reader.undecoded_bytes();
+  take_channels(*analysis, recording);
+  take_columns(*analysis, options, recording);
+  return recording;
+}
+
+}  // namespace orvo::inspection

@@ -1,0 +1,37 @@
+// The charts of a report, as SVG. They hold numbers and words of this program alone: nothing to
+// escape. No state; any thread may call.
+#pragma once
+
+#include <span>
+#include <string>
+#include <vector>
+
+#include "orvo/inspection/recording.h"
+
+namespace orvo::inspection {
+
+/// The figure of a run: its channels as rows above one axis of time, each with histograms of its
+/// deviations and of its skew beside it, on the same axis of picoseconds.
+struct Figure {
+  std::vector<std::string> parts;     ///< SVG, from top to bottom; paper may break between them
+  std::vector<std::string> left_out;  ///< sentences about marks that are not drawn
+  // What there is to explain.
+  bool dense = false;  ///< columns with more than one value
+  bool tails = false;  ///< a logarithmic scale beyond the common deviations
+  bool overflow_varies = false;
+  bool lost = false;  ///< marks of locks, and of the clock's returns to 0
+  bool taken = false;
+  bool wrapped = false;
+};
+
+[[nodiscard]] Figure draw_figure(const Recording& recording);
+
+struct RateMark {
+  double ppm = 0;
+  const char* state = "good";  ///< its class: good, bad or unjudged
+};
+
+/// Rate errors against the tolerance, for a cell of a table; nothing for a tolerance of 0.
+[[nodiscard]] std::string draw_rate_errors(std::span<const RateMark> marks, double tolerance_ppm);
+
+}  // namespace orvo::inspection

@@ -1,0 +1,332 @@
+#include "orvo/inspection/report/findings.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
+#include "orvo/inspection/comparison.h"
+#include "orvo/inspection/report/text.h"
+#include "orvo/timing/error.h"
+
+namespace orvo::inspection {
+namespace {
+
+using timing::kPicosecondsPerSecond;
+using verification::ChannelResult;
+using verification::EvaluationSettings;
+using verification::kChannels;
+using verification::RunResult;
+using Words = std::vector<std::string>;
+
+/// Less of the capture decoded than this is worth a word,
+constexpr double kGoodCoverage = 0.9;
+/// but for this many periods at its ends.
+constexpr double kEdgePeriods = 3;
+/// In internal mode the decoder refuses longer steps.
+constexpr double kLongestStep_ps = kPicosecondsPerSecond;
+/// From here on charts have fewer columns, so that the page stays small enough to be mailed.
+constexpr std::size_t kManyRuns = 12;
+constexpr std::size_t kMaxDifferences = 6;
+
+std::string capture_text(const RunDirectory& dir, int digits = 4) {
+  return time_text(dir.capture_s * kPicosecondsPerSecond, digits);
+}
+
+std::string since_first(std::int64_t time_ps, const Recording& recording) {
+  return time_text(static_cast<double>(time_ps) - static_cast<double>(recording.first_ps));
+}
+
+std::string cause_of(const ChannelResult& channel, const EvaluationSettings& settings) {
+  if (channel.count == 0) {
+    return "no timestamps decoded";
+  }
+  Words causes;
+  if (channel.count < settings.min_tags_per_channel) {
+    causes.push_back(fmt::format("only {}, {} wanted", counted(channel.count, "timestamp"),
+                                 grouped(settings.min_tags_per_channel)));
+  }
+  if (const double ppm = std::abs(channel.ppm_error); ppm > settings.tolerance_ppm) {
+    const int decimals = ppm < 1.01 * settings.tolerance_ppm ? 6 : ppm < 10 ? 3 : 1;
+    causes.push_back(fmt::format("{} ppm {}, tolerance {:g} ppm", fixed_text(ppm, decimals),
+                                 channel.ppm_error < 0 ? "slow" : "fast", settings.tolerance_ppm));
+  }
+  return causes.empty() ? "reported as failed" : fmt::format("{}", fmt::join(causes, "; "));
+}
+
+Words failures_of(const RunResult& run, const EvaluationSettings& settings) {
+  if (run.pass) {
+    return {};
+  }
+  const auto& channels = run.channels;
+  if (std::all_of(channels.begin(), channels.end(),
+                  [](const ChannelResult& channel) { return channel.count == 0; })) {
+    return {": no timestamps decoded on any channel."};
+  }
+  Words words;
+  for (std::size_t c = 0; c < kChannels; ++c) {
+    if (verification::channel_counts(settings.channel_mask, c) && !channels[c].pass) {
+      words.push_back(fmt::format(", channel {}: {}.", c, cause_of(channels[c], settings)));
+    }
+  }
+  return words.empty() ? Words{": reported as failed."} : words;
+}
+
+void look_at_coverage(const RunDirectory& dir, RunFindings& run) {
+  const double rate_hz = run.shown.expected_decoded_hz;
+  run.expected_events =
+      dir.capture_s * verification::kDecodedTimestampSecondsPerSecond * std::max(rate_hz, 0.0);
+  double fewest = std::numeric_limits<double>::infinity();
+  for (std::size_t c = 0; c < kChannels; ++c) {
+    if (verification::channel_counts(dir.settings.channel_mask, c)) {
+      fewest = std::min(fewest, static_cast<double>(run.shown.channels[c].count));
+    }
+  }
+  run.incomplete = fewest + kEdgePeriods < kGoodCoverage * run.expected_events;
+  if (run.incomplete) {
+    run.decoded_ps = fewest / rate_hz * kPicosecondsPerSecond;
+  }
+  if (run.incomplete && run.shown.pass) {
+    run.observations.push_back(
+        fmt::format(": {} of a capture of {} decoded; the verdict knows nothing of the rest.",
+                    time_text(run.decoded_ps), capture_text(dir)));
+  }
+}
+
+void look_at_time(const RunDirectory& dir, const Recording& recording, Words& words) {
+  const double span_ps =
+      static_cast<double>(recording.last_ps) - static_cast<double>(recording.first_ps);
+  if (recording.tags_outside != 0) {
+    words.push_back(
+        fmt::format(": {} outside of what a capture of {} can hold, decoded from damage.",
+                    counted(recording.tags_outside, "timestamp") +
+                        (recording.tags_outside == 1 ? " lies" : " lie"),
+                    capture_text(dir)));
+  } else if (span_ps > longest_capture_ps(dir.capture_s)) {
+    words.push_back(fmt::format(": its timestamps span {}, more than a capture of {} can hold.",
+                                time_text(span_ps), capture_text(dir)));
+  }
+}
+
+void look_at_intervals(const Recording& recording, Words& words) {
+  Words gaps;
+  Words backward;
+  for (std::size_t c = 0; c < kChannels; ++c) {
+    const IntervalSummary& s = recording.channels[c].intervals;
+    if (s.gaps != 0) {
+      gaps.push_back(fmt::format("channel {} has {} missing in {} ending at {}", c,
+                                 counted(s.missing_events, "event"),
+                                 s.gaps == 1 ? "a gap" : counted(s.gaps, "gap") + ", the longest",
+                                 since_first(s.longest.time_ps, recording)));
+    }
+    if (s.backward_steps != 0) {
+      backward.push_back(fmt::format("channel {}'s time goes back {}, by {} at the most", c,
+                                     counted(s.backward_steps, "time"),
+                                     time_text(-static_cast<double>(s.shortest.interval_ps))));
+    }
+  }
+  for (const Words& all : {gaps, backward}) {
+    if (!all.empty()) {
+      words.push_back(fmt::format(": {}.", fmt::join(all, "; ")));
+    }
+  }
+}
+
+void look_at_locks(RunFindings& run) {
+  const Recording& recording = *run.recording;
+  const LockHistory& locks = recording.locks;
+  const double period_ps = kPicosecondsPerSecond / run.shown.expected_decoded_hz;
+  if (recording.header.mode == timing::Mode::internal && period_ps > kLongestStep_ps) {
+    run.observations.push_back(
+        fmt::format(": its events lie {} apart, and the decoder refuses steps above one second.",
+                    time_text(period_ps)));
+  } else if (locks.count(timing::LockEvent::Kind::locked) == 0 && !locks.entries().empty()) {
+    run.observations.emplace_back(
+        ": no place was found in the stream where its records could begin.");
+    run.advice.emplace_back(
+        "One silent channel is enough to hide all others: leave it out of channel_mask to see "
+        "them.");
+  } else if (locks.dropped() != 0) {
+    run.observations.push_back(
+        fmt::format(": the decoder lost its place {}; {} passed over in search of it, {} left over "
+                    "at the end.",
+                    counted(locks.dropped(), "time"), counted(locks.skipped_bytes(), "byte"),
+                    counted(recording.undecoded_bytes, "byte")));
+  }
+}
+
+/// The recording's tags judged by `settings`, with what else a report has of it.
+RunResult judged_again(const RunResult& reported, std::uint32_t divider,
+                       const EvaluationSettings& settings, const Recording& recording) {
+  RunResult result =
+      verification::judge(recording.tags, verification::derive_rates(divider, settings), settings);
+  result.requested_hz = reported.requested_hz;
+  result.stream_file = reported.stream_file;
+  result.payload_bytes = recording.payload_bytes.value_or(0);
+  return result;
+}
+
+void compare(const RunDirectory& dir, const RunResult& reported, RunFindings& run) {
+  const RunResult decoded = judged_again(reported, reported.divider, dir.settings, *run.recording);
+  Words words;
+  for (const Difference& difference : differences(reported, decoded, true)) {
+    words.push_back(fmt::format("{} {} reported, {} now", difference.name, difference.reported,
+                                difference.decoded));
+  }
+  if (words.empty()) {
+    return;
+  }
+  if (const std::size_t all = words.size(); all > kMaxDifferences) {
+    words.resize(kMaxDifferences);
+    words.push_back(fmt::format("and {} more", all - kMaxDifferences));
+  }
+  run.differs = true;
+  run.observations.push_back(
+      fmt::format(": the recording, which the charts show, does not decode to what the report "
+                  "says: {}.",
+                  fmt::join(words, "; ")));
+  run.advice.emplace_back(
+      "Where recording and report differ, one of the files has changed, or the verification read "
+      "in pieces of another size: try --chunk-bytes with its chunk_bytes.");
+}
+
+}  // namespace
+
+RunFindings look_into(const RunDirectory& dir, std::size_t index, std::uint64_t chunk_bytes) {
+  const RunResult& reported = dir.runs[index];
+  RunFindings run;
+  run.shown = reported;
+  if (reported.divider != 0) {  // the report rounds
+    const verification::Rates exact = verification::derive_rates(reported.divider, dir.settings);
+    run.shown.effective_hz = exact.effective_hz;
+    run.shown.expected_decoded_hz = exact.expected_decoded_hz;
+  }
+  try {
+    require_recording(dir, reported);
+    run.recording =
+        read_recording(reported.stream_file, {.chunk_bytes = chunk_bytes,
+                                              .divider = reported.divider,
+                                              .capture_s = dir.capture_s,
+                                              .columns = dir.runs.size() > kManyRuns ? 300U : 1000U,
+                                              .channel_mask = dir.settings.channel_mask});
+    if (!run.recording->decodable) {
+      run.recording.reset();
+      run.problem = "its header describes records that cannot be decoded";
+    }
+  } catch (const timing::Error& error) {
+    run.problem = error.what();
+  }
+  if (!run.recording) {
+    run.observations.push_back(": its recording is not shown: " + run.problem + '.');
+  }
+  if (dir.ended()) {
+    run.failures = failures_of(reported, dir.settings);
+    look_at_coverage(dir, run);
+  }
+  if (run.recording) {
+    if (!run.recording->warning.empty()) {
+      run.observations.push_back(": " + run.recording->warning + '.');
+    }
+    if (dir.ended()) {
+      compare(dir, reported, run);
+    } else {
+      run.shown = judged_again(reported, run.recording->divider, {}, *run.recording);
+    }
+    look_at_time(dir, *run.recording, run.observations);
+    look_at_intervals(*run.recording, run.observations);
+    look_at_locks(run);
+  }
+  run.passed_whole = dir.ended() && run.shown.pass && !run.incomplete && !run.differs;
+  return run;
+}
+
+std::string name_of_run(std::size_t index, const RunFindings& run) {
+  const double rate_hz =
+      run.shown.requested_hz > 0 ? run.shown.requested_hz : run.shown.effective_hz;
+  return fmt::format("Run {}", index + 1) + (rate_hz > 0 ? " at " + hz_text(rate_hz) : "");
+}
+
+Verdict verdict_of(const RunDirectory& dir, const std::vector<RunFindings>& runs) {
+  if (!dir.ended()) {
+    return {"none", "No verdict: the run did not end",
+            "There is no report: the verification was stopped, or an error ended it. This is what "
+            "it had recorded until then."};
+  }
+  const auto failed = std::count_if(runs.begin(), runs.end(),
+                                    [](const RunFindings& run) { return !run.shown.pass; });
+  if (!dir.pass || failed != 0) {
+    return {"fail", "FAIL",
+            failed == 0        ? "The report says so of the whole."
+            : runs.size() == 1 ? "The run failed:"
+                               : fmt::format("{} of {} runs failed:", failed, runs.size())};
+  }
+  Verdict verdict = {"pass", "PASS", ""};
+  double largest_ppm = -1;
+  double least_ps = std::numeric_limits<double>::infinity();
+  for (std::size_t i = 0; i < runs.size(); ++i) {
+    for (std::size_t c = 0; c < kChannels; ++c) {
+      const double ppm = std::abs(runs[i].shown.channels[c].ppm_error);
+      if (verification::channel_counts(dir.settings.channel_mask, c) && ppm > largest_ppm) {
+        largest_ppm = ppm;
+        verdict.sentence = fmt::format(
+            "{} passed. The largest rate error of a channel is {} ppm, tolerance {:g} ppm: {}, "
+            "channel {}.",
+            runs.size() == 1 ? "The run" : "All " + counted(runs.size(), "run"), fixed_text(ppm, 6),
+            dir.settings.tolerance_ppm, name_of_run(i, runs[i]), c);
+      }
+    }
+    if (runs[i].incomplete && runs[i].decoded_ps < least_ps) {
+      least_ps = runs[i].decoded_ps;
+      verdict.look = "doubt";
+      verdict.headline = fmt::format("PASS, but only {} of {} decoded", time_text(least_ps, 3),
+                                     capture_text(dir, 3));
+    } else if (runs[i].differs && verdict.headline == "PASS") {
+      verdict.look = "doubt";
+      verdict.headline = "PASS, but the recordings say otherwise";
+    }
+  }
+  return verdict;
+}
+
+std::vector<std::string> lock_history_of(const Recording& recording) {
+  using Kind = timing::LockEvent::Kind;
+  const auto words_of = [](const timing::LockEvent& event) -> std::string {
+    switch (event.kind) {
+      case Kind::locked:
+        return fmt::format("lock taken, {} skipped", counted(event.drop_bytes, "byte"));
+      case Kind::no_alignment:
+        return fmt::format("no lock found in {}", counted(event.buffer_bytes, "byte"));
+      case Kind::rejected_alignment:
+        return "a lock was found and refused: its channels differ too much";
+      case Kind::inactive_channel:
+        return fmt::format("lock lost: a record of channel {}, which was not recorded",
+                           event.channel);
+      case Kind::overflow_in_sync:
+      case Kind::sync_channel_mismatch:
+        return "lock lost: a sync was interrupted";
+      case Kind::nonmonotonic_sync:
+        return fmt::format("lock lost: an event of channel {} before the last one", event.channel);
+      case Kind::implausible_sync_delta:
+      case Kind::implausible_delta:
+        return fmt::format("lock lost: channel {} took a step that the decoder refuses",
+                           event.channel);
+      case Kind::imbalanced:
+        return "lock lost: its channels differed more than eightfold";
+    }
+    return {};
+  };
+  Words lines;
+  for (const auto& [event, time_ps, next_ps] : recording.locks.entries()) {
+    lines.push_back(
+        fmt::format("Payload byte {}{}: {}.", grouped(event.payload_offset_bytes),
+                    time_ps ? ", after the timestamp at " + since_first(*time_ps, recording) : "",
+                    words_of(event)));
+  }
+  if (recording.locks.left_out() != 0) {
+    lines.push_back("And " + grouped(recording.locks.left_out()) + " more.");
+  }
+  return lines;
+}
+
+}  // namespace orvo::inspection

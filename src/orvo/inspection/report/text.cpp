@@ -1,0 +1,101 @@
+#include "orvo/inspection/report/text.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+
+namespace orvo::inspection {
+namespace {
+
+constexpr std::string_view kMinus = "−";
+constexpr std::string_view kGroupSeparator = "\u202F";  // narrow, no line break
+constexpr std::string_view kUnitSeparator = "\u00A0";
+/// From here on an exponent is more readable.
+constexpr double kLargestPlain = 1e15;
+
+/// `digits` may go on after a point.
+std::string with_groups(std::string_view digits) {
+  const std::size_t whole = std::min(digits.find('.'), digits.size());
+  std::string result;
+  for (std::size_t i = 0; i < whole; ++i) {
+    if (i != 0 && (whole - i) % 3 == 0) {
+      result += kGroupSeparator;
+    }
+    result += digits[i];
+  }
+  return result += digits.substr(whole);
+}
+
+bool shows_zero(std::string_view text) {
+  return text.find_first_of("123456789") == std::string_view::npos;
+}
+
+/// "9.99" for four digits of 9.9899, "100" for those of 100.0001.
+std::string short_text(double number, int digits) {
+  const double magnitude = std::abs(number);
+  const int whole = magnitude < 10 ? 1 : magnitude < 100 ? 2 : 3;
+  std::string text = fixed_text(number, std::max(0, digits - whole));
+  if (text.find('.') != std::string::npos) {
+    text.erase(text.find_last_not_of('0') + 1);
+    if (text.back() == '.') {
+      text.pop_back();
+    }
+  }
+  return text;
+}
+
+}  // namespace
+
+std::string grouped(std::uint64_t number) { return with_groups(fmt::to_string(number)); }
+
+std::string grouped(std::int64_t number) {
+  const auto bits = static_cast<std::uint64_t>(number);
+  return number < 0 ? std::string(kMinus) + grouped(0 - bits) : grouped(bits);
+}
+
+std::string fixed_text(double number, int decimals) {
+  if (!std::isfinite(number)) {
+    return "–";
+  }
+  const double magnitude = std::abs(number);
+  const std::string digits = magnitude < kLargestPlain
+                                 ? with_groups(fmt::format("{:.{}f}", magnitude, decimals))
+                                 : fmt::format("{:.3e}", magnitude);
+  return number < 0 && !shows_zero(digits) ? std::string(kMinus) + digits : digits;
+}
+
+std::string signed_text(double number, int decimals) {
+  const std::string text = fixed_text(number, decimals);
+  return number > 0 && !shows_zero(text) ? '+' + text : text;
+}
+
+std::string time_text(double time_ps, int digits) {
+  constexpr std::array<std::string_view, 5> kUnits = {"ps", "ns", "µs", "ms", "s"};
+  std::size_t unit = 0;
+  for (; unit + 1 < kUnits.size() && std::abs(time_ps) >= 999.95; ++unit) {
+    time_ps /= 1000;
+  }
+  return short_text(time_ps, digits).append(kUnitSeparator).append(kUnits[unit]);
+}
+
+std::string signed_time_text(double time_ps) {
+  return std::string(time_ps >= 0.0005 ? "+" : "").append(time_text(time_ps));
+}
+
+std::string hz_text(double rate_hz) {
+  const double magnitude = std::abs(rate_hz);
+  const double unit = magnitude >= 1e6 ? 1e6 : magnitude >= 1e3 ? 1e3 : 1;
+  return short_text(rate_hz / unit, 4)
+      .append(kUnitSeparator)
+      .append(unit == 1e6   ? "MHz"
+              : unit == 1e3 ? "kHz"
+                            : "Hz");
+}
+
+std::string counted(std::uint64_t number, std::string_view thing) {
+  return grouped(number).append(kUnitSeparator).append(thing).append(number == 1 ? "" : "s");
+}
+
+}  // namespace orvo::inspection
