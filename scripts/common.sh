@@ -20,10 +20,25 @@ need_packages() {
       "${missing[@]}"; } >&2 </dev/null || exit 1
 }
 
+# usable_build_dir DIR: ends with a sentence where DIR cannot be a build folder of this checkout.
+usable_build_dir() {
+  local dir=$1 home
+  if ! mkdir -p "$dir" 2>/dev/null || [ ! -w "$dir" ]; then
+    echo "$dir cannot be written: copy the checkout to a folder of your own and start there." >&2
+    exit 1
+  fi
+  home=$(sed -n 's/^CMAKE_HOME_DIRECTORY:[^=]*=//p' "$dir/CMakeCache.txt" 2>/dev/null)
+  if [ -n "$home" ] && ! [ "$home" -ef "$project_dir" ]; then
+    echo "$dir was made for a checkout in $home: remove it (rm -r '$dir') and start again." >&2
+    exit 1
+  fi
+}
+
 # build PRESET TESTS: configures and builds, with tests (ON) or without (OFF, which needs no
 # GoogleTest); the whole output only where it fails.
 build() {
   local preset=$1 log
+  usable_build_dir "$project_dir/build/$preset"
   log=$(mktemp)
   echo "Building ($preset) ..." >&2
   if ! { cd "$project_dir" && cmake --preset "$preset" -DORVO_BUILD_TESTS="$2" &&
