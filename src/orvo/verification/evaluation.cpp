@@ -46,8 +46,12 @@ void TagStatistics::add(std::span<const timing::TimeTag> tags) {
   for (const timing::TimeTag& tag : tags) {
     Channel& channel = channels_[std::min<std::size_t>(tag.channel, kChannels)];
     ++channel.count;
-    channel.smallest_ps = std::min(channel.smallest_ps, tag.time_ps);
-    channel.largest_ps = std::max(channel.largest_ps, tag.time_ps);
+    if (tag.time_ps > channel.largest_ps) [[likely]] {
+      channel.largest_ps = tag.time_ps;
+    }
+    if (tag.time_ps < channel.smallest_ps) [[unlikely]] {  // min() would write it for every tag
+      channel.smallest_ps = tag.time_ps;
+    }
   }
 }
 
