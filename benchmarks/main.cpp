@@ -27,6 +27,7 @@ int main(int argc, char** argv) {
   add_unsynced_channels(table);
   add_lock_search(table);
   add_read_back(table);
+  add_inspection(table);
   add_capture(table);
   add_instrument_and_tool(table);
 

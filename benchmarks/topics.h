@@ -10,6 +10,7 @@ void add_lost_locks(Table& table);
 void add_unsynced_channels(Table& table);
 void add_lock_search(Table& table);
 void add_read_back(Table& table);
+void add_inspection(Table& table);
 void add_capture(Table& table);
 void add_instrument_and_tool(Table& table);
 
