@@ -154,7 +154,7 @@ TEST_F(Report, SaysWhatIsSo) {
        [](PackedWriter& writer) { writer.events(20); },
        20,
        "fail",
-       {", channel 3: only 20 timestamps, 64 wanted."},
+       {", channel 3: only 20 timestamps."},
        {"ppm slow"}},
       {"silent",
        [](PackedWriter& writer) {

@@ -44,8 +44,7 @@ std::string cause_of(const ChannelResult& channel, const EvaluationSettings& set
   }
   Words causes;
   if (channel.count < settings.min_tags_per_channel) {
-    causes.push_back(fmt::format("only {}, {} wanted", counted(channel.count, "timestamp"),
-                                 grouped(settings.min_tags_per_channel)));
+    causes.push_back("only " + counted(channel.count, "timestamp"));
   }
   if (const double ppm = std::abs(channel.ppm_error); ppm > settings.tolerance_ppm) {
     const int decimals = ppm < 1.01 * settings.tolerance_ppm ? 6 : ppm < 10 ? 3 : 1;
