@@ -15,6 +15,15 @@ if(TARGET ortime)
   install(FILES docs/man/ortime.1 DESTINATION "${man_dir}")
 endif()
 
+# The Python module, where Debian's Python looks for what packages bring; only when it is asked for,
+# with --component python.
+if(TARGET orvo_python)
+  set(python_dir "lib/python3/dist-packages/orvo_timing")
+  install(TARGETS orvo_python LIBRARY DESTINATION "${python_dir}"
+          COMPONENT python EXCLUDE_FROM_ALL)
+  install(FILES ${orvo_python_files} DESTINATION "${python_dir}" COMPONENT python EXCLUDE_FROM_ALL)
+endif()
+
 # The settings, as they are in the source tree.
 install(FILES src/orvo/verification/ot_verify_overflow_frequency.ini
         DESTINATION "${CMAKE_INSTALL_DATADIR}/orvo_timing/verification")

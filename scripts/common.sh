@@ -53,4 +53,5 @@ build() {
 
 build_packages=(cmake ninja-build g++)
 inspection_packages=(libcli11-dev libfmt-dev libkainjow-mustache-dev nlohmann-json3-dev)
-test_packages=("${build_packages[@]}" "${inspection_packages[@]}" libgtest-dev)
+python_packages=(pybind11-dev python3-dev python3-numpy)
+test_packages=("${build_packages[@]}" "${inspection_packages[@]}" "${python_packages[@]}" libgtest-dev)
