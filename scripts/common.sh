@@ -27,7 +27,8 @@ usable_build_dir() {
     echo "$dir cannot be written: copy the checkout to a folder of your own and start there." >&2
     exit 1
   fi
-  home=$(sed -n 's/^CMAKE_HOME_DIRECTORY:[^=]*=//p' "$dir/CMakeCache.txt" 2>/dev/null)
+  home=$(sed -n 's/^CMAKE_HOME_DIRECTORY:[^=]*=//p' "$dir/CMakeCache.txt" 2>/dev/null) ||
+    home=  # not configured yet
   if [ -n "$home" ] && ! [ "$home" -ef "$project_dir" ]; then
     echo "$dir was made for a checkout in $home: remove it (rm -r '$dir') and start again." >&2
     exit 1
