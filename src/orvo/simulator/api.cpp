@@ -37,14 +37,13 @@ ot_status open_device(const char* operation, ot_device** out, const char* port,
   Call call(operation);
   if (port != nullptr) call.note("port", port);
   if (baud) call.note("baud", *baud);
-  if (call.require(out != nullptr, "null out")) {
-    call.expect(*out == nullptr, "*out is not preset to null");
-  }
+  if (out != nullptr) call.expect(*out == nullptr, "*out is not preset to null");
+  call.require(out != nullptr, "null out");
   call.require(port != nullptr, "null port");
   if (baud && *baud <= 0) call.refuse(OT_ERR_ARGUMENT);
   ot_device* device = nullptr;
   const ot_status status = call.perform([&] { return call.driver().open(device, port); });
-  if (status == OT_OK) {
+  if (out != nullptr && status == OT_OK) {
     call.driver().say_simulated();
     *out = device;
   } else if (device != nullptr) {
@@ -97,12 +96,11 @@ ot_status ot_close(ot_device* dev) {
 
 ot_status ot_discover(ot_discovery_list** out) {
   Call call(__func__);
-  if (call.require(out != nullptr, "null out")) {
-    call.expect(*out == nullptr, "*out is not preset to null");
-  }
+  if (out != nullptr) call.expect(*out == nullptr, "*out is not preset to null");
+  call.require(out != nullptr, "null out");
   ot_discovery_list* list = nullptr;
   const ot_status status = call.perform([&] { return call.driver().discover(list); });
-  if (status == OT_OK) {
+  if (out != nullptr && status == OT_OK) {
     *out = list;
   } else if (list != nullptr) {
     list->freed = true;
@@ -139,9 +137,8 @@ void ot_discover_free(ot_discovery_list* list) {
 ot_status ot_identify(ot_device* dev, ot_identity* out) {
   DeviceCall call(__func__, dev);
   if (!call.has_device()) return call.finish();
-  if (call.require(out != nullptr, "null out")) {
-    call.expect(is_zero(*out), "*out is not preset to zero");
-  }
+  if (out != nullptr) call.expect(is_zero(*out), "*out is not preset to zero");
+  call.require(out != nullptr, "null out");
   return call.perform([&](const Device& device) {
     *out = device.identity();
     return Outcome{};
@@ -167,9 +164,8 @@ ot_status ot_set_calibration_freq(ot_device* dev, double freq_hz, uint32_t* divi
   if (!call.has_device()) return call.finish();
   call.note("freq_hz", freq_hz);
   call.expect_idle();
-  if (call.require(divider_out != nullptr, "null divider_out")) {
-    call.expect(*divider_out == 0, "divider is not preset to 0");
-  }
+  if (divider_out != nullptr) call.expect(*divider_out == 0, "divider is not preset to 0");
+  call.require(divider_out != nullptr, "null divider_out");
   return call.perform(
       [&](Device& device) { return device.set_calibration_freq(freq_hz, *divider_out); });
 }
@@ -181,10 +177,11 @@ ot_status ot_set_packed_delta_config(ot_device* dev, uint8_t delta_bits, uint16_
   call.note("bits", delta_bits);
   call.note("quantum_ps", quantum_ps);
   call.expect_idle();
-  if (call.require(effective_bits != nullptr && effective_quantum_ps != nullptr, "null output")) {
+  if (effective_bits != nullptr && effective_quantum_ps != nullptr) {
     call.expect(*effective_bits == 16 && *effective_quantum_ps == 8,
                 "outputs are not preset to 16 and 8");
   }
+  call.require(effective_bits != nullptr && effective_quantum_ps != nullptr, "null output");
   return call.perform([&](Device& device) {
     *effective_bits = delta_bits;
     *effective_quantum_ps = quantum_ps;
@@ -231,12 +228,11 @@ ot_status ot_read_stream_bytes(ot_device* dev, uint8_t* buffer, uint64_t capacit
   call.note("capacity", capacity);
   call.note("timeout_ms", timeout_ms);
   const bool has_buffer = buffer != nullptr || capacity == 0;
-  if (call.require(got != nullptr && has_buffer, "null buffer or count")) {
-    call.expect(*got == 0, "count is not preset to 0");
-  }
+  if (got != nullptr) call.expect(*got == 0, "count is not preset to 0");
+  call.require(got != nullptr && has_buffer, "null buffer or count");
   call.expect(dev->stream == StreamState::running, "no stream is running");
   return call.perform([&](Device& device) {
-    const Outcome outcome = device.read({buffer, capacity}, *got, timeout_ms);
+    Outcome outcome = device.read({buffer, capacity}, *got, timeout_ms);
     call.note("got", *got);
     return outcome;
   });

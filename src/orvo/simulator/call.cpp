@@ -70,12 +70,12 @@ ot_status Call::finish(const Outcome& outcome) {
 
 DeviceCall::DeviceCall(std::string_view operation, const ot_device* handle) : Call(operation) {
   ot_device* const known = driver().find(handle);
-  if (require(handle != nullptr, "null device") && require(known != nullptr, "unknown device")) {
-    if (expect(known->device.has_value(), "called after the close")) {
-      handle_ = known;
-    } else {
-      refuse(OT_ERR_NOT_OPEN);
-    }
+  if (known == nullptr) {
+    require(false, handle == nullptr ? "null device" : "unknown device");
+  } else if (expect(known->device.has_value(), "called after the close")) {
+    handle_ = known;
+  } else {
+    refuse(OT_ERR_NOT_OPEN);
   }
 }
 
