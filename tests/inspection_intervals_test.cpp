@@ -148,7 +148,7 @@ TEST(Intervals, SkewIsThatOfTheNearestEvent) {
     std::vector<TimeTag> tags;
     std::uint64_t pairs = 0;
     for (int i = 1; i <= 1'000; ++i) {
-      const std::int64_t time_ps = i * 10'000'000 + i % 2 * 8;
+      const std::int64_t time_ps = i * std::int64_t{10'000'000} + i % 2 * 8;
       const bool lost = c.lost_from_0 != 0 && i % static_cast<int>(c.lost_from_0) == 0;
       pairs += lost ? 0 : 1;
       if (c.channel_0_first && !lost) tags.push_back({0, time_ps});
