@@ -87,7 +87,7 @@ IntervalSettings settings_for(Recording& recording, double capture_s) {
     settings.expected_ps[channel] = recording.channels[channel].expected_ps;
   }
   if (recording.header.stream_format == timing::Format::packed_delta) {
-    const verification::EvaluationSettings packed = settings_of(recording.header);
+    const verification::EvaluationSettings packed = verification::settings_of(recording.header);
     settings.tick_shift = static_cast<unsigned>(std::countr_zero(packed.packed_quantum_ps));
     settings.largest_plain_ps =
         std::ldexp(std::ldexp(1.0, packed.packed_bits) - 1, static_cast<int>(settings.tick_shift));

@@ -138,20 +138,4 @@ void print_warning(const StreamInput& input) {
   }
 }
 
-verification::EvaluationSettings settings_of(const timing::StreamFileHeader& header) {
-  verification::EvaluationSettings settings;  // whose defaults a header's 0 means
-  settings.channel_mask = header.channel_mask;
-  if (header.stream_format != timing::Format::packed_delta) {
-    settings.packed_bits = 0;
-    return settings;
-  }
-  if (header.delta_bits != 0) {
-    settings.packed_bits = header.delta_bits;
-  }
-  if (header.quantum_ps != 0) {
-    settings.packed_quantum_ps = header.quantum_ps;
-  }
-  return settings;
-}
-
 }  // namespace orvo::inspection

@@ -11,7 +11,6 @@
 #include <string>
 
 #include "orvo/timing/stream_files.h"
-#include "orvo/verification/evaluation.h"
 
 namespace orvo::inspection {
 
@@ -45,8 +44,5 @@ class StreamInput {
 
 /// Says on standard error what warning() says.
 void print_warning(const StreamInput& input);
-
-/// What the header says about the settings; `packed_bits` is 0 where no record overflows.
-[[nodiscard]] verification::EvaluationSettings settings_of(const timing::StreamFileHeader& header);
 
 }  // namespace orvo::inspection

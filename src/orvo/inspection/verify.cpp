@@ -195,7 +195,8 @@ RunResult judge_recording(StreamInput& input, std::uint32_t divider,
 
 int verify_file(const VerifyOptions& options) {
   StreamInput input(options.path);
-  const EvaluationSettings settings = chosen_settings(settings_of(input.reader.header()), options);
+  const EvaluationSettings settings =
+      chosen_settings(verification::settings_of(input.reader.header()), options);
   Judgement judgement;
   judgement.run = judge_recording(input, divider_of(options), settings, options.chunk_bytes);
   judgement.run.stream_file = options.path;

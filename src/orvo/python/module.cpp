@@ -207,14 +207,11 @@ py::dict judge(const std::filesystem::path& path, const py::int_& divider,
     throw py::value_error("tolerance_ppm must be 0 or more");
   }
   const auto bytes = checked("chunk_bytes", chunk_bytes, 1, INT64_MAX);
-  const timing::StreamFileReader reader = open_recording(path);
-  verification::EvaluationSettings settings;
-  settings.channel_mask = reader.header().channel_mask;
+  timing::StreamFileReader reader = open_recording(path);
+  verification::EvaluationSettings settings = verification::settings_of(reader.header());
   settings.tolerance_ppm = tolerance_ppm;
   settings.min_tags_per_channel =
       checked("min_tags_per_channel", min_tags_per_channel, 0, UINT64_MAX);
-  settings.packed_bits = reader.header().delta_bits;
-  settings.packed_quantum_ps = reader.header().quantum_ps;
   if (channel_mask) {
     settings.channel_mask =
         static_cast<std::uint8_t>(checked("channel_mask", *channel_mask, 0, 255));
@@ -222,8 +219,9 @@ py::dict judge(const std::filesystem::path& path, const py::int_& divider,
   const auto rates = verification::derive_rates(
       static_cast<std::uint32_t>(checked("divider", divider, 1, UINT32_MAX)), settings);
   const verification::RunResult result = without_lock([&] {
-    return verification::judge(verification::read_tag_statistics(path, bytes, interrupted), rates,
-                               settings);
+    verification::TagStatistics statistics;
+    reader.for_each_batch(bytes, [&statistics](auto tags) { statistics.add(tags); });
+    return verification::judge(statistics, rates, settings);
   });
   py::list channels;
   for (const verification::ChannelResult& channel : result.channels) {

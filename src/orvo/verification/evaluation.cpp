@@ -42,6 +42,22 @@ ChannelResult judge_channel(const TagStatistics::Channel& tags, double expected_
 
 }  // namespace
 
+EvaluationSettings settings_of(const timing::StreamFileHeader& header) {
+  EvaluationSettings settings;  // whose defaults a header's 0 means
+  settings.channel_mask = header.channel_mask;
+  if (header.stream_format != timing::Format::packed_delta) {
+    settings.packed_bits = 0;
+    return settings;
+  }
+  if (header.delta_bits != 0) {
+    settings.packed_bits = header.delta_bits;
+  }
+  if (header.quantum_ps != 0) {
+    settings.packed_quantum_ps = header.quantum_ps;
+  }
+  return settings;
+}
+
 void TagStatistics::add(std::span<const timing::TimeTag> tags) {
   for (const timing::TimeTag& tag : tags) {
     Channel& channel = channels_[std::min<std::size_t>(tag.channel, kChannels)];

@@ -13,6 +13,7 @@
 #include <string>
 
 #include "orvo/timing/error.h"
+#include "orvo/timing/stream_header.h"
 #include "orvo/timing/time_tag.h"
 
 namespace orvo::verification {
@@ -58,6 +59,10 @@ struct EvaluationSettings {
 
   bool operator==(const EvaluationSettings&) const = default;
 };
+
+/// What a recording's header says about them, else the defaults; `packed_bits` is 0 where no record
+/// overflows.
+[[nodiscard]] EvaluationSettings settings_of(const timing::StreamFileHeader& header);
 
 /// Whether `channel` counts under `channel_mask`; no mask at all means every channel.
 [[nodiscard]] constexpr bool channel_counts(std::uint8_t channel_mask, std::size_t channel) {
