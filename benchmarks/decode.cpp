@@ -6,7 +6,7 @@
 #include <stdexcept>
 
 #include "kernels.h"
-#include "orvo/timing/buffers.h"
+#include "orvo/timing/record_decoder.h"
 #include "streams.h"
 #include "support/plain_decoder.h"
 #include "topics.h"

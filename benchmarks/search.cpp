@@ -3,8 +3,8 @@
 #include <random>
 #include <utility>
 
-#include "orvo/timing/buffers.h"
 #include "orvo/timing/packed/alignment.h"
+#include "orvo/timing/record_decoder.h"
 #include "streams.h"
 #include "support/plain_decoder.h"
 #include "topics.h"

@@ -1,6 +1,5 @@
 #include "orvo/timing/stream_decoder.h"
 
-#include "orvo/timing/buffers.h"
 #include "orvo/timing/delta32.h"
 #include "orvo/timing/packed/packed_delta.h"
 #include "orvo/timing/raw64.h"

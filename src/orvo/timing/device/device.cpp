@@ -1,14 +1,83 @@
 #include "orvo/timing/device/device.h"
 
 #include <algorithm>
+#include <fstream>
+#include <new>
+#include <optional>
 #include <utility>
 
-#include "orvo/timing/device/fine_table_file.h"
 #include "orvo/timing/device/library_status.h"
 #include "orvo/timing/raw64.h"
 
 namespace orvo::timing {
 namespace {
+
+using FineTables = std::array<std::vector<std::int64_t>, 4>;  // one a channel, in picoseconds
+
+constexpr const char* kFineTableFile = "fine_lut.bin";
+constexpr std::uint32_t kMagic = 0x54'55'4C'54;  // "TLUT"
+constexpr std::uint32_t kVersion = 1;
+constexpr std::uint32_t kMaxEntries = 1U << 20;
+constexpr std::size_t kEntryBytes = 8;
+constexpr std::size_t kEntriesPerRead = 1U << 13;  // memory follows what the file really holds
+
+template <typename Unsigned>
+Unsigned little_endian(const char* bytes) {
+  Unsigned value = 0;
+  for (std::size_t i = sizeof(Unsigned); i-- > 0;) {
+    value = value << 8 | static_cast<unsigned char>(bytes[i]);
+  }
+  return value;
+}
+
+template <typename Unsigned>
+bool read_little_endian(std::istream& file, Unsigned& value) {
+  std::array<char, sizeof(Unsigned)> bytes;
+  if (!file.read(bytes.data(), bytes.size())) {
+    return false;
+  }
+  value = little_endian<Unsigned>(bytes.data());
+  return true;
+}
+
+bool read_table(std::istream& file, std::vector<std::int64_t>& table) {
+  std::uint32_t count = 0;
+  if (!read_little_endian(file, count) || count == 0 || count > kMaxEntries) {
+    return false;
+  }
+  std::array<char, kEntriesPerRead * kEntryBytes> block;
+  while (table.size() < count) {
+    const std::size_t entries = std::min<std::size_t>(count - table.size(), kEntriesPerRead);
+    if (!file.read(block.data(), static_cast<std::streamsize>(entries * kEntryBytes))) {
+      return false;
+    }
+    for (std::size_t i = 0; i < entries; ++i) {
+      table.push_back(
+          static_cast<std::int64_t>(little_endian<std::uint64_t>(block.data() + i * kEntryBytes)));
+    }
+  }
+  return true;
+}
+
+/// The tables of "fine_lut.bin" in the working directory; nothing when it is missing, damaged or
+/// short. Layout, little-endian: "TLUT", version 1 (u32), then for each channel a count (u32, 1 to
+/// 2^20) and as many entries (i64). What follows is ignored.
+std::optional<FineTables> read_fine_table_file() {
+  std::ifstream file(kFineTableFile, std::ios::binary);
+  std::uint32_t magic = 0;
+  std::uint32_t version = 0;
+  if (!file || !read_little_endian(file, magic) || !read_little_endian(file, version) ||
+      magic != kMagic || version != kVersion) {
+    return std::nullopt;
+  }
+  FineTables tables;
+  for (std::vector<std::int64_t>& table : tables) {
+    if (!read_table(file, table)) {
+      return std::nullopt;
+    }
+  }
+  return tables;
+}
 
 /// Releases a discovery list, also where reading it throws.
 struct ReleasedList {
@@ -68,8 +137,12 @@ Device::Device(const std::string& port, int baud, FineTableSource fine_tables) :
   handle = open_handle(port, baud);
   owns_handle = true;
   if (fine_tables == FineTableSource::from_file) {
-    if (auto tables = detail::read_fine_table_file(detail::kFineTableFile)) {
-      fine_lut = std::move(*tables);
+    try {
+      if (auto tables = read_fine_table_file()) {
+        fine_lut = std::move(*tables);
+      }
+    } catch (const std::bad_alloc&) {
+      // Too large for the memory there is: the defaults stay.
     }
   }
 }

@@ -1,6 +1,8 @@
 // The packed-delta record format of one stream: what follows from its header alone.
 #pragma once
 
+#include <algorithm>
+#include <bit>
 #include <cstdint>
 
 #include "orvo/timing/instrument_time.h"
@@ -12,7 +14,28 @@ namespace orvo::timing::detail {
 struct PackedFormat {
   static constexpr unsigned kMaxBits = 31;
 
-  explicit PackedFormat(const StreamFileHeader& header);
+  static constexpr unsigned kDefaultBits = 16;
+  static constexpr unsigned kDefaultQuantumPs = 8;
+  static constexpr unsigned kAllChannels = 0x0F;
+  /// In external mode: the inputs may be quiet, and two channels show enough.
+  static constexpr unsigned kMinSyncedExternal = 2;
+
+  explicit PackedFormat(const StreamFileHeader& header)
+      : bits(header.delta_bits == 0 ? kDefaultBits : header.delta_bits),
+        width(bits + 3),
+        all_ones((std::uint64_t{1} << std::min(bits, kMaxBits)) - 1),
+        sync_records((bits + TickCounter::kBits - 1) / bits),
+        quantum_shift(static_cast<unsigned>(
+            std::countr_zero(header.quantum_ps == 0 ? kDefaultQuantumPs : header.quantum_ps + 0U))),
+        counter(quantum_shift),
+        active_mask(static_cast<std::uint8_t>(
+            header.channel_mask == 0 ? kAllChannels : header.channel_mask & kAllChannels)),
+        active_channels(static_cast<unsigned>(std::popcount(active_mask))),
+        required_synced(std::max(1U, header.mode == Mode::internal
+                                         ? active_channels
+                                         : std::min(active_channels, kMinSyncedExternal))),
+        internal(header.mode == Mode::internal),
+        balanced(internal && active_channels >= 2) {}
 
   [[nodiscard]] bool valid() const noexcept { return bits <= kMaxBits; }
   [[nodiscard]] bool active(unsigned channel) const noexcept {

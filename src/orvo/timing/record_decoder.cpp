@@ -1,4 +1,4 @@
-#include "orvo/timing/buffers.h"
+#include "orvo/timing/record_decoder.h"
 
 #include <algorithm>
 #include <cstring>
