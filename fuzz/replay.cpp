@@ -1,4 +1,4 @@
-// Runs a fuzz target's entry function on every file of the folders named, with any compiler. Fails
+// Runs the fuzz target's entry function on every file of the folder named, with any compiler. Fails
 // when there is none, and when that took too much memory.
 #include <sys/resource.h>
 
@@ -16,13 +16,11 @@ int main(int argc, char** argv) {
   constexpr long kMaxKilobytes = 512 * 1024;  // room for a sanitizer's own memory
   LLVMFuzzerInitialize(&argc, &argv);
   int files = 0;
-  for (int i = 1; i < argc; ++i) {
-    for (const auto& entry : std::filesystem::directory_iterator(argv[i])) {
-      std::ifstream file(entry.path(), std::ios::binary);
-      const std::vector<char> bytes{std::istreambuf_iterator<char>(file), {}};
-      LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
-      ++files;
-    }
+  for (const auto& entry : std::filesystem::directory_iterator(argv[1])) {
+    std::ifstream file(entry.path(), std::ios::binary);
+    const std::vector<char> bytes{std::istreambuf_iterator<char>(file), {}};
+    LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
+    ++files;
   }
   rusage usage{};
   getrusage(RUSAGE_SELF, &usage);
