@@ -1,4 +1,4 @@
-// The simulated instrument: what its streams decode to, what it does on command, its ledger.
+// The simulated instrument: its events, what it does on command, its ledger.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -13,106 +13,25 @@
 
 #include "orvo/simulator/device.h"
 #include "orvo/simulator/settings.h"
-#include "orvo/simulator/stream.h"
 #include "orvo/timing/device/ot_api.h"
-#include "orvo/timing/stream_decoder.h"
 #include "support/instrument.h"
 #include "support/scratch.h"
 
 namespace orvo::simulator {
 namespace {
 
-using timing::Format;
 using timing::Mode;
 using Bytes = std::vector<std::uint8_t>;
 
-struct StreamCase {
-  Format format = Format::packed_delta;
-  unsigned bits = 16, quantum_ps = 8;
-  Mode mode = Mode::internal;
-  unsigned mask = 0;
-  unsigned divider = 310;  // 100 kHz
-  std::uint64_t duration_ps = 80'000'000;
-  std::string settings;
-};
-
-tests::Instrument instrument_of(const std::string& text, const StreamCase& c) {
-  tests::Instrument instrument;
-  instrument.settings = parse_settings(text);
-  instrument.divider = c.divider;
-  timing::StreamFileHeader& header = instrument.header;
-  header.stream_format = c.format;
-  header.mode = c.mode;
-  header.channel_mask = static_cast<std::uint8_t>(c.mask);
-  header.delta_bits = static_cast<std::uint8_t>(c.bits);
-  header.quantum_ps = static_cast<std::uint16_t>(c.quantum_ps);
-  if (c.mode == Mode::internal) header.raw64_tag_format = "raw_cf";
-  return instrument;
-}
-
-Bytes bytes_of(const std::string& text, const StreamCase& c = {}) {
-  const tests::Instrument instrument = instrument_of(text, c);
-  Stream stream(instrument.settings, instrument.payload());
-  Bytes bytes, part(100'003);
-  while (const std::size_t got = stream.read(part, kNever - 1)) {
-    bytes.insert(bytes.end(), part.begin(), part.begin() + static_cast<std::ptrdiff_t>(got));
-  }
+/// A packed-delta stream of 100 kHz, or of channel 0 alone with another divider.
+Bytes bytes_of(const std::string& text, std::uint32_t divider = 310) {
+  tests::Instrument instrument{{}, parse_settings(text), divider};
+  instrument.header.mode = Mode::internal;
+  if (divider != 310) instrument.header.channel_mask = 1;
+  Bytes bytes;
+  instrument.for_each_chunk(
+      100'003, [&](auto part) { bytes.insert(bytes.end(), part.begin(), part.end()); });
   return bytes;
-}
-
-void expect_exact(const StreamCase& c) {
-  SCOPED_TRACE("bits " + std::to_string(c.bits) + " quantum " + std::to_string(c.quantum_ps) +
-               " mask " + std::to_string(c.mask) + " divider " + std::to_string(c.divider) + " " +
-               c.settings);
-  const std::string text = "pace=ps:" + std::to_string(c.duration_ps) + ";" + c.settings;
-  const tests::Instrument instrument = instrument_of(text, c);
-  const Bytes bytes = bytes_of(text, c);
-  timing::StreamDecoder decoder(instrument.header);
-  tests::Witness witness(instrument);
-  constexpr std::size_t kChunk = 8192;
-  for (std::size_t at = 0; at < bytes.size(); at += kChunk) {
-    decoder.append({bytes.data() + at, std::min(kChunk, bytes.size() - at)});
-    ASSERT_TRUE(witness.take(decoder.feed()));
-  }
-  EXPECT_GT(witness.count(), 100U);
-  EXPECT_TRUE(witness.has_all_before(instrument.settings.clock_ps + instrument.settings.end));
-}
-
-TEST(SimulatedStream, DecodesExactly) {
-  constexpr auto kPacked = Format::packed_delta;
-  constexpr auto kInside = Mode::internal;
-  constexpr auto kOutside = Mode::external;
-  const unsigned quanta[] = {8, 16, 1000, 32768, 1, 12, 7};
-  const unsigned masks[] = {0x0, 0xF, 0x5, 0x1, 0xE};
-  const std::string fast = "external_hz=3000000,1000000,2000000,800000";
-  for (unsigned bits = 1; bits <= 31; ++bits) {
-    const unsigned quantum_ps = quanta[bits % 7];
-    const std::string phase = "sync_interval=25;bit_phase=" + std::to_string(bits * 5 % 34);
-    expect_exact({kPacked, bits, quantum_ps, kInside, masks[bits % 5], 15, 80'000'000, phase});
-    expect_exact({kPacked, bits, quanta[bits % 3], kOutside, 0, 0, 80'000'000, fast});
-  }
-  // 14315125997568 ps is the clock's wrap; 60 s reach it four times.
-  constexpr std::uint64_t kMinutePs = 60'000'000'000'000;
-  for (const unsigned quantum_ps : {1U, 8U, 24U, 4096U}) {
-    for (const unsigned bits : {4U, 9U, 16U, 31U}) {
-      const std::string start = bits == 9 ? "clock_ps=14315125997000" : "clock_ps=14315125900000";
-      expect_exact({kPacked, bits, quantum_ps, kInside, 0, 15, 200'000'000, start});
-      const std::string syncs = "clock_ps=14315108000000;sync_interval=25";
-      expect_exact({kPacked, bits, quantum_ps, kInside, 0, 15, 200'000'000, syncs});
-    }
-    if (quantum_ps == 1) continue;  // after a wrap, a sync about 10 ms after an event is ambiguous
-    expect_exact({kPacked, 24, quantum_ps, kInside, 0, 3097800, kMinutePs, ""});
-  }
-  expect_exact({kPacked, 16, 8, kOutside, 0, 0, kMinutePs, "external_hz=90,20,10,3"});
-  for (const Format format : {Format::raw64, Format::delta32}) {
-    for (const Mode mode : {kInside, kOutside}) {
-      for (const char* const start : {"clock_ps=6000000000000", "clock_ps=14315124000000"}) {
-        expect_exact({format, 16, 8, mode, 0, 310, 5'000'000'000, start});
-      }
-      const std::string slow = "external_hz=200,200,200,200";
-      expect_exact({format, 16, 8, mode, 0, 30978, kMinutePs / 2, slow});
-    }
-  }
 }
 
 /// The channel's next `count` event times.
@@ -146,11 +65,8 @@ TEST(SimulatedStream, LosesEventsExactlyAtAnyDistance) {
     EXPECT_EQ(std::min(times[3], kTimeLineEndPs),
               static_cast<std::uint64_t>(std::min(next, Wide{kTimeLineEndPs})));
   }
-  StreamCase stream;
-  stream.mask = 1;
-  stream.divider = kDivider;
-  EXPECT_EQ(bytes_of("pace=bytes:1000;lose=0:18500000@3", stream),
-            bytes_of("pace=ps:2500000000000", stream));
+  EXPECT_EQ(bytes_of("pace=bytes:1000;lose=0:18500000@3", kDivider),
+            bytes_of("pace=ps:2500000000000", kDivider));
 }
 
 TEST(SimulatedStream, JitterMakesEventsLate) {

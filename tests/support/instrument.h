@@ -6,8 +6,8 @@
 #include <bit>
 #include <cstdint>
 #include <cstdio>
-#include <memory>
 #include <span>
+#include <vector>
 
 #include "orvo/simulator/stream.h"
 #include "orvo/timing/stream_header.h"
@@ -23,9 +23,18 @@ struct Instrument {
   [[nodiscard]] simulator::SourceConfig source() const {
     return {header.mode, header.channel_mask, divider, settings.clock_ps};
   }
-  [[nodiscard]] std::unique_ptr<simulator::Payload> payload() const {
-    return simulator::generate_payload(
-        settings, {header.stream_format, header.delta_bits, header.quantum_ps, source()});
+  [[nodiscard]] simulator::Stream stream() const {
+    return {settings, generate_payload(settings, {header.stream_format, header.delta_bits,
+                                                  header.quantum_ps, source()})};
+  }
+  /// Calls `take` with the stream's bytes, at most `chunk_bytes` at a time, to its end.
+  template <typename Take>
+  void for_each_chunk(std::size_t chunk_bytes, const Take& take) const {
+    simulator::Stream bytes = stream();
+    std::vector<std::uint8_t> chunk(chunk_bytes);
+    while (const std::size_t got = bytes.read(chunk, simulator::kNever - 1)) {
+      take(std::span(chunk).first(got));
+    }
   }
 };
 
@@ -33,10 +42,6 @@ struct Instrument {
 /// to whole ticks, on a time line that each channel begins with the clock's reading at its first.
 class Witness {
  public:
-  struct Channel {
-    std::uint64_t count = 0, base_ps = 0, first_ps = 0, last_ps = 0;
-  };
-
   explicit Witness(const Instrument& instrument)
       : events_(instrument.settings, instrument.source()) {
     const timing::StreamFileHeader& header = instrument.header;
@@ -48,23 +53,23 @@ class Witness {
     } else if (header.mode == timing::Mode::internal) {
       tolerance_ps_ = 18;  // of its counts
     }
+    base_ps_.fill(simulator::kNever);
   }
 
   bool take(std::span<const timing::TimeTag> tags) {
     for (const timing::TimeTag& tag : tags) {
       const simulator::Event event = events_.front();
       events_.pop();
-      Channel& channel = channels[event.channel];
-      const auto time_ps = static_cast<std::uint64_t>(tag.time_ps);
-      if (channel.count++ == 0) {
-        channel.base_ps = event.time_ps - event.time_ps % simulator::kWrapPs % line_ps_;
-        channel.first_ps = time_ps;
+      ++count_;
+      std::uint64_t& base_ps = base_ps_[event.channel];
+      if (base_ps == simulator::kNever) {
+        base_ps = event.time_ps - event.time_ps % simulator::kWrapPs % line_ps_;
       }
-      channel.last_ps = time_ps;
-      const std::uint64_t expected = event.time_ps / tick_ps_ * tick_ps_ - channel.base_ps;
+      const std::uint64_t expected = event.time_ps / tick_ps_ * tick_ps_ - base_ps;
+      const auto time_ps = static_cast<std::uint64_t>(tag.time_ps);
       if (tag.channel != event.channel || time_ps - expected > tolerance_ps_) {
         std::fprintf(stderr, "event %ju of channel %u at %ju ps: a tag of channel %u at %ju ps\n",
-                     channel.count, event.channel, event.time_ps, tag.channel, time_ps);
+                     count_, event.channel, event.time_ps, tag.channel, time_ps);
         return false;
       }
     }
@@ -74,17 +79,12 @@ class Witness {
   [[nodiscard]] bool has_all_before(std::uint64_t end_ps) const {
     return events_.front().time_ps >= end_ps;
   }
-  [[nodiscard]] std::uint64_t count() const {
-    std::uint64_t count = 0;
-    for (const Channel& channel : channels) count += channel.count;
-    return count;
-  }
-
-  std::array<Channel, simulator::kChannels> channels;
+  [[nodiscard]] std::uint64_t count() const { return count_; }
 
  private:
   simulator::EventSource events_;
-  std::uint64_t tick_ps_ = 1, line_ps_ = simulator::kWrapPs, tolerance_ps_ = 0;
+  std::array<std::uint64_t, simulator::kChannels> base_ps_{};
+  std::uint64_t tick_ps_ = 1, line_ps_ = simulator::kWrapPs, tolerance_ps_ = 0, count_ = 0;
 };
 
 }  // namespace orvo::tests

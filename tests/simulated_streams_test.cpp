@@ -1,0 +1,240 @@
+// Streams of the simulated instrument through the decoder: exact where nothing is damaged, and as
+// good as can be where something is.
+//
+// ORVO_LONG_STREAMS multiplies the length of the long ones (default 1: a million events, and
+// hours).
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <iostream>
+#include <random>
+#include <string>
+
+#include "support/decoding.h"
+#include "support/instrument.h"
+
+namespace orvo::tests {
+namespace {
+
+using timing::Format;
+using timing::Mode;
+
+constexpr std::uint64_t kSecondPs = 999'900'000'000;  // of the instrument
+constexpr std::uint64_t kWrapPs = simulator::kWrapPs;
+
+struct StreamCase {
+  Format format = Format::packed_delta;
+  unsigned bits = 16, quantum_ps = 8;
+  Mode mode = Mode::internal;
+  unsigned mask = 0;
+  unsigned divider = 310;  // 100 kHz
+  std::uint64_t duration_ps = 80'000'000;
+  std::string settings = "";
+};
+
+Instrument instrument_of(const StreamCase& c) {
+  Instrument instrument;
+  instrument.settings =
+      simulator::parse_settings("pace=ps:" + std::to_string(c.duration_ps) + ";" + c.settings);
+  instrument.divider = c.divider;
+  timing::StreamFileHeader& header = instrument.header;
+  header.stream_format = c.format;
+  header.mode = c.mode;
+  header.channel_mask = static_cast<std::uint8_t>(c.mask);
+  header.delta_bits = static_cast<std::uint8_t>(c.bits);
+  header.quantum_ps = static_cast<std::uint16_t>(c.quantum_ps);
+  if (c.mode == Mode::internal) header.raw64_tag_format = "raw_cf";
+  return instrument;
+}
+
+/// Every event of the stream comes as a tag; returns how many.
+std::uint64_t expect_exact(const StreamCase& c) {
+  SCOPED_TRACE("bits " + std::to_string(c.bits) + " quantum " + std::to_string(c.quantum_ps) +
+               " mask " + std::to_string(c.mask) + " divider " + std::to_string(c.divider) + " " +
+               c.settings);
+  const Instrument instrument = instrument_of(c);
+  timing::StreamDecoder decoder(instrument.header);
+  Witness witness(instrument);
+  bool exact = true;
+  instrument.for_each_chunk(8192, [&](auto bytes) {
+    decoder.append(bytes);
+    exact = exact && witness.take(decoder.feed());
+  });
+  EXPECT_TRUE(exact);
+  EXPECT_GT(witness.count(), 100U);
+  EXPECT_TRUE(witness.has_all_before(instrument.settings.clock_ps + c.duration_ps));
+  return witness.count();
+}
+
+TEST(SimulatedStream, DecodesExactly) {
+  constexpr auto kPacked = Format::packed_delta;
+  constexpr auto kInside = Mode::internal;
+  constexpr auto kOutside = Mode::external;
+  const unsigned quanta[] = {8, 16, 1000, 32768, 1, 12, 7};
+  const unsigned masks[] = {0x0, 0xF, 0x5, 0x1, 0xE};
+  const std::string fast = "external_hz=3000000,1000000,2000000,800000";
+  for (unsigned bits = 1; bits <= 31; ++bits) {
+    const unsigned quantum_ps = quanta[bits % 7];
+    const std::string phase = "sync_interval=25;bit_phase=" + std::to_string(bits * 5 % 34);
+    expect_exact({kPacked, bits, quantum_ps, kInside, masks[bits % 5], 15, 80'000'000, phase});
+    expect_exact({kPacked, bits, quanta[bits % 3], kOutside, 0, 0, 80'000'000, fast});
+  }
+  constexpr std::uint64_t kMinutePs = 60 * kSecondPs;  // the clock wraps four times
+  for (const unsigned quantum_ps : {1U, 8U, 24U, 4096U}) {
+    for (const unsigned bits : {4U, 9U, 16U, 31U}) {
+      const std::string start = bits == 9 ? "clock_ps=14315125997000" : "clock_ps=14315125900000";
+      expect_exact({kPacked, bits, quantum_ps, kInside, 0, 15, 200'000'000, start});
+      const std::string syncs = "clock_ps=14315108000000;sync_interval=25";
+      expect_exact({kPacked, bits, quantum_ps, kInside, 0, 15, 200'000'000, syncs});
+    }
+    if (quantum_ps == 1) continue;  // after a wrap, a sync about 10 ms after an event is ambiguous
+    expect_exact({kPacked, 24, quantum_ps, kInside, 0, 3097800, kMinutePs});
+  }
+  expect_exact({kPacked, 16, 8, kOutside, 0, 0, kMinutePs, "external_hz=90,20,10,3"});
+  for (const Format format : {Format::raw64, Format::delta32}) {
+    for (const Mode mode : {kInside, kOutside}) {
+      for (const char* const start : {"clock_ps=6000000000000", "clock_ps=14315124000000"}) {
+        expect_exact({format, 16, 8, mode, 0, 310, 5'000'000'000, start});
+      }
+      const std::string slow = "external_hz=200,200,200,200";
+      expect_exact({format, 16, 8, mode, 0, 30978, kMinutePs / 2, slow});
+    }
+  }
+}
+
+long max_rss_kib() {
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  return usage.ru_maxrss;
+}
+
+// Two hours wrap the instrument's clock 503 times.
+TEST(SimulatedStream, DecodesExactlyForDaysInTheSameMemory) {
+  const char* const text = std::getenv("ORVO_LONG_STREAMS");
+  const std::uint64_t factor = text != nullptr ? std::strtoull(text, nullptr, 10) : 1;
+  expect_exact({.duration_ps = kSecondPs / 10});  // all buffers have their size then
+  const long before_kib = max_rss_kib();
+  std::uint64_t events = expect_exact({.duration_ps = factor * kSecondPs * 5 / 2});
+  for (const unsigned bits : {8U, 16U, 24U, 31U}) {
+    const std::uint64_t hours_ps = factor * 7200 * kSecondPs;
+    events += expect_exact({.bits = bits, .divider = 30'978'261, .duration_ps = hours_ps});
+    events += expect_exact({.bits = bits,
+                            .mode = Mode::external,
+                            .duration_ps = hours_ps,
+                            .settings = "external_hz=30,10,5,2"});
+  }
+  std::cout << events << " events, +" << max_rss_kib() - before_kib << " KiB\n";
+  EXPECT_LT(max_rss_kib() - before_kib, 2048);
+}
+
+constexpr std::size_t kChunkBytes = 256;  // of the packed recordings below each has all syncs
+const StreamCase kRecordings[] = {
+    {Format::raw64, 16, 8, Mode::external},
+    {Format::raw64, 16, 8, Mode::internal, 0, 15},
+    {Format::delta32, 16, 8, Mode::internal, 0, 15},
+    {Format::packed_delta, 16, 8, Mode::internal, 0, 15},
+    {Format::packed_delta, 16, 8, Mode::internal, 0, 310},  // with overflows
+    {Format::packed_delta, 9, 1, Mode::internal, 0, 15},
+    {Format::packed_delta, 16, 8, Mode::external},
+};
+
+struct Recording {
+  timing::StreamFileHeader header;
+  Bytes payload;
+};
+
+Recording record(StreamCase c, std::uint64_t clock_ps) {
+  c.settings =
+      "pace=bytes:1792;sync_interval=4;external_hz=2000000,1800000,1500000,1200000;"
+      "clock_ps=" +
+      std::to_string(clock_ps);
+  const Instrument instrument = instrument_of(c);
+  Recording recording{instrument.header, {}};
+  instrument.for_each_chunk(1792, [&](auto bytes) {
+    recording.payload.insert(recording.payload.end(), bytes.begin(), bytes.end());
+  });
+  return recording;
+}
+
+template <typename NextBytes>
+Tags decode(const Recording& recording, const NextBytes& next_bytes) {
+  timing::StreamDecoder decoder(recording.header);
+  Tags tags;
+  for (std::span<const std::uint8_t> rest = recording.payload; !rest.empty();) {
+    const std::size_t count = std::min<std::size_t>(next_bytes(), rest.size());
+    const Tags some = feed(decoder, rest.first(count));
+    tags.insert(tags.end(), some.begin(), some.end());
+    rest = rest.subspan(count);
+  }
+  return tags;
+}
+
+TEST(DamagedRecording, CutAnywhereDecodesToAPrefix) {
+  for (const StreamCase& c : kRecordings) {
+    Recording recording = record(c, kWrapPs - 5'000'000);  // the clock wraps early
+    const auto all = [&] { return recording.payload.size(); };
+    const Tags whole = decode(recording, all);
+    std::size_t half = 0;
+    while (!recording.payload.empty()) {
+      recording.payload.pop_back();
+      const Tags some = decode(recording, all);
+      ASSERT_TRUE(some.size() <= whole.size() &&
+                  std::equal(some.begin(), some.end(), whole.begin()))
+          << recording.payload.size() << " bytes of format " << static_cast<int>(c.format);
+      if (recording.payload.size() == 896) half = some.size();
+    }
+    EXPECT_GT(half, 5U);
+  }
+}
+
+TEST(DamagedRecording, AnyChunksGiveTheSameTags) {
+  std::mt19937_64 random(1);
+  for (const StreamCase& c : kRecordings) {
+    const Recording recording = record(c, kWrapPs - 5'000'000);
+    const Tags whole = decode(recording, [&] { return recording.payload.size(); });
+    ASSERT_GT(whole.size(), recording.payload.size() / 20);
+    for (std::size_t bytes = 1; bytes <= 300; ++bytes) {
+      ASSERT_EQ(decode(recording, [&] { return bytes; }), whole) << bytes;
+      ASSERT_EQ(decode(recording, [&] { return 1 + random() % (2 * bytes); }), whole) << bytes;
+    }
+  }
+}
+
+/// The tags from chunk number `chunk` on, turns of the clock aside.
+Tags tags_from(const Recording& recording, std::size_t chunk) {
+  timing::StreamDecoder decoder(recording.header);
+  Tags tags;
+  for (std::size_t at = 0; at < recording.payload.size(); at += kChunkBytes) {
+    const Tags some = feed(decoder, std::span(recording.payload).subspan(at, kChunkBytes));
+    EXPECT_LE(decoder.buffered_bytes(), kChunkBytes * 2);
+    if (at >= chunk * kChunkBytes) tags.insert(tags.end(), some.begin(), some.end());
+  }
+  for (timing::TimeTag& tag : tags) tag.time_ps %= static_cast<std::int64_t>(kWrapPs);
+  return tags;
+}
+
+// The fault shows with the next syncs, one chunk later at the latest; the chunk after that brings
+// the lock; from then on all tags come.
+TEST(DamagedRecording, AFlippedBitCostsAPackedRecordingThreeChunks) {
+  for (const StreamCase& c : kRecordings) {
+    Recording recording = record(c, 1'000'000'000'000);
+    std::vector<Tags> undamaged;
+    for (std::size_t k = 0; k <= 9; ++k) undamaged.push_back(tags_from(recording, k));
+    for (std::size_t bit = 0; bit < 8 * recording.payload.size(); bit += 3) {
+      const auto flipped = static_cast<std::uint8_t>(1U << bit % 8);
+      recording.payload[bit / 8] ^= flipped;
+      const std::size_t whole_from = bit / 8 / kChunkBytes + 3;
+      const Tags tags = tags_from(recording, whole_from);
+      if (c.format == Format::packed_delta) {
+        ASSERT_EQ(tags, undamaged[whole_from]) << c.bits << " bits, bit " << bit;
+      }
+      recording.payload[bit / 8] ^= flipped;
+    }
+  }
+}
+
+}  // namespace
+}  // namespace orvo::tests
