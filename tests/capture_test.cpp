@@ -1,8 +1,14 @@
 // Timed capture against a scripted driver: calls, file and error of every way it can go.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <limits>
+#include <random>
+#include <span>
+#include <thread>
 
 #include "orvo/timing/device/capture_queue.h"
 #include "orvo/timing/device/device.h"
@@ -174,6 +180,66 @@ TEST(CaptureQueue, PushAfterTheEndIsRefused) {
   EXPECT_EQ(error_of(push), "stream_to_file_for: writer stopped [-2]");
   queue.fail(std::make_exception_ptr(timing::Error(9, "disk on fire")));
   EXPECT_EQ(error_of(push), "disk on fire [9]");
+}
+
+// Two threads that come and go as they like: chunks and pauses of random sizes, the end or a
+// failure in any state of the queue. Worth most under the thread sanitizer. ORVO_STORM_SCENES:
+// default 500.
+TEST(CaptureQueue, LosesNothingAndAlwaysEnds) {
+  const char* const text = std::getenv("ORVO_STORM_SCENES");
+  const unsigned scenes = text != nullptr ? static_cast<unsigned>(std::atoi(text)) : 500;
+  const auto byte_of = [](std::uint64_t number) { return static_cast<std::uint8_t>(number + 1); };
+  const auto pause = [](std::mt19937& random) {
+    if (random() % 16 == 0) std::this_thread::yield();
+    if (random() % 64 == 0) std::this_thread::sleep_for(std::chrono::microseconds(random() % 60));
+  };
+  for (unsigned scene = 0; scene < scenes; ++scene) {
+    SCOPED_TRACE(scene);
+    std::mt19937 random(scene), writers(~scene);
+    const std::uint64_t limit = 1 + random() % 5, chunk_bytes = 1 + random() % 200;
+    const std::uint64_t pushes = random() % 300;
+    const std::uint64_t fails_at = random() % (random() % 2 == 0 ? 300 : 30'000);  // or never
+    timing::detail::CaptureQueue queue(chunk_bytes, limit);
+    std::atomic<std::uint64_t> pushed = 0;
+    std::uint64_t written = 0;
+    bool in_order = true;
+    std::thread writer([&] {
+      try {
+        while (auto chunk = queue.pop()) {
+          pause(writers);
+          const auto full = std::min(pushes, fails_at + 1 + limit);
+          while (written == fails_at && scene % 2 == 0 && pushed < full) std::this_thread::yield();
+          pause(writers);
+          if (written == fails_at) throw timing::Error(9, "disk on fire");
+          const auto bytes = std::span(chunk->bytes).first(chunk->used);
+          in_order = in_order && std::count(bytes.begin(), bytes.end(), byte_of(written)) ==
+                                     static_cast<std::ptrdiff_t>(bytes.size());
+          ++written;
+          queue.recycle(std::move(*chunk));
+        }
+      } catch (...) {
+        queue.fail(std::current_exception());
+      }
+    });
+    const std::string error = error_of([&] {
+      for (; pushed < pushes; ++pushed) {
+        timing::detail::CaptureChunk chunk = queue.take_spare();
+        EXPECT_EQ(chunk.bytes.size(), chunk_bytes);
+        pause(random);
+        chunk.set_used(1 + random() % (chunk_bytes + 7));  // now and then more than was asked for
+        std::fill_n(chunk.bytes.begin(), chunk.used, byte_of(pushed));
+        queue.push(std::move(chunk));
+      }
+    });
+    queue.finish();
+    writer.join();
+    const bool fails = fails_at < pushes;
+    EXPECT_TRUE(in_order);
+    EXPECT_EQ(written, std::min(fails_at, pushes));
+    EXPECT_EQ(queue.error() != nullptr, fails);
+    EXPECT_EQ(error, pushed < pushes ? "disk on fire [9]" : "no error");
+    EXPECT_LE(pushed, std::min(pushes, fails_at + 1 + limit));
+  }
 }
 
 }  // namespace

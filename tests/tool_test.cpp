@@ -4,22 +4,16 @@
 #include <sys/file.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <csignal>
 #include <cstdint>
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
-#include <iostream>
-#include <map>
+#include <optional>
 #include <regex>
-#include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include "orvo/verification/evaluation.h"
-#include "orvo/verification/interruption.h"
-#include "orvo/verification/reports.h"
 #include "support/scratch.h"
 #include "support/tool_runner.h"
 
@@ -27,8 +21,6 @@ namespace orvo::tests {
 namespace {
 
 namespace fs = std::filesystem;
-using verification::Config;
-using verification::RunResult;
 
 // 20 ms of instrument time, which the first reads get at once: the same bytes in every run.
 const std::string kSim = "pace=ps:20000000000;";
@@ -69,74 +61,51 @@ std::string channels_in(const std::string& summary) {
   return std::regex_replace(text, std::regex("  ch. count=([0-9]+) .*pass=false\n"), "$1- ");
 }
 
-/// The dividers whose frequencies are nearest to these.
-const std::map<double, std::uint32_t> kDividers = {
-    {1e3, 30978}, {1e4, 3098}, {20000.0625, 1549}, {2e6, 16}};
-
-/// What the tool must have found in the recording of one frequency.
-RunResult measured(const Config& config, std::size_t index, const fs::path& run_dir) {
-  const fs::path stream_file =
-      run_dir / ("overflow_frequency_0" + std::to_string(index + 1) + ".ortime");
-  const double requested_hz = config.frequencies_hz[index];
-  RunResult run = judge(verification::read_tag_statistics(stream_file.string(), 1 << 20),
-                        verification::derive_rates(kDividers.at(requested_hz), config), config);
-  run.requested_hz = requested_hz;
-  run.stream_file = stream_file;
-  run.payload_bytes = payload_of(stream_file).size();
-  return run;
-}
-
+// The first run has too few timestamps; the last one passes, at a divider (16) that is not the
+// quotient of the frequencies (15.49) rounded.
 TEST_F(Tool, PrintsAndWritesAllOfItsResults) {
-  const struct {
-    std::vector<double> frequencies_hz;
-    const char* frequencies;
-    unsigned packed_bits, channel_mask;
-    const char* sim;
-    bool pass;
-  } cases[] = {
-      {{1e4, 1e3, 20000.0625}, "10000,1000,20000.0625", 16, 15, "", false},  // too few at 1 kHz
-      {{1e4, 2e6}, "10000;2e6", 24, 5, "silent=3", true},
-      {{1e4}, "1e4", 31, 0, "rate_error_ppm=2:40", false},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.frequencies);
-    Config config;
-    config.capture_s = 0.0625;
-    config.frequencies_hz = c.frequencies_hz;
-    config.channel_mask = static_cast<std::uint8_t>(c.channel_mask);
-    config.packed_bits = static_cast<std::uint8_t>(c.packed_bits);
-    config.packed_quantum_ps = 16;
-    config.tolerance_ppm = 39.5;
-    const ToolResult result =
-        run(c.sim, {std::string("--frequencies-hz=") + c.frequencies, "capture-s=0.0625",
-                    "--packed-bits=" + std::to_string(c.packed_bits), "--packed-quantum-ps=16",
-                    "--channel-mask=" + std::to_string(c.channel_mask), "--tolerance-ppm=39.5"});
-    EXPECT_EQ(result.status, c.pass ? 0 : 2);
-    EXPECT_EQ(result.err, "");
-    const fs::path run_dir = run_dir_in(root());
-    const std::size_t count = config.frequencies_hz.size();
-    std::vector<RunResult> runs;
-    std::ostringstream captures;
-    captures.precision(3);
-    for (std::size_t i = 0; i < count; ++i) {
-      runs.push_back(measured(config, i, run_dir));
-      captures << "Capture " << i + 1 << '/' << count << ": requested " << std::fixed
-               << config.frequencies_hz[i] << " Hz/channel\n";
-    }
-    const std::string stem = (run_dir / "overflow_frequency").string();
-    const std::string summary =
-        format_summary(run_dir, stem + ".csv", stem + ".json", config, runs, c.pass);
-    verification::write_csv(file("csv"), runs);
-    verification::write_json_report(file("json"), config, runs, c.pass);
-    EXPECT_EQ(result.out,
-              "Config: " + (here() / kFileName).string() + "\nOutput: " + run_dir.string() +
-                  "\nDevice: Orvo timing instrument, simulated, SIM1001\n" + captures.str() +
-                  summary + "latest_summary=" + (root() / "latest_summary.txt").string() +
-                  "\nlatest_json=" + (root() / "latest.json").string() + "\n");
-    EXPECT_EQ(read_file(stem + ".csv"), read_file(file("csv")));
-    EXPECT_EQ(read_file(stem + ".json"), read_file(file("json")));
-    EXPECT_EQ(read_file(root() / "latest_summary.txt"), summary);
-  }
+  const ToolResult result =
+      run("silent=3", {"--frequencies-hz=1000;2e6", "capture-s=0.0625", "--packed-bits=16",
+                       "--packed-quantum-ps=16", "--channel-mask=5", "--tolerance-ppm=39.5"});
+  EXPECT_EQ(result.status, 2);
+  EXPECT_EQ(result.err, "");
+  const fs::path run_dir = run_dir_in(root());
+  const std::string stem = (run_dir / "overflow_frequency").string();
+  const std::string summary =
+      "Orvo timing packed-delta overflow frequency verification\noutput=" + run_dir.string() +
+      "\ncsv=" + stem + ".csv\njson=" + stem + ".json" +
+      R"(
+capture_s=0.062
+packed_bits=16
+packed_quantum_ps=16
+decoded_timestamp_seconds_per_second=0.999900000
+tolerance_ppm=39.500
+pass=false
+run requested_hz=1000.000 effective_hz=1000.008 expected_decoded_hz=1000.108 divider=30978 overflow_required=true decoded_tags=42 pass=false
+  ch0 count=21 measured_hz=1000.108432 ppm_error=-0.000211 pass=false
+  ch2 count=21 measured_hz=1000.108433 ppm_error=0.000590 pass=false
+run requested_hz=2000000.000 effective_hz=1936141.304 expected_decoded_hz=1936334.938 divider=16 overflow_required=false decoded_tags=77454 pass=true
+  ch0 count=38727 measured_hz=1936334.937679 ppm_error=-0.000084 pass=true
+  ch2 count=38727 measured_hz=1936334.937679 ppm_error=-0.000084 pass=true
+)";
+  EXPECT_EQ(result.out, "Config: " + (here() / kFileName).string() +
+                            "\nOutput: " + run_dir.string() +
+                            "\nDevice: Orvo timing instrument, simulated, SIM1001\n"
+                            "Capture 1/2: requested 1000.000 Hz/channel\n"
+                            "Capture 2/2: requested 2000000.000 Hz/channel\n" +
+                            summary + "latest_summary=" + (root() / "latest_summary.txt").string() +
+                            "\nlatest_json=" + (root() / "latest.json").string() + "\n");
+  EXPECT_EQ(read_file(root() / "latest_summary.txt"), summary);
+  EXPECT_EQ(read_file(stem + ".summary.txt"), summary);
+  const std::string csv = read_file(stem + ".csv");
+  EXPECT_TRUE(csv.ends_with(",16,0,3,0,0,0,0.000000000,0.000000,0,\"" + stem + "_02.ortime\"\n"))
+      << csv;
+  EXPECT_EQ(read_file(root() / "latest.csv"), csv);
+  const std::string json = read_file(stem + ".json");
+  EXPECT_NE(json.find("\"payload_bytes\":186842,\n      \"decoded_tags\":77454,"),
+            std::string::npos)
+      << json;
+  EXPECT_EQ(read_file(root() / "latest.json"), json);
 }
 
 TEST_F(Tool, JudgesEachChannel) {
@@ -243,23 +212,25 @@ class OtherStarts {
 
 TEST_F(Tool, WaitsForAStartOfTheSameSecond) {
   for (const bool interrupted : {true, false}) {
-    const ToolResult result = undisturbed([&] {
-      std::optional<OtherStarts> others(std::in_place, root());
-      ToolProcess tool(here(), {.sim = kSim});
-      tool.rests();
-      tool.run_for(std::chrono::milliseconds(100));
-      EXPECT_EQ(tool.ledger, "");
-      if (interrupted) {
-        tool.signal(SIGTERM);
-      } else {
-        others.reset();
-      }
-      return tool.finish();
-    });
-    EXPECT_EQ(result.status, interrupted ? 128 + SIGTERM : 0);
-    EXPECT_EQ(result.err, "");
-    EXPECT_EQ(result.ledger.empty(), interrupted);
+    std::optional<OtherStarts> others(std::in_place, root());
+    ToolProcess tool(here(), {.arguments = {"--min-tags-per-channel=0"}, .sim = kSim});
+    EXPECT_TRUE(tool.run_until([&] { return tool.has_open(root()); }));
+    EXPECT_EQ(tool.ledger, "");
+    interrupted ? tool.signal(SIGTERM) : others.reset();
+    tool.finish();
+    EXPECT_EQ(tool.status, interrupted ? 128 + SIGTERM : 0);
+    EXPECT_EQ(tool.err, "");
+    EXPECT_EQ(tool.ledger.empty(), interrupted);
   }
+}
+
+TEST_F(Tool, NumbersItsRecordings) {
+  EXPECT_EQ(run("", {"--frequencies-hz=2e4,2e4,2e4,2e4,2e4,2e4,2e4,2e4,2e4,1e4"}).status, 0);
+  const fs::path run_dir = run_dir_in(root());
+  const std::string names = names_in(run_dir);
+  EXPECT_NE(names.find("_08.ortime overflow_frequency_09.ortime overflow_frequency_10.ortime "),
+            std::string::npos)
+      << names;
 }
 
 TEST_F(Tool, ReadsTheFirstConfigurationFile) {
@@ -344,57 +315,6 @@ TEST_F(Tool, JudgesARecordingByItsOwnWidth) {
   EXPECT_EQ(lines_with(result.out, "packed_bits="), "packed_bits=40\n");
   const std::string recording = read_file(run_dir_in(root()) / "overflow_frequency_01.ortime");
   EXPECT_NE(recording.find("\"delta_bits\":31"), std::string::npos);
-}
-
-TEST(Interruption, TakesSignalsWhileItWatchesAndLeavesThemAsTheyWere) {
-  const auto handler_of = [](int signal) {
-    struct sigaction action = {};
-    sigaction(signal, nullptr, &action);
-    return action.sa_handler;
-  };
-  for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGPIPE, SIGXFSZ}) {
-    for (void (*const before)(int) : {SIG_DFL, SIG_IGN, +[](int) {}}) {
-      std::signal(signal, before);
-      {
-        const verification::FailingWrites failing_writes;
-        const verification::InterruptionWatch watch;
-        EXPECT_EQ(handler_of(signal) == before, before == SIG_IGN) << signal;
-      }
-      EXPECT_EQ(handler_of(signal), before) << signal;
-      std::signal(signal, SIG_DFL);
-    }
-  }
-}
-
-TEST(InterruptionDeathTest, OnlyASecondInterruptEndsTheProcessAtOnce) {
-  constexpr int kPause = 0;
-  const struct {
-    std::vector<int> signals;
-    int ends_by;
-    const char* says;
-  } cases[] = {
-      {{SIGINT, kPause, SIGTERM, SIGHUP}, SIGINT, "to the end"},
-      {{SIGTERM, kPause, SIGTERM, kPause, SIGINT}, SIGTERM, "to the end"},
-      {{SIGHUP, SIGHUP, kPause, SIGHUP, SIGTERM, SIGINT}, SIGHUP, "to the end"},
-      {{SIGINT, SIGINT}, SIGINT, "to the end"},  // one press, as timeout(1) sends it
-      {{SIGINT, kPause, SIGINT}, SIGINT, "^$"},
-      {{SIGTERM, SIGINT, SIGHUP, kPause, SIGINT}, SIGINT, "^$"},
-  };
-  const auto take = [](const std::vector<int>& signals) {
-    {
-      const verification::InterruptionWatch watch;
-      for (const int signal : signals) {
-        if (signal == kPause) std::this_thread::sleep_for(std::chrono::milliseconds(60));
-        if (signal != kPause) std::raise(signal);
-      }
-      std::cerr << "to the end";
-    }
-    verification::end_if_interrupted();
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(testing::PrintToString(c.signals));
-    EXPECT_EXIT(take(c.signals), testing::KilledBySignal(c.ends_by), c.says);
-  }
 }
 
 }  // namespace

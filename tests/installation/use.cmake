@@ -44,8 +44,7 @@ foreach(file ${texts})
 endforeach()
 
 # No program says where a driver library is, also where it was built. Nor do the tests.
-file(GLOB programs "${prefix}/bin/o*" "${BUILD_DIR}/bin/o*" "${BUILD_DIR}/tests/*_tests"
-                   "${BUILD_DIR}/tests/campaigns/campaign_*")
+file(GLOB programs "${prefix}/bin/o*" "${BUILD_DIR}/bin/o*" "${BUILD_DIR}/tests/*_tests")
 list(FILTER programs EXCLUDE REGEX "ot-simulated$|[.]cmake$")
 foreach(program ${programs})
   run(0 "${READELF}" -d "${program}")

@@ -1,0 +1,148 @@
+// The real tool when something fails: each call of the driver, and the disk at any byte.
+//
+// ORVO_EVERY_BYTE tries each size of files; without it a sample of about thirty is tried.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "support/scratch.h"
+#include "support/tool_runner.h"
+
+namespace orvo::tests {
+namespace {
+
+namespace fs = std::filesystem;
+
+const std::string kCapture = "FMPXFSR?T";
+
+/// Two runs; whatever was recorded of them passes.
+ToolCall call_with(const std::string& sim, const std::string& capture_s = "0.02") {
+  return {.arguments = {"--output-root=out", "--frequencies-hz=10000,20000",
+                        "--min-tags-per-channel=0", "--capture-s=" + capture_s},
+          .sim = sim};
+}
+
+TEST(ToolFailures, AnyDriverCallEndsTheRunInGoodOrder) {
+  const std::string unreported = ";fail=ot_stop_stream_mode:1:-6:always;fail=ot_close:1:-2";
+  const struct {
+    std::string failing;  // operation and number of its call
+    std::string calls, label;
+    std::string more = "";
+  } cases[] = {
+      {"ot_discover:1", "d", "discover"},
+      {"ot_open_serial:1", "DLo", "open"},
+      {"ot_identify:1", "DLOiC", "identify"},
+      {"ot_set_calibration_freq:1", "DLOIfC", "set_calibration_freq"},
+      {"ot_set_stream_channel_mask:1", "DLOIFmC", "set_stream_channels"},
+      {"ot_set_packed_delta_config:1", "DLOIFMpC", "set_packed_delta_config"},
+      {"ot_set_stream_interface:1", "DLOIFMPxC", "set_stream_interface"},
+      {"ot_set_calibration_freq:2", "DLOIFMPXfC", "set_calibration_freq"},
+      {"ot_start_stream_mode:1", "DLOIFMPXFsC", "start_stream(mode)"},
+      {"ot_read_stream_bytes:1", "DLOIFMPXFSrZC", "read_stream_bytes"},
+      {"ot_read_stream_bytes:1", "DLOIFMPXFSrzc", "read_stream_bytes", unreported},
+      {"ot_read_stream_bytes:2", "DLOIFMPXFSRrZC", "read_stream_bytes"},
+      {"ot_stop_stream_mode:1", "DLOIFMPXFSR?t[Zz]C", "stop_stream_any"},
+      {"ot_set_calibration_freq:3", "DLOI" + kCapture + "fC", "set_calibration_freq"},
+      {"ot_start_stream_mode:2", "DLOI" + kCapture + "FMPXFsC", "start_stream(mode)"},
+      {"ot_stop_stream_mode:2", "DLOI" + kCapture + "FMPXFSR?tZC", "stop_stream_any"},
+      {"ot_close:1", "DLOI(" + kCapture + "){2}c", ""},
+  };
+  for (const auto& c : cases) {
+    for (const std::string how : {"", ":always:effect"}) {
+      if (how != "" && c.failing == "ot_stop_stream_mode:2") continue;  // a run without an end
+      SCOPED_TRACE(c.failing + how + c.more);
+      const ScratchDirectory directory;
+      const bool is_read = c.failing.starts_with("ot_read");  // it ends the capture, not the time
+      const ToolResult tool =
+          run_tool(directory.path(), call_with("fail=" + c.failing + ":-2" + how +
+                                                   (how.empty() ? ":detail=lost" : "") + c.more,
+                                               is_read ? "1000" : "0.02"));
+      EXPECT_TRUE(std::regex_match(calls_in(tool.ledger), std::regex(c.calls + "\\.")))
+          << calls_in(tool.ledger);
+      const bool has_detail = how.empty() && c.calls.starts_with("DLO");
+      EXPECT_EQ(tool.err, c.label.empty() ? ""
+                                          : c.label + ": input/output failure" +
+                                                (has_detail ? " (lost)\n" : "\n"));
+      EXPECT_EQ(tool.status, c.label.empty() ? 0 : 1);
+      const fs::path root = directory.file("out");
+      const fs::path run_dir = run_dir_in(root);
+      EXPECT_EQ(wrong_recordings(run_dir, tool.ledger), "");
+      EXPECT_EQ(fs::exists(root / "latest.json"), c.label.empty());
+      EXPECT_EQ(fs::exists(run_dir / "overflow_frequency.csv"), c.label.empty());
+    }
+  }
+}
+
+std::vector<std::uint64_t> sizes_below(std::uint64_t end, std::uint64_t step) {
+  std::vector<std::uint64_t> sizes = {7, 8, 11, 12};
+  if (std::getenv("ORVO_EVERY_BYTE") != nullptr) step = 1;
+  for (std::uint64_t size = 0; size < end; size += step) sizes.push_back(size);
+  return sizes;
+}
+
+// A recording of 150 bytes waits in a buffer, and its reports fail unseen: what was written shows.
+TEST(ToolFailures, FullDiskAtAnyByteOfASmallRecordingAndItsReports) {
+  const auto call = call_with("pace=bytes:150");
+  const std::uint64_t header_bytes = [&] {
+    const ScratchDirectory directory;
+    static_cast<void>(ToolProcess(directory.path(), call).finish());
+    const std::string file = run_dir_in(directory.file("out")) / "overflow_frequency_01.ortime";
+    return fs::file_size(file) - payload_of(file).size();
+  }();
+  for (const std::uint64_t size : sizes_below(2300, 97)) {
+    SCOPED_TRACE(size);
+    const ScratchDirectory directory;
+    ToolCall limited = call;
+    limited.max_file_bytes = size;
+    const ToolResult tool = ToolProcess(directory.path(), limited).finish();
+    const fs::path root = directory.file("out");
+    const fs::path stem = run_dir_in(root) / "overflow_frequency";
+    const std::string message = size < 8              ? "StreamFileReader: truncated magic\n"
+                                : size < 12           ? "stream file: truncated header length\n"
+                                : size < header_bytes ? "StreamFileReader: truncated JSON header\n"
+                                                      : "";
+    EXPECT_EQ(tool.err, message);
+    EXPECT_EQ(tool.status, message.empty() ? 0 : 1);
+    EXPECT_LE(fs::file_size(stem.string() + "_01.ortime"), size);
+    EXPECT_TRUE(
+        std::regex_match(calls_in(tool.ledger), std::regex("DLOI(" + kCapture + "){1,2}C\\.")));
+    if (!message.empty()) continue;
+    const std::size_t begin = tool.out.find("Orvo timing packed-delta");
+    const std::size_t end = tool.out.find("latest_summary=");
+    ASSERT_NE(end, std::string::npos) << tool.out;
+    EXPECT_EQ(read_file(stem.string() + ".summary.txt"),
+              tool.out.substr(begin, end - begin).substr(0, size));
+    for (const char* const report : {".csv", ".json"}) {
+      const std::string text = read_file(stem.string() + report);
+      EXPECT_EQ(read_file(root / (std::string("latest") + report)), text);
+      EXPECT_TRUE(text.size() == size || text.ends_with("\"\n") || text.ends_with("}\n")) << text;
+    }
+  }
+}
+
+// A chunk is written at once, so that none fails in silence; the capture would last for minutes.
+TEST(ToolFailures, FullDiskAtAnyChunkOfALargeRecording) {
+  for (const std::uint64_t size : sizes_below(3'500'000, 499'999)) {
+    if (size < 4000) continue;
+    SCOPED_TRACE(size);
+    const ScratchDirectory directory;
+    ToolCall call = call_with("pace=bytes:1000000000000", "1000");
+    call.arguments.insert(call.arguments.end(), {"--chunk-bytes=65536", "--queue-chunks=100"});
+    call.max_file_bytes = size;
+    const ToolResult tool = ToolProcess(directory.path(), call).finish();
+    const fs::path run_dir = run_dir_in(directory.file("out"));
+    EXPECT_EQ(tool.err, "StreamFileWriter: payload write failed\n");
+    EXPECT_EQ(tool.status, 1);
+    EXPECT_EQ(calls_in(tool.ledger), "DLOIFMPXFSRZC.");
+    EXPECT_EQ(names_in(run_dir), "overflow_frequency_01.ortime ");
+    EXPECT_EQ(fs::file_size(run_dir / "overflow_frequency_01.ortime"), size);
+  }
+}
+
+}  // namespace
+}  // namespace orvo::tests

@@ -1,0 +1,212 @@
+// Ctrl-C, SIGTERM and SIGHUP at any moment of a run: no hardware is left streaming, what is begun
+// is ended, and the process ends by the signal.
+//
+// ORVO_EVERY_SIGNAL sends each signal after each driver call; without it they take turns.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <iostream>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "orvo/verification/interruption.h"
+#include "support/scratch.h"
+#include "support/tool_runner.h"
+
+namespace orvo::tests {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr int kPause = 0;  // among signals: long enough for a second press of Ctrl-C to count
+constexpr std::chrono::milliseconds kBetweenPresses{60};
+
+void send(ToolProcess& tool, const std::vector<int>& signals) {
+  for (const int signal : signals) {
+    if (signal == kPause) std::this_thread::sleep_for(kBetweenPresses);
+    if (signal != kPause) tool.signal(signal);
+  }
+}
+
+ToolCall small_call() {
+  return {.arguments = {"--output-root=out", "--capture-s=0.02", "--chunk-bytes=4096",
+                        "--frequencies-hz=1e5,1e5", "--min-tags-per-channel=0"},
+          .sim = "pace=bytes:9000"};
+}
+
+TEST(ToolInterruption, AfterAnyDriverCall) {
+  constexpr int kSignals[] = {SIGINT, SIGTERM, SIGHUP};
+  constexpr std::ptrdiff_t kCallsOfARun = 36;  // about: the number of reads varies
+  const std::ptrdiff_t step = std::getenv("ORVO_EVERY_SIGNAL") != nullptr ? 1 : 4;
+  for (std::ptrdiff_t at = 3; at < 3 * kCallsOfARun; at += step) {
+    const int signal = kSignals[at % 3];
+    SCOPED_TRACE(testing::Message() << "signal " << signal << " after line " << at / 3);
+    const ScratchDirectory directory;
+    ToolProcess tool(directory.path(), small_call());
+    tool.run_until(
+        [&] { return std::count(tool.ledger.begin(), tool.ledger.end(), '\n') >= at / 3; });
+    tool.signal(signal);
+    const std::string before = calls_in(tool.ledger);
+    tool.finish();
+    const std::string calls = calls_in(tool.ledger);
+    EXPECT_EQ(wrong_recordings(run_dir_in(directory.file("out")), tool.ledger), "");
+    EXPECT_EQ(tool.err, "");
+    if (tool.status == 0) {  // it came too late
+      EXPECT_TRUE(std::regex_match(calls, std::regex("DLOI(FMPXFSR?T){2}C\\."))) << calls;
+      continue;
+    }
+    EXPECT_EQ(tool.status, 128 + signal);
+    const std::regex whole("DLOI(FMPXFSR?T){0,2}(FMPXFSR?Z)?C\\.?");
+    EXPECT_TRUE(std::regex_match(calls, whole)) << calls;
+    // What was begun when the signal was noted is ended, and nothing new begins.
+    const std::regex end("D?L?O?I?(F?M?P?X?F?S[TZ]|R?[TZ])?C?\\.?");
+    EXPECT_TRUE(std::regex_match(calls.substr(before.size()), end)) << before << ", " << calls;
+  }
+}
+
+// What would take many minutes is abandoned, also where the signal comes twice, as from timeout(1),
+// or from a shell and the kernel for a closed terminal.
+TEST(ToolInterruption, EndsALongPhaseAtOnce) {
+  const struct {
+    Texts arguments;
+    const char *sim, *reached, *calls;
+    std::vector<int> signals;
+  } cases[] = {
+      {{"--capture-s=1000"}, "", "read_stream_bytes k=5", "DLOIFMPXFSRZC", {SIGINT}},
+      {{"--capture-s=1000"}, "pace=bytes:1", "status=-3", "DLOIFMPXFSRZC", {SIGHUP, SIGHUP}},
+      // A search for a lock, without success, after each byte that is read back.
+      {{"--capture-s=0.3", "--chunk-bytes=1"},
+       "silent=1;pace=bytes:2000000",
+       "ot_stop",
+       "DLOIFMPXFSRTC",
+       {SIGTERM, SIGTERM}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.reached);
+    const ScratchDirectory directory;
+    ToolCall call{.arguments = c.arguments, .sim = c.sim};
+    call.arguments.push_back("--output-root=out");
+    ToolProcess tool(directory.path(), call);
+    tool.run_until([&] { return tool.ledger.find(c.reached) != std::string::npos; });
+    send(tool, c.signals);
+    tool.finish();
+    EXPECT_EQ(tool.status, 128 + c.signals[0]);
+    EXPECT_EQ(tool.err, "");
+    EXPECT_EQ(calls_in(tool.ledger), c.calls);
+    EXPECT_EQ(wrong_recordings(run_dir_in(directory.file("out")), tool.ledger), "");
+  }
+}
+
+// The driver's first call waits for a reader of its ledger. A second SIGINT ends the tool at once;
+// anything else does when the driver has answered, and what was said until then is not lost.
+TEST(ToolInterruption, WhileTheDriverIsSlow) {
+  const struct {
+    std::vector<int> signals;
+    const char *sim, *calls, *err;
+  } cases[] = {
+      {{SIGHUP, SIGHUP}, "", "DLOIC", ""},
+      {{SIGTERM, SIGINT},
+       "fail=ot_identify:1:-2:detail=cable",
+       "DLOiC",
+       "identify: input/output failure (cable)\n"},
+      {{SIGINT, kPause, SIGTERM, SIGINT}, "", "", ""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::PrintToString(c.signals));
+    const ScratchDirectory directory;
+    const std::string ledger = directory.file("ledger");
+    ASSERT_EQ(mkfifo(ledger.c_str(), 0600), 0);
+    ToolProcess tool(directory.path(), {.arguments = {"--output-root=out"},
+                                        .sim = c.sim + std::string(";ledger=") + ledger});
+    tool.run_until([&] { return tool.catches(SIGTERM); });
+    send(tool, c.signals);
+    const int reader = open(ledger.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    tool.finish();
+    char text[8192];
+    const ssize_t size = read(reader, text, sizeof text);
+    close(reader);
+    EXPECT_EQ(tool.status, 128 + c.signals[0]);
+    EXPECT_EQ(tool.err, c.err);
+    EXPECT_EQ(calls_in({text, static_cast<std::size_t>(std::max<ssize_t>(size, 0))}), c.calls);
+    EXPECT_EQ(lines_with(tool.out, "Device: ").empty(), *c.calls == '\0');
+  }
+}
+
+/// A summary that is slow to take its text: what is begun is written, then the process ends.
+TEST(ToolInterruption, WhileReportsAreWritten) {
+  const ScratchDirectory directory;
+  const std::string slow = directory.file("out/latest_summary.txt");
+  fs::create_directory(directory.file("out"));
+  ASSERT_EQ(mkfifo(slow.c_str(), 0600), 0);
+  ToolProcess tool(directory.path(), small_call());
+  tool.run_until([&] { return fs::exists(directory.file("out/latest.json")); });
+  send(tool, {SIGTERM, SIGHUP, SIGHUP});
+  const int reader = open(slow.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  tool.finish();
+  close(reader);
+  EXPECT_EQ(tool.status, 128 + SIGTERM);
+  EXPECT_EQ(tool.err, "");
+  EXPECT_NE(tool.out.find("latest_json="), std::string::npos) << tool.out;
+  EXPECT_TRUE(calls_in(tool.ledger).ends_with("TC")) << tool.ledger;
+}
+
+TEST(Interruption, TakesSignalsWhileItWatchesAndLeavesThemAsTheyWere) {
+  const auto handler_of = [](int signal) {
+    struct sigaction action = {};
+    sigaction(signal, nullptr, &action);
+    return action.sa_handler;
+  };
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGPIPE, SIGXFSZ}) {
+    for (void (*const before)(int) : {SIG_DFL, SIG_IGN, +[](int) {}}) {
+      std::signal(signal, before);
+      {
+        const verification::FailingWrites failing_writes;
+        const verification::InterruptionWatch watch;
+        EXPECT_EQ(handler_of(signal) == before, before == SIG_IGN) << signal;
+      }
+      EXPECT_EQ(handler_of(signal), before) << signal;
+      std::signal(signal, SIG_DFL);
+    }
+  }
+}
+
+TEST(InterruptionDeathTest, OnlyASecondInterruptEndsTheProcessAtOnce) {
+  const struct {
+    std::vector<int> signals;
+    int ends_by;
+    const char* says;
+  } cases[] = {
+      {{SIGINT, kPause, SIGTERM, SIGHUP}, SIGINT, "to the end"},
+      {{SIGTERM, kPause, SIGTERM, kPause, SIGINT}, SIGTERM, "to the end"},
+      {{SIGHUP, SIGHUP, kPause, SIGHUP, SIGTERM, SIGINT}, SIGHUP, "to the end"},
+      {{SIGINT, SIGINT}, SIGINT, "to the end"},  // one press, as timeout(1) sends it
+      {{SIGINT, kPause, SIGINT}, SIGINT, "^$"},
+      {{SIGTERM, SIGINT, SIGHUP, kPause, SIGINT}, SIGINT, "^$"},
+  };
+  const auto take = [](const std::vector<int>& signals) {
+    {
+      const verification::InterruptionWatch watch;
+      for (const int signal : signals) {
+        if (signal == kPause) std::this_thread::sleep_for(kBetweenPresses);
+        if (signal != kPause) std::raise(signal);
+      }
+      std::cerr << "to the end";
+    }
+    verification::end_if_interrupted();
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::PrintToString(c.signals));
+    EXPECT_EXIT(take(c.signals), testing::KilledBySignal(c.ends_by), c.says);
+  }
+}
+
+}  // namespace
+}  // namespace orvo::tests
