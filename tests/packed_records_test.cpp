@@ -4,14 +4,10 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 #include <sstream>
 
 #include "orvo/timing/instrument_time.h"
-#include "orvo/timing/packed/packed_delta.h"
 #include "support/decoder_pair.h"
-#include "support/decoding.h"
-#include "support/plain_decoder.h"
 
 namespace orvo::tests {
 namespace {
@@ -91,8 +87,8 @@ TEST(PackedRecords, FollowTheRules) {
     const char* name;
     timing::Mode mode;
     unsigned mask;
-    const char *records, *tags, *drop;  // drop: the line that reports it, without its prefix
-    unsigned unsynced = 0;              // channels of the mask that have had no sync
+    const char *records, *tags, *drop;
+    unsigned unsynced = 0;  // channels of the mask that have had no sync
   } cases[] = {
       {"payload in quanta", kInside, 1, "d0,5", "0:8040 ", ""},
       {"overflow payloads add up", kInside, 1, "o0,1 o0,2 d0,7 d0,1", "0:1580920 0:1580928 ", ""},
@@ -112,6 +108,8 @@ TEST(PackedRecords, FollowTheRules) {
       {"sync far ahead", kInside, 1, "s0,125000001001 d0,0", "",
        "drop implausible sync delta ch=0 delta=1000000000008 next=1000000008008 prev=8000 "
        "record=4"},
+      {"sync exactly 1 s ahead", kInside, 1, "s0,125000001000 d0,0", "0:1000000008000 ", ""},
+      {"sync exactly 1 us back", kOutside, 1, "+0,125000 s0,1000 d0,0", "0:1008000 0:8000 ", ""},
       {"sync more than 1 us back", kOutside, 1, "d0,65000 d0,65000 d0,0 s0,1001 d0,0",
        "0:528000 0:1048000 0:1048000 ",
        "drop nonmonotonic sync ch=0 next=8008 prev=1048000 record=7"},
@@ -130,63 +128,39 @@ TEST(PackedRecords, FollowTheRules) {
     timing::StreamFileHeader header;
     header.mode = c.mode;
     header.channel_mask = static_cast<std::uint8_t>(c.mask);
-    timing::InputBuffer input;
-    timing::PackedDeltaDecoder fast(header);
-    PlainDecoder plain(header);
-    plain.input_buffer = lock_of(c.mask & ~c.unsynced);
-    input.append(plain.input_buffer);
-    fast.feed(input);
-    plain.feed_packed_delta();
-    EXPECT_TRUE(fast.locked() && plain.locked && input.size() == 0);
-    plain.log.clear();
-    const Bytes bytes = Records(c.records).bytes();
-    setenv("ORVO_PACKED_DEBUG", "", 1);
-    testing::internal::CaptureStderr();
-    input.append(bytes);
-    EXPECT_EQ(text_of(fast.feed(input)), c.tags);
-    const std::string drop = c.drop;
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              drop.empty() ? "" : "packed-decoder: " + drop + '\n');
-    unsetenv("ORVO_PACKED_DEBUG");
-    plain.input_buffer = bytes;
-    EXPECT_EQ(text_of(plain.feed_packed_delta()), c.tags);
-    EXPECT_EQ(plain.log, std::vector<std::string>(drop.empty() ? 0 : 1, drop));
+    DecoderPair pair(header);
+    EXPECT_EQ(pair.feed(lock_of(c.mask & ~c.unsynced)), "");
+    EXPECT_TRUE(pair.plain().locked && pair.plain().input_buffer.empty());
+    EXPECT_EQ(pair.feed(Records(c.records).bytes()), "");
+    EXPECT_EQ(text_of(pair.last_tags), c.tags);
+    EXPECT_EQ(pair.plain().log.size(), *c.drop == '\0' ? 1U : 2U);
+    EXPECT_EQ(*c.drop == 0 ? "" : describe(pair.plain().log.back(), header), c.drop);
   }
 }
 
-// Sixteen records are decoded at a time, as many as have no need of the rules.
-TEST(PackedRecords, OneUnusualAmongOrdinary) {
-  constexpr const char* kUnusual[] = {
-      "d3,1",               // inactive
-      "o0,1 o0,2 d0,1",     // overflow twice
-      "o0,1 d1,1",          // overflow and then another channel
-      "s1,9000 d1,9",       // a sync
-      "o2,131069 d2,9999",  // the longest step: above the limit at 256 ps and 17 bits
-      "o2,65534 d2,65535",  // the same for 16 bits
-  };
-  for (const unsigned bits : {15U, 16U, 17U}) {
-    for (const unsigned quantum_ps : {8U, 256U}) {
-      for (const std::string unusual : kUnusual) {
-        for (unsigned place = 0; place < 40; ++place) {
-          timing::StreamFileHeader header;
-          header.mode = timing::Mode::internal;
-          header.channel_mask = 7;
-          header.delta_bits = static_cast<std::uint8_t>(bits);
-          header.quantum_ps = static_cast<std::uint16_t>(quantum_ps);
-          std::string text;
-          for (unsigned event = 0; event < 50; ++event) {
-            const std::string channel = std::to_string(event % 3);
-            text += event == place ? unusual + ' ' : "";
-            text += (event % 6 < 2 ? "o" + channel + ",1 d" : "d") + channel + ",7 ";
-          }
-          DecoderPair pair(header);
-          ASSERT_EQ(pair.feed(lock_of(7, bits)), "");
-          ASSERT_TRUE(pair.plain().locked);
-          ASSERT_EQ(pair.feed(Records(text, bits).bytes()), "")
-              << bits << " bits, " << quantum_ps << " ps, " << unusual << " before " << place;
-        }
-      }
-    }
+TEST(PackedRecords, EventsOfTheSearchAreLines) {
+  using Kind = timing::LockEvent::Kind;
+  timing::LockEvent event{.kind = Kind::locked,
+                          .drop_bytes = 3,
+                          .bit_offset = 7,
+                          .buffer_bytes = 4096,
+                          .synced = 2,
+                          .min = 5,
+                          .max = 11,
+                          .total = 16,
+                          .records = 40};
+  timing::StreamFileHeader header;
+  header.channel_mask = 7;
+  const std::pair<Kind, const char*> lines[] = {
+      {Kind::locked, "locked bits=16 drop_bytes=3 bit_offset=7 raw_bytes=4096"},
+      {Kind::no_alignment, "no alignment bits=16 width=19 raw_bytes=4096"},
+      {Kind::rejected_alignment,
+       "reject internal alignment drop_bytes=3 bit_offset=7 synced=2/3 "
+       "min=5 max=11 total=16"},
+      {Kind::imbalanced, "drop internal imbalanced lock min=5 max=11 total=16 records=40"}};
+  for (const auto& [kind, line] : lines) {
+    event.kind = kind;
+    EXPECT_EQ(describe(event, header), line);
   }
 }
 

@@ -6,13 +6,19 @@
 #include <optional>
 #include <span>
 #include <string>
-#include <vector>
 
 #include "orvo/timing/packed/packed_delta.h"
 #include "support/decoding.h"
 #include "support/plain_decoder.h"
 
 namespace orvo::tests {
+
+/// All that an event says, for the line of a table.
+inline std::string text_of(const timing::LockEvent& event, const timing::StreamFileHeader& header) {
+  return timing::describe(event, header) + " at " + std::to_string(event.payload_offset_bytes) +
+         " after " + std::to_string(event.tags_before) + " skips " +
+         std::to_string(event.drop_bytes);
+}
 
 class DecoderPair {
  public:
@@ -21,18 +27,22 @@ class DecoderPair {
 
   /// Names what differs after the feed; empty when nothing does.
   std::string feed(std::span<const std::uint8_t> bytes) {
-    fast_input_.append(bytes);
+    input_.append(bytes);
     plain_.input_buffer.insert(plain_.input_buffer.end(), bytes.begin(), bytes.end());
-    const std::span<const timing::TimeTag> tags = fast_.feed(fast_input_);
-    const Tags plain_tags = plain_.feed_packed_delta();
-    for (const timing::LockEvent& event : fast_.lock_events()) {
-      lines_.push_back(timing::describe(event, header_));
+    const std::size_t events = plain_.log.size();
+    const std::span<const timing::TimeTag> tags = fast_.feed(input_);
+    last_tags = plain_.feed_packed_delta();
+    const auto same_event = [this](const timing::LockEvent& a, const timing::LockEvent& b) {
+      return text_of(a, header_) == text_of(b, header_);
+    };
+    const std::span<const timing::LockEvent> log = std::span(plain_.log).subspan(events);
+    const std::span<const timing::LockEvent> fast_log = fast_.lock_events();
+    if (!std::equal(fast_log.begin(), fast_log.end(), log.begin(), log.end(), same_event)) {
+      return "events";
     }
-    tags_ += plain_tags.size();
-    const std::span<const std::uint8_t> left = fast_input_.bytes();
-    if (lines_ != plain_.log) return "lines";
-    if (!std::equal(tags.begin(), tags.end(), plain_tags.begin(), plain_tags.end())) return "tags";
+    if (!std::equal(tags.begin(), tags.end(), last_tags.begin(), last_tags.end())) return "tags";
     if (fast_.locked() != plain_.locked || fast_.bit_offset() != plain_.bit_offset) return "lock";
+    const std::span<const std::uint8_t> left = input_.bytes();
     if (Bytes(left.begin(), left.end()) != plain_.input_buffer) return "remaining bytes";
     return same_state(fast_.state()) ? "" : "state";
   }
@@ -42,45 +52,38 @@ class DecoderPair {
   std::string feed_in_chunks(std::span<const std::uint8_t> bytes, const NextBytes& next_bytes) {
     std::string difference;
     while (!bytes.empty() && difference.empty()) {
-      const auto count = static_cast<std::size_t>(next_bytes());
-      difference = feed(bytes.first(std::min(count, bytes.size())));
-      bytes = bytes.subspan(std::min(count, bytes.size()));
+      const std::size_t count = std::min<std::size_t>(next_bytes(), bytes.size());
+      difference = feed(bytes.first(count));
+      bytes = bytes.subspan(count);
     }
     return difference;
   }
 
   [[nodiscard]] const PlainDecoder& plain() const { return plain_; }
-  [[nodiscard]] std::uint64_t tags() const { return tags_; }
+  Tags last_tags;  ///< of the last feed
 
  private:
   [[nodiscard]] bool same_state(const timing::detail::PackedState& fast) const {
-    const auto same = [](std::uint64_t a, std::int64_t b) {
-      return static_cast<std::int64_t>(a) == b;
-    };
     for (std::size_t c = 0; c < 4; ++c) {
+      const auto last = plain_.pk_have_time[c] ? std::optional(plain_.last_time[c]) : std::nullopt;
       const auto& channel = fast.channels[c];
-      const auto last_time_ps =
-          plain_.pk_have_time[c] ? std::optional(plain_.pk_last_time[c]) : std::nullopt;
-      if (channel.last_time_ps != last_time_ps || channel.overflow != plain_.pk_overflow[c]) {
-        return false;
-      }
+      if (channel.last_time_ps != last || channel.overflow != plain_.overflow[c]) return false;
     }
-    const bool pending = fast.pending_sync_channel != timing::detail::PackedState::kNoChannel;
-    return same(fast.sync_chunks_left, plain_.sync_chunks_left) &&
+    const unsigned pending = plain_.pending_sync_channel < 0
+                                 ? timing::detail::PackedState::kNoChannel
+                                 : static_cast<unsigned>(plain_.pending_sync_channel);
+    return fast.sync_chunks_left == plain_.sync_chunks_left &&
            (plain_.sync_chunks_left == 0 ||
-            (same(fast.sync_channel, plain_.sync_channel) && fast.sync_value == plain_.sync_value &&
+            (fast.sync_channel == plain_.sync_channel && fast.sync_value == plain_.sync_value &&
              fast.sync_bits == plain_.sync_bits)) &&
-           pending == (plain_.pending_sync_channel >= 0) &&
-           (!pending || (same(fast.pending_sync_channel, plain_.pending_sync_channel) &&
-                         fast.pending_sync_time_ps == plain_.pending_sync_time));
+           fast.pending_sync_channel == pending &&
+           fast.pending_sync_time_ps == plain_.pending_sync_time;
   }
 
   timing::StreamFileHeader header_;
-  timing::InputBuffer fast_input_;
+  timing::InputBuffer input_;
   timing::PackedDeltaDecoder fast_;
   PlainDecoder plain_;
-  std::vector<std::string> lines_;
-  std::uint64_t tags_ = 0;
 };
 
 }  // namespace orvo::tests

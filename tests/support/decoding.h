@@ -22,6 +22,11 @@ namespace orvo::tests {
 using Bytes = std::vector<std::uint8_t>;
 using Tags = std::vector<timing::TimeTag>;
 
+inline Bytes operator+(Bytes front, const Bytes& back) {
+  front.insert(front.end(), back.begin(), back.end());
+  return front;
+}
+
 /// "channel:time " of each tag, for the line of a table.
 inline std::string text_of(std::span<const timing::TimeTag> tags) {
   std::string text;

@@ -1,5 +1,6 @@
-// Packed-delta streams out of a seed: as an instrument sends them, with faults that a decoder has
-// to notice, and damaged afterwards. One seed and one compiler give the same streams again.
+// Packed-delta streams out of a seed: records as an instrument sends them, with others among them
+// that a decoder has to notice, and damaged afterwards. One seed and one compiler give the same
+// streams again.
 #pragma once
 
 #include <cstddef>
@@ -20,8 +21,8 @@ class PackedStreams {
 
   timing::StreamFileHeader header();
 
-  /// About `bytes` bytes that start in mid-record. One event in `fault_interval` is not as an
-  /// instrument sends it; 0 for none. Channel 0 may slow down for the second half. In external mode
+  /// About `bytes` bytes that start in mid-record. One record in `fault_interval` is not as an
+  /// instrument sends it; 0 for none. Channel 0 may send less for the second half. In external mode
   /// channels past the first two may have no sync for long.
   std::vector<std::uint8_t> stream(const timing::StreamFileHeader& header, std::size_t bytes,
                                    std::uint64_t fault_interval, bool slows_down);
@@ -29,8 +30,7 @@ class PackedStreams {
   /// Random bytes, often with long runs of one bits.
   std::vector<std::uint8_t> noise(std::size_t bytes);
 
-  /// Flips a bit, drops some bytes or repeats some, at a random place of a
-  /// stream that is not empty.
+  /// Flips a bit, drops some bytes or repeats some, at a random place.
   void damage(std::vector<std::uint8_t>& bytes);
 
  private:

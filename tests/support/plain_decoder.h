@@ -1,14 +1,15 @@
 // The packed-delta decoder in its plainest form: one record at a time, every rule written out where
 // it applies, the lock search by trying every start. The decoder of the timing layer has to agree
 // with it in everything that can be seen, and its speed is given as a multiple of this one's.
-// It shares no code with the timing layer. One thread per object.
+// It shares no code with the timing layer, only the types of what comes out.
 #pragma once
 
 #include <array>
 #include <cstdint>
-#include <string>
+#include <optional>
 #include <vector>
 
+#include "orvo/timing/lock_event.h"
 #include "orvo/timing/stream_header.h"
 #include "orvo/timing/time_tag.h"
 
@@ -18,41 +19,31 @@ namespace orvo::tests {
 struct PlainLock {
   bool locked = false;
   std::uint64_t bit_offset = 0;
-  std::array<std::int64_t, 4> pk_last_time{};
+  std::array<std::int64_t, 4> last_time{};
   std::array<bool, 4> pk_have_time{};
-  std::array<std::uint64_t, 4> pk_overflow{};
-  std::array<std::int64_t, 4> pk_last_emitted{};
-  std::array<bool, 4> pk_have_emitted{};
-  std::int32_t sync_chunks_left = 0;
-  std::int32_t sync_channel = 0;
-  std::uint64_t sync_value = 0;
-  std::uint32_t sync_bits = 0;
-  std::int32_t pending_sync_channel = -1;
+  std::array<std::uint64_t, 4> overflow{};
+  unsigned sync_chunks_left = 0, sync_channel = 0;
+  std::uint64_t sync_value = 0, sync_bits = 0;
+  int pending_sync_channel = -1;
   std::uint64_t pending_sync_time = 0;
 };
 
 class PlainDecoder : public PlainLock {
  public:
-  struct Alignment {
-    std::uint64_t drop_bytes = 0;
-    std::uint64_t bit_offset = 0;
-    bool found = false;
-  };
+  using Event = timing::LockEvent;
 
-  explicit PlainDecoder(timing::StreamFileHeader header);
+  explicit PlainDecoder(const timing::StreamFileHeader& header);
 
   /// One batch: takes a lock if there is none, decodes all whole records of `input_buffer`.
   std::vector<timing::TimeTag> feed_packed_delta();
 
-  /// The lock search alone, over `input_buffer`; changes nothing but `log`.
-  /// Widths of 1 to 31 only.
-  Alignment probe_packed_alignment();
+  /// The lock search alone, of widths from 1 to 31: the best place to begin (`locked`), or else the
+  /// best one that was refused (`rejected_alignment`).
+  [[nodiscard]] std::optional<Event> probe_packed_alignment() const;
 
   std::vector<std::uint8_t> input_buffer;
-  std::vector<std::string> log;  ///< all messages, without prefix and limit
+  std::vector<Event> log;
   std::uint64_t records_decoded = 0;
-  std::uint64_t searches = 0;
-  std::uint64_t steps_searched = 0;  ///< records read by lock searches
 
  private:
   struct Record {
@@ -62,40 +53,32 @@ class PlainDecoder : public PlainLock {
   };
   struct Parse {
     std::array<std::uint64_t, 4> counts{};
-    std::array<bool, 4> synced{};
     std::uint64_t restart = 0;  // records read up to the last reset
-  };
-  struct Tally {
-    std::uint64_t min, max, total;  // over the active channels
   };
 
   [[nodiscard]] bool active(unsigned channel) const { return (active_mask_ >> channel & 1U) != 0; }
   [[nodiscard]] Record read_record(std::uint64_t bit) const;
-  [[nodiscard]] Tally tally(const std::array<std::uint64_t, 4>& counts) const;
+  [[nodiscard]] Event tally(Event event, const std::array<std::uint64_t, 4>& counts) const;
   [[nodiscard]] Parse simulate(std::uint64_t first_bit, std::uint64_t n) const;
   bool take_lock();
-  void consume_packed_records(std::uint64_t count);
+  void remove_front(std::uint64_t bytes);
+  void report(Event event);
 
-  // These answer false for a drop.
-  template <typename... Parts>
-  bool drop(const Parts&... message_parts);
-  bool decode_record(const Record& record, std::uint64_t i, std::uint64_t n);
-  bool synced_data(unsigned channel, std::uint64_t step_ps, std::uint64_t i);
-  bool plain_data(unsigned channel, std::uint64_t step_ps, std::uint64_t i);
+  // These return why the lock is lost, if it is.
+  std::optional<Event> decode_record(const Record& record);
+  std::optional<Event> synced_data(unsigned channel, std::uint64_t step_ps);
+  std::optional<Event> plain_data(unsigned channel, std::uint64_t step_ps);
+  std::optional<Event> emit(unsigned channel, std::uint64_t time_ps);
   void complete_sync();
-  bool emit(unsigned channel, std::uint64_t time_ps);
 
   bool internal_;
-  unsigned active_mask_;
-  unsigned active_channels_;
-  unsigned bits_;
-  unsigned width_;
-  std::int32_t sync_length_;
+  unsigned active_mask_, active_channels_, bits_, width_, sync_length_;
   std::uint64_t all_ones_;
   unsigned quantum_shift_;
   std::uint64_t period_ps_;   // P: of the instrument's 41-bit tick counter
   std::uint64_t excess_ps_;   // E: of a difference modulo P across the wrap of the picosecond time
   std::uint64_t modulus_ps_;  // M: the smaller of P and the wrap
+  std::uint64_t removed_bytes_ = 0, returned_tags_ = 0;
   std::array<std::uint64_t, 4> batch_counts_{};
   std::vector<timing::TimeTag> tags_;
 };
