@@ -2,12 +2,9 @@
 #include "orvo/timing/device/device.h"
 
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 
 #include <array>
-#include <cstdlib>
 #include <cstring>
-#include <fstream>
 
 #include "orvo/timing/device/library_status.h"
 #include "support/error_of.h"
@@ -108,50 +105,9 @@ TEST(Open, MakesTheCallsAndClosesOnce) {
   }
 }
 
-/// Runs in the folder `scratch`; the one before afterwards.
-class WorkingDirectory {
- public:
-  explicit WorkingDirectory(const ScratchDirectory& scratch) {
-    std::filesystem::current_path(scratch.path());
-  }
-  ~WorkingDirectory() { std::filesystem::current_path(before_); }
-  WorkingDirectory(const WorkingDirectory&) = delete;
-  WorkingDirectory& operator=(const WorkingDirectory&) = delete;
-
- private:
-  std::filesystem::path before_ = std::filesystem::current_path();
-};
-
-const std::string kTableMagic("TLUT\1\0\0\0", 8);
-const std::string kLargestTable = std::string("\0\0\x10\0", 4) + std::string(8 << 20, '\xFF');
-
-/// Whether the tables stay the defaults where this process gets only 20 MiB more than it has.
-bool short_of_memory_gives_defaults() {
-  rlim_t pages = 0;
-  std::ifstream("/proc/self/statm") >> pages;
-  const rlim_t limit_bytes = pages * static_cast<rlim_t>(getpagesize()) + (20 << 20);
-  const rlimit limit = {limit_bytes, limit_bytes};
-  return limit_bytes > rlim_t{1} << 40 ||  // a sanitizer has taken the addresses
-         (setrlimit(RLIMIT_AS, &limit) == 0 && Device::open_first(9600).fine_lut[0].size() == 8192);
-}
-
-TEST(FineTables, MemoryThatRunsOutLeavesTheDefaults) {
-  const ScratchDirectory scratch;
-  const WorkingDirectory here(scratch);
-  ScriptedDriver driver;
-  driver.instruments.resize(1);
-  write_file("fine_lut.bin", kTableMagic);
-  for (int channel = 0; channel < 4; ++channel) {
-    std::ofstream("fine_lut.bin", std::ios::binary | std::ios::app) << kLargestTable;
-  }
-  GTEST_FLAG_SET(death_test_style, "threadsafe");  // a process that has freed no memory before
-  EXPECT_EXIT(std::exit(short_of_memory_gives_defaults() ? 0 : 1), testing::ExitedWithCode(0), "");
-  EXPECT_EQ(Device::open_first(9600).fine_lut[0].size(), 1048576u);
-}
-
 TEST(FineTables, FileReplacesAllTablesOrNone) {
   const ScratchDirectory scratch;
-  const WorkingDirectory here(scratch);
+  std::filesystem::current_path(scratch.path());
   ScriptedDriver driver;
   driver.instruments.resize(1);
   const auto tables_with = [](const std::string& file) {
@@ -162,12 +118,13 @@ TEST(FineTables, FileReplacesAllTablesOrNone) {
     }
     return text;
   };
-  const std::string& magic = kTableMagic;
+  const std::string magic("TLUT\1\0\0\0", 8);
+  const std::string largest = std::string("\0\0\x10\0", 4) + std::string(8 << 20, '\xFF');
   const std::string one("\1\0\0\0\2\0\0\0\0\0\0\x80", 12);  // the entry is 2 - 2^63
   const std::string more = std::string("\1\0\x10\0", 4) + std::string(9 << 20, '\xFF');
   const std::string entry = "1:-9223372036854775806 ";
   const std::string defaults = "8192:3332 8192:3332 8192:3332 8192:3332 ";
-  EXPECT_EQ(tables_with(magic + one + one + one + kLargestTable + "more"),
+  EXPECT_EQ(tables_with(magic + one + one + one + largest + "more"),
             entry + entry + entry + "1048576:-1 ");
   EXPECT_EQ(tables_with(magic + one + one + one + more), defaults);
   EXPECT_EQ(tables_with(magic + one + std::string(4, '\0') + one + one), defaults);
@@ -179,6 +136,7 @@ TEST(FineTables, FileReplacesAllTablesOrNone) {
   }
   EXPECT_EQ(tables_with(good), entry + entry + entry + entry);
   EXPECT_EQ(Device::open("p", 9600).fine_lut[3].size(), 8192u);  // reads no file
+  std::filesystem::current_path("/");
 }
 
 }  // namespace

@@ -2,81 +2,47 @@
 // the lock. The plain decoder answers the same, so that what it says elsewhere can be relied upon.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <sstream>
+#include <string>
 
 #include "orvo/timing/instrument_time.h"
 #include "support/decoder_pair.h"
+#include "support/record_writer.h"
 
 namespace orvo::tests {
 namespace {
 
-/// Packs records, most significant bit first.
-class Records {
- public:
-  /// d, o: a data or overflow record of a channel with a payload. s: a sync of a channel to a tick,
-  /// without the data record that it anchors. +: data that steps so many ticks, with overflows.
-  explicit Records(const std::string& text, unsigned payload_bits = 16)
-      : payload_bits_(payload_bits), all_ones_((1U << payload_bits) - 1) {
-    std::istringstream words(text);
-    for (std::string word; words >> word;) {
-      unsigned channel = 0;
-      unsigned long value = 0;
-      std::sscanf(word.c_str() + 1, "%u,%lu", &channel, &value);
-      add(word.front(), channel, value);
-    }
+/// d, o: a data or overflow record of a channel with a payload. s: a sync of a channel to a tick,
+/// without the data record that it anchors. +: data that steps so many ticks, with overflows.
+Bytes records(const std::string& text) {
+  RecordWriter writer;
+  std::istringstream words(text);
+  for (std::string word; words >> word;) {
+    unsigned channel = 0;
+    unsigned long value = 0;
+    std::sscanf(word.c_str() + 1, "%u,%lu", &channel, &value);
+    const bool whole = word[0] == 's' || word[0] == '+';
+    if (!whole) writer.record(channel, word[0] == 'o', value);
+    if (whole) word[0] == 's' ? writer.sync(channel, value) : writer.data(channel, value);
   }
-
-  void add(char kind, unsigned channel, std::uint64_t value) {
-    if (kind == 's') {
-      put(channel, true, all_ones_);
-      for (unsigned shift = 0; shift < 41; shift += payload_bits_) {
-        put(channel, false, value >> shift);
-      }
-    } else if (kind == '+') {
-      for (std::uint64_t high = value >> payload_bits_; high > 0;) {
-        const std::uint64_t payload = std::min<std::uint64_t>(high, all_ones_ - 1);
-        put(channel, true, payload);
-        high -= payload;
-      }
-      put(channel, false, value);
-    } else {
-      put(channel, kind == 'o', value);
-    }
-  }
-
-  [[nodiscard]] const Bytes& bytes() const { return bytes_; }
-  [[nodiscard]] unsigned bits() const { return bits_; }
-
- private:
-  void put(unsigned channel, bool flag, std::uint64_t payload) {
-    const std::uint64_t top = channel << 1 | (flag ? 1U : 0U);
-    const std::uint64_t record = top << payload_bits_ | (payload & all_ones_);
-    for (unsigned bit = payload_bits_ + 3; bit-- > 0; ++bits_) {
-      if (bits_ % 8 == 0) bytes_.push_back(0);
-      bytes_.back() |= static_cast<std::uint8_t>((record >> bit & 1) << (7 - bits_ % 8));
-    }
-  }
-
-  unsigned payload_bits_;
-  std::uint64_t all_ones_;
-  Bytes bytes_;
-  unsigned bits_ = 0;
-};
+  return writer.bytes;
+}
 
 /// Whole bytes of syncs and events at tick 1000 of each channel of `mask`: they take the lock.
-Bytes lock_of(unsigned mask, unsigned payload_bits = 16) {
-  Records records("", payload_bits);
-  for (unsigned c = 0; c < 4; ++c) {
-    if ((mask >> c & 1) == 0) continue;
-    records.add('s', c, 1000);
-    records.add('d', c, 0);
-  }
-  for (unsigned c = 0; records.bits() % 8 != 0; c = (c + 1) % 4) {
-    if ((mask >> c & 1) != 0) records.add('d', c, 0);
-  }
-  return records.bytes();
+Bytes lock_of(unsigned mask) {
+  RecordWriter writer;
+  const auto for_each = [&](const auto& action) {
+    for (unsigned c = 0; c < 4; ++c) {
+      if ((mask >> c & 1) != 0) action(c);
+    }
+  };
+  for_each([&](unsigned c) {
+    writer.sync(c, 1000);
+    writer.data(c, 0);
+  });
+  while (writer.used_bits % 8 != 0) for_each([&](unsigned c) { writer.data(c, 0); });
+  return writer.bytes;
 }
 
 TEST(PackedRecords, FollowTheRules) {
@@ -131,7 +97,7 @@ TEST(PackedRecords, FollowTheRules) {
     DecoderPair pair(header);
     EXPECT_EQ(pair.feed(lock_of(c.mask & ~c.unsynced)), "");
     EXPECT_TRUE(pair.plain().locked && pair.plain().input_buffer.empty());
-    EXPECT_EQ(pair.feed(Records(c.records).bytes()), "");
+    EXPECT_EQ(pair.feed(records(c.records)), "");
     EXPECT_EQ(text_of(pair.last_tags), c.tags);
     EXPECT_EQ(pair.plain().log.size(), *c.drop == '\0' ? 1U : 2U);
     EXPECT_EQ(*c.drop == 0 ? "" : describe(pair.plain().log.back(), header), c.drop);

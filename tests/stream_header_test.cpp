@@ -25,67 +25,33 @@ constexpr const char* kText =
     R"("raw64_tag_format":"Raw_CF","channel_mask":5,"tdl_index":255,)"
     R"("packed_delta_config":{"delta_bits":31,"quantum_ps":65535}})";
 
-StreamFileHeader full_header() {
-  StreamFileHeader header;
-  header.stream_format = Format::delta32;
-  header.mode = Mode::internal;
-  header.stream_transport = Transport::usb_async;
-  header.channel_mask = 5;
-  header.tdl_index = 255;
-  header.delta_bits = 31;
-  header.quantum_ps = 65535;
-  header.raw64_tag_format = "Raw_CF";
-  header.created_utc = "now";
-  header.application = "a\tb\"c\\d\ne\rf \xC3\xA9";
-  header.device_product = "product";
-  header.device_serial = "s/n 1";
-  header.device_port = "/dev/ttyUSB0";
-  return header;
-}
-
 TEST(StreamHeader, TextHasAFixedFormAndReadsBack) {
-  EXPECT_EQ(stream_header_to_json(full_header()), kText);
-  EXPECT_EQ(stream_header_to_json(stream_header_from_json(kText)), kText);
+  const StreamFileHeader header = stream_header_from_json(kText);
+  EXPECT_EQ(header.application, "a\tb\"c\\d\ne\rf \xC3\xA9");
+  EXPECT_EQ(header.stream_transport, Transport::usb_async);
+  EXPECT_EQ(stream_header_to_json(header), kText);
 }
 
-TEST(StreamHeader, ReadsEveryMemberTolerantly) {
+TEST(StreamHeader, ReadsAnyTextTolerantly) {
   const struct {
     const char *text, *member;  // as it is written again
   } cases[] = {
       {"", R"("stream_format":"packed_delta","mode":"external","stream_transport":"usb")"},
-      {R"("mode")", R"("mode":"external")"},
-      {R"("mode":"inter)", R"("mode":"external")"},
       {R"("mode" : "Internal")", R"("mode":"internal")"},
       {R"("mode":1,"x":"internal")", R"("mode":"external")"},  // the next quoted text is x
-      {R"("mode":1,"internal")", R"("mode":"internal")"},
       {R"("stream_format":"PackedDelta")", R"("stream_format":"packed_delta")"},
-      {R"("stream_format":"packed_delta")", R"("stream_format":"packed_delta")"},
       {R"("stream_format":"raw_cf")", R"("stream_format":"raw64")"},
-      {R"("stream_format":"DELTA32")", R"("stream_format":"delta32")"},
       {R"("stream_transport":"USB-Async")", R"("stream_transport":"usb_async")"},
-      {R"("stream_transport":"usbasync")", R"("stream_transport":"usb_async")"},
-      {R"("stream_transport":"usb")", R"("stream_transport":"usb")"},
       {R"("stream_transport":"serial")", R"("stream_transport":"uart")"},
       {R"("channel_mask":31,"tdl_index":257)", R"("channel_mask":15,"tdl_index":1)"},
-      {R"("channel_mask":16,"tdl_index":"9")", R"("channel_mask":0,"tdl_index":0)"},
-      {R"("delta_bits":258,"quantum_ps":65539)", R"("delta_bits":2,"quantum_ps":3)"},
-      {R"("raw64_tag_format":"")", R"("raw64_tag_format":"ps")"},
       {R"("raw64_tag_format":"","mode":"internal")", R"("raw64_tag_format":"raw_cf")"},
-      {R"("application":"first","application":"second")", R"("application":"first")"},
-      {R"({"a":{"application" x : 7 "v"}})", R"("application":"v")"},
-      {R"("a":"application":"v")", R"("application":"v")"},
-      {R"("application":"\r\t\n\"\\\/\u00e9")", R"("application":"\r\t\n\"\\/u00e9")"},
-      {R"(application:"v")", R"("application":"")"},
-      {R"("application":"v\)", R"("application":"")"},
+      {R"("application":"\r\t\n\"\\\/\u00e9","application":"2")",
+       R"("application":"\r\t\n\"\\/u00e9")"},
       {R"("application":"v\")", R"("application":"")"},
       {R"("application":)", R"("application":"")"},
-      {R"("application":7)", R"("application":"")"},
       {"\"quantum_ps\": \t\n\v\f\r0075}", R"("quantum_ps":75)"},
-      {R"("quantum_ps":1.5)", R"("quantum_ps":1})"},
-      {R"("quantum_ps":0x10)", R"("quantum_ps":0)"},
       {R"("quantum_ps":18446744073709551618)", R"("quantum_ps":2)"},  // modulo 2^64
       {R"("quantum_ps":-7)", R"("quantum_ps":8)"},
-      {R"("quantum_ps": )", R"("quantum_ps":8)"},
   };
   for (const auto& c : cases) {
     const std::string written = stream_header_to_json(stream_header_from_json(c.text));

@@ -4,10 +4,10 @@
 #include <cmath>
 #include <cstdint>
 #include <string>
-#include <vector>
 
 #include "orvo/timing/stream_files.h"
 #include "orvo/verification/evaluation.h"
+#include "support/record_writer.h"
 
 namespace orvo::tests {
 
@@ -48,15 +48,13 @@ class PackedWriter {
     put(1, 0, 0);
   }
   void put(unsigned channel, unsigned flag, std::uint64_t payload) {
-    bits(channel, 2);
-    bits(flag, 1);
-    bits(payload, 16);
+    records_.record(channel, flag != 0, payload);
   }
 
   void save(const std::string& file) {
     timing::StreamFileWriter writer;
     writer.open(file, header);
-    writer.write(bytes_.data(), bytes_.size());
+    writer.write(records_.bytes.data(), records_.bytes.size());
     writer.close();
   }
 
@@ -72,29 +70,14 @@ class PackedWriter {
     const std::uint64_t now = ticks_of(channel);
     std::uint64_t step = now - last_[channel];
     if (!synced_) {
-      put(channel, 1, 0xFFFF);
-      for (unsigned i = 0; i < 3; ++i) put(channel, 0, now >> 16 * i & 0xFFFF);
+      records_.sync(channel, now);
       step = 0;
     }
-    for (std::uint64_t overflow = step >> 16; overflow != 0;) {
-      const std::uint64_t part = std::min<std::uint64_t>(overflow, 0xFFFE);
-      put(channel, 1, part);
-      overflow -= part;
-    }
-    put(channel, 0, step & 0xFFFF);
+    records_.data(channel, step);
     last_[channel] = now;
   }
-  void bits(std::uint64_t value, unsigned count) {
-    while (count-- > 0) {
-      if (used_ % 8 == 0) bytes_.push_back(0);
-      bytes_.back() =
-          static_cast<std::uint8_t>(bytes_.back() | (value >> count & 1) << (7 - used_ % 8));
-      ++used_;
-    }
-  }
 
-  std::vector<std::uint8_t> bytes_;
-  std::uint64_t used_ = 0;
+  RecordWriter records_;
   std::uint64_t start_ticks_ = 125'000'000'000;
   std::uint64_t last_[4] = {};
   double slow_ppm_ = 0;
