@@ -2,12 +2,14 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -41,63 +43,49 @@ std::vector<std::uint64_t> times_of(EventSource source, std::size_t count) {
   return times;
 }
 
-TEST(SimulatedStream, LosesEventsExactlyAtAnyDistance) {
+TEST(SimulatedEvents, AreLostExactlyAtAnyDistance) {
   constexpr unsigned kDivider = 30978261;  // 1 Hz
   const SourceConfig config = {Mode::internal, 1, kDivider, 0};
   const std::vector<std::uint64_t> early =
       times_of(EventSource(parse_settings("jitter_ps=0"), config), 3);
-  const struct {
-    const char* losses;
-    std::uint64_t count;
-  } cases[] = {
+  const std::pair<const char*, std::uint64_t> cases[] = {
       {"0:9000000@3", 9'000'000},
       {"0:18500000@3", 18'500'000},  // 2^64 ps and half a day: never
       {"0:9000000@3,0:300000@3", 9'300'000},
-      {"0:1000000000@3,0:1000000000@3,0:1000000000@3", 3'000'000'000},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.losses);
-    const std::string text = std::string("jitter_ps=0;lose=") + c.losses;
-    const std::vector<std::uint64_t> times = times_of(EventSource(parse_settings(text), config), 4);
-    EXPECT_TRUE(std::equal(early.begin(), early.end(), times.begin()));
+  for (const auto& [losses, count] : cases) {
+    const Settings settings = parse_settings(std::string("jitter_ps=0;lose=") + losses);
+    const std::vector<std::uint64_t> times = times_of(EventSource(settings, config), 4);
+    EXPECT_TRUE(std::equal(early.begin(), early.end(), times.begin())) << losses;
     __extension__ using Wide = unsigned __int128;
-    const Wide next = early[0] + Wide{c.count + 3} * kDivider * 613272 / 19;
+    const Wide next = early[0] + Wide{count + 3} * kDivider * 613272 / 19;
     EXPECT_EQ(std::min(times[3], kTimeLineEndPs),
               static_cast<std::uint64_t>(std::min(next, Wide{kTimeLineEndPs})));
   }
-  EXPECT_EQ(bytes_of("pace=bytes:1000;lose=0:18500000@3", kDivider),
-            bytes_of("pace=ps:2500000000000", kDivider));
 }
 
-TEST(SimulatedStream, JitterMakesEventsLate) {
-  const auto lateness = [](const std::string& settings, Mode mode, std::uint64_t period_ps) {
-    const SourceConfig config = {mode, 1, 31350, 0};  // 31350 * 613272 / 19 ps
-    std::vector<std::uint64_t> times =
-        times_of(EventSource(parse_settings(settings), config), 2000);
-    const std::uint64_t first_ps =
-        times_of(EventSource(parse_settings("jitter_ps=0"), {Mode::internal, 1, 1, 0}), 1)[0];
-    for (std::size_t i = 0; i < times.size(); ++i) times[i] -= first_ps + i * period_ps;
-    const auto [least, most] = std::minmax_element(times.begin(), times.end());
-    return std::pair(*least, *most);
-  };
-  constexpr std::uint64_t kPeriodPs = 1'011'898'800;
-  using Range = std::pair<std::uint64_t, std::uint64_t>;
-  EXPECT_EQ(lateness("", Mode::internal, kPeriodPs), Range(0, 6));
-  EXPECT_EQ(lateness("jitter_ps=0", Mode::internal, kPeriodPs), Range(0, 0));
+TEST(SimulatedEvents, AreLateByTheirJitter) {
   const struct {
     const char* settings;
     Mode mode;
     std::uint64_t period_ps, most_ps;
-  } wide[] = {
-      {"jitter_ps=1000000000", Mode::internal, kPeriodPs, kPeriodPs / 2},
+  } cases[] = {
+      {"jitter_ps=0", Mode::internal, 1'011'898'800, 0},  // 31350 * 613272 / 19 ps
+      {"", Mode::internal, 1'011'898'800, 6},
+      {"jitter_ps=1000000000", Mode::internal, 1'011'898'800, 1'011'898'800 / 2},
       {"external_hz=1000,1,1,1", Mode::external, 999'900'000, 499'950'000},
       {"external_hz=10,1,1,1", Mode::external, 99'990'000'000, 4'000'000'000},
   };
-  for (const auto& c : wide) {
-    const auto [least, most] = lateness(c.settings, c.mode, c.period_ps);
-    EXPECT_LT(least, c.most_ps / 100) << c.settings;
-    EXPECT_GT(most, c.most_ps / 100 * 99) << c.settings;
-    EXPECT_LE(most, c.most_ps) << c.settings;
+  for (const auto& c : cases) {
+    const std::uint64_t first_ps =
+        times_of(EventSource(parse_settings("jitter_ps=0"), {Mode::internal, 1, 1, 0}), 1)[0];
+    std::vector<std::uint64_t> late =
+        times_of(EventSource(parse_settings(c.settings), {c.mode, 1, 31350, 0}), 2000);
+    for (std::size_t i = 0; i < late.size(); ++i) late[i] -= first_ps + i * c.period_ps;
+    const auto [least, most] = std::minmax_element(late.begin(), late.end());
+    EXPECT_LE(*least, c.most_ps / 100) << c.settings;
+    EXPECT_GE(*most, c.most_ps / 100 * 99) << c.settings;
+    EXPECT_LE(*most, c.most_ps) << c.settings;
   }
 }
 
@@ -127,6 +115,12 @@ TEST(SimulatorSettings, BadOnesAreNamed) {
       EXPECT_NE(std::string(error.what()).find(key), std::string::npos) << text;
     }
   }
+}
+
+TEST(SimulatorSettings, RateErrorsAreInMillionthsOfAPpm) {
+  const Settings settings = parse_settings("rate_error_ppm=0:-24.9,1:-0.000001,3:100000");
+  EXPECT_EQ(settings.rate_error_per_1e12,
+            (std::array<std::int64_t, 4>{-24'900'000, -1, 0, 100'000'000'000}));
 }
 
 class DriverLibrary : public testing::Test {
@@ -209,6 +203,37 @@ TEST_F(DriverLibrary, FailsOnCommandAndCleansUp) {
   EXPECT_EQ(ot_close(dev_), OT_OK);
   EXPECT_EQ(ot_close(dev_), OT_ERR_NOT_OPEN);
   EXPECT_EQ(misuses(), "ot_stop_stream_mode ot_close ");
+}
+
+TEST_F(DriverLibrary, ComplainsOfMisuse) {
+  set_up("pace=bytes:1000;fail=ot_stop_stream_mode:1:-2");
+  std::uint8_t byte = 0;
+  std::uint64_t got = 0;
+  ASSERT_EQ(ot_open(&dev_, "sim:0", 9600), OT_OK);
+  EXPECT_EQ(ot_read_stream_bytes(dev_, &byte, 1, &got, 1), OT_ERR_NOT_OPEN);
+  EXPECT_EQ(ot_start_stream_mode(dev_, 0, 0), OT_OK);
+  EXPECT_EQ(ot_set_stream_channel_mask(dev_, 1), kBusy);
+  ot_identity identity{};
+  std::thread([&] { EXPECT_EQ(ot_identify(dev_, &identity), OT_OK); }).join();
+  EXPECT_EQ(ot_stop_stream_mode(dev_, 1), OT_ERR_IO);  // commanded
+  EXPECT_EQ(ot_stop_stream_mode(dev_, 1), OT_OK);      // and not with flag 0
+  EXPECT_EQ(ot_start_stream_mode(dev_, 0, 0), OT_OK);
+  EXPECT_EQ(ot_close(dev_), OT_OK);
+  EXPECT_EQ(misuses(),
+            "ot_read_stream_bytes ot_set_stream_channel_mask ot_identify ot_stop_stream_mode "
+            "ot_close ");
+}
+
+TEST_F(DriverLibrary, ComplainsAtTheEndOfWhatWasNotGivenBack) {
+  const auto end = [this] {
+    set_up("");
+    ot_discovery_list* list = nullptr;
+    std::exit(ot_discover(&list) + ot_open(&dev_, "sim:0", 9600));
+  };
+  EXPECT_EXIT(end(), testing::ExitedWithCode(0), "");
+  EXPECT_TRUE(tests::read_file(scratch_.file("ledger"))
+                  .ends_with("misuse end: an instrument was not closed\n"
+                             "misuse end: a discovery list was not freed\nend misuses=2\n"));
 }
 
 TEST_F(DriverLibrary, ReportsALedgerThatCannotBeWrittenOnce) {
