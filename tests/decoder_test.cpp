@@ -1,7 +1,6 @@
-// Raw64 and delta32 records to timestamps, in chunks of any size.
+// Raw64 and delta32 records to timestamps.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <sstream>
 
@@ -12,25 +11,12 @@ namespace {
 
 using timing::Format;
 
-/// The tags, from chunks of several sizes, which must not matter.
 std::string decoded(Format format, const char* raw64_tag_format, const Bytes& bytes) {
   timing::StreamFileHeader header;
   header.stream_format = format;
   header.raw64_tag_format = raw64_tag_format;
-  timing::StreamDecoder whole(header);
-  const Tags tags = feed(whole, bytes);
-  for (const std::size_t chunk_bytes : {1U, 3U, 4U, 7U, 8U}) {
-    timing::StreamDecoder decoder(header);
-    Tags in_chunks;
-    for (std::span<const std::uint8_t> rest = bytes; !rest.empty();) {
-      const std::size_t count = std::min(chunk_bytes, rest.size());
-      const Tags some = feed(decoder, rest.first(count));
-      in_chunks.insert(in_chunks.end(), some.begin(), some.end());
-      rest = rest.subspan(count);
-    }
-    EXPECT_EQ(in_chunks, tags) << chunk_bytes;
-  }
-  return text_of(tags);
+  timing::StreamDecoder decoder(header);
+  return text_of(feed(decoder, bytes));
 }
 
 /// One record of a stream, written as its kind and up to three numbers: "d1,500".

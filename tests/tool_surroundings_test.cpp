@@ -91,13 +91,6 @@ TEST_F(ToolSurroundings, ClosedConsoleAndAReaderThatLeaves) {
   }
 }
 
-std::string local_stamp(std::time_t time) {
-  std::tm local = {};
-  localtime_r(&time, &local);
-  char text[32];
-  return {text, std::strftime(text, sizeof text, "%Y%m%d_%H%M%S", &local)};
-}
-
 TEST_F(ToolSurroundings, TimeZonesAndLocales) {
   for (const char* const zone : {"", "<+14>-14", "CET-1CEST", "Nowhere/At_All", "<a>-24:59:59"}) {
     SCOPED_TRACE(zone);

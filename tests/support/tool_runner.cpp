@@ -190,6 +190,13 @@ std::string names_in(const fs::path& directory) {
   return std::accumulate(names.begin(), names.end(), std::string());
 }
 
+std::string local_stamp(std::time_t time) {
+  std::tm local = {};
+  localtime_r(&time, &local);
+  char text[32];
+  return {text, std::strftime(text, sizeof text, "%Y%m%d_%H%M%S", &local)};
+}
+
 std::string calls_in(const std::string& ledger) {
   static const std::map<std::string, char> kLetters = {{"ot_discover", 'D'},
                                                        {"ot_discover_free", 'L'},

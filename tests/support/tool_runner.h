@@ -5,6 +5,7 @@
 
 #include <array>
 #include <cstdint>
+#include <ctime>
 #include <filesystem>
 #include <functional>
 #include <stdexcept>
@@ -89,6 +90,9 @@ auto undisturbed(const Attempt& attempt) {
 
 /// The names in `directory`, sorted, with a space after each.
 [[nodiscard]] std::string names_in(const std::filesystem::path& directory);
+
+/// The name of the directory of a run that starts at `time`.
+[[nodiscard]] std::string local_stamp(std::time_t time);
 
 /// The driver calls of a ledger, one letter each: Discover, List freed, Open, Identify, Frequency,
 /// Mask, Packed-delta, interface X, Start, Read (a row of them: one), sTop, stop with flag Zero,
