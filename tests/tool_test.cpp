@@ -261,5 +261,78 @@ TEST_F(Tool, NamesWhatItDidNotFind) {
   EXPECT_TRUE(run("fail=ot_identify:1:-2").out.ends_with("\nDevice: "));
 }
 
+TEST_F(Tool, NeedsNoConsole) {
+  const auto expect_results = [&](const ToolResult& result) {
+    EXPECT_EQ(result.status, 0) << result.err;
+    // The ledger is a file opened early: it would be the one to take in the console's text.
+    EXPECT_EQ(result.ledger.find("Output: "), std::string::npos);
+    EXPECT_EQ(wrong_recordings(run_dir_in(root()), result.ledger), "");
+    EXPECT_TRUE(read_file(root() / "latest_summary.txt").ends_with(" pass=true\n"));
+    fs::remove_all(root());
+  };
+  ToolCall call{.arguments = {"--min-tags-per-channel=0"}, .sim = kSim};
+  for (const char* const after : {"", "Device", "Capture 1"}) {  // its reader leaves
+    ToolProcess tool(here(), call);
+    tool.run_until([&] { return tool.out.find(after) != std::string::npos; });
+    tool.close_output();
+    expect_results(tool.finish());
+  }
+  call.environment = {"ORVO_PACKED_DEBUG=1"};  // with lines for standard error, too
+  for (const char* const closed : {"0", "1", "2", "01", "02", "12", "012"}) {
+    SCOPED_TRACE(closed);
+    call.closed = closed;
+    expect_results(ToolProcess(here(), call).finish());
+  }
+  call.arguments = {"--capture-s=0"};
+  EXPECT_EQ(ToolProcess(here(), call).finish().status, 64);
+}
+
+TEST_F(Tool, NamesItsRunByLocalTime) {
+  setenv("TZ", "<+14>-14", 1);  // of this process, and so of the tool's
+  tzset();
+  const std::time_t before = std::time(nullptr);
+  EXPECT_EQ(run("").status, 0);
+  const std::string stamp = run_dir_in(root()).filename().string();
+  EXPECT_TRUE(local_stamp(before) <= stamp && stamp <= local_stamp(std::time(nullptr))) << stamp;
+}
+
+// RUN is the run's directory, which is named by the second in which it starts.
+TEST_F(Tool, MeetsAFolderInThePlaceOfAFile) {
+  const std::string all = "DLOIFMPXFSRTC.";
+  const struct {
+    const char* folder;
+    std::string message, calls;  // no message: the run passes
+  } cases[] = {
+      {"fine_lut.bin", "", all},
+      {"out/latest.csv", "", all},
+      {"RUN/overflow_frequency_01.ortime", "StreamFileWriter: cannot open ", "DLOIFMPXFC."},
+      {"RUN/overflow_frequency.csv", "could not open overflow CSV output", all},
+      {"RUN/overflow_frequency.json", "could not open overflow JSON output", all},
+      {"RUN/overflow_frequency.summary.txt", "could not open text output", all},
+      {"out/latest.json/content", "could not publish ", all},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.folder);
+    const ToolResult tool = undisturbed([&] {
+      fs::remove_all(root());
+      const std::time_t last = std::time(nullptr) + 4;
+      for (std::time_t time = last - 4; time <= last; ++time) {
+        const std::string folder = c.folder;
+        const bool in_run = folder.starts_with("RUN");
+        fs::create_directories(in_run ? root() / local_stamp(time) / folder.substr(4)
+                                      : here() / folder);
+      }
+      const ToolResult result = run_tool(here(), {.sim = kSim});
+      const std::string last_run_dir = (root() / local_stamp(last)).string();
+      if (lines_with(result.out, "Output: ") > "Output: " + last_run_dir + '\n') throw Starved();
+      return result;
+    });
+    EXPECT_EQ(tool.status, c.message.empty() ? 0 : 1);
+    EXPECT_TRUE(c.message.empty() ? tool.err.empty() : tool.err.starts_with(c.message)) << tool.err;
+    EXPECT_EQ(tool.out.find("latest_summary=") != std::string::npos, c.message.empty());
+    EXPECT_EQ(calls_in(tool.ledger), c.calls);
+  }
+}
+
 }  // namespace
 }  // namespace orvo::tests
