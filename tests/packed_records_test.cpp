@@ -104,7 +104,7 @@ TEST(PackedRecords, FollowTheRules) {
   }
 }
 
-TEST(PackedRecords, EventsOfTheSearchAreLines) {
+TEST(PackedRecords, EventsAreLines) {
   using Kind = timing::LockEvent::Kind;
   timing::LockEvent event{.kind = Kind::locked,
                           .drop_bytes = 3,
@@ -123,6 +123,7 @@ TEST(PackedRecords, EventsOfTheSearchAreLines) {
       {Kind::rejected_alignment,
        "reject internal alignment drop_bytes=3 bit_offset=7 synced=2/3 "
        "min=5 max=11 total=16"},
+      {Kind::inactive_channel, "drop inactive ch=0 active_mask=0x7 record=0 records=40"},
       {Kind::imbalanced, "drop internal imbalanced lock min=5 max=11 total=16 records=40"}};
   for (const auto& [kind, line] : lines) {
     event.kind = kind;

@@ -46,8 +46,11 @@ std::vector<std::uint64_t> times_of(EventSource source, std::size_t count) {
 TEST(SimulatedEvents, AreLostExactlyAtAnyDistance) {
   constexpr unsigned kDivider = 30978261;  // 1 Hz
   const SourceConfig config = {Mode::internal, 1, kDivider, 0};
-  const std::vector<std::uint64_t> early =
-      times_of(EventSource(parse_settings("jitter_ps=0"), config), 3);
+  std::vector<std::uint64_t> early =
+      times_of(EventSource(parse_settings("jitter_ps=0"), config), 9);
+  EXPECT_EQ(times_of(EventSource(parse_settings("jitter_ps=0;lose=0:2@6,0:2@3"), config), 5),
+            (std::vector{early[0], early[1], early[2], early[5], early[8]}));
+  early.resize(3);
   const std::pair<const char*, std::uint64_t> cases[] = {
       {"0:9000000@3", 9'000'000},
       {"0:18500000@3", 18'500'000},  // 2^64 ps and half a day: never
