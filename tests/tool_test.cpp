@@ -118,6 +118,7 @@ TEST_F(Tool, JudgesEachChannel) {
       {"rate_error_ppm=2:40", {"--tolerance-ppm=25"}, 2, "201+ 201+ 201- 201+ "},
       {"rate_error_ppm=2:-24.9", {"--tolerance-ppm=25"}, 0, all},
       {"silent=1,3", {"--channel-mask=5"}, 0, "201+ 201+ "},
+      {"silent=1", {}, 2, "0- 0- 0- 0- "},  // all have to sync
       {"lose=1:3@100,3:7@150", {"--channel-mask=0xFB"}, 2, "201+ 198- 194- "},
       {"", {"--packed-bits=40"}, 0, all},  // the instrument takes 31
       {"", {"--min-tags-per-channel=202"}, 2, "201- 201- 201- 201- "},
