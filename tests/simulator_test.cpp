@@ -173,7 +173,8 @@ TEST_F(DriverLibrary, ServesAnInstrument) {
               expected == 0 ? OT_ERR_TIMEOUT : OT_OK);
     EXPECT_EQ(got, expected);
   }
-  EXPECT_EQ(ot_stop_stream_mode(dev_, 1), OT_OK);
+  EXPECT_EQ(ot_stop_stream_mode(dev_, 2), OT_ERR_ARGUMENT);
+  EXPECT_EQ(ot_stop_stream_mode(dev_, 0), OT_OK);
   EXPECT_EQ(ot_close(dev_), OT_OK);
   EXPECT_EQ(misuses(), "");
 }
