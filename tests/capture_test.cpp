@@ -173,10 +173,10 @@ TEST(CaptureQueue, PushAfterTheEndIsRefused) {
 
 // Two threads that come and go as they like: chunks and pauses of random sizes, the end or a
 // failure in any state of the queue. Worth most under the thread sanitizer. ORVO_STORM_SCENES:
-// default 500.
+// default 200.
 TEST(CaptureQueue, LosesNothingAndAlwaysEnds) {
   const char* const text = std::getenv("ORVO_STORM_SCENES");
-  const unsigned scenes = text != nullptr ? static_cast<unsigned>(std::atoi(text)) : 500;
+  const unsigned scenes = text != nullptr ? static_cast<unsigned>(std::atoi(text)) : 200;
   const auto byte_of = [](std::uint64_t number) { return static_cast<std::uint8_t>(number + 1); };
   const auto pause = [](std::mt19937& random) {
     if (random() % 16 == 0) std::this_thread::yield();
