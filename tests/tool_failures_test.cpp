@@ -1,9 +1,8 @@
 // The real tool when something fails: each call of the driver, and the disk at any byte.
 //
-// ORVO_EVERY_BYTE tries each size of files; without it a sample of about thirty is tried.
+// ORVO_EVERY_BYTE tries each size of small files; without it a sample of about thirty is tried.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <regex>
@@ -78,10 +77,12 @@ TEST(ToolFailures, AnyDriverCallEndsTheRunInGoodOrder) {
   }
 }
 
-std::vector<std::uint64_t> sizes_below(std::uint64_t end, std::uint64_t step) {
-  std::vector<std::uint64_t> sizes = {7, 8, 11, 12};
-  if (std::getenv("ORVO_EVERY_BYTE") != nullptr) step = 1;
-  for (std::uint64_t size = 0; size < end; size += step) sizes.push_back(size);
+/// Every so many, and with ORVO_EVERY_BYTE so many times closer.
+std::vector<std::uint64_t> sizes(std::uint64_t begin, std::uint64_t end, std::uint64_t step,
+                                 std::uint64_t closer) {
+  std::vector<std::uint64_t> sizes;
+  if (std::getenv("ORVO_EVERY_BYTE") != nullptr) step /= closer;
+  for (std::uint64_t size = begin; size < end; size += step) sizes.push_back(size);
   return sizes;
 }
 
@@ -94,7 +95,9 @@ TEST(ToolFailures, FullDiskAtAnyByteOfASmallRecordingAndItsReports) {
     const std::string file = run_dir_in(directory.file("out")) / "overflow_frequency_01.ortime";
     return fs::file_size(file) - payload_of(file).size();
   }();
-  for (const std::uint64_t size : sizes_below(2300, 97)) {
+  std::vector<std::uint64_t> limits = sizes(0, 2300, 97, 97);
+  limits.insert(limits.end(), {7, 8, 11, 12, header_bytes - 1, header_bytes});
+  for (const std::uint64_t size : limits) {
     SCOPED_TRACE(size);
     const ScratchDirectory directory;
     ToolCall limited = call;
@@ -127,8 +130,7 @@ TEST(ToolFailures, FullDiskAtAnyByteOfASmallRecordingAndItsReports) {
 
 // A chunk is written at once, so that none fails in silence; the capture would last for minutes.
 TEST(ToolFailures, FullDiskAtAnyChunkOfALargeRecording) {
-  for (const std::uint64_t size : sizes_below(3'500'000, 499'999)) {
-    if (size < 4000) continue;
+  for (const std::uint64_t size : sizes(4000, 3'500'000, 499'999, 10)) {
     SCOPED_TRACE(size);
     const ScratchDirectory directory;
     ToolCall call = call_with("pace=bytes:1000000000000", "1000");
