@@ -194,7 +194,7 @@ TEST_F(Tool, WaitsForAStartOfTheSameSecond) {
       others.push_back(std::make_unique<verification::DirectoryLock>(root() / local_stamp(second)));
     }
     ToolProcess tool(here(), {.arguments = {"--min-tags-per-channel=0"}, .sim = kSim});
-    EXPECT_TRUE(tool.run_until([&] { return tool.has_open(root()); }));
+    EXPECT_TRUE(tool.run_until([&] { return tool.open_files(root()) == 1; }));
     EXPECT_EQ(tool.ledger, "");
     interrupted ? tool.signal(SIGTERM) : others.clear();
     tool.finish();

@@ -141,12 +141,13 @@ bool ToolProcess::catches(int number) const {
   return (signals("SigCgt:\t") >> (number - 1) & 1) != 0;
 }
 
-bool ToolProcess::has_open(const fs::path& root) const {
+std::size_t ToolProcess::open_files(const fs::path& root) const {
+  std::size_t count = 0;
   std::error_code ended;
   for (const auto& file : fs::directory_iterator("/proc/" + std::to_string(tool_) + "/fd", ended)) {
-    if (fs::read_symlink(file, ended).string().starts_with(root.string())) return true;
+    if (fs::read_symlink(file, ended).string().starts_with(root.string())) ++count;
   }
-  return false;
+  return count;
 }
 
 void ToolProcess::signal(int number) {

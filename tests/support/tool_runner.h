@@ -46,7 +46,8 @@ class ToolProcess : public ToolResult {
   const ToolResult& finish();  ///< runs it to its end
 
   [[nodiscard]] bool catches(int number) const;  ///< whether the signal has a handler
-  [[nodiscard]] bool has_open(const std::filesystem::path& root) const;  ///< or a file below it
+  /// Files and folders below `root`; those of the test until the tool runs.
+  [[nodiscard]] std::size_t open_files(const std::filesystem::path& root) const;
   /// Returns when the main thread has taken it, because signals of a kind do not queue.
   void signal(int number);
   void close_output() { close_pipe(kOut); }  ///< as a reader of it that goes away
