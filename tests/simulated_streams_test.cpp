@@ -127,7 +127,7 @@ TEST(SimulatedStream, DecodesExactlyForDaysInTheSameMemory) {
                             .settings = "external_hz=30,10,5,2"});
   }
   std::cout << events << " events, +" << max_rss_kib() - before_kib << " KiB\n";
-  EXPECT_LT(max_rss_kib() - before_kib, 2048);
+  EXPECT_LT(max_rss_kib() - before_kib, 4096);  // room for a sanitizer
 }
 
 constexpr std::size_t kChunkBytes = 256;  // of the packed recordings below each has all syncs
