@@ -98,8 +98,9 @@ TEST(SimulatedStream, DamageAndNoiseAreExact) {
   for (const std::size_t at : {0U, 90U}) expected[at] = static_cast<std::uint8_t>(~expected[at]);
   expected.erase(expected.begin() + 70);
   EXPECT_EQ(bytes_of("pace=bytes:4999;damage=drop@70,flip@90,flip@0,flip@70"), expected);
-  const Bytes noisy = bytes_of("pace=bytes:5008;noise_bytes=9;damage=drop@9");
-  EXPECT_TRUE(std::equal(noisy.begin() + 9, noisy.end(), clean.begin() + 1, clean.end()));
+  const Bytes noisy = bytes_of("pace=bytes:5009;noise_bytes=9;damage=flip@9");
+  EXPECT_EQ(noisy[9], static_cast<std::uint8_t>(~clean[0]));
+  EXPECT_TRUE(std::equal(noisy.begin() + 10, noisy.end(), clean.begin() + 1, clean.end()));
 }
 
 TEST(SimulatorSettings, BadOnesAreNamed) {
