@@ -161,6 +161,11 @@ TEST_F(Reports, FailuresNameTheOutput) {
   const auto publish = [&](const fs::path& root) {
     return tests::error_of([&] { publish_latest(root, dir_ / "new", dir_ / "missing", ""); });
   };
+  EXPECT_EQ(tests::error_of([&] { write_csv(dir_, {}); }),
+            "could not open overflow CSV output [-2]");
+  EXPECT_EQ(tests::error_of([&] { write_json_report(dir_, config_, {}, true); }),
+            "could not open overflow JSON output [-2]");
+  EXPECT_EQ(tests::error_of([&] { write_text_file(dir_, ""); }), "could not open text output [-2]");
   EXPECT_EQ(publish("/dev/null/x"),
             "could not create output root /dev/null/x: Not a directory [-2]");
   write("latest.json", "old");

@@ -297,43 +297,5 @@ TEST_F(Tool, NamesItsRunByLocalTime) {
   EXPECT_TRUE(local_stamp(before) <= stamp && stamp <= local_stamp(std::time(nullptr))) << stamp;
 }
 
-// RUN is the run's directory, which is named by the second in which it starts.
-TEST_F(Tool, MeetsAFolderInThePlaceOfAFile) {
-  const std::string all = "DLOIFMPXFSRTC.";
-  const struct {
-    const char* folder;
-    std::string message, calls;  // no message: the run passes
-  } cases[] = {
-      {"fine_lut.bin", "", all},
-      {"out/latest.csv", "", all},
-      {"RUN/overflow_frequency_01.ortime", "StreamFileWriter: cannot open ", "DLOIFMPXFC."},
-      {"RUN/overflow_frequency.csv", "could not open overflow CSV output", all},
-      {"RUN/overflow_frequency.json", "could not open overflow JSON output", all},
-      {"RUN/overflow_frequency.summary.txt", "could not open text output", all},
-      {"out/latest.json/content", "could not publish ", all},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.folder);
-    const ToolResult tool = undisturbed([&] {
-      fs::remove_all(root());
-      const std::time_t last = std::time(nullptr) + 4;
-      for (std::time_t time = last - 4; time <= last; ++time) {
-        const std::string folder = c.folder;
-        const bool in_run = folder.starts_with("RUN");
-        fs::create_directories(in_run ? root() / local_stamp(time) / folder.substr(4)
-                                      : here() / folder);
-      }
-      const ToolResult result = run_tool(here(), {.sim = kSim});
-      const std::string last_run_dir = (root() / local_stamp(last)).string();
-      if (lines_with(result.out, "Output: ") > "Output: " + last_run_dir + '\n') throw Starved();
-      return result;
-    });
-    EXPECT_EQ(tool.status, c.message.empty() ? 0 : 1);
-    EXPECT_TRUE(c.message.empty() ? tool.err.empty() : tool.err.starts_with(c.message)) << tool.err;
-    EXPECT_EQ(tool.out.find("latest_summary=") != std::string::npos, c.message.empty());
-    EXPECT_EQ(calls_in(tool.ledger), c.calls);
-  }
-}
-
 }  // namespace
 }  // namespace orvo::tests
