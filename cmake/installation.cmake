@@ -2,6 +2,7 @@
 # the prefix can be chosen when installing and moved later.
 include(CMakePackageConfigHelpers)
 
+set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME tools)
 set(package_dir "${CMAKE_INSTALL_LIBDIR}/cmake/orvo_timing")
 set(man_dir "${CMAKE_INSTALL_MANDIR}/man1")
 # Not a folder that a loader or a linker searches: the simulated instrument answers only when asked.
@@ -15,13 +16,11 @@ if(TARGET ortime)
   install(FILES docs/man/ortime.1 DESTINATION "${man_dir}")
 endif()
 
-# The Python module, where Debian's Python looks for what packages bring; only when it is asked for,
-# with --component python.
+# The Python module, where Debian's Python looks for what packages bring.
 if(TARGET orvo_python)
   set(python_dir "lib/python3/dist-packages/orvo_timing")
-  install(TARGETS orvo_python LIBRARY DESTINATION "${python_dir}"
-          COMPONENT python EXCLUDE_FROM_ALL)
-  install(FILES ${orvo_python_files} DESTINATION "${python_dir}" COMPONENT python EXCLUDE_FROM_ALL)
+  install(TARGETS orvo_python LIBRARY DESTINATION "${python_dir}" COMPONENT python)
+  install(FILES ${orvo_python_files} DESTINATION "${python_dir}" COMPONENT python)
 endif()
 
 # The settings, as they are in the source tree.

@@ -1,7 +1,5 @@
 # Run by CPack on the staged installation: adds what Debian's policy asks of a package, and
 # compresses what it wants compressed.
-set(root "${CPACK_TEMPORARY_INSTALL_DIRECTORY}/usr")
-set(doc_dir "${root}/share/doc/${CPACK_PACKAGE_NAME}")
 set(debian_version "${CPACK_PACKAGE_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE}")
 
 function(add file destination)
@@ -17,25 +15,33 @@ function(run)
   set(run_output "${output}" PARENT_SCOPE)
 endfunction()
 
-add("${CPACK_ORVO_PACKAGING_DIR}/copyright" "${doc_dir}/copyright")
-add("${CPACK_ORVO_PACKAGING_DIR}/lintian-overrides"
-    "${root}/share/lintian/overrides/${CPACK_PACKAGE_NAME}")
-add("${CPACK_ORVO_CHANGELOG}" "${doc_dir}/changelog")
-
-# The package's own history: the release, on the day that the changelog gives it.
+# The packages' own history: the release, on the day that the changelog gives it.
 file(READ "${CPACK_ORVO_CHANGELOG}" changelog)
 string(REPLACE "." "[.]" version_pattern "${CPACK_PACKAGE_VERSION}")
 if(NOT changelog MATCHES "## \\[${version_pattern}\\] - ([0-9]+-[0-9]+-[0-9]+)")
   message(FATAL_ERROR "CHANGELOG.md has no dated entry for ${CPACK_PACKAGE_VERSION}")
 endif()
 run(date -u -R -d ${CMAKE_MATCH_1})
-file(WRITE "${doc_dir}/changelog.Debian"
-"${CPACK_PACKAGE_NAME} (${debian_version}) unstable; urgency=medium
+set(date "${run_output}")
+
+foreach(component ${CPACK_COMPONENTS_ALL})
+  string(TOUPPER "${component}" upper)
+  set(package "${CPACK_DEBIAN_${upper}_PACKAGE_NAME}")
+  set(root "${CPACK_TEMPORARY_INSTALL_DIRECTORY}/${component}/usr")
+  set(doc_dir "${root}/share/doc/${package}")
+  add("${CPACK_ORVO_PACKAGING_DIR}/copyright" "${doc_dir}/copyright")
+  add("${CPACK_ORVO_CHANGELOG}" "${doc_dir}/changelog")
+  file(WRITE "${doc_dir}/changelog.Debian"
+"${package} (${debian_version}) unstable; urgency=medium
 
   * Release ${CPACK_PACKAGE_VERSION}; what changed is in changelog.gz.
 
- -- ${CPACK_PACKAGE_CONTACT}  ${run_output}
+ -- ${CPACK_PACKAGE_CONTACT}  ${date}
 ")
-
-file(GLOB pages "${root}/share/man/man1/*.1")
-run(gzip -9 -n -f ${pages} "${doc_dir}/changelog" "${doc_dir}/changelog.Debian")
+  # The package is built from its own sources and not meant for Debian's archive: no request for it
+  # exists there that it could close.
+  file(WRITE "${root}/share/lintian/overrides/${package}"
+       "${package}: initial-upload-closes-no-bugs\n")
+  file(GLOB pages "${root}/share/man/man1/*.1")
+  run(gzip -9 -n -f ${pages} "${doc_dir}/changelog" "${doc_dir}/changelog.Debian")
+endforeach()
