@@ -3,21 +3,67 @@
 
 project_dir=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
-# need_packages PACKAGE...: installs missing Debian packages as root, else names the command.
+build_packages=(cmake ninja-build g++)
+inspection_packages=(libcli11-dev libfmt-dev libkainjow-mustache-dev nlohmann-json3-dev)
+python_packages=(pybind11-dev python3-dev python3-numpy)
+test_packages=("${build_packages[@]}" "${inspection_packages[@]}" "${python_packages[@]}" libgtest-dev)
+
+# includes HEADER: whether the compiler finds it, or a prefix that CMake is told to search has it.
+includes() {
+  local prefix prefixes flags=()
+  IFS=:\; read -r -a prefixes <<<"${CMAKE_PREFIX_PATH-}"
+  for prefix in "${prefixes[@]}"; do flags+=("-I$prefix/include"); done
+  printf '#if !__has_include(<%s>)\n#error\n#endif\n' "$1" |
+    "${CXX:-c++}" "${flags[@]}" -E -x c++ - -o /dev/null
+}
+
+# python CODE: runs it in the Python that the module is built for.
+python() {
+  if [ -x /usr/bin/python3 ]; then /usr/bin/python3 -c "$1"; else python3 -c "$1"; fi
+}
+
+# found PACKAGE: whether what that Debian package brings is there, wherever it comes from.
+found() {
+  case $1 in
+    cmake | clang-tidy | file) command -v "$1" ;;
+    ninja-build) command -v ninja ;;
+    g++) command -v "${CXX:-c++}" ;;
+    clang) command -v clang++ ;;
+    libclang-rt-*-dev) echo 'int main() {}' | clang++ -fsanitize=address -x c++ - -o /dev/null ;;
+    dpkg-dev) command -v dpkg-shlibdeps ;;
+    libbenchmark-dev) includes benchmark/benchmark.h ;;
+    libcli11-dev) includes CLI/CLI.hpp ;;
+    libfmt-dev) includes fmt/format.h ;;
+    libgtest-dev) includes gtest/gtest.h ;;
+    libkainjow-mustache-dev) includes kainjow/mustache.hpp ;;
+    nlohmann-json3-dev) includes nlohmann/json.hpp ;;
+    pybind11-dev) includes pybind11/pybind11.h ;;
+    python3-dev) python 'import os, sysconfig; os.stat(sysconfig.get_path("include") + "/Python.h")' ;;
+    python3-numpy) python 'import numpy' ;;
+    *) return 1 ;;
+  esac >/dev/null 2>&1
+}
+
+# need_packages PACKAGE...: installs as root what is not found, else names the command that does.
 need_packages() {
   local missing=() package
   for package in "$@"; do
-    dpkg-query -W -f '${Status}' "$package" 2>/dev/null | grep -q '^install ok installed$' ||
-      missing+=("$package")
+    found "$package" || missing+=("$package")
   done
   [ ${#missing[@]} -eq 0 ] && return
-  if [ "$(id -u)" -ne 0 ]; then
-    echo "Missing packages. As root: apt-get update && apt-get install -y ${missing[*]}" >&2
+  if [ "$(id -u)" -ne 0 ] || ! command -v apt-get >/dev/null; then
+    echo "Missing. On Debian, as root: apt-get update && apt-get install -y ${missing[*]}" >&2
     exit 1
   fi
-  echo "Installing: ${missing[*]}" >&2
+  echo "Missing; installing: ${missing[*]}" >&2
   { apt-get update -q && DEBIAN_FRONTEND=noninteractive apt-get install -q -y --no-install-recommends \
-      "${missing[@]}"; } >&2 </dev/null || exit 1
+      -o DPkg::Lock::Timeout=60 "${missing[@]}"; } >&2 </dev/null || exit 1
+}
+
+# need_sanitizers: clang with the libraries of its sanitizers, of whatever version it is.
+need_sanitizers() {
+  need_packages clang
+  need_packages "libclang-rt-$(clang++ -dumpversion | cut -d . -f 1)-dev"
 }
 
 # usable_build_dir DIR: ends with a sentence where DIR cannot be a build folder of this checkout.
@@ -51,8 +97,3 @@ build() {
   fi
   rm -f "$log"
 }
-
-build_packages=(cmake ninja-build g++)
-inspection_packages=(libcli11-dev libfmt-dev libkainjow-mustache-dev nlohmann-json3-dev)
-python_packages=(pybind11-dev python3-dev python3-numpy)
-test_packages=("${build_packages[@]}" "${inspection_packages[@]}" "${python_packages[@]}" libgtest-dev)
