@@ -17,6 +17,7 @@ import numpy as np
 import orvo_timing as ot
 
 BIN = pathlib.Path(os.environ["ORVO_BIN"])
+os.environ.pop("LD_PRELOAD", None)  # the programs have a sanitizer's runtime of their own
 
 
 def record(folder, sim):
