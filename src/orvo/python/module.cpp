@@ -11,8 +11,8 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstddef>
 #include <filesystem>
+#include <iterator>
 #include <optional>
 #include <string>
 #include <utility>
@@ -30,10 +30,19 @@ namespace {
 using timing::LockEvent;
 using timing::TimeTag;
 
-/// `value` of the argument `name`; throws ValueError unless it lies between the limits.
-std::uint64_t checked(const char* name, const py::int_& value, std::uint64_t least,
+constexpr std::uint64_t kMost = INT64_MAX;  // of what is counted
+constexpr int kBlockTags = 1 << 16;         // by default
+
+/// `value` of the argument `name`; throws TypeError unless it is an integer, NumPy's included, and
+/// ValueError unless it lies between the limits.
+std::uint64_t checked(const char* name, const py::object& value, std::uint64_t least,
                       std::uint64_t most) {
-  const auto number = PyLong_AsUnsignedLongLong(value.ptr());
+  const auto integer = py::reinterpret_steal<py::object>(PyNumber_Index(value.ptr()));
+  if (!integer) {
+    PyErr_Clear();
+    throw py::type_error(std::string(name) + " must be an integer");
+  }
+  const auto number = PyLong_AsUnsignedLongLong(integer.ptr());
   if (PyErr_Occurred() != nullptr || number < least || number > most) {
     PyErr_Clear();
     throw py::value_error(std::string(name) + " must be " + std::to_string(least) + " to " +
@@ -58,23 +67,11 @@ auto without_lock(const Work& work) {
   }
 }
 
-/// As TimeTag lies in memory, so that a block of tags is copied as a whole.
-py::dtype tag_dtype() {
-  static_assert(sizeof(TimeTag) == 16 && offsetof(TimeTag, channel) == 0 &&
-                offsetof(TimeTag, time_ps) == 8);
-  py::list names;
-  py::list formats;
-  py::list offsets;
-  names.append("channel"), formats.append("u1"), offsets.append(0);
-  names.append("time_ps"), formats.append("i8"), offsets.append(8);
-  return {std::move(names), std::move(formats), std::move(offsets), sizeof(TimeTag)};
-}
-
-/// The array owns the tags.
+/// The array owns the tags. They lie in it as in memory: see PYBIND11_NUMPY_DTYPE below.
 py::array array_of(std::vector<TimeTag>&& tags) {
   auto* const owned = new std::vector<TimeTag>(std::move(tags));
   const py::capsule owner(owned, [](void* p) { delete static_cast<std::vector<TimeTag>*>(p); });
-  return {tag_dtype(), {owned->size()}, {sizeof(TimeTag)}, owned->data(), owner};
+  return py::array_t<TimeTag>(std::ssize(*owned), owned->data(), owner);
 }
 
 /// Opens `path` as Python does, so that what is missing or forbidden is an OSError of its own kind.
@@ -138,7 +135,7 @@ class Blocks {
 
 class Recording {
  public:
-  Recording(const std::filesystem::path& path, const py::int_& chunk_bytes)
+  Recording(const std::filesystem::path& path, const py::object& chunk_bytes)
       : path_(path), chunk_bytes_(checked("chunk_bytes", chunk_bytes, 1, kMost)) {
     require_readable(path_);
     timing::StreamFileReader reader;
@@ -149,7 +146,7 @@ class Recording {
   [[nodiscard]] std::filesystem::path path() const { return path_; }
   [[nodiscard]] const timing::StreamFileHeader& header() const { return header_; }
 
-  [[nodiscard]] Blocks blocks(const py::int_& max_tags) const {
+  [[nodiscard]] Blocks blocks(const py::object& max_tags) const {
     return {opened_path(), checked("max_tags", max_tags, 1, kMost), chunk_bytes_};
   }
 
@@ -184,8 +181,6 @@ class Recording {
   }
 
  private:
-  static constexpr std::uint64_t kMost = INT64_MAX;
-
   [[nodiscard]] const std::string& opened_path() const {
     if (closed_) {
       throw py::value_error("the recording is closed");
@@ -200,21 +195,21 @@ class Recording {
   bool closed_ = false;
 };
 
-py::dict judge(const std::filesystem::path& path, const py::int_& divider,
-               const std::optional<py::int_>& channel_mask, double tolerance_ppm,
-               const py::int_& min_tags_per_channel, const py::int_& chunk_bytes) {
+py::dict judge(const std::filesystem::path& path, const py::object& divider,
+               const py::object& channel_mask, double tolerance_ppm,
+               const py::object& min_tags_per_channel, const py::object& chunk_bytes) {
+  using namespace py::literals;
   if (!(tolerance_ppm >= 0)) {
     throw py::value_error("tolerance_ppm must be 0 or more");
   }
-  const auto bytes = checked("chunk_bytes", chunk_bytes, 1, INT64_MAX);
+  const auto bytes = checked("chunk_bytes", chunk_bytes, 1, kMost);
   timing::StreamFileReader reader = open_recording(path);
   verification::EvaluationSettings settings = verification::settings_of(reader.header());
   settings.tolerance_ppm = tolerance_ppm;
-  settings.min_tags_per_channel =
-      checked("min_tags_per_channel", min_tags_per_channel, 0, UINT64_MAX);
-  if (channel_mask) {
+  settings.min_tags_per_channel = checked("min_tags_per_channel", min_tags_per_channel, 0, kMost);
+  if (!channel_mask.is_none()) {
     settings.channel_mask =
-        static_cast<std::uint8_t>(checked("channel_mask", *channel_mask, 0, 255));
+        static_cast<std::uint8_t>(checked("channel_mask", channel_mask, 0, UINT8_MAX));
   }
   const auto rates = verification::derive_rates(
       static_cast<std::uint32_t>(checked("divider", divider, 1, UINT32_MAX)), settings);
@@ -225,12 +220,10 @@ py::dict judge(const std::filesystem::path& path, const py::int_& divider,
   });
   py::list channels;
   for (const verification::ChannelResult& channel : result.channels) {
-    using namespace py::literals;
     channels.append(py::dict("count"_a = channel.count, "first_ps"_a = channel.first_ps,
                              "last_ps"_a = channel.last_ps, "measured_hz"_a = channel.measured_hz,
                              "ppm_error"_a = channel.ppm_error, "passed"_a = channel.pass));
   }
-  using namespace py::literals;
   return py::dict("passed"_a = result.pass, "divider"_a = result.divider,
                   "effective_hz"_a = result.effective_hz,
                   "expected_decoded_hz"_a = result.expected_decoded_hz,
@@ -240,14 +233,17 @@ py::dict judge(const std::filesystem::path& path, const py::int_& divider,
 
 void define_header(py::module_& module) {
   using Header = timing::StreamFileHeader;
-  py::enum_<timing::Format>(module, "Format", "Record format of a recording's payload.")
+  py::enum_<timing::Format>(module, "Format",
+                            "Record format of a payload: RAW64, DELTA32 or PACKED_DELTA.")
       .value("RAW64", timing::Format::raw64)
       .value("DELTA32", timing::Format::delta32)
       .value("PACKED_DELTA", timing::Format::packed_delta);
-  py::enum_<timing::Mode>(module, "Mode", "Source of the events.")
-      .value("INTERNAL", timing::Mode::internal, "the calibration source")
-      .value("EXTERNAL", timing::Mode::external, "the inputs");
-  py::enum_<timing::Transport>(module, "Transport", "How the bytes came to the host.")
+  py::enum_<timing::Mode>(module, "Mode",
+                          "Source of the events: INTERNAL, which is calibration, or EXTERNAL.")
+      .value("INTERNAL", timing::Mode::internal)
+      .value("EXTERNAL", timing::Mode::external);
+  py::enum_<timing::Transport>(module, "Transport",
+                               "How the bytes came to the host: UART, USB or USB_ASYNC.")
       .value("UART", timing::Transport::uart)
       .value("USB", timing::Transport::usb)
       .value("USB_ASYNC", timing::Transport::usb_async);
@@ -262,15 +258,18 @@ void define_header(py::module_& module) {
                     "packed-delta ticks, in ps: the largest power of two in it")
       .def_readonly("raw64_tag_format", &Header::raw64_tag_format, "'ps' or 'raw_cf'")
       .def_readonly("created_utc", &Header::created_utc, "time of the capture, ISO 8601")
-      .def_readonly("application", &Header::application)
-      .def_readonly("device_product", &Header::device_product)
-      .def_readonly("device_serial", &Header::device_serial)
-      .def_readonly("device_port", &Header::device_port);
+      .def_readonly("application", &Header::application, "program that recorded")
+      .def_readonly("device_product", &Header::device_product, "as the instrument says")
+      .def_readonly("device_serial", &Header::device_serial, "as the instrument says")
+      .def_readonly("device_port", &Header::device_port, "where it was attached");
 }
 
 void define_lock_events(py::module_& module) {
   using Kind = LockEvent::Kind;
-  py::enum_<Kind>(module, "LockKind", "What happened to the lock: taken, not found, or dropped.")
+  py::enum_<Kind>(module, "LockKind", R"(What happened to the lock.
+
+LOCKED: taken. NO_ALIGNMENT, REJECTED_ALIGNMENT: not found. The others: dropped, because the records
+show damage.)")
       .value("LOCKED", Kind::locked)
       .value("NO_ALIGNMENT", Kind::no_alignment)
       .value("REJECTED_ALIGNMENT", Kind::rejected_alignment)
@@ -327,7 +326,7 @@ over a recording is iterating over blocks().
 
 Raises FileNotFoundError or another OSError where the file cannot be opened, FormatError where it is
 no recording, Error where it cannot be read.)")
-      .def(py::init<const std::filesystem::path&, const py::int_&>(), py::arg("path"),
+      .def(py::init<const std::filesystem::path&, const py::object&>(), py::arg("path"),
            py::arg("chunk_bytes") = 1 << 20)
       .def_property_readonly("path", &Recording::path, "pathlib.Path: as it was given.")
       .def_property_readonly("header", &Recording::header, py::return_value_policy::copy,
@@ -337,7 +336,7 @@ no recording, Error where it cannot be read.)")
 dtype: channel (uint8, 0 to 3) and time_ps (int64, picoseconds since the clock's start, continued
 where the clock wraps), in decoding order: ascending within a channel apart from steps back of at
 most 1 us. Takes 16 bytes of memory a timestamp.)")
-      .def("blocks", &Recording::blocks, py::arg("max_tags") = 1 << 16,
+      .def("blocks", &Recording::blocks, py::arg("max_tags") = kBlockTags,
            R"(Iterates over arrays like that of tags(), in memory that does not grow.
 
 max_tags: length of each array, 1 or more; only the last one may be shorter.)")
@@ -347,7 +346,8 @@ max_tags: length of each array, 1 or more; only the last one may be shorter.)")
 Decodes the whole recording the first time.)")
       .def("close", &Recording::close,
            "Ends the use of the recording: decoding it is a ValueError.")
-      .def("__iter__", [](const Recording& recording) { return recording.blocks(1 << 16); })
+      .def("__iter__",
+           [](const Recording& recording) { return recording.blocks(py::int_(kBlockTags)); })
       .def("__enter__", [](py::object self) { return self; })
       .def("__exit__", [](Recording& recording, const py::args&) { recording.close(); })
       .def("__repr__", &Recording::repr);
@@ -383,6 +383,9 @@ void define_errors(py::module_& module) {
 
 PYBIND11_MODULE(_native, module) {
   using namespace orvo::python;
+  py::options options;
+  options.disable_enum_members_docstring();  // which help() would not show
+  PYBIND11_NUMPY_DTYPE(TimeTag, channel, time_ps);
   define_errors(module);
   define_header(module);
   define_lock_events(module);

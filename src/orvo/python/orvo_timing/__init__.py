@@ -17,6 +17,7 @@ import dataclasses
 import json
 import os
 import pathlib
+from typing import Any
 
 from . import _native
 from ._native import (
@@ -31,51 +32,64 @@ for _public in (Format, Header, LockEvent, LockKind, Mode, Recording, Transport)
 
 @dataclasses.dataclass(frozen=True)
 class ChannelResult:
-    """What a recording, or a report about it, says of one channel."""
+    """What a recording, or a report about it, says of one channel.
 
-    count: int  #: decoded timestamps
-    first_ps: int  #: smallest timestamp; 0 below two timestamps, like the next
-    last_ps: int  #: largest timestamp
-    measured_hz: float  #: 0 where it cannot be measured
-    ppm_error: float  #: of measured_hz against the expected rate; 0 without one
+    count: decoded timestamps. first_ps, last_ps: the smallest and the largest of them, in ps; 0 below
+    two. measured_hz: their rate; 0 where there is none. ppm_error: of measured_hz against the
+    expected rate; 0 where there is none. passed: whether count and ppm_error are good enough.
+    """
+
+    count: int
+    first_ps: int
+    last_ps: int
+    measured_hz: float
+    ppm_error: float
     passed: bool
 
 
 @dataclasses.dataclass(frozen=True)
 class RunResult:
-    """The verdict on one recording: of judge(), or as a report has it."""
+    """The verdict on one recording: of judge(), or as a report has it.
+
+    divider, effective_hz: of the calibration source, and the rate that it generates with it.
+    expected_decoded_hz: the same rate in the instrument's own time. overflow_required: one record
+    cannot carry the expected period. decoded_tags: of all channels. channels: by channel number.
+
+    requested_hz: 0 where no report says it. recording: None where the file is missing, or of judge().
+    """
 
     passed: bool
-    divider: int  #: of the calibration source
-    effective_hz: float  #: rate that the calibration source generates
-    expected_decoded_hz: float  #: the same in the instrument's own time
-    overflow_required: bool  #: one record cannot carry the expected period
-    decoded_tags: int  #: of all channels
-    channels: tuple  #: four ChannelResult, by channel number
-    requested_hz: float = 0.0  #: 0 where no report says it
-    recording: Recording | None = None  #: None where the file is missing, or of judge()
+    divider: int
+    effective_hz: float
+    expected_decoded_hz: float
+    overflow_required: bool
+    decoded_tags: int
+    channels: tuple[ChannelResult, ChannelResult, ChannelResult, ChannelResult]
+    requested_hz: float = 0.0
+    recording: Recording | None = None
 
 
 @dataclasses.dataclass(frozen=True)
 class Verification:
-    """A run directory: its report and its recordings."""
+    """A run directory: its path, its whole JSON report, and a RunResult for each frequency."""
 
-    path: pathlib.Path  #: the directory
+    path: pathlib.Path
     passed: bool
-    report: dict  #: the whole JSON report
-    runs: tuple  #: RunResult, in the order of the frequencies
+    report: dict[str, Any]
+    runs: tuple[RunResult, ...]
 
 
-def judge(path, divider, *, channel_mask=None, tolerance_ppm=25.0, min_tags_per_channel=64,
-          chunk_bytes=1 << 20):
+def judge(path: str | os.PathLike[str], divider: int, *, channel_mask: int | None = None,
+          tolerance_ppm: float = 25.0, min_tags_per_channel: int = 64,
+          chunk_bytes: int = 1 << 20) -> RunResult:
     """Judges a recording of the calibration source as the verification tool does.
 
-    path: str or os.PathLike. divider: of the calibration source, 1 to 2^32 - 1, as the report of the
-    run has it. channel_mask: bit c for channel c, 0 for all four; None: the recording's own.
-    tolerance_ppm: largest accepted rate error, 0 or more. min_tags_per_channel: fewest timestamps
-    that pass. chunk_bytes: as for Recording.
+    divider: of the calibration source, 1 to 2^32 - 1, as the report of the run has it. channel_mask:
+    bit c for channel c, 0 for all four; None: the recording's own. tolerance_ppm: largest accepted
+    rate error, 0 or more. min_tags_per_channel: fewest timestamps that pass. chunk_bytes: as for
+    Recording.
 
-    Returns a RunResult. Raises what Recording raises, and ValueError, which names the argument.
+    Raises what Recording raises, and ValueError or TypeError, which names the argument.
     """
     result = _native.judge(path, divider, channel_mask, tolerance_ppm, min_tags_per_channel,
                            chunk_bytes)
@@ -83,12 +97,12 @@ def judge(path, divider, *, channel_mask=None, tolerance_ppm=25.0, min_tags_per_
     return RunResult(channels=channels, **result)
 
 
-def load_run(path):
+def load_run(path: str | os.PathLike[str]) -> Verification:
     """Reads a run directory of the verification tool, or the JSON report in it.
 
     A recording is looked for in that directory first, then where the report says it was made.
 
-    Returns a Verification. Raises OSError where there is no report, FormatError where it is none.
+    Raises OSError where there is no report, FormatError where it is none.
     """
     report_path = pathlib.Path(path)
     if report_path.is_dir():
@@ -102,13 +116,14 @@ def load_run(path):
 
 
 def _run_result(run, directory):
-    names = {field.name for field in dataclasses.fields(ChannelResult)}
-    channels = tuple(
-        ChannelResult(passed=c["pass"], **{name: c[name] for name in names - {"passed"}})
-        for c in run["channels"])
     recorded = pathlib.Path(run["stream_file"])
     found = [file for file in (directory / recorded.name, recorded) if file.is_file()]
-    return RunResult(
-        passed=run["pass"], channels=channels, recording=Recording(found[0]) if found else None,
-        **{name: run[name] for name in ("divider", "effective_hz", "expected_decoded_hz",
-                                        "overflow_required", "decoded_tags", "requested_hz")})
+    return _from_report(
+        RunResult, run, channels=tuple(_from_report(ChannelResult, c) for c in run["channels"]),
+        recording=Recording(found[0]) if found else None)
+
+
+def _from_report(result, values, **others):
+    """A result whose fields are `values` of a report, which has them under the same names."""
+    names = {field.name for field in dataclasses.fields(result)} - {"passed", *others}
+    return result(passed=values["pass"], **{name: values[name] for name in names}, **others)
