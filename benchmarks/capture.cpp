@@ -4,7 +4,9 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <stdexcept>
 
 #include "orvo/timing/device/device.h"
@@ -60,12 +62,26 @@ double regrowing_seconds(const std::string& path, std::uint64_t total_bytes,
 Figures measure_full_reads() {
   // A larger file would measure how the system finds memory for it. So that the queue's memory is
   // small in comparison, the queue is short; an instrument does not fill a long one either.
-  constexpr std::uint64_t kTotalBytes = 256 << 20;
+  constexpr std::uint64_t kTotalBytes = 128 << 20;
   constexpr std::uint64_t kQueueChunks = 8;
+  constexpr int kRounds = 3;  // by turns; the first one warms up
   const tests::ScratchDirectory directory;
-  return {{"write loop", write_loop_seconds(directory.file("plain"), kTotalBytes)},
-          {"capture",
-           capture_seconds(directory.file("captured"), kTotalBytes, kChunkBytes, kQueueChunks)}};
+  Figures best = {{"write loop", HUGE_VAL}, {"capture", HUGE_VAL}};
+  for (int round = 0; round < kRounds; ++round) {
+    const Figures figures = {
+        {"write loop", write_loop_seconds(directory.file("plain"), kTotalBytes)},
+        {"capture",
+         capture_seconds(directory.file("captured"), kTotalBytes, kChunkBytes, kQueueChunks)}};
+    for (auto& [figure, seconds] : best) {
+      if (round > 0) seconds = std::min(seconds, figures.at(figure));
+    }
+  }
+  if (best["capture"] < best["write loop"]) {
+    throw std::runtime_error(
+        "a plain write loop took longer than a capture, which does the same and more: the machine "
+        "is too busy to measure");
+  }
+  return best;
 }
 
 /// Two ways to handle chunks, so without what the system takes for a file.

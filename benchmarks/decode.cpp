@@ -88,9 +88,13 @@ double read_seconds(const PackedStream& stream) {
   return seconds / (kRecordsPerChunk * kChunks);
 }
 
-Figures measure(StreamKind kind) {
+/// Of each record.
+Figures measure(StreamKind kind, double hz) {
   const PackedStream& stream = packed_stream(kind);
   Figures figures;
+  figures["timestamps"] = static_cast<double>(stream.tags_per_chunk) / kRecordsPerChunk;
+  figures["bytes"] = kChunkBytes / kRecordsPerChunk;
+  figures["timestamps_hz"] = 4 * hz;
   figures["store"] = store_seconds(stream);
   figures["read"] = read_seconds(stream);
   for (const std::string& kernel : kernels()) {
@@ -105,6 +109,7 @@ struct Stream {
   StreamKind kind;
   std::string benchmark;
   std::string name;
+  double hz;             // of each channel
   double portable_goal;  // times the cost of storing, like the next
   double wide_goal;
 };
@@ -113,19 +118,20 @@ struct Stream {
 
 void add_decoding(Table& table) {
   const std::vector<Stream> streams = {
-      {StreamKind::khz100, "decode/a", "(a) 4 x 100 kHz", 3.9, 2},
-      {StreamKind::mhz1, "decode/b", "(b) 4 x 1 MHz", 3.9, 2},
-      {StreamKind::mhz2, "decode/c", "(c) 4 x 2 MHz", 2.5, 1.3},
+      {StreamKind::khz100, "decode/a", "(a) 4 x 100 kHz", 1e5, 3.9, 2},
+      {StreamKind::mhz1, "decode/b", "(b) 4 x 1 MHz", 1e6, 3.9, 2},
+      {StreamKind::mhz2, "decode/c", "(c) 4 x 2 MHz", 2e6, 2.5, 1.3},
   };
   // About 3 and about 6 times, with the twentieth by which a machine differs from itself.
   constexpr double kPortableSpeedup = 2.85;
   constexpr double kWideSpeedup = 5.7;
   constexpr double kIrregularSpeedup = 3;
   for (const Stream& stream : streams) {
-    add_benchmark(stream.benchmark, [kind = stream.kind] { return measure(kind); });
+    add_benchmark(stream.benchmark, [stream] { return measure(stream.kind, stream.hz); });
     for (const std::string& kernel : kernels()) {
       const bool portable = kernel == "portable";
       const std::string what = "decode " + stream.name + ", " + kernel;
+      table.add(Speed{what + ", in memory", stream.benchmark, kernel});
       table.add(Row{what + ": cost",
                     "storing the tags",
                     {{stream.benchmark, kernel, "store"}},
@@ -144,7 +150,7 @@ void add_decoding(Table& table) {
     table.add(
         Absolute{"storing the tags " + stream.name, stream.benchmark, "store", 1e9, "ns/record"});
   }
-  add_benchmark("decode/d", [] { return measure(StreamKind::irregular); });
+  add_benchmark("decode/d", [] { return measure(StreamKind::irregular, 0); });
   for (const std::string& kernel : kernels()) {
     table.add(Row{"decode (d) irregular order, " + kernel + ": speed",
                   "plain decoder",

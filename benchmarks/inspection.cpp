@@ -38,17 +38,14 @@ Figures measure_commands() {
   static const tests::ScratchDirectory directory;
   static const std::string file = directory.file("overflow_frequency_01.ortime");
   if (!std::filesystem::exists(file)) {
-    timing::StreamFileHeader header;
-    header.mode = timing::Mode::internal;
-    timing::StreamFileWriter writer;
-    writer.open(file, header);
-    const std::vector<std::uint8_t> payload = captured_bytes(kHz, kSeconds);
-    writer.write(payload.data(), payload.size());
+    write_recording(file, captured_bytes(kHz, kSeconds));
   }
   const auto decode = [] {
     timing::StreamFileReader reader;
     reader.open(file);
-    reader.for_each_batch(kChunkBytes, [](std::span<const timing::TimeTag>) {});
+    std::size_t tags = 0;
+    reader.for_each_batch(kChunkBytes, [&tags](auto batch) { tags += batch.size(); });
+    return tags;
   };
   inspection::TagsOptions tags;
   tags.path = file;
@@ -60,15 +57,19 @@ Figures measure_commands() {
   inspection::ReportOptions report;
   report.path = directory.path();
   report.output = directory.file("page.html");
-  const auto seconds_of_command = [](const auto& command) {
-    return processor_seconds_of(RUSAGE_SELF, [&] { silently(command); });
+  Figures figures = {{"timestamps", static_cast<double>(decode())},
+                     {"bytes", static_cast<double>(std::filesystem::file_size(file))},
+                     {"timestamps_hz", 4 * kHz}};
+  const auto measure = [&figures](const std::string& name, const auto& action) {
+    figures[name + " elapsed"] =
+        seconds_of([&] { figures[name] = processor_seconds_of(RUSAGE_SELF, action); });
   };
-  decode();
-  return {{"decode", processor_seconds_of(RUSAGE_SELF, decode)},
-          {"verify", seconds_of_command([&] { return inspection::verify(verify); })},
-          {"info", seconds_of_command([] { return inspection::info({.paths = {file}}); })},
-          {"report", seconds_of_command([&] { return inspection::report(report); })},
-          {"tags", seconds_of_command([&] { return inspection::tags(tags); })}};
+  measure("decode", decode);
+  measure("verify", [&] { silently([&] { return inspection::verify(verify); }); });
+  measure("info", [&] { silently([] { return inspection::info({.paths = {file}}); }); });
+  measure("report", [&] { silently([&] { return inspection::report(report); }); });
+  measure("tags", [&] { silently([&] { return inspection::tags(tags); }); });
+  return figures;
 }
 
 }  // namespace
@@ -79,13 +80,18 @@ void add_inspection(Table& table) {
   constexpr double kReport = 3;
   constexpr double kTags = 2;
   add_benchmark("ortime", measure_commands);
-  const auto add = [&](const char* what, const char* figure, double limit) {
-    table.add(Row{what, "decoding", {{"ortime", figure, "decode"}}, at_most(limit)});
+  table.add(Speed{"read a recording, 4 x 100 kHz", "ortime", "decode elapsed"});
+  const auto add = [&](const std::string& command, const std::string& figure, double limit) {
+    table.add(Speed{"ortime " + command + ", 4 x 100 kHz", "ortime", figure + " elapsed"});
+    table.add(Row{"ortime " + command + ", 4 x 100 kHz: processor time",
+                  "decoding",
+                  {{"ortime", figure, "decode"}},
+                  at_most(limit)});
   };
-  add("ortime verify, 4 x 100 kHz: processor time", "verify", kVerify);
-  add("ortime info, 4 x 100 kHz: processor time", "info", kInfo);
-  add("ortime report, 4 x 100 kHz: processor time", "report", kReport);
-  add("ortime tags to NumPy, 4 x 100 kHz: processor time", "tags", kTags);
+  add("verify", "verify", kVerify);
+  add("info", "info", kInfo);
+  add("report", "report", kReport);
+  add("tags to NumPy", "tags", kTags);
 }
 
 }  // namespace orvo::benchmarks

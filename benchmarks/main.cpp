@@ -1,6 +1,6 @@
-// Prints one table of ratios, each measured inside this one run, and below it the yardsticks on
-// this machine. Flags are those of Google Benchmark; without any, seven repetitions of each
-// benchmark run in random order.
+// Prints a table of speeds and one of ratios, measured inside this one run, and below them the
+// yardsticks on this machine. Flags are those of Google Benchmark; without any, seven repetitions
+// of each benchmark run in random order.
 
 #include <benchmark/benchmark.h>
 
@@ -28,6 +28,7 @@ int main(int argc, char** argv) {
   add_lock_search(table);
   add_read_back(table);
   add_inspection(table);
+  add_python(table);
   add_capture(table);
   add_instrument_and_tool(table);
 

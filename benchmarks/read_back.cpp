@@ -18,14 +18,6 @@ constexpr double kCaptureSeconds = 0.35;  // of each frequency in a default run,
 constexpr double kFrequenciesHz[] = {1000, 10000, 100000};
 constexpr std::uint64_t kReadBytes = 1 << 20;
 
-void write_stream_file(const std::string& path, std::span<const std::uint8_t> payload) {
-  timing::StreamFileHeader header;
-  header.mode = timing::Mode::internal;
-  timing::StreamFileWriter writer;
-  writer.open(path, header);
-  writer.write(payload.data(), payload.size());
-}
-
 void read_back(const std::string& path) {
   if (verification::read_tag_statistics(path, kReadBytes).tags() == 0) {
     throw std::logic_error("a recording has no tags");
@@ -39,7 +31,7 @@ Figures measure_default_run() {
   if (paths.empty()) {
     for (const double hz : kFrequenciesHz) {
       paths.push_back(directory.file("run_" + std::to_string(paths.size())));
-      write_stream_file(paths.back(), captured_bytes(hz, kCaptureSeconds));
+      write_recording(paths.back(), captured_bytes(hz, kCaptureSeconds));
     }
   }
   const auto read_all = [] {
@@ -70,8 +62,8 @@ double peak_growth_kilobytes(const std::string& path) {
 Figures measure_memory() {
   const tests::ScratchDirectory directory;
   const std::span<const std::uint8_t> payload = packed_stream(StreamKind::mhz1).bytes;
-  write_stream_file(directory.file("short"), payload.first(payload.size() / 8));
-  write_stream_file(directory.file("long"), payload);
+  write_recording(directory.file("short"), payload.first(payload.size() / 8));
+  write_recording(directory.file("long"), payload);
   return {{"short", peak_growth_kilobytes(directory.file("short"))},
           {"long", peak_growth_kilobytes(directory.file("long"))}};
 }

@@ -8,6 +8,7 @@
 #include "kernels.h"
 #include "orvo/simulator/stream.h"
 #include "orvo/timing/big_endian.h"
+#include "orvo/timing/stream_files.h"
 
 namespace orvo::benchmarks {
 namespace {
@@ -174,6 +175,14 @@ std::vector<std::uint8_t> captured_bytes(double hz, double seconds) {
   simulator::StreamConfig config;
   config.source.divider = divider_of(hz);
   return generate(settings, config, SIZE_MAX / 4);
+}
+
+void write_recording(const std::string& path, std::span<const std::uint8_t> payload) {
+  timing::StreamFileHeader header;
+  header.mode = timing::Mode::internal;
+  timing::StreamFileWriter writer;
+  writer.open(path, header);
+  writer.write(payload.data(), payload.size());
 }
 
 }  // namespace orvo::benchmarks

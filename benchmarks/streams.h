@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <span>
+#include <string>
 #include <vector>
 
 #include "orvo/timing/stream_header.h"
@@ -47,5 +48,8 @@ enum class StreamKind {
 
 /// The payload that a capture of `seconds` at 4 x `hz` leaves, from the middle of a record on.
 [[nodiscard]] std::vector<std::uint8_t> captured_bytes(double hz, double seconds);
+
+/// Writes a stream file of internal mode.
+void write_recording(const std::string& path, std::span<const std::uint8_t> payload);
 
 }  // namespace orvo::benchmarks

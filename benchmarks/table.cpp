@@ -59,6 +59,21 @@ std::string with_unit(double value, Unit unit) {
   return unit == Unit::percent ? number(100 * value) + " %" : number(value) + " x";
 }
 
+void print_speed(std::ostream& out, const Speed& speed, const std::vector<Figures>& repetitions) {
+  const auto [fastest, slowest] = std::minmax_element(
+      repetitions.begin(), repetitions.end(), [&](const Figures& one, const Figures& other) {
+        return one.at(speed.figure) < other.at(speed.figure);
+      });
+  const auto per_second = [&](const Figures& figures, const char* of) {
+    return figures.at(of) / figures.at(speed.figure);
+  };
+  constexpr double kMillion = 1e6;
+  out << "| " << speed.what << " | " << number(per_second(*fastest, "timestamps") / kMillion)
+      << " | " << number(per_second(*slowest, "timestamps") / kMillion) << " | "
+      << number(per_second(*fastest, "bytes") / kMillion) << " | "
+      << number(per_second(*fastest, "timestamps") / fastest->at("timestamps_hz")) << " |\n";
+}
+
 void print_row(std::ostream& out, const Row& row, const Value& value) {
   out << "| " << row.what;
   if (row.ratios.size() > 1) out << " (" << value.benchmark << ')';
@@ -82,7 +97,13 @@ void print_row(std::ostream& out, const Row& row, const Value& value) {
 }  // namespace
 
 void Table::print(std::ostream& out, const Results& results) const {
-  out << "| what | relative to | ratio | range | goal | met |\n|---|---|---|---|---|---|\n";
+  out << "| what | million timestamps/s | slowest repetition | MB/s | times real time |\n"
+      << "|---|---|---|---|---|\n";
+  for (const Speed& speed : speeds_) {
+    const auto found = results.find(speed.benchmark);
+    if (found != results.end() && !found->second.empty()) print_speed(out, speed, found->second);
+  }
+  out << "\n| what | relative to | ratio | range | goal | met |\n|---|---|---|---|---|---|\n";
   for (const Row& row : rows_) {
     if (const std::optional<Value> value = worst_of(row, results)) print_row(out, row, *value);
   }

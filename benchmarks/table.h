@@ -1,4 +1,4 @@
-// The ratios by which speed is reported, each with its goal.
+// What speed is reported by: speeds as a user sees them, and ratios, each with its goal.
 #pragma once
 
 #include <ostream>
@@ -9,6 +9,14 @@
 #include "results.h"
 
 namespace orvo::benchmarks {
+
+/// How fast something is. Its benchmark says what the seconds of `figure` are for: "timestamps" and
+/// "bytes"; "timestamps_hz" is how many a second of real time has.
+struct Speed {
+  std::string what;
+  std::string benchmark;
+  std::string figure;
+};
 
 /// Two figures of one benchmark. Without a denominator the numerator is a ratio already.
 struct Ratio {
@@ -47,14 +55,16 @@ struct Absolute {
 
 class Table {
  public:
+  void add(Speed speed) { speeds_.push_back(std::move(speed)); }
   void add(Row row) { rows_.push_back(std::move(row)); }
   void add(Absolute absolute) { absolutes_.push_back(std::move(absolute)); }
 
-  /// Ratios of the best of all repetitions, with the range over the single repetitions. Rows
+  /// Speeds and ratios of the best of all repetitions, with the range over the single ones. Rows
   /// without results are left out.
   void print(std::ostream& out, const Results& results) const;
 
  private:
+  std::vector<Speed> speeds_;
   std::vector<Row> rows_;
   std::vector<Absolute> absolutes_;
 };

@@ -11,6 +11,7 @@ void add_unsynced_channels(Table& table);
 void add_lock_search(Table& table);
 void add_read_back(Table& table);
 void add_inspection(Table& table);
+void add_python(Table& table);
 void add_capture(Table& table);
 void add_instrument_and_tool(Table& table);
 
