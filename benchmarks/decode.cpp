@@ -2,7 +2,6 @@
 // plain decoder.
 
 #include <array>
-#include <numeric>
 #include <stdexcept>
 
 #include "kernels.h"
@@ -75,19 +74,6 @@ double store_seconds(const PackedStream& stream) {
   return seconds / (kRecordsPerChunk * kChunks);
 }
 
-/// Seconds a record for reading the payload and doing next to nothing with it.
-double read_seconds(const PackedStream& stream) {
-  std::uint64_t sum = 0;
-  const double seconds = seconds_of([&] {
-    for (std::size_t k = 0; k < kChunks; ++k) {
-      const auto chunk = stream.chunk(k);
-      sum = std::accumulate(chunk.begin(), chunk.end(), sum);
-    }
-  });
-  benchmark::DoNotOptimize(sum);
-  return seconds / (kRecordsPerChunk * kChunks);
-}
-
 /// Of each record.
 Figures measure(StreamKind kind, double hz) {
   const PackedStream& stream = packed_stream(kind);
@@ -96,7 +82,6 @@ Figures measure(StreamKind kind, double hz) {
   figures["bytes"] = kChunkBytes / kRecordsPerChunk;
   figures["timestamps_hz"] = 4 * hz;
   figures["store"] = store_seconds(stream);
-  figures["read"] = read_seconds(stream);
   for (const std::string& kernel : kernels()) {
     figures[kernel] = decode_seconds(*make_decoder(stream.header, kernel), stream, kChunks);
   }
@@ -141,10 +126,6 @@ void add_decoding(Table& table) {
                     {{stream.benchmark, "plain", kernel}},
                     at_least(portable ? kPortableSpeedup : kWideSpeedup)});
     }
-    table.add(Row{"reading the payload " + stream.name + ": cost",
-                  "storing the tags",
-                  {{stream.benchmark, "read", "store"}},
-                  {}});
     table.add(
         Absolute{"plain decoder " + stream.name, stream.benchmark, "plain", 1e9, "ns/record"});
     table.add(

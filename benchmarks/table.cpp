@@ -79,19 +79,10 @@ void print_row(std::ostream& out, const Row& row, const Value& value) {
   if (row.ratios.size() > 1) out << " (" << value.benchmark << ')';
   out << " | " << row.against << " | " << with_unit(value.best, row.unit) << " | "
       << with_unit(value.min, row.unit) << " .. " << with_unit(value.max, row.unit) << " | ";
-  switch (row.goal.kind) {
-    case Goal::Kind::none:
-      out << "| |\n";
-      return;
-    case Goal::Kind::at_most:
-      out << "<= " << with_unit(row.goal.limit, row.unit)
-          << (value.best <= row.goal.limit ? " | yes |\n" : " | NO |\n");
-      return;
-    case Goal::Kind::at_least:
-      out << ">= " << with_unit(row.goal.limit, row.unit)
-          << (value.best >= row.goal.limit ? " | yes |\n" : " | NO |\n");
-      return;
-  }
+  const bool at_most = row.goal.kind == Goal::Kind::at_most;
+  const bool met = at_most ? value.best <= row.goal.limit : value.best >= row.goal.limit;
+  out << (at_most ? "<= " : ">= ") << with_unit(row.goal.limit, row.unit)
+      << (met ? " | yes |\n" : " | NO |\n");
 }
 
 }  // namespace

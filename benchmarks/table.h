@@ -26,9 +26,9 @@ struct Ratio {
 };
 
 struct Goal {
-  enum class Kind { none, at_most, at_least };
-  Kind kind = Kind::none;
-  double limit = 0;
+  enum class Kind { at_most, at_least };
+  Kind kind;
+  double limit;
 };
 
 [[nodiscard]] inline Goal at_most(double limit) { return {Goal::Kind::at_most, limit}; }
