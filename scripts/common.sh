@@ -3,6 +3,8 @@
 
 project_dir=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
+read -r -a compiler <<<"${CXX:-c++}"  # with options, as CMake takes it
+
 build_packages=(cmake ninja-build g++)
 inspection_packages=(libcli11-dev libfmt-dev libkainjow-mustache-dev nlohmann-json3-dev)
 python_packages=(pybind11-dev python3-dev python3-numpy)
@@ -14,7 +16,7 @@ includes() {
   IFS=:\; read -r -a prefixes <<<"${CMAKE_PREFIX_PATH-}"
   for prefix in "${prefixes[@]}"; do flags+=("-I$prefix/include"); done
   printf '#if !__has_include(<%s>)\n#error\n#endif\n' "$1" |
-    "${CXX:-c++}" "${flags[@]}" -E -x c++ - -o /dev/null
+    "${compiler[@]}" "${flags[@]}" -E -x c++ - -o /dev/null
 }
 
 # python CODE: runs it in the Python that the module is built for.
@@ -27,7 +29,7 @@ found() {
   case $1 in
     cmake | clang-tidy | file) command -v "$1" ;;
     ninja-build) command -v ninja ;;
-    g++) command -v "${CXX:-c++}" ;;
+    g++) command -v "${compiler[0]}" ;;
     clang) command -v clang++ ;;
     libclang-rt-*-dev) echo 'int main() {}' | clang++ -fsanitize=address -x c++ - -o /dev/null ;;
     dpkg-dev) command -v dpkg-shlibdeps ;;
