@@ -102,7 +102,7 @@ TEST(Intervals, AnyTimesAreCountedOnce) {
     plain.add(tags);
   }
   analysis.finish();
-  EXPECT_LE(analysis.columns().size(), 8'192U);
+  EXPECT_LE(analysis.columns().size(), 2'048U);
   std::uint64_t tags = 0;
   for (const auto& [index, column] : analysis.columns()) {
     tags += column.tags;

@@ -10,7 +10,7 @@ namespace {
 
 using verification::kChannels;
 
-constexpr std::size_t kMaxColumns = 8192;
+constexpr std::size_t kMaxColumns = 2048;
 /// An interval of this many expected ones has lost an event rather than jittered.
 constexpr double kGapPeriods = 1.5;
 
@@ -154,31 +154,44 @@ void IntervalAnalysis::open(CountWindow& window, std::int64_t middle_ps, std::in
 }
 
 void IntervalAnalysis::add(std::span<const timing::TimeTag> tags) {
+  if (column_ == nullptr && !tags.empty()) {
+    enter_column(tags.front().time_ps);
+  }
   const unsigned tick_shift = settings_.tick_shift;
   const std::size_t reference = settings_.reference;
   std::uint64_t reference_ps = reference_ps_;
+  // Looked up, where multiplying would take longer.
+  Lane* const lanes[kChannels] = {&lanes_[0], &lanes_[1], &lanes_[2], &lanes_[3]};
   for (const timing::TimeTag& tag : tags) {
     const std::size_t channel = tag.channel % kChannels;
-    Lane& lane = lanes_[channel];
+    Lane* const lane = lanes[channel];
     const auto time_ps = static_cast<std::uint64_t>(tag.time_ps);
-    if (tag.time_ps < column_begin_ps_ || tag.time_ps > column_last_ps_) {
+    if (time_ps - column_begin_ps_ > column_reach_ps_) {
       enter_column(tag.time_ps);
     }
-    if (!count_in(lane.intervals, time_ps - lane.previous_ps, tick_shift)) {
+    if (!count_in(lane->intervals, time_ps - lane->previous_ps, tick_shift)) {
       add_unusual(channel, tag.time_ps);
     }
-    lane.previous_ps = time_ps;
+    lane->previous_ps = time_ps;
     if (channel == reference) {
       reference_ps = time_ps;
-      meet_waiting(time_ps);
-    } else if (reference < kChannels &&
-               !count_in(lane.skew_window, time_ps - reference_ps, tick_shift) &&
-               !(lanes_[reference].tags.count != 0 && pair(lane, time_ps, reference_ps))) {
-      lane.waiting_ps = time_ps;
-      any_waits_ = lane.waits = true;
+      if (any_waits_) {
+        meet_waiting(time_ps);
+      }
+    } else if (!count_in(lane->skew_window, time_ps - reference_ps, tick_shift)) {
+      add_far(*lane, time_ps, reference_ps);
     }
   }
   reference_ps_ = reference_ps;
+}
+
+/// An event whose skew is not one of those that occur most, or that waits for its partner.
+void IntervalAnalysis::add_far(Lane& lane, std::uint64_t time_ps, std::uint64_t reference_ps) {
+  if (settings_.reference < kChannels &&
+      !(lanes_[settings_.reference].tags.count != 0 && pair(lane, time_ps, reference_ps))) {
+    lane.waiting_ps = time_ps;
+    any_waits_ = lane.waits = true;
+  }
 }
 
 void IntervalAnalysis::finish() {
@@ -215,8 +228,8 @@ void IntervalAnalysis::enter_column(std::int64_t time_ps) {
     ++column_shift_;
   }
   column_ = &columns_.at(time_ps >> column_shift_);
-  column_begin_ps_ = time_ps >> column_shift_ << column_shift_;
-  column_last_ps_ = column_begin_ps_ + (column_ps() - 1);
+  column_begin_ps_ = static_cast<std::uint64_t>(time_ps >> column_shift_ << column_shift_);
+  column_reach_ps_ = static_cast<std::uint64_t>(column_ps() - 1);
 }
 
 void IntervalAnalysis::leave_column() {
@@ -288,11 +301,10 @@ void IntervalAnalysis::account(std::size_t channel, std::uint64_t interval_ps, s
 }
 
 void IntervalAnalysis::meet_waiting(std::uint64_t reference_ps) {
-  if (std::exchange(any_waits_, false)) {
-    for (Lane& lane : lanes_) {
-      if (std::exchange(lane.waits, false)) {
-        (void)pair(lane, lane.waiting_ps, reference_ps);
-      }
+  any_waits_ = false;
+  for (Lane& lane : lanes_) {
+    if (std::exchange(lane.waits, false)) {
+      (void)pair(lane, lane.waiting_ps, reference_ps);
     }
   }
 }

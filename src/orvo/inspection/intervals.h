@@ -50,7 +50,7 @@ class ValueCounts {
 
 /// Counters for the values that occur most, a tick apart.
 struct CountWindow {
-  static constexpr std::uint64_t kSlots = 256;
+  static constexpr std::uint64_t kSlots = 128;
 
   std::uint64_t start_ps = 0;
   std::uint64_t slots = 0;  // used
@@ -118,7 +118,7 @@ class IntervalAnalysis {
   /// Of each event from the nearest one of the reference, later ones positive; events without one
   /// within half an expected interval do not count.
   [[nodiscard]] std::vector<Bin> skews(std::size_t channel) const;
-  /// Those that hold tags, at most 8,192.
+  /// Those that hold tags, at most 2,048.
   [[nodiscard]] const Columns& columns() const noexcept { return columns_; }
   [[nodiscard]] std::int64_t column_ps() const noexcept { return std::int64_t{1} << column_shift_; }
 
@@ -146,6 +146,7 @@ class IntervalAnalysis {
   void add_unusual(std::size_t channel, std::int64_t time_ps);
   void account(std::size_t channel, std::uint64_t interval_ps, std::uint64_t count,
                std::int64_t time_ps);
+  void add_far(Lane& lane, std::uint64_t time_ps, std::uint64_t reference_ps);
   void meet_waiting(std::uint64_t reference_ps);
   /// Counts the skew of an event, if it is near this one of the reference.
   [[nodiscard]] bool pair(Lane& lane, std::uint64_t time_ps, std::uint64_t reference_ps);
@@ -155,10 +156,10 @@ class IntervalAnalysis {
   std::uint64_t reference_ps_ = 0;
   bool any_waits_ = false;
   Columns columns_;
-  unsigned column_shift_ = 20;        // about a microsecond: no finer than any chart
-  std::int64_t column_begin_ps_ = 1;  // of the present column, there is none yet
-  std::int64_t column_last_ps_ = 0;
-  Column* column_ = nullptr;
+  unsigned column_shift_ = 20;  // about a microsecond: no finer than any chart
+  Column* column_ = nullptr;    // the present one
+  std::uint64_t column_begin_ps_ = 0;
+  std::uint64_t column_reach_ps_ = 0;  // from its begin to its last time
 };
 
 }  // namespace orvo::inspection
