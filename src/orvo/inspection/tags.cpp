@@ -6,12 +6,9 @@
 #include <algorithm>
 #include <bit>
 #include <cstring>
-#include <future>
-#include <iostream>
-#include <iterator>
 #include <span>
 #include <string>
-#include <utility>
+#include <string_view>
 #include <vector>
 
 #include "orvo/inspection/exit_status.h"
@@ -25,28 +22,22 @@ namespace {
 
 using timing::TimeTag;
 
-constexpr std::size_t kBlockBytes = 2 << 20;  // smaller, and waiting for each other takes time
-constexpr std::size_t kMaxLineBytes = 32;     // the longest has 25: channel 255, 20 digits
+constexpr std::size_t kMaxLineBytes = 32;  // the longest has 25: channel 255, 20 digits
 constexpr std::size_t kNpyRecordBytes = 9;
+static_assert(kNpyRecordBytes <= kMaxLineBytes);
 
-char* put_csv(char* out, std::span<const TimeTag> tags) {
-  for (const TimeTag& tag : tags) {
-    out = fmt::format_to(out, FMT_COMPILE("{},{}\n"), tag.channel, tag.time_ps);
-  }
-  return out;
+char* put_csv(char* out, const TimeTag& tag) {
+  return fmt::format_to(out, FMT_COMPILE("{},{}\n"), tag.channel, tag.time_ps);
 }
 
-char* put_npy(char* out, std::span<const TimeTag> tags) {
-  for (const TimeTag& tag : tags) {
-    auto time_ps = static_cast<std::uint64_t>(tag.time_ps);
-    if constexpr (std::endian::native == std::endian::big) {
-      time_ps = __builtin_bswap64(time_ps);
-    }
-    *out = static_cast<char>(tag.channel);
-    std::memcpy(out + 1, &time_ps, sizeof time_ps);
-    out += kNpyRecordBytes;
+char* put_npy(char* out, const TimeTag& tag) {
+  auto time_ps = static_cast<std::uint64_t>(tag.time_ps);
+  if constexpr (std::endian::native == std::endian::big) {
+    time_ps = __builtin_bswap64(time_ps);
   }
-  return out;
+  *out = static_cast<char>(tag.channel);
+  std::memcpy(out + 1, &time_ps, sizeof time_ps);
+  return out + kNpyRecordBytes;
 }
 
 /// Front of a NumPy file, version 1.0. Of the same size, a multiple of 64, for any number of tags,
@@ -60,82 +51,30 @@ std::string npy_header(std::uint64_t tags) {
                   tags));
 }
 
-/// Tags as bytes in large blocks, one of which is written while the next fills.
-class TagWriter {
- public:
-  /// Writes to `output`, which must outlive this. `npy` needs an output that can seek.
-  TagWriter(TagFormat format, OutputFile& output)
-      : format_(format), output_(output), block_(kBlockBytes), full_(kBlockBytes) {
-    if (format == TagFormat::npy && !output.can_seek()) {
-      throw timing::Error(OT_ERR_ARGUMENT,
-                          output.name() +
-                              " cannot be written as npy, whose front holds the "
-                              "number of tags: name a regular file, or choose csv");
-    }
-    const std::string front = format == TagFormat::npy ? npy_header(0) : "channel,time_ps\n";
-    used_ = front.copy(block_.data(), front.size());
-  }
-
-  void write(std::span<const TimeTag> tags) {
-    tags_ += tags.size();
-    const std::size_t tag_bytes = format_ == TagFormat::npy ? kNpyRecordBytes : kMaxLineBytes;
-    while (!tags.empty()) {
-      if (block_.size() - used_ < tag_bytes) {
-        next_block();
-      }
-      const std::size_t count = std::min(tags.size(), (block_.size() - used_) / tag_bytes);
-      char* const begin = block_.data() + used_;
-      char* const end = format_ == TagFormat::npy ? put_npy(begin, tags.first(count))
-                                                  : put_csv(begin, tags.first(count));
-      used_ += static_cast<std::size_t>(end - begin);
-      tags = tags.subspan(count);
-    }
-  }
-
-  /// Writes what is buffered and what depends on the number of tags; to be called once, last.
-  void finish() {
-    next_block();
-    writing_.get();
-    if (format_ == TagFormat::npy) {
-      output_.write_front(npy_header(tags_));
-    }
-  }
-
- private:
-  void next_block() {
-    if (writing_.valid()) {
-      writing_.get();
-    }
-    block_.swap(full_);
-    writing_ = std::async(std::launch::async, [this, bytes = std::exchange(used_, 0)] {
-      output_.write(std::span(full_).first(bytes));
-    });
-  }
-
-  TagFormat format_;
-  OutputFile& output_;
-  std::uint64_t tags_ = 0;
-  std::vector<char> block_;
-  std::size_t used_ = 0;  // of the block
-  std::vector<char> full_;
-  std::future<void> writing_;  // last: uses the block that is full
-};
-
-void copy_tags(StreamInput& input, const TagsOptions& options, TagWriter& writer) {
+/// Writes each tag that is wanted as `put` puts it; returns their number.
+template <typename Put>
+std::uint64_t copy_tags(StreamInput& input, const TagsOptions& options, OutputFile& output,
+                        const Put& put) {
   const bool all = options.channel_mask == 0x0F && !options.from_ps && !options.to_ps;
   const auto wanted = [&](const TimeTag& tag) {
     return (options.channel_mask >> tag.channel & 1) != 0 &&
            (!options.from_ps || tag.time_ps >= *options.from_ps) &&
            (!options.to_ps || tag.time_ps < *options.to_ps);
   };
-  std::vector<TimeTag> kept;
+  std::uint64_t count = 0;
+  std::vector<char> bytes;
   input.read(options.chunk_bytes, [&](std::span<const TimeTag> tags) {
-    if (!all) {
-      kept.clear();
-      std::copy_if(tags.begin(), tags.end(), std::back_inserter(kept), wanted);
+    bytes.resize(std::max(bytes.size(), tags.size() * kMaxLineBytes));
+    char* end = bytes.data();
+    for (const TimeTag& tag : tags) {
+      if (all || wanted(tag)) {
+        end = put(end, tag);
+        ++count;
+      }
     }
-    writer.write(all ? tags : kept);
+    output.write({bytes.data(), end});
   });
+  return count;
 }
 
 /// The stream file that is meant.
@@ -163,10 +102,19 @@ int tags(const TagsOptions& options) {
   input.require_decodable();
   print_warning(input);
   OutputFile output(options.output, {recording == "-" ? "/dev/stdin" : recording});
-  TagWriter writer(options.format, output);
   input.shows_progress = !output.is_terminal();
-  copy_tags(input, options, writer);
-  writer.finish();
+  if (options.format == TagFormat::csv) {
+    output.write(std::string_view("channel,time_ps\n"));
+    (void)copy_tags(input, options, output, put_csv);
+  } else if (output.can_seek()) {
+    output.write(npy_header(0));
+    output.write_front(npy_header(copy_tags(input, options, output, put_npy)));
+  } else {
+    throw timing::Error(OT_ERR_ARGUMENT,
+                        output.name() +
+                            " cannot be written as npy, whose front holds the number of tags: "
+                            "name a regular file, or choose csv");
+  }
   output.publish();
   return kExitSuccess;
 }

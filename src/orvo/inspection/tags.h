@@ -1,5 +1,5 @@
 // `ortime tags`: the timestamps of a stream file, in a form that other programs read.
-// Threads: one of its own, which writes. Errors: timing::Error.
+// Threads: none of its own. Errors: timing::Error.
 #pragma once
 
 #include <cstdint>
