@@ -7,10 +7,7 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "orvo/inspection/info.h"
-#include "orvo/inspection/report/report.h"
-#include "orvo/inspection/tags.h"
-#include "orvo/inspection/verify.h"
+#include "orvo/inspection/commands.h"
 #include "orvo/timing/stream_files.h"
 #include "streams.h"
 #include "support/scratch.h"
@@ -65,10 +62,12 @@ Figures measure_commands() {
         seconds_of([&] { figures[name] = processor_seconds_of(RUSAGE_SELF, action); });
   };
   measure("decode", decode);
-  measure("verify", [&] { silently([&] { return inspection::verify(verify); }); });
-  measure("info", [&] { silently([] { return inspection::info({.paths = {file}}); }); });
-  measure("report", [&] { silently([&] { return inspection::report(report); }); });
-  measure("tags", [&] { silently([&] { return inspection::tags(tags); }); });
+  measure("verify", [&] { silently([&] { return inspection::run(verify); }); });
+  measure("info", [&] {
+    silently([] { return inspection::run(inspection::InfoOptions{.paths = {file}}); });
+  });
+  measure("report", [&] { silently([&] { return inspection::run(report); }); });
+  measure("tags", [&] { silently([&] { return inspection::run(tags); }); });
   return figures;
 }
 

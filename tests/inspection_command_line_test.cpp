@@ -5,9 +5,8 @@
 #include <limits>
 #include <sstream>
 
-#include "orvo/inspection/command_line.h"
-#include "orvo/inspection/exit_status.h"
-#include "orvo/inspection/progress.h"
+#include "orvo/inspection/commands.h"
+#include "orvo/inspection/stream_input.h"
 #include "support/scratch.h"
 
 namespace orvo::tests {
@@ -41,8 +40,8 @@ TEST(CommandLine, UsageErrorsNameTheFaultAndWhereToLook) {
       {"info --chunk-bytes 1073741825 x", "is not an integer from"},
       {"info --chunk-bytes 99999999999999999999 x", "is not an integer from"},
       {"tags x y", "y"},
-      {"tags x --channel 4", "--channel: '4' is no channel"},
-      {"tags x --channel 1,22", "--channel: '22' is no channel"},
+      {"tags x --channel 4", "--channel: '4' is not an integer from 0 to 3"},
+      {"tags x --channel 1,22", "--channel: '22' is not"},
       {"tags x --channel", "--channel"},
       {"tags --channel 1 2 x", "x"},
       {"tags x --format jsonl", "jsonl not in {csv,npy}"},

@@ -115,23 +115,6 @@ TEST(Intervals, AnyTimesAreCountedOnce) {
   }
 }
 
-TEST(Intervals, ValuesKeepTheirPlaces) {
-  inspection::ValueCounts counts;
-  for (const std::int64_t value :
-       {std::int64_t{-1'023}, std::int64_t{0}, std::int64_t{1'023}, std::int64_t{1'000'000},
-        std::int64_t{-7'000'000'000}, INT64_MAX, INT64_MIN}) {
-    counts.add(value, 2);
-  }
-  const std::vector<Bin> bins = counts.bins(8, 0.5);
-  const double wanted[] = {-0x1p66, -5.6e10, -8'183.5, 0.5, 8'184.5, 8e6, 0x1p66};
-  ASSERT_EQ(bins.size(), std::size(wanted));
-  for (std::size_t i = 0; i < bins.size(); ++i) {
-    EXPECT_EQ(bins[i].count, 2U);
-    EXPECT_NEAR(bins[i].value_ps, wanted[i],
-                std::abs(wanted[i]) > 1e4 ? std::abs(wanted[i]) / 512 : 0);
-  }
-}
-
 TEST(Intervals, SkewIsThatOfTheNearestEvent) {
   struct Case {
     const char* name;

@@ -4,10 +4,8 @@
 #include <filesystem>
 #include <nlohmann/json.hpp>
 
-#include "orvo/inspection/exit_status.h"
-#include "orvo/inspection/info.h"
+#include "orvo/inspection/commands.h"
 #include "orvo/inspection/lock_history.h"
-#include "orvo/inspection/tags.h"
 #include "orvo/timing/stream_files.h"
 #include "support/decoding.h"
 #include "support/error_of.h"
@@ -48,8 +46,15 @@ class Inspection : public testing::Test {
                    std::uint64_t chunk_bytes = 1000) {
     const TagsOptions options = {file,    0,     scratch.file(name), format, channel_mask,
                                  from_ps, to_ps, chunk_bytes};
-    EXPECT_EQ(inspection::tags(options), inspection::kExitSuccess);
+    EXPECT_EQ(inspection::run(options), inspection::kExitSuccess);
     return read_file(scratch.file(name));
+  }
+
+  /// What `info` prints of the file.
+  std::string info(bool json, std::uint64_t chunk_bytes) {
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(inspection::run(inspection::InfoOptions{{file}, json, chunk_bytes}), 0);
+    return testing::internal::GetCapturedStdout();
   }
 
   ScratchDirectory scratch;
@@ -93,21 +98,21 @@ TEST_F(Inspection, ManyTagsCrossEveryBlockAndAreWholeOrAbsent) {
   TagsOptions elsewhere;
   elsewhere.path = file;
   elsewhere.output = "/dev/full";
-  EXPECT_EQ(error_of([&] { return inspection::tags(elsewhere); }),
+  EXPECT_EQ(error_of([&] { return inspection::run(elsewhere); }),
             "cannot write \"/dev/full\": No space left on device [-2]");
   write_file(scratch.file("t.csv.part"), "left by one that was killed");
   EXPECT_TRUE(tags("t.csv") == csv);
   std::filesystem::copy_file(file, scratch.file("u.part"));
   elsewhere.path = scratch.file("u.part");
   elsewhere.output = scratch.file("u");
-  EXPECT_EQ(error_of([&] { return inspection::tags(elsewhere); }),
+  EXPECT_EQ(error_of([&] { return inspection::run(elsewhere); }),
             '"' + scratch.file("u") + "\" is an input file: name another one for the output [-1]");
   EXPECT_TRUE(read_file(scratch.file("u.part")) == before);
   std::filesystem::remove(scratch.file("u.part"));
   elsewhere.path = file;
   for (const char* const name : {"/dev/fd/", "/dev/fd/99999999999"}) {  // not standard input
     elsewhere.output = name;
-    EXPECT_NE(error_of([&] { return inspection::tags(elsewhere); }), "") << name;
+    EXPECT_NE(error_of([&] { return inspection::run(elsewhere); }), "") << name;
   }
   std::filesystem::create_symlink(scratch.file("t.csv"), scratch.file("to_csv"));
   tags("to_csv", TagFormat::csv, 199'999'000);  // replaces what the link leads to
@@ -123,8 +128,8 @@ TEST_F(Inspection, InfoTellsChannelsInDisorder) {
   StreamFileHeader header;
   header.application = "\x1b[31m\xff\xc2\x9b ü\n";
   write_tags({{0, 10}, {1, 1}, {0, 40}, {0, 30}, {0, 30}}, header);
-  const nlohmann::ordered_json json = inspection::facts_of(file, {.chunk_bytes = 8});
-  const std::string text = inspection::text_of(json);
+  const auto json = nlohmann::json::parse(info(true, 8))["files"][0];
+  const std::string text = info(false, 8);
   EXPECT_TRUE(text.ends_with(
       "\ntags=5\nundecoded_bytes=0\nchannels:\n"
       "  channel=0 tags=4 first_ps=10 last_ps=40 span_ps=30 rate_hz=100000000000.000000"
@@ -140,7 +145,8 @@ TEST_F(Inspection, InfoTellsChannelsInDisorder) {
   write_file(scratch.file("bad"), "no stream file");
   testing::internal::CaptureStdout();
   testing::internal::CaptureStderr();
-  EXPECT_EQ(inspection::info({{scratch.file("bad"), file}, true}), inspection::kExitError);
+  EXPECT_EQ(inspection::run(inspection::InfoOptions{{scratch.file("bad"), file}, true}),
+            inspection::kExitError);
   const std::string error = '"' + scratch.file("bad") + "\": not an Orvo timing stream file";
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "ortime: " + error + '\n');
   const auto document = nlohmann::json::parse(testing::internal::GetCapturedStdout());
@@ -159,12 +165,11 @@ TEST_F(Inspection, LocksAreDatedByTheTagBefore) {
   reader.open(file);
   const Tags all = reader.decode_next_tags(~0UL, 4096);
   EXPECT_EQ(reader.read_bytes(), std::filesystem::file_size(file));
-  const nlohmann::ordered_json facts = inspection::facts_of(file, {.chunk_bytes = 4096});
-  const nlohmann::ordered_json& locks = facts["locks"];
+  const auto locks = nlohmann::json::parse(info(true, 4096))["files"][0]["locks"];
   ASSERT_GT(locks["dropped"], 3U);
   ASSERT_EQ(locks["events"].size() + locks["events_left_out"].get<std::size_t>(), events.size());
   for (std::size_t i = 0; i < locks["events"].size(); ++i) {
-    const nlohmann::ordered_json& event = locks["events"][i];
+    const nlohmann::json& event = locks["events"][i];
     const std::uint64_t before = events[i].tags_before;
     EXPECT_EQ(event["payload_offset_bytes"], events[i].payload_offset_bytes);
     EXPECT_EQ(event["detail"], describe(events[i], header));

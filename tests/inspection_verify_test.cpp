@@ -7,7 +7,7 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
-#include "orvo/inspection/verify.h"
+#include "orvo/inspection/commands.h"
 #include "orvo/timing/stream_files.h"
 #include "orvo/verification/evaluation.h"
 #include "orvo/verification/reports.h"
@@ -57,7 +57,7 @@ class Verify : public testing::Test {
     std::ostringstream to_out, to_err;
     std::streambuf* const previous_out = std::cout.rdbuf(to_out.rdbuf());
     std::streambuf* const previous_err = std::cerr.rdbuf(to_err.rdbuf());
-    const int status = inspection::verify(options);
+    const int status = inspection::run(options);
     std::cout.rdbuf(previous_out);
     std::cerr.rdbuf(previous_err);
     out = to_out.str();
@@ -258,7 +258,7 @@ TEST_F(Verify, RefusesWhatCannotBeJudged) {
       {{unended}, "unended\" has no report, because an error ended the run: judge its", "[-5]"},
   };
   for (const auto& c : cases) {
-    const std::string error = error_of([&] { (void)inspection::verify(c.options); });
+    const std::string error = error_of([&] { (void)inspection::run(c.options); });
     EXPECT_NE(error.find(c.message), std::string::npos) << error;
     EXPECT_TRUE(error.ends_with(c.status)) << error;
   }

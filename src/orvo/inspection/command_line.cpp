@@ -1,5 +1,3 @@
-#include "orvo/inspection/command_line.h"
-
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
@@ -15,7 +13,7 @@
 #include <string_view>
 #include <vector>
 
-#include "orvo/inspection/exit_status.h"
+#include "orvo/inspection/commands.h"
 #include "orvo/inspection/run_directory.h"
 
 namespace orvo::inspection {
@@ -95,7 +93,7 @@ void add_info(CLI::App& program, Command& chosen) {
 struct TagsWords {
   TagsOptions options;
   std::string format;
-  std::string channels;
+  std::vector<unsigned> channels;
 };
 
 TagFormat format_of(const TagsWords& words) {
@@ -112,17 +110,6 @@ TagFormat format_of(const TagsWords& words) {
   return ending == ".npy" || words.format == "npy" ? TagFormat::npy : TagFormat::csv;
 }
 
-std::uint8_t mask_of(const std::string& channels) {
-  unsigned mask = 0;
-  for (const std::string& channel : CLI::detail::split(channels, ',')) {
-    if (channel.size() != 1 || channel < "0" || channel > "3") {
-      throw CLI::ValidationError("--channel", fmt::format("'{}' is no channel, 0 to 3", channel));
-    }
-    mask |= 1U << (channel.front() - '0');
-  }
-  return static_cast<std::uint8_t>(mask);
-}
-
 /// What the words mean together.
 TagsOptions meant_by(const TagsWords& words) {
   TagsOptions options = words.options;
@@ -136,9 +123,11 @@ TagsOptions meant_by(const TagsWords& words) {
   if (options.run != 0 && !names_run(options.path)) {
     throw CLI::ValidationError("--run", "needs a run directory instead of a stream file");
   }
-  if (!words.channels.empty()) {
-    options.channel_mask = mask_of(words.channels);
+  unsigned mask = 0;
+  for (const unsigned channel : words.channels) {
+    mask |= 1U << channel;
   }
+  options.channel_mask = mask == 0 ? options.channel_mask : static_cast<std::uint8_t>(mask);
   return options;
 }
 
@@ -164,7 +153,9 @@ void add_tags(CLI::App& program, Command& chosen) {
              "Output [-, standard output]; a file appears when it is\n"
              "whole");
   add(command, "--channel", words->channels, "N[,N]", "Only tags of these channels, 0 to 3")
-      ->join(',');
+      ->transform(integer(0U, 3U))
+      ->delimiter(',')
+      ->allow_extra_args(false);
   add(command, "--from-ps", options.from_ps, "T", "Only tags at T picoseconds or later")
       ->transform(integer<std::int64_t>());
   add(command, "--to-ps", options.to_ps, "T", "Only tags before T picoseconds, T itself left out")
@@ -332,7 +323,7 @@ Command parse_command_line(int argc, const char* const* argv) {
   }
   std::visit(
       [&](auto& options) {
-        if constexpr (!std::is_same_v<decltype(options), int&>) {
+        if constexpr (requires { options.chunk_bytes; }) {
           options.chunk_bytes = chunk_bytes;
         }
       },

@@ -2,9 +2,23 @@
 
 #include <fmt/format.h>
 
+#include <nlohmann/json.hpp>
+
 namespace orvo::inspection {
 
 using Numbers = std::vector<NamedNumber>;
+
+verification::RunResult judge_again(const verification::RunResult& reported,
+                                    const verification::TagStatistics& recorded,
+                                    std::optional<std::uint64_t> payload_bytes,
+                                    const verification::EvaluationSettings& settings) {
+  verification::RunResult run = verification::judge(
+      recorded, verification::derive_rates(reported.divider, settings), settings);
+  run.requested_hz = reported.requested_hz;
+  run.stream_file = reported.stream_file;
+  run.payload_bytes = payload_bytes.value_or(0);
+  return run;
+}
 
 Numbers numbers_of(const verification::RunResult& run) {
   return {{"requested_hz", fmt::format("{:.3f}", run.requested_hz)},
@@ -24,6 +38,14 @@ Numbers numbers_of(const verification::ChannelResult& channel) {
           {"measured_hz", fmt::format("{:.9f}", channel.measured_hz)},
           {"ppm_error", fmt::format("{:.6f}", channel.ppm_error)},
           {"pass", fmt::to_string(channel.pass)}};
+}
+
+nlohmann::ordered_json json_of(const Numbers& numbers) {
+  auto object = nlohmann::ordered_json::object();
+  for (const auto& [name, digits] : numbers) {
+    object[name] = nlohmann::ordered_json::parse(digits);
+  }
+  return object;
 }
 
 std::vector<Difference> differences(const verification::RunResult& reported,

@@ -1,5 +1,3 @@
-#include "orvo/inspection/info.h"
-
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -9,7 +7,7 @@
 #include <optional>
 #include <utility>
 
-#include "orvo/inspection/exit_status.h"
+#include "orvo/inspection/commands.h"
 #include "orvo/inspection/recording.h"
 #include "orvo/inspection/run_directory.h"
 #include "orvo/timing/error.h"
@@ -54,47 +52,27 @@ Json header_json(const timing::StreamFileHeader& header) {
           {"device_port", header.device_port}};
 }
 
-Json spread_json(const Spread& spread) {
-  return spread.count == 0 ? Json()
-                           : Json{{"count", spread.count},
-                                  {"mean_ps", spread.mean_ps},
-                                  {"median_ps", spread.median_ps},
-                                  {"standard_deviation_ps", spread.deviation_ps}};
-}
-
+/// What is not defined, such as the rate of a single tag, is null.
 Json channel_json(std::size_t index, const Recording& recording) {
-  const TagStatistics::Channel& channel = recording.tags.channel(index);
-  const ChannelRecording& found = recording.channels[index];
-  const IntervalSummary& intervals = found.intervals;
-  Json json = {
-      {"channel", index},
-      {"tags", channel.count},
-      {"first_ps", nullptr},
-      {"last_ps", nullptr},
-      {"span_ps", nullptr},
-      {"rate_hz", nullptr},
-      {"shortest_interval_ps", nullptr},
-      {"longest_interval_ps", nullptr},
-      {"missing_events",
-       recording.header.mode == timing::Mode::internal ? Json(intervals.missing_events) : Json()},
-      {"deviation", spread_json(found.spread)},
-      {"skew", spread_json(found.skew)}};
-  if (intervals.intervals != 0) {
-    json["shortest_interval_ps"] = intervals.shortest.interval_ps;
-    json["longest_interval_ps"] = intervals.longest.interval_ps;
-  }
-  if (channel.count != 0) {
-    const std::uint64_t span_ps = static_cast<std::uint64_t>(channel.largest_ps) -
-                                  static_cast<std::uint64_t>(channel.smallest_ps);
-    json["first_ps"] = channel.smallest_ps;
-    json["last_ps"] = channel.largest_ps;
-    json["span_ps"] = span_ps;
-    if (span_ps != 0) {
-      json["rate_hz"] = static_cast<double>(channel.count - 1) * timing::kPicosecondsPerSecond /
-                        static_cast<double>(span_ps);
-    }
-  }
-  return json;
+  const TagStatistics::Channel& tags = recording.tags.channel(index);
+  const auto& [expected_ps, deviations, spread, skews, skew, intervals] = recording.channels[index];
+  const std::uint64_t span_ps =
+      static_cast<std::uint64_t>(tags.largest_ps) - static_cast<std::uint64_t>(tags.smallest_ps);
+  const auto where = [](bool defined, auto value) { return defined ? Json(value) : Json(); };
+  return {{"channel", index},
+          {"tags", tags.count},
+          {"first_ps", where(tags.count != 0, tags.smallest_ps)},
+          {"last_ps", where(tags.count != 0, tags.largest_ps)},
+          {"span_ps", where(tags.count != 0, span_ps)},
+          {"rate_hz", where(tags.count != 0 && span_ps != 0, static_cast<double>(tags.count - 1) *
+                                                                 timing::kPicosecondsPerSecond /
+                                                                 static_cast<double>(span_ps))},
+          {"shortest_interval_ps", where(intervals.intervals != 0, intervals.shortest.interval_ps)},
+          {"longest_interval_ps", where(intervals.intervals != 0, intervals.longest.interval_ps)},
+          {"missing_events",
+           where(recording.header.mode == timing::Mode::internal, intervals.missing_events)},
+          {"deviation", spread},
+          {"skew", skew}};
 }
 
 Json locks_json(const LockHistory& locks, const timing::StreamFileHeader& header) {
@@ -146,13 +124,8 @@ void put_lines(const Json& object, const std::string& indent, std::string& text)
   }
 }
 
-}  // namespace
-
 Json facts_of(const std::filesystem::path& path, const RecordingOptions& options) {
   const Recording recording = read_recording(path, options);
-  if (!recording.warning.empty()) {
-    std::cerr << "ortime: " << recording.warning << '\n';
-  }
   Json channels = Json::array();
   for (std::size_t channel = 0; channel < kChannels; ++channel) {
     channels.push_back(channel_json(channel, recording));
@@ -172,13 +145,9 @@ Json facts_of(const std::filesystem::path& path, const RecordingOptions& options
   return facts;
 }
 
-std::string text_of(const Json& facts) {
-  std::string text;
-  put_lines(facts, "", text);
-  return text;
-}
+}  // namespace
 
-int info(const InfoOptions& options) {
+int run(const InfoOptions& options) {
   int status = kExitSuccess;
   Json files = Json::array();
   const auto show = [&](const std::filesystem::path& file, RecordingOptions known) {
@@ -194,7 +163,9 @@ int info(const InfoOptions& options) {
     if (options.json) {
       files.push_back(std::move(facts));
     } else if (!facts.contains("error")) {
-      std::cout << text_of(facts) << std::flush;
+      std::string text;
+      put_lines(facts, "", text);
+      std::cout << text << std::flush;
     }
   };
   for (const std::filesystem::path& path : options.paths) {

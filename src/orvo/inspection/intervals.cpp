@@ -1,8 +1,8 @@
 #include "orvo/inspection/intervals.h"
 
 #include <algorithm>
-#include <bit>
 #include <cmath>
+#include <nlohmann/json.hpp>
 #include <utility>
 
 namespace orvo::inspection {
@@ -14,23 +14,10 @@ constexpr std::size_t kMaxColumns = 2048;
 /// An interval of this many expected ones has lost an event rather than jittered.
 constexpr double kGapPeriods = 1.5;
 
-// Bins of ValueCounts: one a value up to 2 * kSteps, then kSteps for each power of two.
-constexpr std::size_t kSteps = 512;
-constexpr int kExactBits = 10;
-static_assert(1 << kExactBits == 2 * kSteps);
-
-std::size_t bin_of(std::uint64_t magnitude) {
-  const int shift = std::max(0, static_cast<int>(std::bit_width(magnitude)) - kExactBits);
-  return static_cast<std::size_t>(shift) * kSteps + static_cast<std::size_t>(magnitude >> shift);
-}
-
-double middle_of(std::size_t bin) {
-  if (bin < 2 * kSteps) {
-    return static_cast<double>(bin);
-  }
-  const auto shift = static_cast<int>(bin / kSteps) - 1;
-  const auto step = static_cast<double>(bin % kSteps + kSteps);
-  return std::ldexp(step, shift) + (std::ldexp(1.0, shift) - 1) / 2;
+double to_ten_binary_digits(double value) {
+  int exponent = 0;
+  const double fraction = std::frexp(value, &exponent);
+  return exponent <= 10 ? value : std::ldexp(std::round(1024 * fraction), exponent - 10);
 }
 
 bool count_in(CountWindow& window, std::uint64_t value_ps, unsigned tick_shift) {
@@ -83,27 +70,15 @@ Spread spread_of(std::span<const Bin> bins, double limit_ps) {
   return spread;
 }
 
-void ValueCounts::add(std::int64_t value, std::uint64_t count) {
-  const auto bits = static_cast<std::uint64_t>(value);
-  std::vector<std::uint64_t>& counts = value < 0 ? negative_counts_ : counts_;
-  const std::size_t bin = bin_of(value < 0 ? 0 - bits : bits);
-  counts.resize(std::max(counts.size(), bin + 1));
-  counts[bin] += count;
-}
+void to_json(nlohmann::ordered_json& json, const Bin& bin) { json = {bin.value_ps, bin.count}; }
 
-std::vector<Bin> ValueCounts::bins(double unit_ps, double offset_ps) const {
-  std::vector<Bin> bins;
-  for (std::size_t bin = negative_counts_.size(); bin-- > 0;) {
-    if (negative_counts_[bin] != 0) {
-      bins.push_back({offset_ps - unit_ps * middle_of(bin), negative_counts_[bin]});
-    }
+void to_json(nlohmann::ordered_json& json, const Spread& spread) {
+  if (spread.count != 0) {
+    json = {{"count", spread.count},
+            {"mean_ps", spread.mean_ps},
+            {"median_ps", spread.median_ps},
+            {"standard_deviation_ps", spread.deviation_ps}};
   }
-  for (std::size_t bin = 0; bin < counts_.size(); ++bin) {
-    if (counts_[bin] != 0) {
-      bins.push_back({offset_ps + unit_ps * middle_of(bin), counts_[bin]});
-    }
-  }
-  return bins;
 }
 
 void IntervalSummary::add(const IntervalSummary& other) {
@@ -199,23 +174,22 @@ void IntervalAnalysis::finish() {
     leave_column();
   }
   for (Lane& lane : lanes_) {
-    empty(lane.skew_window, settings_.tick_shift, [&](std::uint64_t skew_ps, std::uint64_t count) {
-      const std::int64_t skew = static_cast<std::int64_t>(skew_ps) - lane.skew_base_ps;
-      lane.skews.add(skew >> settings_.tick_shift, count);
+    empty(lane.skew_window, settings_.tick_shift, [&](std::uint64_t skew_ps, std::uint64_t times) {
+      tally(lane.skews, static_cast<std::int64_t>(skew_ps) - lane.skew_base_ps, times);
     });
   }
 }
 
-std::vector<Bin> IntervalAnalysis::deviations(std::size_t channel) const {
-  const Lane& lane = lanes_[channel];
-  return lane.deviations.bins(std::ldexp(1.0, static_cast<int>(settings_.tick_shift)),
-                              static_cast<double>(lane.base_ps) - lane.expected_ps);
+void IntervalAnalysis::tally(TickCounts& counts, std::int64_t value_ps, std::uint64_t count) const {
+  counts[to_ten_binary_digits(static_cast<double>(value_ps >> settings_.tick_shift))] += count;
 }
 
-std::vector<Bin> IntervalAnalysis::skews(std::size_t channel) const {
-  const Lane& lane = lanes_[channel];
-  return lane.skews.bins(std::ldexp(1.0, static_cast<int>(settings_.tick_shift)),
-                         static_cast<double>(lane.skew_base_ps));
+std::vector<Bin> IntervalAnalysis::bins_of(const TickCounts& counts, double offset_ps) const {
+  std::vector<Bin> bins;
+  for (const auto& [ticks, count] : counts) {
+    bins.push_back({offset_ps + std::ldexp(ticks, static_cast<int>(settings_.tick_shift)), count});
+  }
+  return bins;
 }
 
 void IntervalAnalysis::enter_column(std::int64_t time_ps) {
@@ -280,9 +254,8 @@ void IntervalAnalysis::account(std::size_t channel, std::uint64_t interval_ps, s
   if (std::abs(interval) > settings_.longest_ps) {
     return;
   }
-  const auto difference_ps =
-      static_cast<std::int64_t>(interval_ps - static_cast<std::uint64_t>(lane.base_ps));
-  lane.deviations.add(difference_ps >> settings_.tick_shift, count);
+  const std::uint64_t difference_ps = interval_ps - static_cast<std::uint64_t>(lane.base_ps);
+  tally(lane.deviations, static_cast<std::int64_t>(difference_ps), count);
   const double deviation_ps = interval - lane.expected_ps;
   const auto weight = static_cast<double>(count);
   IntervalSummary summary = {.intervals = count,
@@ -319,7 +292,7 @@ bool IntervalAnalysis::pair(Lane& lane, std::uint64_t time_ps, std::uint64_t ref
     open(lane.skew_window, skew_ps, -lane.half_ps, lane.half_ps);
   }
   if (!count_in(lane.skew_window, static_cast<std::uint64_t>(skew_ps), settings_.tick_shift)) {
-    lane.skews.add((skew_ps - lane.skew_base_ps) >> settings_.tick_shift, 1);
+    tally(lane.skews, skew_ps - lane.skew_base_ps, 1);
   }
   return true;
 }

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <limits>
 #include <map>
+#include <nlohmann/json_fwd.hpp>
 #include <span>
 #include <vector>
 
@@ -34,19 +35,12 @@ struct Spread {
 [[nodiscard]] Spread spread_of(std::span<const Bin> bins,
                                double limit_ps = std::numeric_limits<double>::infinity());
 
-/// How often which whole number occurs. Below 1,024 each has its bin; further bins are no wider
-/// than a 512th of their values.
-class ValueCounts {
- public:
-  void add(std::int64_t value, std::uint64_t count);
+// As documents: [value, count]; an object, or null where there are none.
+void to_json(nlohmann::ordered_json& json, const Bin& bin);
+void to_json(nlohmann::ordered_json& json, const Spread& spread);
 
-  /// What occurred, ascending: each value times `unit_ps`, plus `offset_ps`.
-  [[nodiscard]] std::vector<Bin> bins(double unit_ps, double offset_ps = 0) const;
-
- private:
-  std::vector<std::uint64_t> counts_;  // by bin, as many as needed
-  std::vector<std::uint64_t> negative_counts_;
-};
+/// How often which number of ticks occurs; those from 1,024 on to ten binary digits.
+using TickCounts = std::map<double, std::uint64_t>;
 
 /// Counters for the values that occur most, a tick apart.
 struct CountWindow {
@@ -114,10 +108,15 @@ class IntervalAnalysis {
     return lanes_[channel].tags;
   }
   /// Of each interval from the expected one.
-  [[nodiscard]] std::vector<Bin> deviations(std::size_t channel) const;
+  [[nodiscard]] std::vector<Bin> deviations(std::size_t channel) const {
+    const Lane& lane = lanes_[channel];
+    return bins_of(lane.deviations, static_cast<double>(lane.base_ps) - lane.expected_ps);
+  }
   /// Of each event from the nearest one of the reference, later ones positive; events without one
   /// within half an expected interval do not count.
-  [[nodiscard]] std::vector<Bin> skews(std::size_t channel) const;
+  [[nodiscard]] std::vector<Bin> skews(std::size_t channel) const {
+    return bins_of(lanes_[channel].skews, static_cast<double>(lanes_[channel].skew_base_ps));
+  }
   /// Those that hold tags, at most 2,048.
   [[nodiscard]] const Columns& columns() const noexcept { return columns_; }
   [[nodiscard]] std::int64_t column_ps() const noexcept { return std::int64_t{1} << column_shift_; }
@@ -131,14 +130,16 @@ class IntervalAnalysis {
     std::int64_t half_ps = 0;  // half the expected interval
     CountWindow intervals;     // of the present column
     std::int64_t base_ps = 0;  // an interval as they are
-    ValueCounts deviations;    // of the intervals from the base, in ticks
+    TickCounts deviations;     // of the intervals from the base
     bool waits = false;
     std::uint64_t waiting_ps = 0;  // an event that waits for a near one of the reference
     CountWindow skew_window;
     std::int64_t skew_base_ps = 0;
-    ValueCounts skews;  // from their base, in ticks
+    TickCounts skews;  // from their base
   };
 
+  void tally(TickCounts& counts, std::int64_t value_ps, std::uint64_t count) const;
+  [[nodiscard]] std::vector<Bin> bins_of(const TickCounts& counts, double offset_ps) const;
   void open(CountWindow& window, std::int64_t middle_ps, std::int64_t lowest_ps,
             std::int64_t highest_ps) const;
   void enter_column(std::int64_t time_ps);

@@ -7,24 +7,14 @@
 #include <iostream>
 #include <variant>
 
-#include "orvo/inspection/command_line.h"
-#include "orvo/inspection/exit_status.h"
+#include "orvo/inspection/commands.h"
 
 namespace {
 
 namespace inspection = orvo::inspection;
 
-struct Runner {
-  int operator()(int status) const { return status; }
-  int operator()(const inspection::InfoOptions& options) const { return inspection::info(options); }
-  int operator()(const inspection::TagsOptions& options) const { return inspection::tags(options); }
-  int operator()(const inspection::VerifyOptions& options) const {
-    return inspection::verify(options);
-  }
-  int operator()(const inspection::ReportOptions& options) const {
-    return inspection::report(options);
-  }
-};
+/// Of a command line that has been answered already.
+int run(int status) { return status; }
 
 /// No file opened later becomes a closed standard output or error. Not writable, so that results
 /// for nobody are an error.
@@ -54,7 +44,8 @@ int main(int argc, char** argv) {
   std::signal(SIGPIPE, SIG_DFL);  // whoever started us may ignore it: end quietly all the same
   std::signal(SIGXFSZ, SIG_IGN);  // a file that may not grow is an error of the write
   try {
-    return with_results_written(std::visit(Runner(), inspection::parse_command_line(argc, argv)));
+    return with_results_written(std::visit([](const auto& command) { return run(command); },
+                                           inspection::parse_command_line(argc, argv)));
   } catch (const std::exception& error) {
     std::cout.flush();
     std::cerr << "ortime: " << error.what() << '\n';

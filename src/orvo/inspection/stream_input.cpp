@@ -1,9 +1,12 @@
 #include "orvo/inspection/stream_input.h"
 
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <cmath>
 #include <cstring>
 #include <iostream>
 #include <nlohmann/json.hpp>
@@ -11,7 +14,6 @@
 #include <utility>
 
 #include "orvo/inspection/foreign_json.h"
-#include "orvo/inspection/progress.h"
 #include "orvo/timing/error.h"
 #include "orvo/timing/stream_decoder.h"
 
@@ -70,6 +72,39 @@ std::string taken_for(json document, const timing::StreamFileHeader& header) {
   return taken;
 }
 
+/// Draws on standard error, where that is a terminal, and wipes it away at the end.
+class ProgressBar {
+ public:
+  ProgressBar(std::optional<std::uint64_t> total_bytes, bool wanted)
+      : total_bytes_(total_bytes), shown_(wanted && isatty(STDERR_FILENO) == 1) {}
+  ~ProgressBar() {
+    if (shown_) {
+      std::cerr << "\r\x1b[K" << std::flush;
+    }
+  }
+  ProgressBar(const ProgressBar&) = delete;
+  ProgressBar& operator=(const ProgressBar&) = delete;
+
+  /// Cheap enough to be called often: draws at most ten times a second.
+  void update(std::uint64_t done_bytes) {
+    const Clock::time_point now = Clock::now();
+    if (shown_ && now >= next_draw_) {
+      next_draw_ = now + std::chrono::milliseconds(100);
+      const double elapsed_s = std::chrono::duration<double>(now - start_).count();
+      std::cerr << '\r' + progress_line(done_bytes, total_bytes_, elapsed_s) + "\x1b[K"
+                << std::flush;
+    }
+  }
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  std::optional<std::uint64_t> total_bytes_;
+  bool shown_;
+  Clock::time_point start_ = Clock::now();
+  Clock::time_point next_draw_ = start_;
+};
+
 }  // namespace
 
 StreamInput::StreamInput(std::filesystem::path path, timing::LockListener on_lock_event)
@@ -90,6 +125,9 @@ StreamInput::StreamInput(std::filesystem::path path, timing::LockListener on_loc
     reader.open(path.string());
   } catch (const timing::Error& failure) {
     throw error_in(name_, failure);
+  }
+  if (const std::string words = warning(); !words.empty()) {
+    std::cerr << "ortime: " << words << '\n';
   }
 }
 
@@ -132,10 +170,29 @@ std::optional<std::uint64_t> StreamInput::payload_bytes() const {
              : std::nullopt;
 }
 
-void print_warning(const StreamInput& input) {
-  if (const std::string warning = input.warning(); !warning.empty()) {
-    std::cerr << "ortime: " << warning << '\n';
+std::string progress_line(std::uint64_t done_bytes, std::optional<std::uint64_t> total_bytes,
+                          double elapsed_s) {
+  constexpr double kBytesPerMegabyte = 1e6;
+  constexpr int kBarWidth = 24;
+  constexpr double kLongestShown_s = 360'000;  // 100 hours
+  // The file may have grown since its size was taken.
+  const std::uint64_t within = std::min(done_bytes, total_bytes.value_or(done_bytes));
+  const double done_mb = static_cast<double>(within) / kBytesPerMegabyte;
+  const double rate = elapsed_s > 0 ? done_mb / elapsed_s : 0;
+  if (!total_bytes || *total_bytes == 0) {
+    return fmt::format("{:.0f} MB, {:.0f} MB/s", done_mb, rate);
   }
+  const double total_mb = static_cast<double>(*total_bytes) / kBytesPerMegabyte;
+  const double part = done_mb / total_mb;
+  const std::string bar(static_cast<std::size_t>(part * kBarWidth), '#');
+  std::string line = fmt::format("[{:<{}}] {:.0f} %  {:.0f} of {:.0f} MB, {:.0f} MB/s", bar,
+                                 kBarWidth, part * 100, done_mb, total_mb, rate);
+  if (rate > 0) {
+    const double left_s = std::clamp((total_mb - done_mb) / rate, 0.0, kLongestShown_s);
+    const std::int64_t seconds = std::llround(left_s);
+    line += fmt::format(", {}:{:02} left", seconds / 60, seconds % 60);
+  }
+  return line;
 }
 
 }  // namespace orvo::inspection

@@ -17,7 +17,7 @@ namespace orvo::inspection {
 class StreamInput {
  public:
   /// Opens the file at `path`, which may be a pipe, or "-" for standard input; `on_lock_event` as
-  /// StreamFileReader's.
+  /// StreamFileReader's. Says on standard error what warning() says.
   explicit StreamInput(std::filesystem::path path, timing::LockListener on_lock_event = {});
 
   /// What is odd about the header and what was taken instead, one line; empty for a header as the
@@ -42,7 +42,8 @@ class StreamInput {
   std::optional<std::uint64_t> file_bytes_;
 };
 
-/// Says on standard error what warning() says.
-void print_warning(const StreamInput& input);
+/// "[#####     ] 50 %  512 of 1024 MB, 800 MB/s, 0:01 left"; without a total "512 MB, 800 MB/s".
+[[nodiscard]] std::string progress_line(std::uint64_t done_bytes,
+                                        std::optional<std::uint64_t> total_bytes, double elapsed_s);
 
 }  // namespace orvo::inspection

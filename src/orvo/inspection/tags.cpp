@@ -1,5 +1,3 @@
-#include "orvo/inspection/tags.h"
-
 #include <fmt/compile.h>
 #include <fmt/format.h>
 
@@ -11,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-#include "orvo/inspection/exit_status.h"
+#include "orvo/inspection/commands.h"
 #include "orvo/inspection/output_file.h"
 #include "orvo/inspection/run_directory.h"
 #include "orvo/inspection/stream_input.h"
@@ -96,11 +94,10 @@ std::filesystem::path recording_of(const TagsOptions& options) {
 
 }  // namespace
 
-int tags(const TagsOptions& options) {
+int run(const TagsOptions& options) {
   const std::filesystem::path recording = recording_of(options);
   StreamInput input(recording);
   input.require_decodable();
-  print_warning(input);
   OutputFile output(options.output, {recording == "-" ? "/dev/stdin" : recording});
   input.shows_progress = !output.is_terminal();
   if (options.format == TagFormat::csv) {

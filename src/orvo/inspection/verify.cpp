@@ -1,5 +1,3 @@
-#include "orvo/inspection/verify.h"
-
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -11,8 +9,8 @@
 #include <utility>
 #include <vector>
 
+#include "orvo/inspection/commands.h"
 #include "orvo/inspection/comparison.h"
-#include "orvo/inspection/exit_status.h"
 #include "orvo/inspection/run_directory.h"
 #include "orvo/inspection/stream_input.h"
 #include "orvo/timing/error.h"
@@ -31,14 +29,6 @@ struct Judgement {
   std::vector<Difference> differences;
   std::string error;  // why it could not be judged; empty: it was
 };
-
-Json json_of(const std::vector<NamedNumber>& numbers) {
-  Json object = Json::object();
-  for (const auto& [name, digits] : numbers) {
-    object[name] = Json::parse(digits);
-  }
-  return object;
-}
 
 std::string text_of(const std::vector<NamedNumber>& numbers) {
   std::string text;
@@ -66,17 +56,18 @@ class Output {
   }
 
   void add(const Judgement& judgement) {
-    const std::size_t number = document_["runs"].size() + 1;
-    unjudged_ += judgement.error.empty() ? 0U : 1U;
-    pass_ = pass_ && judgement.run.pass;
+    Json& runs = document_["runs"];
+    runs.push_back(json_of_run(judgement));
     if (!judgement.error.empty()) {
-      std::cerr << fmt::format("ortime: run {}: {}\n", number, judgement.error);
+      ++unjudged_;
+      std::cerr << fmt::format("ortime: run {}: {}\n", runs.size(), judgement.error);
+      return;
     }
+    pass_ = pass_ && judgement.run.pass;
     for (const Difference& difference : judgement.differences) {
-      disagree(fmt::format("run {}: ", number), difference);
+      disagree(fmt::format("run {}: ", runs.size()), difference);
     }
-    document_["runs"].push_back(json_of_run(judgement));
-    if (!json_ && judgement.error.empty()) {
+    if (!json_) {
       print(judgement);
     }
   }
@@ -180,28 +171,27 @@ std::uint32_t divider_of(const VerifyOptions& options) {
                                                                                       : below);
 }
 
-/// What `input` holds, judged; the requested frequency and the stream file stay empty.
-RunResult judge_recording(StreamInput& input, std::uint32_t divider,
-                          const EvaluationSettings& settings, std::uint64_t chunk_bytes) {
+/// The recording of `reported`, which has at least its divider and its stream file.
+Judgement judged_again(const RunResult& reported, const EvaluationSettings& settings,
+                       StreamInput& input, std::uint64_t chunk_bytes) {
   input.require_decodable();
-  print_warning(input);
-  verification::TagStatistics statistics;
-  input.read(chunk_bytes, [&](std::span<const timing::TimeTag> tags) { statistics.add(tags); });
-  RunResult run =
-      verification::judge(statistics, verification::derive_rates(divider, settings), settings);
-  run.payload_bytes = input.payload_bytes().value_or(0);
-  return run;
+  verification::TagStatistics recorded;
+  input.read(chunk_bytes, [&](std::span<const timing::TimeTag> tags) { recorded.add(tags); });
+  Judgement judgement;
+  judgement.run = judge_again(reported, recorded, input.payload_bytes(), settings);
+  judgement.numbers = numbers_of(judgement.run);
+  return judgement;
 }
 
 int verify_file(const VerifyOptions& options) {
   StreamInput input(options.path);
   const EvaluationSettings settings =
       chosen_settings(verification::settings_of(input.reader.header()), options);
-  Judgement judgement;
-  judgement.run = judge_recording(input, divider_of(options), settings, options.chunk_bytes);
-  judgement.run.stream_file = options.path;
-  judgement.run.requested_hz = options.requested_hz.value_or(0);
-  judgement.numbers = numbers_of(judgement.run);
+  const RunResult named = {.requested_hz = options.requested_hz.value_or(0),
+                           .divider = divider_of(options),
+                           .stream_file = options.path,
+                           .channels = {}};
+  Judgement judgement = judged_again(named, settings, input, options.chunk_bytes);
   std::erase_if(judgement.numbers, [&](const NamedNumber& number) {  // what no one has said
     return (number.name == "requested_hz" && !options.requested_hz) ||
            (number.name == "payload_bytes" && !input.payload_bytes());
@@ -209,26 +199,6 @@ int verify_file(const VerifyOptions& options) {
   Output output(settings, options.json);
   output.add(judgement);
   return output.finish();
-}
-
-Judgement judged_again(const RunDirectory& dir, const RunResult& reported,
-                       const EvaluationSettings& settings, const VerifyOptions& options,
-                       bool same_judgement) {
-  Judgement judgement;
-  RunResult& run = judgement.run;
-  run.stream_file = reported.stream_file;
-  try {
-    require_recording(dir, reported);
-    StreamInput input(reported.stream_file);
-    run = judge_recording(input, reported.divider, settings, options.chunk_bytes);
-    run.stream_file = reported.stream_file;
-    run.requested_hz = reported.requested_hz;
-    judgement.numbers = numbers_of(run);
-    judgement.differences = differences(reported, run, same_judgement);
-  } catch (const timing::Error& error) {
-    judgement.error = error.what();
-  }
-  return judgement;
 }
 
 int verify_run(const VerifyOptions& options) {
@@ -247,7 +217,17 @@ int verify_run(const VerifyOptions& options) {
   const EvaluationSettings settings = chosen_settings(dir.settings, options);
   Output output(settings, options.json);
   for (const RunResult& reported : dir.runs) {
-    output.add(judged_again(dir, reported, settings, options, same_judgement));
+    Judgement judgement;
+    try {
+      require_recording(dir, reported);
+      StreamInput input(reported.stream_file);
+      judgement = judged_again(reported, settings, input, options.chunk_bytes);
+      judgement.differences = differences(reported, judgement.run, same_judgement);
+    } catch (const timing::Error& error) {
+      judgement.run.stream_file = reported.stream_file;
+      judgement.error = error.what();
+    }
+    output.add(judgement);
   }
   if (same_judgement && output.unjudged() == 0 && output.pass() != dir.pass) {
     output.disagree("", {"pass", fmt::to_string(dir.pass), fmt::to_string(output.pass())});
@@ -257,7 +237,7 @@ int verify_run(const VerifyOptions& options) {
 
 }  // namespace
 
-int verify(const VerifyOptions& options) {
+int run(const VerifyOptions& options) {
   return names_run(options.path) ? verify_run(options) : verify_file(options);
 }
 

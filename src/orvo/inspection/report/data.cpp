@@ -1,5 +1,6 @@
 #include <nlohmann/json.hpp>
 
+#include "orvo/inspection/comparison.h"
 #include "orvo/inspection/report/page.h"
 
 namespace orvo::inspection {
@@ -8,34 +9,15 @@ namespace {
 using Json = nlohmann::ordered_json;
 using verification::kChannels;
 
-Json histogram_of(const std::vector<Bin>& bins) {
-  Json pairs = Json::array();
-  for (const Bin& bin : bins) {
-    pairs.push_back({bin.value_ps, bin.count});
-  }
-  return pairs;
-}
-
-Json spread_json(const Spread& spread) {
-  if (spread.count == 0) {
-    return {{"count", 0}};
-  }
-  return {{"count", spread.count},
-          {"mean_ps", spread.mean_ps},
-          {"median_ps", spread.median_ps},
-          {"standard_deviation_ps", spread.deviation_ps}};
-}
-
 /// [begin of the column, intervals, smallest and largest deviation, mean deviation]
 Json columns_of(const Recording& recording, std::size_t channel) {
-  const double expected_ps = recording.channels[channel].expected_ps;
+  const ChannelRecording& found = recording.channels[channel];
   Json rows = Json::array();
   for (const auto& [index, column] : recording.columns) {
     const IntervalSummary& s = column.channels[channel];
     if (s.intervals != 0) {
-      rows.push_back({index * recording.column_ps, s.intervals,
-                      static_cast<double>(s.shortest.interval_ps) - expected_ps,
-                      static_cast<double>(s.longest.interval_ps) - expected_ps,
+      rows.push_back({index * recording.column_ps, s.intervals, found.deviation_ps(s.shortest),
+                      found.deviation_ps(s.longest),
                       s.deviations_ps / static_cast<double>(s.intervals)});
     }
   }
@@ -43,27 +25,21 @@ Json columns_of(const Recording& recording, std::size_t channel) {
 }
 
 Json channel_json(const RunFindings& run, std::size_t c) {
-  const verification::ChannelResult& result = run.shown.channels[c];
-  Json json = {{"channel", c},
-               {"pass", result.pass},
-               {"count", result.count},
-               {"first_ps", result.first_ps},
-               {"last_ps", result.last_ps},
-               {"measured_hz", result.measured_hz},
-               {"ppm_error", result.ppm_error}};
+  Json json = {{"channel", c}};
+  json.update(json_of(numbers_of(run.shown.channels[c])));
   if (run.recording) {
     const ChannelRecording& channel = run.recording->channels[c];
-    json["expected_interval_ps"] = channel.expected_ps;
-    json["intervals"] = channel.intervals.intervals;
-    json["gaps"] = channel.intervals.gaps;
-    json["missing_events"] = channel.intervals.missing_events;
-    json["backward_steps"] = channel.intervals.backward_steps;
-    json["with_overflow"] = channel.intervals.with_overflow;
-    json["deviation"] = spread_json(channel.spread);
-    json["skew"] = spread_json(channel.skew);
-    json["deviation_histogram"] = histogram_of(channel.deviations);
-    json["skew_histogram"] = histogram_of(channel.skews);
-    json["columns"] = columns_of(*run.recording, c);
+    json.update({{"expected_interval_ps", channel.expected_ps},
+                 {"intervals", channel.intervals.intervals},
+                 {"gaps", channel.intervals.gaps},
+                 {"missing_events", channel.intervals.missing_events},
+                 {"backward_steps", channel.intervals.backward_steps},
+                 {"with_overflow", channel.intervals.with_overflow},
+                 {"deviation", channel.spread},
+                 {"skew", channel.skew},
+                 {"deviation_histogram", channel.deviations},
+                 {"skew_histogram", channel.skews},
+                 {"columns", columns_of(*run.recording, c)}});
   }
   return json;
 }
@@ -77,19 +53,17 @@ Json run_json(const RunDirectory& dir, const RunFindings& run) {
                {"pass", dir.ended() ? Json(run.shown.pass) : Json()},
                {"incomplete", run.incomplete},
                {"problem", run.problem.empty() ? Json() : Json(run.problem)}};
-  if (run.recording) {
-    json["first_ps"] = run.recording->first_ps;
-    json["last_ps"] = run.recording->last_ps;
-    json["tags_outside"] = run.recording->tags_outside;
-    json["locks_dropped"] = run.recording->locks.dropped();
-    json["column_ps"] = run.recording->column_ps;
-    json["skew_reference"] = run.recording->reference ? Json(*run.recording->reference) : Json();
+  if (const auto& recording = run.recording) {
+    json.update({{"first_ps", recording->first_ps},
+                 {"last_ps", recording->last_ps},
+                 {"tags_outside", recording->tags_outside},
+                 {"locks_dropped", recording->locks.dropped()},
+                 {"column_ps", recording->column_ps},
+                 {"skew_reference", recording->reference ? Json(*recording->reference) : Json()}});
   }
-  Json channels = Json::array();
   for (std::size_t c = 0; c < kChannels; ++c) {
-    channels.push_back(channel_json(run, c));
+    json["channels"].push_back(channel_json(run, c));
   }
-  json["channels"] = std::move(channels);
   return json;
 }
 

@@ -155,19 +155,9 @@ void look_at_locks(RunFindings& run) {
   }
 }
 
-/// The recording's tags judged by `settings`, with what else a report has of it.
-RunResult judged_again(const RunResult& reported, std::uint32_t divider,
-                       const EvaluationSettings& settings, const Recording& recording) {
-  RunResult result =
-      verification::judge(recording.tags, verification::derive_rates(divider, settings), settings);
-  result.requested_hz = reported.requested_hz;
-  result.stream_file = reported.stream_file;
-  result.payload_bytes = recording.payload_bytes.value_or(0);
-  return result;
-}
-
 void compare(const RunDirectory& dir, const RunResult& reported, RunFindings& run) {
-  const RunResult decoded = judged_again(reported, reported.divider, dir.settings, *run.recording);
+  const RunResult decoded =
+      judge_again(reported, run.recording->tags, run.recording->payload_bytes, dir.settings);
   Words words;
   for (const Difference& difference : differences(reported, decoded, true)) {
     words.push_back(fmt::format("{} {} reported, {} now", difference.name, difference.reported,
@@ -230,7 +220,8 @@ RunFindings look_into(const RunDirectory& dir, std::size_t index, std::uint64_t 
     if (dir.ended()) {
       compare(dir, reported, run);
     } else {
-      run.shown = judged_again(reported, run.recording->divider, {}, *run.recording);
+      run.shown.divider = run.recording->divider;
+      run.shown = judge_again(run.shown, run.recording->tags, run.recording->payload_bytes, {});
     }
     look_at_time(dir, *run.recording, run.observations);
     look_at_intervals(*run.recording, run.observations);
@@ -289,38 +280,12 @@ Verdict verdict_of(const RunDirectory& dir, const std::vector<RunFindings>& runs
 }
 
 std::vector<std::string> lock_history_of(const Recording& recording) {
-  using Kind = timing::LockEvent::Kind;
-  const auto words_of = [](const timing::LockEvent& event) -> std::string {
-    switch (event.kind) {
-      case Kind::locked:
-        return fmt::format("lock taken, {} skipped", counted(event.drop_bytes, "byte"));
-      case Kind::no_alignment:
-        return fmt::format("no lock found in {}", counted(event.buffer_bytes, "byte"));
-      case Kind::rejected_alignment:
-        return "a lock was found and refused: its channels differ too much";
-      case Kind::inactive_channel:
-        return fmt::format("lock lost: a record of channel {}, which was not recorded",
-                           event.channel);
-      case Kind::overflow_in_sync:
-      case Kind::sync_channel_mismatch:
-        return "lock lost: a sync was interrupted";
-      case Kind::nonmonotonic_sync:
-        return fmt::format("lock lost: an event of channel {} before the last one", event.channel);
-      case Kind::implausible_sync_delta:
-      case Kind::implausible_delta:
-        return fmt::format("lock lost: channel {} took a step that the decoder refuses",
-                           event.channel);
-      case Kind::imbalanced:
-        return "lock lost: its channels differed more than eightfold";
-    }
-    return {};
-  };
   Words lines;
   for (const auto& [event, time_ps, next_ps] : recording.locks.entries()) {
     lines.push_back(
         fmt::format("Payload byte {}{}: {}.", grouped(event.payload_offset_bytes),
                     time_ps ? ", after the timestamp at " + since_first(*time_ps, recording) : "",
-                    words_of(event)));
+                    describe(event, recording.header)));
   }
   if (recording.locks.left_out() != 0) {
     lines.push_back("And " + grouped(recording.locks.left_out()) + " more.");

@@ -1,5 +1,3 @@
-#include "orvo/inspection/report/report.h"
-
 #include <fmt/chrono.h>
 
 #include <cstdlib>
@@ -9,7 +7,7 @@
 #include <optional>
 #include <vector>
 
-#include "orvo/inspection/exit_status.h"
+#include "orvo/inspection/commands.h"
 #include "orvo/inspection/output_file.h"
 #include "orvo/inspection/report/findings.h"
 #include "orvo/inspection/report/page.h"
@@ -17,7 +15,7 @@
 
 namespace orvo::inspection {
 
-int report(const ReportOptions& options) {
+int run(const ReportOptions& options) {
   unsetenv("ORVO_PACKED_DEBUG");  // the page has the lock history
   const RunDirectory dir = load_run(options.path);
   std::vector<std::filesystem::path> inputs;
