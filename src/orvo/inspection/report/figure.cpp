@@ -44,197 +44,128 @@ constexpr const char* kUp = "M-6 0H6L0-9z";
 constexpr const char* kDiamond = "M0-10L5-5L0 0L-5-5z";
 constexpr const char* kCircle = "M-4 0a4 4 0 1 0 8 0a4 4 0 1 0-8 0z";
 
-/// What happened to the whole stream: a line through all rows, and a shape at its head.
-struct Mark {
-  const char* kind;
-  double x;
-  double head_px;
-  const char* shape;
-  std::string hover;
-};
-
-class RunFigure {
- public:
-  explicit RunFigure(const Recording& run)
-      : run_(run),
-        scale_(run),
-        first_ps_(static_cast<double>(run.first_ps)),
-        span_ps_(std::max(static_cast<double>(run.last_ps) - first_ps_, 1.0)) {
-    std::uint64_t with_overflow = 0;
-    std::uint64_t intervals = 0;
+/// A run and where its values stand.
+struct Axes {
+  explicit Axes(const Recording& recording)
+      : run(recording),
+        scale(run),
+        first_ps(static_cast<double>(run.first_ps)),
+        span_ps(std::max(static_cast<double>(run.last_ps) - first_ps, 1.0)) {
     for (const ChannelRecording& channel : run.channels) {
-      with_overflow += channel.intervals.with_overflow;
-      intervals += channel.intervals.intervals;
       for (const std::vector<Bin>* bins : {&channel.deviations, &channel.skews}) {
         for (const Bin& bin : *bins) {
-          largest_count_ = std::max(largest_count_, static_cast<double>(bin.count));
+          largest_count = std::max(largest_count, static_cast<double>(bin.count));
         }
       }
     }
-    figure_.overflow_varies = with_overflow != 0 && with_overflow != intervals;
-    figure_.tails = scale_.has_tails();
-    mark_locks();
-    mark_wraps();
   }
 
-  Figure draw() {
-    draw_head();
-    for (std::size_t channel = 0; channel < kChannels; ++channel) {
-      if (run_.shows(channel)) {
-        draw_row(channel);
-      }
-    }
-    draw_axis();
-    return std::move(figure_);
-  }
-
- private:
   [[nodiscard]] double time_share(double time_ps) const {
-    return std::clamp((time_ps - first_ps_) / span_ps_, 0.0, 1.0);
+    return std::clamp((time_ps - first_ps) / span_ps, 0.0, 1.0);
   }
   /// Where a column's data is in its layer.
   [[nodiscard]] double layer_x(std::int64_t column) const {
     const double middle = static_cast<double>(column) + 0.5;
-    return Svg::kLayerWidth * time_share(middle * static_cast<double>(run_.column_ps));
+    return Svg::kLayerWidth * time_share(middle * static_cast<double>(run.column_ps));
   }
   /// How long a bar is, so that a count of 1 is seen and its name has room after the longest.
   [[nodiscard]] double bar_share(double count) const {
     constexpr double kFloor = 0.4;  // decades below 1
-    return 0.72 * (std::log10(count) + kFloor) / (std::log10(largest_count_) + kFloor);
+    return 0.72 * (std::log10(count) + kFloor) / (std::log10(largest_count) + kFloor);
   }
 
-  void add_mark(const char* kind, double time_ps, double head_px, const char* shape,
-                const char* what) {
-    marks_.push_back({kind, kTime.width * time_share(time_ps), head_px, shape,
-                      what + time_text(time_ps - first_ps_)});
-  }
-  void mark_locks();
-  void mark_wraps();
-  void draw_head();
-  void draw_row(std::size_t number);
-  void draw_axis();
-  void draw_frame(Svg& svg, const Panel& panel) const;
-  void draw_columns(Svg& svg, std::size_t number);
-  void draw_overflow(Svg& svg, std::size_t number) const;
-  void draw_extreme(Svg& svg, const ChannelRecording& channel, const Extreme& extreme) const;
-  void draw_bars(Svg& svg, const Panel& panel, std::span<const Bin> bins, double middle_ps,
-                 const char* thing) const;
-  void draw_count_axis(Svg& svg, const Panel& panel, const char* things) const;
-
-  const Recording& run_;
-  Scale scale_;
-  double first_ps_;
-  double span_ps_;
-  double largest_count_ = 10;
-  std::vector<Mark> marks_;
-  Figure figure_;
+  const Recording& run;
+  Scale scale;
+  double first_ps;
+  double span_ps;
+  double largest_count = 10;
 };
 
-void RunFigure::mark_locks() {
+/// What happened to the whole stream: a line through all rows, and a shape at its head.
+struct Mark {
+  const char* kind;
+  double time_ps;
+  double head_px;
+  const char* shape;
+  const char* what;
+};
+
+std::vector<Mark> lock_marks(const Recording& run, std::vector<std::string>& left_out) {
   const auto shown = [&](const std::optional<std::int64_t>& time_ps) {
-    return time_ps && *time_ps >= run_.first_ps && *time_ps <= run_.last_ps;
+    return time_ps && *time_ps >= run.first_ps && *time_ps <= run.last_ps;
   };
+  std::vector<Mark> marks;
   std::uint64_t lost = 0;
-  for (const auto& [event, time_ps, next_ps] : run_.locks.entries()) {
+  for (const auto& [event, time_ps, next_ps] : run.locks.entries()) {
     if (timing::drops_lock(event.kind) && shown(time_ps)) {
-      add_mark("lost", static_cast<double>(*time_ps), kHeadPx - 13, kDown, "lock lost, ");
+      marks.push_back({"lost", static_cast<double>(*time_ps), kHeadPx - 13, kDown, "lock lost"});
       ++lost;
     } else if (event.kind == timing::LockEvent::Kind::locked && time_ps && shown(next_ps)) {
-      add_mark("taken", static_cast<double>(*next_ps), kHeadPx - 1, kUp, "lock taken again, ");
-      figure_.taken = true;
+      marks.push_back(
+          {"taken", static_cast<double>(*next_ps), kHeadPx - 1, kUp, "lock taken again"});
     }
   }
-  figure_.lost = lost != 0;
-  if (const std::uint64_t all = run_.locks.dropped(); all > lost) {
-    figure_.left_out.push_back(
+  if (const std::uint64_t all = run.locks.dropped(); all > lost) {
+    left_out.push_back(
         fmt::format("{} of {} not marked.", grouped(all - lost), counted(all, "lost lock")));
   }
+  return marks;
 }
 
-void RunFigure::mark_wraps() {
+std::vector<Mark> wrap_marks(const Axes& axes, std::vector<std::string>& left_out) {
   const auto wrap_ps = static_cast<double>(timing::detail::kWrapPs);
-  const double first = std::floor(first_ps_ / wrap_ps) + 1;
-  const double all = std::floor((first_ps_ + span_ps_) / wrap_ps) - first + 1;
+  const double first = std::floor(axes.first_ps / wrap_ps) + 1;
+  const double all = std::floor((axes.first_ps + axes.span_ps) / wrap_ps) - first + 1;
+  std::vector<Mark> marks;
   for (int i = 0; i < kMaxWrapMarks && i < all; ++i) {
-    add_mark("wrapped", (first + i) * wrap_ps, kHeadPx - 14, kDiamond, "clock returned to 0, ");
+    marks.push_back(
+        {"wrapped", (first + i) * wrap_ps, kHeadPx - 14, kDiamond, "clock returned to 0"});
   }
-  figure_.wrapped = all > 0;
   if (all > kMaxWrapMarks) {
-    figure_.left_out.push_back(fmt::format("{} of {} of the clock to 0 not marked.",
-                                           grouped(static_cast<std::uint64_t>(all - kMaxWrapMarks)),
-                                           counted(static_cast<std::uint64_t>(all), "return")));
+    left_out.push_back(fmt::format("{} of {} of the clock to 0 not marked.",
+                                   grouped(static_cast<std::uint64_t>(all - kMaxWrapMarks)),
+                                   counted(static_cast<std::uint64_t>(all), "return")));
   }
+  return marks;
 }
 
-void RunFigure::draw_head() {
+std::string draw_head(const Axes& axes, const std::vector<Mark>& marks) {
   Svg svg;
   svg.text("title", kTime.left, 12, "start", 0, "deviation over time");
   svg.text("title", kHistogram.left, 12, "start", 0, "counts");
-  svg.text("title", kSkew.left, 12, "start", 0, run_.reference ? "skew" : "");
-  for (const Mark& mark : marks_) {
-    svg.line(mark.kind, mark.x, mark.head_px, mark.x, kHeadPx);
-    svg.shape(mark.kind, mark.x, mark.head_px, mark.shape, mark.hover);
+  svg.text("title", kSkew.left, 12, "start", 0, axes.run.reference ? "skew" : "");
+  for (const Mark& mark : marks) {
+    const double x = kTime.width * axes.time_share(mark.time_ps);
+    svg.line(mark.kind, x, mark.head_px, x, kHeadPx);
+    svg.shape(mark.kind, x, mark.head_px, mark.shape,
+              fmt::format("{}, {}", mark.what, time_text(mark.time_ps - axes.first_ps)));
   }
-  figure_.parts.push_back(svg.element("plot", kHeadPx, "Marks of the whole stream"));
+  return svg.element("plot", kHeadPx, "Marks of the whole stream");
 }
 
-void RunFigure::draw_row(std::size_t number) {
-  const ChannelRecording& channel = run_.channels[number];
-  const double middle_px = kTopPx + kPlotPx / 2;
-  Svg svg;
-  svg.text("channel", 0, kTopPx - 8, "start", -64, fmt::format("channel {}", number));
-  for (const Mark& mark : marks_) {
-    svg.line(mark.kind, mark.x, 0, mark.x, kRowPx);
-  }
-  draw_frame(svg, kTime);
-  std::string description =
-      "no intervals: " + counted(run_.tags.channel(number).count, "timestamp");
-  if (channel.intervals.intervals == 0) {
-    svg.text("none", kTime.width / 2, middle_px - 6, "middle", 0, description);
-  } else {
-    description = fmt::format(
-        "{}, deviations from {} to {}", counted(channel.intervals.intervals, "interval"),
-        signed_time_text(channel.smallest_ps()), signed_time_text(channel.largest_ps()));
-    draw_columns(svg, number);
-    draw_extreme(svg, channel, channel.intervals.longest);
-    draw_extreme(svg, channel, channel.intervals.shortest);
-    draw_overflow(svg, number);
-    draw_frame(svg, kHistogram);
-    draw_bars(svg, kHistogram, channel.deviations, 0, "interval");
-  }
-  if (number == run_.reference) {
-    svg.text("none", kSkew.left, middle_px - 6, "start", 4, "reference");
-  } else if (channel.skew.count != 0) {
-    svg.text("channel", kSkew.left, kTopPx - 8, "start", 0,
-             signed_time_text(channel.skew.median_ps));
-    draw_frame(svg, kSkew);
-    draw_bars(svg, kSkew, channel.skews, channel.skew.median_ps, "event");
-  }
-  figure_.parts.push_back(
-      svg.element("plot", kRowPx, fmt::format("Channel {}, {}", number, description)));
-}
-
-void RunFigure::draw_frame(Svg& svg, const Panel& panel) const {
-  for (const double tick : scale_.ticks()) {
-    const double y = kTopPx + scale_.y(tick);
+void draw_frame(Svg& svg, const Axes& axes, const Panel& panel) {
+  for (const double tick : axes.scale.ticks()) {
+    const double y = kTopPx + axes.scale.y(tick);
     svg.line(tick == 0 ? "zero" : "grid", panel.left, y, panel.left + panel.width, y);
-    svg.text("tick", 0, y + 4, "end", -7, panel.left == 0 ? signed_time_text(tick) : "");
+    if (panel.left == 0) {
+      svg.text("tick", 0, y + 4, "end", -7, signed_time_text(tick));
+    }
   }
   svg.line("frame", panel.left, kTopPx, panel.left, kBottomPx);
 }
 
 /// Each column from its smallest to its largest deviation; darker what is within a standard
-/// deviation of its mean.
-void RunFigure::draw_columns(Svg& svg, std::size_t number) {
-  const ChannelRecording& channel = run_.channels[number];
+/// deviation of its mean. Returns whether there is a difference.
+bool draw_columns(Svg& svg, const Axes& axes, std::size_t number) {
+  const ChannelRecording& channel = axes.run.channels[number];
   std::string all;
   std::string most;
   std::size_t used = 0;
   const auto stroke = [&](std::string& path, std::int64_t column, double from_ps, double to_ps) {
-    fmt::format_to(std::back_inserter(path), "M{:.4g} {:.1f}V{:.1f}", layer_x(column),
-                   scale_.y(from_ps), scale_.y(to_ps));
+    fmt::format_to(std::back_inserter(path), "M{:.4g} {:.1f}V{:.1f}", axes.layer_x(column),
+                   axes.scale.y(from_ps), axes.scale.y(to_ps));
   };
-  for (const auto& [index, column] : run_.columns) {
+  for (const auto& [index, column] : axes.run.columns) {
     const IntervalSummary& s = column.channels[number];
     if (s.intervals == 0) {
       continue;
@@ -246,7 +177,6 @@ void RunFigure::draw_columns(Svg& svg, std::size_t number) {
     const double mean_ps = s.deviations_ps / count;
     const double spread_ps = std::sqrt(std::max(0.0, s.squares / count - mean_ps * mean_ps));
     if (largest_ps > smallest_ps) {
-      figure_.dense = true;
       stroke(all, index, largest_ps, smallest_ps);
     }
     stroke(most, index, std::min(mean_ps + spread_ps, largest_ps),
@@ -254,52 +184,53 @@ void RunFigure::draw_columns(Svg& svg, std::size_t number) {
   }
   svg.layer("all", kTime.width, kTopPx, kPlotPx, all);
   svg.layer(used <= kSparseColumns ? "most sparse" : "most", kTime.width, kTopPx, kPlotPx, most);
+  return !all.empty();
 }
 
-void RunFigure::draw_overflow(Svg& svg, std::size_t number) const {
+/// The share of intervals with overflow records; returns whether there are any.
+bool draw_overflow(Svg& svg, const Axes& axes, std::size_t number) {
   std::string path;
-  for (const auto& [index, column] : run_.columns) {
+  for (const auto& [index, column] : axes.run.columns) {
     const IntervalSummary& s = column.channels[number];
-    if (figure_.overflow_varies && s.with_overflow != 0) {
+    if (s.with_overflow != 0) {
       const double share = static_cast<double>(s.with_overflow) / static_cast<double>(s.intervals);
-      fmt::format_to(std::back_inserter(path), "M{:.4g} {}V{:.1f}", layer_x(index), kStripPx,
+      fmt::format_to(std::back_inserter(path), "M{:.4g} {}V{:.1f}", axes.layer_x(index), kStripPx,
                      kStripPx * (1 - share));
     }
   }
-  if (!path.empty()) {
-    svg.layer("overflow", kTime.width, kBottomPx + 3, kStripPx, path);
-  }
+  svg.layer("overflow", kTime.width, kBottomPx + 3, kStripPx, path);
+  return !path.empty();
 }
 
-/// Names what is far from the rest.
-void RunFigure::draw_extreme(Svg& svg, const ChannelRecording& channel,
-                             const Extreme& extreme) const {
-  const double value_ps = channel.deviation_ps(extreme);
-  if (scale_.in_tail(value_ps)) {
-    const auto time_ps = static_cast<double>(extreme.time_ps);
-    const bool right = time_share(time_ps) < 0.5;
-    const double x = kTime.width * time_share(time_ps);
-    const double y = kTopPx + scale_.y(value_ps);
-    const std::string words = signed_time_text(value_ps) + " at " + time_text(time_ps - first_ps_);
-    svg.shape("far", x, y, kCircle, words);
-    svg.text("note", x, y + 4, right ? "start" : "end", right ? 9 : -9, words);
+/// Names what is far from the rest; returns whether it is.
+bool draw_extreme(Svg& svg, const Axes& axes, double deviation_ps, std::int64_t time_ps) {
+  if (!axes.scale.in_tail(deviation_ps)) {
+    return false;
   }
+  const double share = axes.time_share(static_cast<double>(time_ps));
+  const double x = kTime.width * share;
+  const double y = kTopPx + axes.scale.y(deviation_ps);
+  const std::string words = signed_time_text(deviation_ps) + " at " +
+                            time_text(static_cast<double>(time_ps) - axes.first_ps);
+  svg.shape("far", x, y, kCircle, words);
+  svg.text("note", x, y + 4, share < 0.5 ? "start" : "end", share < 0.5 ? 9 : -9, words);
+  return true;
 }
 
-/// Bars where their values are on the row's scale.
-void RunFigure::draw_bars(Svg& svg, const Panel& panel, std::span<const Bin> bins, double middle_ps,
-                          const char* thing) const {
+/// Bars where their values are on the row's scale, those that would touch as one.
+void draw_bars(Svg& svg, const Axes& axes, const Panel& panel, std::span<const Bin> bins,
+               double middle_ps, const char* thing) {
   struct Bar {
     double y;
     double first_ps;
     double last_ps;
     std::uint64_t count;
   };
-  const double spacing = scale_.y(0) - scale_.y(run_.tick_ps);
+  const double spacing = axes.scale.y(0) - axes.scale.y(axes.run.tick_ps);
   const double height = std::clamp(0.8 * spacing, 2.0, 11.0);
   std::vector<Bar> bars;
   for (const Bin& bin : bins) {
-    const double y = kTopPx + scale_.y(bin.value_ps - middle_ps);
+    const double y = kTopPx + axes.scale.y(bin.value_ps - middle_ps);
     if (bars.empty() || bars.back().y - y >= height) {
       bars.push_back({y, bin.value_ps, bin.value_ps, 0});
     }
@@ -307,7 +238,7 @@ void RunFigure::draw_bars(Svg& svg, const Panel& panel, std::span<const Bin> bin
     bars.back().count += bin.count;
   }
   for (const Bar& bar : bars) {
-    const double length = panel.width * bar_share(static_cast<double>(bar.count));
+    const double length = panel.width * axes.bar_share(static_cast<double>(bar.count));
     const std::string first = signed_text(bar.first_ps, 1);
     const std::string last = signed_text(bar.last_ps, 1);
     svg.rect("bar", panel.left, bar.y - height / 2, length, height,
@@ -319,12 +250,69 @@ void RunFigure::draw_bars(Svg& svg, const Panel& panel, std::span<const Bin> bin
   }
 }
 
-void RunFigure::draw_axis() {
+std::string draw_row(const Axes& axes, const std::vector<Mark>& marks, std::size_t number,
+                     bool overflow_varies, std::set<std::string>& kinds) {
+  const ChannelRecording& channel = axes.run.channels[number];
+  const IntervalSummary& intervals = channel.intervals;
+  const double middle_px = kTopPx + kPlotPx / 2;
+  Svg svg;
+  svg.text("channel", 0, kTopPx - 8, "start", -64, fmt::format("channel {}", number));
+  for (const Mark& mark : marks) {
+    const double x = kTime.width * axes.time_share(mark.time_ps);
+    svg.line(mark.kind, x, 0, x, kRowPx);
+  }
+  draw_frame(svg, axes, kTime);
+  const auto note = [&](const char* kind, bool drawn) {
+    if (drawn) {
+      kinds.insert(kind);
+    }
+  };
+  std::string description =
+      "no intervals: " + counted(axes.run.tags.channel(number).count, "timestamp");
+  if (intervals.intervals == 0) {
+    svg.text("none", kTime.width / 2, middle_px - 6, "middle", 0, description);
+  } else {
+    description = fmt::format(
+        "{}, deviations from {} to {}", counted(intervals.intervals, "interval"),
+        signed_time_text(channel.smallest_ps()), signed_time_text(channel.largest_ps()));
+    note("dense", draw_columns(svg, axes, number));
+    note("far", draw_extreme(svg, axes, channel.largest_ps(), intervals.longest.time_ps));
+    note("far", draw_extreme(svg, axes, channel.smallest_ps(), intervals.shortest.time_ps));
+    note("overflow", overflow_varies && draw_overflow(svg, axes, number));
+    draw_frame(svg, axes, kHistogram);
+    draw_bars(svg, axes, kHistogram, channel.deviations, 0, "interval");
+  }
+  if (number == axes.run.reference) {
+    svg.text("none", kSkew.left, middle_px - 6, "start", 4, "reference");
+  } else if (channel.skew.count != 0) {
+    svg.text("channel", kSkew.left, kTopPx - 8, "start", 0,
+             signed_time_text(channel.skew.median_ps));
+    draw_frame(svg, axes, kSkew);
+    draw_bars(svg, axes, kSkew, channel.skews, channel.skew.median_ps, "event");
+  }
+  return svg.element("plot", kRowPx, fmt::format("Channel {}, {}", number, description));
+}
+
+void draw_count_axis(Svg& svg, const Axes& axes, const Panel& panel, const char* things) {
+  svg.line("frame", panel.left, 0, panel.left + panel.width, 0);
+  const double most = std::pow(10, std::floor(std::log10(axes.largest_count)));
+  for (const double count : {1.0, most}) {
+    const double x = panel.left + panel.width * axes.bar_share(count);
+    svg.line("frame", x, 0, x, 5);
+    svg.text("tick", x, 17, "middle", 0,
+             count < 1e3   ? fmt::format("{}", count)
+             : count < 1e6 ? fmt::format("{}k", count / 1e3)
+                           : fmt::format("{}M", count / 1e6));
+  }
+  svg.text("axis things", panel.left, 34, "start", 0, things);
+}
+
+std::string draw_axes(const Axes& axes) {
   constexpr std::pair<double, const char*> kUnits[] = {
-      {1e12, "s"}, {1e9, "ms"}, {1e6, "µs"}, {1e3, "ns"}, {0, "ps"}};
-  const auto& [unit_ps, unit] = *std::find_if(std::begin(kUnits), std::end(kUnits),
-                                              [&](const auto& u) { return span_ps_ >= u.first; });
-  const double end = span_ps_ / std::max(unit_ps, 1.0);
+      {1e12, "s"}, {1e9, "ms"}, {1e6, "µs"}, {1e3, "ns"}, {1, "ps"}};
+  const auto& [unit_ps, unit] = *std::find_if(
+      std::begin(kUnits), std::end(kUnits), [&](const auto& u) { return axes.span_ps >= u.first; });
+  const double end = axes.span_ps / unit_ps;
   const double step = round_above(end / 6);
   const int decimals = std::max(0, static_cast<int>(std::ceil(-std::log10(step) - 1e-9)));
   Svg svg;
@@ -337,30 +325,38 @@ void RunFigure::draw_axis() {
   }
   svg.text("axis", kTime.width / 2, 34, "middle", 0,
            fmt::format("{} since the first timestamp", unit));
-  draw_count_axis(svg, kHistogram, "intervals");
-  if (run_.reference) {
-    draw_count_axis(svg, kSkew, "events");
+  draw_count_axis(svg, axes, kHistogram, "intervals");
+  if (axes.run.reference) {
+    draw_count_axis(svg, axes, kSkew, "events");
   }
-  figure_.parts.push_back(svg.element("plot", kAxisPx, "Axes of time and of counts"));
-}
-
-void RunFigure::draw_count_axis(Svg& svg, const Panel& panel, const char* things) const {
-  svg.line("frame", panel.left, 0, panel.left + panel.width, 0);
-  const double most = std::pow(10, std::floor(std::log10(largest_count_)));
-  for (const double count : {1.0, most}) {
-    const double x = panel.left + panel.width * bar_share(count);
-    svg.line("frame", x, 0, x, 5);
-    svg.text("tick", x, 17, "middle", 0,
-             count < 1e3   ? fmt::format("{}", count)
-             : count < 1e6 ? fmt::format("{}k", count / 1e3)
-                           : fmt::format("{}M", count / 1e6));
-  }
-  svg.text("axis things", panel.left, 34, "start", 0, things);
+  return svg.element("plot", kAxisPx, "Axes of time and of counts");
 }
 
 }  // namespace
 
-Figure draw_figure(const Recording& recording) { return RunFigure(recording).draw(); }
+Figure draw_figure(const Recording& recording) {
+  const Axes axes(recording);
+  Figure figure;
+  std::vector<Mark> marks = lock_marks(recording, figure.left_out);
+  const std::vector<Mark> wraps = wrap_marks(axes, figure.left_out);
+  marks.insert(marks.end(), wraps.begin(), wraps.end());
+  for (const Mark& mark : marks) {
+    figure.kinds.insert(mark.kind);
+  }
+  IntervalSummary all;
+  for (const ChannelRecording& channel : recording.channels) {
+    all.add(channel.intervals);
+  }
+  const bool overflow_varies = all.with_overflow != 0 && all.with_overflow != all.intervals;
+  figure.parts.push_back(draw_head(axes, marks));
+  for (std::size_t channel = 0; channel < kChannels; ++channel) {
+    if (recording.shows(channel)) {
+      figure.parts.push_back(draw_row(axes, marks, channel, overflow_varies, figure.kinds));
+    }
+  }
+  figure.parts.push_back(draw_axes(axes));
+  return figure;
+}
 
 std::string draw_rate_errors(std::span<const RateMark> marks, double tolerance_ppm) {
   if (!(tolerance_ppm > 0) || !std::isfinite(tolerance_ppm)) {

@@ -2,6 +2,7 @@
 // escape. No state; any thread may call.
 #pragma once
 
+#include <set>
 #include <span>
 #include <string>
 #include <vector>
@@ -15,13 +16,9 @@ namespace orvo::inspection {
 struct Figure {
   std::vector<std::string> parts;     ///< SVG, from top to bottom; paper may break between them
   std::vector<std::string> left_out;  ///< sentences about marks that are not drawn
-  // What there is to explain.
-  bool dense = false;  ///< columns with more than one value
-  bool tails = false;  ///< a logarithmic scale beyond the common deviations
-  bool overflow_varies = false;
-  bool lost = false;  ///< marks of locks, and of the clock's returns to 0
-  bool taken = false;
-  bool wrapped = false;
+  /// What there is to explain: lost, taken or wrapped for marks of the whole stream, overflow for
+  /// the strip of records, far for deviations on a logarithmic scale, dense for columns of many.
+  std::set<std::string> kinds;
 };
 
 [[nodiscard]] Figure draw_figure(const Recording& recording);

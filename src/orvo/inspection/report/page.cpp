@@ -35,6 +35,7 @@ std::string escaped(const std::string& text) {
   return mustache::html_escape(Json::parse(valid).get<std::string>());
 }
 
+/// For the template, where an empty text hides a section.
 mustache::data template_data(const Json& value) {
   if (value.is_object()) {
     mustache::data object;
@@ -50,47 +51,44 @@ mustache::data template_data(const Json& value) {
     }
     return list;
   }
-  return value.is_string() ? mustache::data(value.get_ref<const std::string&>())
-                           : mustache::data(value.is_boolean() && value.get<bool>());
+  if (value.is_number()) {
+    return value.dump();
+  }
+  return value.is_string() && value != "" ? mustache::data(value.get_ref<const std::string&>())
+                                          : mustache::data(value == true);
 }
 
-/// The text, or false, which hides a section.
-Json or_hidden(const std::string& text) { return text.empty() ? Json(false) : Json(text); }
-
-/// The half sentences of all runs, as far as anybody reads them.
+/// The half sentences of all runs, as far as anybody reads them; nothing where there are none.
 Json sentences_of(const std::vector<RunFindings>& runs,
                   std::vector<std::string> RunFindings::*half_sentences) {
-  Json all = Json::array();
+  Json all;
   std::size_t left_out = 0;
   for (std::size_t i = 0; i < runs.size(); ++i) {
     for (const std::string& words : runs[i].*half_sentences) {
       if (all.size() == kMaxSentences) {
         ++left_out;
       } else {
-        all.push_back({{"number", fmt::to_string(i + 1)},
-                       {"run", name_of_run(i, runs[i])},
-                       {"words", words}});
+        all.push_back({{"number", i + 1}, {"run", name_of_run(i, runs[i])}, {"words", words}});
       }
     }
   }
-  const bool any = !all.empty();
-  return any ? Json{{"sentences", std::move(all)},
-                    {"left_out", or_hidden(left_out == 0 ? "" : fmt::to_string(left_out))}}
-             : Json(false);
+  return all.empty() ? Json()
+                     : Json{{"sentences", std::move(all)},
+                            {"left_out", left_out == 0 ? Json() : Json(left_out)}};
 }
 
-/// What is known of the whole; hidden where it is not.
+/// What is known of the whole.
 Json facts_of(const RunDirectory& dir, const std::vector<RunFindings>& runs) {
-  Json facts = {{"run_directory", dir.path.string()}, {"settings", false}};
-  for (const RunFindings& run : runs) {
-    if (run.recording && !facts.contains("recorded")) {
-      const timing::StreamFileHeader& header = run.recording->header;
-      facts["instrument"] = or_hidden(header.device_product);
-      facts["serial"] = or_hidden(header.device_serial);
-      facts["port"] = or_hidden(header.device_port);
-      facts["recorded"] = header.created_utc;
-      facts["application"] = or_hidden(header.application);
-    }
+  Json facts = {{"run_directory", dir.path.string()}};
+  const auto recorded = std::find_if(
+      runs.begin(), runs.end(), [](const RunFindings& run) { return run.recording.has_value(); });
+  if (recorded != runs.end()) {
+    const timing::StreamFileHeader& header = recorded->recording->header;
+    facts.update({{"instrument", header.device_product},
+                  {"serial", header.device_serial},
+                  {"port", header.device_port},
+                  {"recorded", header.created_utc},
+                  {"application", header.application}});
   }
   if (dir.ended()) {
     const verification::EvaluationSettings& s = dir.settings;
@@ -102,9 +100,9 @@ Json facts_of(const RunDirectory& dir, const std::vector<RunFindings>& runs) {
                          {"tolerance", fmt::format("±{:g} ppm", s.tolerance_ppm)},
                          {"needed", grouped(s.min_tags_per_channel)},
                          {"channels", channels},
-                         {"bits", fmt::to_string(s.packed_bits)},
-                         {"quantum", fmt::to_string(s.packed_quantum_ps)},
-                         {"note", or_hidden(dir.settings_note)}};
+                         {"bits", s.packed_bits},
+                         {"quantum", s.packed_quantum_ps},
+                         {"note", dir.settings_note}};
   }
   return facts;
 }
@@ -131,7 +129,7 @@ Json row_of(const RunDirectory& dir, const RunFindings& run, std::size_t number,
   const bool measured = channel.measured_hz > 0;
   const bool timed = channel.count >= 2;
   const int decimals = std::abs(channel.ppm_error) < 1000 ? 6 : 1;
-  return {{"channel", fmt::to_string(number)},
+  return {{"channel", number},
           {"state", state},
           {"verdict", verdict},
           {"error", measured ? signed_text(channel.ppm_error, decimals) : kDash},
@@ -172,8 +170,6 @@ Json run_facts_of(const RunDirectory& dir, const RunFindings& run) {
   const RunResult& shown = run.shown;
   Json facts = {{"requested", dir.ended() ? fixed_text(shown.requested_hz, 3) : kDash},
                 {"expected", fixed_text(shown.expected_decoded_hz, 3)},
-                {"source", false},
-                {"stream", false},
                 {"payload", grouped(shown.payload_bytes)},
                 {"stream_file", shown.stream_file.string()}};
   if (shown.divider != 0) {
@@ -189,11 +185,10 @@ Json run_facts_of(const RunDirectory& dir, const RunFindings& run) {
     facts["stream"] = {
         {"format", name_of(header.stream_format)},
         {"mode", name_of(header.mode)},
-        {"bits", fmt::to_string(header.delta_bits)},
-        {"quantum", fmt::to_string(header.quantum_ps)},
+        {"bits", header.delta_bits},
+        {"quantum", header.quantum_ps},
         {"recorded", header.created_utc},
-        {"begin", or_hidden(run.recording->has_intervals() ? grouped(run.recording->first_ps)
-                                                           : std::string())}};
+        {"begin", run.recording->has_intervals() ? grouped(run.recording->first_ps) : ""}};
   }
   return facts;
 }
@@ -206,7 +201,7 @@ Json numbers_of(const Recording& recording, std::size_t number) {
   const IntervalSummary& s = channel.intervals;
   const auto [spread, skew] = std::pair(channel.spread, channel.skew);
   const bool any = s.intervals != 0;
-  return {{"channel", fmt::to_string(number)},
+  return {{"channel", number},
           {"intervals", grouped(s.intervals)},
           {"mean", or_dash(spread.count != 0, signed_text(spread.mean_ps, 4))},
           {"deviation", or_dash(spread.count != 0, fixed_text(spread.deviation_ps, 3))},
@@ -222,23 +217,18 @@ Json numbers_of(const Recording& recording, std::size_t number) {
 
 Json figure_of(const Recording& recording) {
   const Figure figure = draw_figure(recording);
-  Json channels = Json::array();
+  Json json = {{"marks_left_out", figure.left_out},
+               {"parts", figure.parts},
+               {"reference", recording.reference ? Json(*recording.reference) : Json()}};
+  for (const std::string& kind : figure.kinds) {
+    json[kind] = true;
+  }
   for (std::size_t c = 0; c < kChannels; ++c) {
     if (recording.shows(c)) {
-      channels.push_back(numbers_of(recording, c));
+      json["channels"].push_back(numbers_of(recording, c));
     }
   }
-  return {{"lost", figure.lost},
-          {"taken", figure.taken},
-          {"wrapped", figure.wrapped},
-          {"overflow_varies", figure.overflow_varies},
-          {"tails", figure.tails},
-          {"dense", figure.dense},
-          {"marks_left_out", figure.left_out},
-          {"parts", figure.parts},
-          {"channels", std::move(channels)},
-          {"reference",
-           recording.reference ? Json(fmt::to_string(*recording.reference)) : Json(false)}};
+  return json;
 }
 
 /// What is seen of a run that is folded.
@@ -262,26 +252,26 @@ std::string digest_of(const RunFindings& run) {
 Json run_of(const RunDirectory& dir, const RunFindings& run, std::size_t index) {
   const auto& recording = run.recording;
   const bool drawn = recording && recording->has_intervals();
-  const std::vector<std::string> locks =
-      recording ? lock_history_of(*recording) : std::vector<std::string>();
   Json entry = run_facts_of(dir, run);
-  entry.update({{"number", fmt::to_string(index + 1)},
+  entry.update({{"number", index + 1},
                 {"name", name_of_run(index, run)},
                 {"rows", rows_of(dir, run)},
                 {"open", !run.passed_whole},
-                {"state", !dir.ended()     ? "unjudged"
-                          : run.shown.pass ? "good"
-                                           : "bad"},
-                {"verdict", !dir.ended()      ? ""
-                            : !run.shown.pass ? "✗ FAIL"
-                            : run.incomplete  ? "✓ PASS, incomplete"
-                                              : "✓ PASS"},
-                {"digest", digest_of(run)},
-                {"problem", or_hidden(drawn       ? ""
-                                      : recording ? "no channel has two timestamps"
-                                                  : run.problem)},
-                {"figure", drawn ? figure_of(*recording) : Json(false)},
-                {"locks", locks.size() < 2 ? Json(false) : Json{{"lines", locks}}}});
+                {"digest", digest_of(run)}});
+  if (dir.ended()) {
+    entry["state"] = run.shown.pass ? "good" : "bad";
+    entry["verdict"] = !run.shown.pass  ? "✗ FAIL"
+                       : run.incomplete ? "✓ PASS, incomplete"
+                                        : "✓ PASS";
+  }
+  if (drawn) {
+    entry["figure"] = figure_of(*recording);
+  } else {
+    entry["problem"] = recording ? "no channel has two timestamps" : run.problem;
+  }
+  if (recording && recording->locks.entries().size() > 1) {
+    entry["locks"] = {{"lines", lock_history_of(*recording)}};
+  }
   return entry;
 }
 
@@ -297,7 +287,7 @@ std::string page_of(const RunDirectory& dir, const std::vector<RunFindings>& run
     sections.push_back(run_of(dir, runs[i], i));
   }
   Json page = facts_of(dir, runs);
-  page.update({{"title", or_hidden(labels.title)},
+  page.update({{"title", labels.title},
                {"stamp", dir.path.filename().string()},
                {"look", verdict.look},
                {"headline", verdict.headline},
