@@ -62,8 +62,8 @@ TEST_F(RunDirectory, IsRefusedWithADamagedReport) {
   } cases[] = {
       {report, "", ": parse error at line 1,"},
       {report, "7", ": cannot use at() with number"},
-      {report, std::string(100'000, '['), ": is nested too deeply"},
-      {report, std::string((16 << 20) + 1, ' '), " is too large: more than 16 MiB"},
+      {report, std::string(1'000'000, '['), ": parse error at line 1,"},
+      {report, std::string((4 << 20) + 1, ' '), " is too large: more than 4 MiB"},
       {"\"overflow_f", "\"f", ": (/verification) is not overflow_frequency"},
       {"\"pass\"", "\"fail\"", ": key 'pass' not found"},
       {":15,", ":256,", ": (/channel_mask) is not an integer from 0 to 255"},

@@ -4,37 +4,9 @@
 #include <nlohmann/json.hpp>
 
 namespace orvo::inspection {
-namespace {
-
 using nlohmann::json;
 
-// An array in an array takes the most memory of all, for one byte of text.
-constexpr int kMaxDepth = 16;
-
-/// Whether no array or object of `text`, be it JSON or not, is nested more than kMaxDepth deep. The
-/// parser's own callback could say so, but takes a time quadratic in the length of an array.
-bool is_shallow(std::string_view text) {
-  int depth = 0;
-  bool in_string = false;
-  for (std::size_t i = 0; i < text.size() && depth <= kMaxDepth; ++i) {
-    const char c = text[i];
-    if (c == '"') {
-      in_string = !in_string;
-    } else if (in_string) {
-      i += c == '\\' ? 1 : 0;  // with what it escapes
-    } else {
-      depth += c == '[' || c == '{' ? 1 : c == ']' || c == '}' ? -1 : 0;
-    }
-  }
-  return depth <= kMaxDepth;
-}
-
-}  // namespace
-
 json parse_foreign_json(std::string_view text) {
-  if (!is_shallow(text)) {
-    throw json::other_error::create(501, "is nested too deeply", nullptr);
-  }
   std::u16string characters;
   characters.reserve(text.size());
   for (const char c : text) {

@@ -1,4 +1,4 @@
-// JSON as it is found in files: of any encoding, size and depth. No state; any thread may call.
+// JSON as it is found in files: of any encoding and depth. No state; any thread may call.
 #pragma once
 
 #include <exception>
@@ -8,9 +8,9 @@
 
 namespace orvo::inspection {
 
-/// The document `text`, in memory bounded by 30 times its size. Each byte of a string becomes one
-/// character, so that text in any encoding, or in none, can be read; bytes_of() gives the bytes
-/// back. Throws nlohmann::json::exception, also where arrays or objects are nested too deeply.
+/// The document `text`, in memory of up to a hundred times its size. Each byte of a string becomes
+/// one character, so that text in any encoding, or in none, can be read; bytes_of() gives the bytes
+/// back. Throws nlohmann::json::exception.
 [[nodiscard]] nlohmann::json parse_foreign_json(std::string_view text);
 
 /// The bytes of a string of such a document. Characters that stand for no byte stay as they are.

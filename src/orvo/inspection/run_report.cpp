@@ -23,7 +23,7 @@ using verification::ChannelResult;
 using verification::EvaluationSettings;
 using verification::kChannels;
 
-constexpr std::size_t kMaxFileBytes = 16 << 20;    // about ten thousand runs
+constexpr std::size_t kMaxFileBytes = 4 << 20;     // more than two thousand runs
 constexpr double kToleranceRounding_ppm = 0.0005;  // a report holds three decimals
 
 [[noreturn]] void refuse(const json& value, const std::string& what) {
@@ -43,7 +43,7 @@ std::string text_of(const std::filesystem::path& path) {
   }
   if (size > kMaxFileBytes) {
     throw timing::Error(OT_ERR_FORMAT,
-                        fmt::format("{:?} is too large: more than 16 MiB", path.string()));
+                        fmt::format("{:?} is too large: more than 4 MiB", path.string()));
   }
   std::string text(size, '\0');
   file.read(text.data(), static_cast<std::streamsize>(size));
@@ -153,39 +153,6 @@ bool verdicts_follow_from(const EvaluationSettings& settings,
   });
 }
 
-/// Between the largest count that failed although its rate was right and the smallest that passed,
-/// as near to `usual` as that allows.
-std::uint64_t inferred_minimum(const std::vector<ChannelResult>& channels, double tolerance_ppm,
-                               std::uint64_t usual) {
-  std::uint64_t least = 0;
-  std::uint64_t most = std::numeric_limits<std::uint64_t>::max();
-  for (const ChannelResult& channel : channels) {
-    if (channel.pass) {
-      most = std::min(most, channel.count);
-    } else if (std::abs(channel.ppm_error) < tolerance_ppm - kToleranceRounding_ppm) {
-      least = std::max(least, channel.count + 1);
-    }
-  }
-  return std::min(std::max(usual, least), most);
-}
-
-/// Halfway between the largest error that passed and the smallest that failed, within what is
-/// reported as `tolerance_ppm`.
-double inferred_tolerance(const std::vector<ChannelResult>& channels, double tolerance_ppm,
-                          std::uint64_t min_tags) {
-  double passed_ppm = tolerance_ppm - kToleranceRounding_ppm;
-  double failed_ppm = tolerance_ppm + kToleranceRounding_ppm;
-  for (const ChannelResult& channel : channels) {
-    const double error_ppm = std::abs(channel.ppm_error);
-    if (channel.pass) {
-      passed_ppm = std::max(passed_ppm, error_ppm);
-    } else if (channel.count >= min_tags) {
-      failed_ppm = std::min(failed_ppm, error_ppm);
-    }
-  }
-  return (passed_ppm + failed_ppm) / 2;
-}
-
 /// Settings that give the report's verdicts, where those that it holds do not and others do.
 void infer_settings(RunDirectory& dir) {
   std::vector<ChannelResult> channels;
@@ -197,14 +164,35 @@ void infer_settings(RunDirectory& dir) {
     return;
   }
   std::string taken;
-  settings.min_tags_per_channel =
-      inferred_minimum(channels, settings.tolerance_ppm, settings.min_tags_per_channel);
+  // The minimum lies above the counts that failed although their rates were right, and not above
+  // those that passed.
+  std::uint64_t least = 0;
+  std::uint64_t most = std::numeric_limits<std::uint64_t>::max();
+  for (const ChannelResult& channel : channels) {
+    if (channel.pass) {
+      most = std::min(most, channel.count);
+    } else if (std::abs(channel.ppm_error) < settings.tolerance_ppm - kToleranceRounding_ppm) {
+      least = std::max(least, channel.count + 1);
+    }
+  }
+  settings.min_tags_per_channel = std::min(std::max(settings.min_tags_per_channel, least), most);
   if (settings.min_tags_per_channel != dir.settings.min_tags_per_channel) {
     taken += fmt::format(" min_tags_per_channel={}", settings.min_tags_per_channel);
   }
   if (!verdicts_follow_from(settings, channels)) {
-    settings.tolerance_ppm =
-        inferred_tolerance(channels, settings.tolerance_ppm, settings.min_tags_per_channel);
+    // The tolerance lies between the errors that passed and those that failed, within what is
+    // reported as it.
+    double passed_ppm = settings.tolerance_ppm - kToleranceRounding_ppm;
+    double failed_ppm = settings.tolerance_ppm + kToleranceRounding_ppm;
+    for (const ChannelResult& channel : channels) {
+      const double error_ppm = std::abs(channel.ppm_error);
+      if (channel.pass) {
+        passed_ppm = std::max(passed_ppm, error_ppm);
+      } else if (channel.count >= settings.min_tags_per_channel) {
+        failed_ppm = std::min(failed_ppm, error_ppm);
+      }
+    }
+    settings.tolerance_ppm = (passed_ppm + failed_ppm) / 2;
     taken += fmt::format(" tolerance_ppm={:.6f}", settings.tolerance_ppm);
   }
   if (verdicts_follow_from(settings, channels)) {
