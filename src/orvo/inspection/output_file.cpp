@@ -18,46 +18,36 @@ namespace fs = std::filesystem;
 /// By its device's name as well: what a shell appends to is not to be replaced.
 bool is_standard_output(const fs::path& path) { return path == "-" || path == "/dev/stdout"; }
 
-bool is_one_of(const fs::path& path, const std::vector<fs::path>& inputs) {
-  std::error_code error;  // what cannot be looked at is not the same
-  for (const fs::path& input : inputs) {
-    if (fs::equivalent(path, input, error) && fs::is_regular_file(input, error)) {
-      return true;
-    }
-  }
-  return false;
-}
-
 }  // namespace
 
 OutputFile::OutputFile(const fs::path& path, const std::vector<fs::path>& inputs)
     : name_(is_standard_output(path) ? "standard output" : fmt::format("{:?}", path.string())) {
   const bool is_standard = is_standard_output(path);
   std::error_code error;  // what cannot be looked at is opened, which says why
-  const fs::file_status status = fs::status(is_standard ? "/dev/stdout" : path, error);
-  if (fs::is_directory(status)) {
-    throw timing::Error(OT_ERR_ARGUMENT, name_ + " is a directory: name a file for the output");
+  const fs::file_status status = fs::status(path, error);
+  const bool replaces = fs::is_regular_file(status) && !is_standard;
+  target_ = is_standard ? "/dev/stdout" : replaces ? fs::canonical(path) : path;
+  if (!is_standard && (replaces || !fs::exists(status))) {
+    part_ = target_.string() + ".part";
   }
-  const bool exists = fs::exists(status);
-  const bool is_file = !is_standard && (!exists || fs::is_regular_file(status));
-  target_ = is_standard ? "/dev/stdout" : is_file && exists ? fs::canonical(path) : path;
-  const fs::path part = target_.string() + ".part";
-  if (is_one_of(target_, inputs) || (is_file && is_one_of(part, inputs))) {
-    throw timing::Error(OT_ERR_ARGUMENT,
-                        name_ + " is an input file: name another one for the output");
+  for (const fs::path& input : inputs) {
+    if (fs::is_regular_file(input, error) &&
+        (fs::equivalent(target_, input, error) || fs::equivalent(part_, input, error))) {
+      throw timing::Error(OT_ERR_ARGUMENT,
+                          name_ + " is an input file: name another one for the output");
+    }
   }
-  if (is_file) {
-    unlink(part.c_str());  // left by one that was killed
+  if (!part_.empty()) {
+    unlink(part_.c_str());  // left by one that was killed
   }
-  file_ = is_standard ? stdout
-          : is_file   ? std::fopen(part.c_str(), "wbxe")
-                      : std::fopen(target_.c_str(), "wbe");
+  file_ = is_standard     ? stdout
+          : part_.empty() ? std::fopen(target_.c_str(), "wbe")
+                          : std::fopen(part_.c_str(), "wbxe");
   if (file_ == nullptr) {
     fail("cannot create ");
   }
-  part_ = is_file ? part : "";
   std::setvbuf(file_, nullptr, _IONBF, 0);  // what is written comes in large pieces
-  if (is_file && exists) {
+  if (replaces) {
     fchmod(fileno(file_), static_cast<mode_t>(status.permissions()));
   }
 }

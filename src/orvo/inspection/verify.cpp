@@ -85,11 +85,12 @@ class Output {
   /// Prints the verdict; returns the exit status.
   int finish() {
     const bool pass = this->pass() && disagreements_ == 0;
-    document_.update({{"unjudged", unjudged_}, {"disagreements", disagreements_}, {"pass", pass}});
     if (json_) {
+      document_.update(
+          {{"unjudged", unjudged_}, {"disagreements", disagreements_}, {"pass", pass}});
       std::cout << document_.dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
     } else {
-      std::cout << "pass=" << (pass ? "true" : "false")
+      std::cout << "pass=" << fmt::to_string(pass)
                 << (unjudged_ != 0 ? fmt::format(" unjudged={}", unjudged_) : "")
                 << (disagreements_ != 0 ? fmt::format(" disagreements={}", disagreements_) : "")
                 << '\n';

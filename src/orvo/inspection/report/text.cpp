@@ -3,8 +3,8 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <array>
 #include <cmath>
+#include <initializer_list>
 
 namespace orvo::inspection {
 namespace {
@@ -32,18 +32,21 @@ bool shows_zero(std::string_view text) {
   return text.find_first_of("123456789") == std::string_view::npos;
 }
 
-/// "9.99" for four digits of 9.9899, "100" for those of 100.0001.
-std::string short_text(double number, int digits) {
+/// To at most `digits` digits, in the first of `units`, each a thousand times the one before, that
+/// keeps the number below a thousand.
+std::string with_unit(double number, int digits, std::initializer_list<std::string_view> units) {
+  const auto* unit = units.begin();
+  for (; unit + 1 != units.end() && std::abs(number) >= 999.95; ++unit) {
+    number /= 1000;
+  }
   const double magnitude = std::abs(number);
   const int whole = magnitude < 10 ? 1 : magnitude < 100 ? 2 : 3;
   std::string text = fixed_text(number, std::max(0, digits - whole));
   if (text.find('.') != std::string::npos) {
     text.erase(text.find_last_not_of('0') + 1);
-    if (text.back() == '.') {
-      text.pop_back();
-    }
+    text.erase(text.find_last_not_of('.') + 1);
   }
-  return text;
+  return text.append(kUnitSeparator).append(*unit);
 }
 
 }  // namespace
@@ -72,27 +75,14 @@ std::string signed_text(double number, int decimals) {
 }
 
 std::string time_text(double time_ps, int digits) {
-  constexpr std::array<std::string_view, 5> kUnits = {"ps", "ns", "µs", "ms", "s"};
-  std::size_t unit = 0;
-  for (; unit + 1 < kUnits.size() && std::abs(time_ps) >= 999.95; ++unit) {
-    time_ps /= 1000;
-  }
-  return short_text(time_ps, digits).append(kUnitSeparator).append(kUnits[unit]);
+  return with_unit(time_ps, digits, {"ps", "ns", "µs", "ms", "s"});
 }
 
 std::string signed_time_text(double time_ps) {
   return std::string(time_ps >= 0.0005 ? "+" : "").append(time_text(time_ps));
 }
 
-std::string hz_text(double rate_hz) {
-  const double magnitude = std::abs(rate_hz);
-  const double unit = magnitude >= 1e6 ? 1e6 : magnitude >= 1e3 ? 1e3 : 1;
-  return short_text(rate_hz / unit, 4)
-      .append(kUnitSeparator)
-      .append(unit == 1e6   ? "MHz"
-              : unit == 1e3 ? "kHz"
-                            : "Hz");
-}
+std::string hz_text(double rate_hz) { return with_unit(rate_hz, 4, {"Hz", "kHz", "MHz"}); }
 
 std::string counted(std::uint64_t number, std::string_view thing) {
   return grouped(number).append(kUnitSeparator).append(thing).append(number == 1 ? "" : "s");
