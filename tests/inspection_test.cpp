@@ -65,63 +65,64 @@ TEST_F(Inspection, TagsInEveryFormat) {
   write_tags({{0, 5}, {3, 258}, {1, 7}, {0, 5}});
   EXPECT_EQ(tags("t"), "channel,time_ps\n0,5\n3,258\n1,7\n0,5\n");
   EXPECT_EQ(tags("t", TagFormat::csv, {}, 258, 0b1001), "channel,time_ps\n0,5\n0,5\n");
-  EXPECT_EQ(tags("t", TagFormat::csv, 259), "channel,time_ps\n");
-  const std::string npy = tags("t", TagFormat::npy, 6, 259);
-  const std::string start("\x93NUMPY\x01\x00\x76\x00", 10);
-  ASSERT_EQ(npy.size(), 128U + 18U);
-  EXPECT_EQ(npy.substr(0, 10), start);
-  EXPECT_EQ(npy.substr(10, 97),
-            "{'descr': [('channel', '|u1'), ('time_ps', '<i8')], 'fortran_order': False, "
-            "'shape': (2,), }     ");
-  EXPECT_EQ(npy[127], '\n');
-  EXPECT_EQ(npy.substr(128), std::string("\3\2\1\0\0\0\0\0\0\1\7\0\0\0\0\0\0\0", 18));
-}
-
-TEST_F(Inspection, ManyTagsCrossEveryBlockAndAreWholeOrAbsent) {
+  EXPECT_EQ(tags("t", TagFormat::csv, 258), "channel,time_ps\n3,258\n");
+  const std::string header =
+      "{'descr': [('channel', '|u1'), ('time_ps', '<i8')], 'fortran_order': False, "
+      "'shape': (2,), }";
+  EXPECT_EQ(tags("t", TagFormat::npy, 6, 259),
+            std::string("\x93NUMPY\x01\x00\x76\x00", 10) + header +
+                std::string(117 - header.size(), ' ') + '\n' +
+                std::string("\3\2\1\0\0\0\0\0\0\1\7\0\0\0\0\0\0\0", 18));
   Tags many;
   std::string csv = "channel,time_ps\n";
-  for (unsigned i = 0; i < 200'000; ++i) {
+  for (unsigned i = 0; i < 200'000; ++i) {  // more than are written at once
     many.push_back({static_cast<std::uint8_t>(i % 4), i * 1000});
     csv += std::to_string(i % 4) + ',' + std::to_string(i * 1000) + '\n';
   }
   write_tags(many);
-  EXPECT_TRUE(tags("t.csv") == csv);
-  EXPECT_EQ(tags("t.npy", TagFormat::npy, {}, {}, 0x0F, 1 << 20).size(), 128U + 9U * 200'000U);
+  EXPECT_TRUE(tags("t") == csv);
+  EXPECT_EQ(tags("t", TagFormat::npy, {}, {}, 0x0F, 1 << 20).size(), 128U + 9U * 200'000U);
+}
 
-  std::filesystem::create_hard_link(file, scratch.file("hard"));
-  std::filesystem::create_symlink(file, scratch.file("link"));
+TEST_F(Inspection, OutputsAreWholeOrAbsentAndNeverInputs) {
+  write_tags({{0, 5}});
   const std::string before = read_file(file);
-  for (const char* const name : {"a.ortime", "hard", "link"}) {
-    EXPECT_NE(error_of([&] { tags(name); }).find("is an input file"), std::string::npos);
+  const auto path = [&](const char* name) { return scratch.file(name); };
+  std::filesystem::create_hard_link(file, path("hard"));
+  std::filesystem::create_symlink(file, path("link"));
+  std::filesystem::create_hard_link(file, path("u.part"));
+  const struct {
+    std::string output, error;
+  } cases[] = {
+      {file, "is an input file"},
+      {path("hard"), "is an input file"},
+      {path("link"), "is an input file"},
+      {path("u"), "is an input file"},
+      {"/dev/full", "cannot write \"/dev/full\": No space left on device"},
+      {path(""), "Is a directory"},
+      {path("missing/t"), "No such file or directory"},
+      {"/dev/fd/99999999999", "cannot create"},  // not standard input
+  };
+  TagsOptions options;
+  options.path = file;
+  for (const auto& [output, error] : cases) {
+    options.output = output;
+    const std::string told = error_of([&] { return inspection::run(options); });
+    EXPECT_NE(told.find(error), std::string::npos) << output << ": " << told;
+    EXPECT_EQ(read_file(file), before);
   }
-  EXPECT_TRUE(read_file(file) == before);
-  TagsOptions elsewhere;
-  elsewhere.path = file;
-  elsewhere.output = "/dev/full";
-  EXPECT_EQ(error_of([&] { return inspection::run(elsewhere); }),
-            "cannot write \"/dev/full\": No space left on device [-2]");
-  write_file(scratch.file("t.csv.part"), "left by one that was killed");
-  EXPECT_TRUE(tags("t.csv") == csv);
-  std::filesystem::copy_file(file, scratch.file("u.part"));
-  elsewhere.path = scratch.file("u.part");
-  elsewhere.output = scratch.file("u");
-  EXPECT_EQ(error_of([&] { return inspection::run(elsewhere); }),
-            '"' + scratch.file("u") + "\" is an input file: name another one for the output [-1]");
-  EXPECT_TRUE(read_file(scratch.file("u.part")) == before);
-  std::filesystem::remove(scratch.file("u.part"));
-  elsewhere.path = file;
-  for (const char* const name : {"/dev/fd/", "/dev/fd/99999999999"}) {  // not standard input
-    elsewhere.output = name;
-    EXPECT_NE(error_of([&] { return inspection::run(elsewhere); }), "") << name;
-  }
-  std::filesystem::create_symlink(scratch.file("t.csv"), scratch.file("to_csv"));
-  tags("to_csv", TagFormat::csv, 199'999'000);  // replaces what the link leads to
-  EXPECT_EQ(read_file(scratch.file("t.csv")), "channel,time_ps\n3,199999000\n");
+  write_file(path("t.part"), "left by one that was killed");
+  write_file(path("t"), "older");
+  std::filesystem::permissions(path("t"), std::filesystem::perms(0600));
+  std::filesystem::create_symlink(path("t"), path("to_t"));
+  EXPECT_EQ(tags("to_t"), "channel,time_ps\n0,5\n");  // replaces what the link leads to
+  EXPECT_EQ(read_file(path("t")), "channel,time_ps\n0,5\n");
+  EXPECT_EQ(std::filesystem::status(path("t")).permissions(), std::filesystem::perms(0600));
   std::size_t left = 0;
   for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator(scratch.path())) {
     ++left;
   }
-  EXPECT_EQ(left, 6U);  // the recording and its links, two outputs, a link: nothing unfinished
+  EXPECT_EQ(left, 6U);  // the recording and its links, the output and a link: nothing unfinished
 }
 
 TEST_F(Inspection, InfoTellsChannelsInDisorder) {
