@@ -198,40 +198,32 @@ TEST_F(Verify, TakesWhatTheReportDoesNotHoldFromItsVerdicts) {
 
 TEST_F(Verify, SaysWhatWasTakenForAnOddHeader) {
   const std::string whole = read_file(file);
-  const std::size_t begin = whole.find('{'), end = whole.find("}}") + 2;
-  const std::string header = whole.substr(begin, end - begin);
-  const auto with_header = [&](std::string json) {
-    std::string size = whole.substr(8, 4);
-    for (std::size_t i = 0; i < 4; ++i) {
-      size[i] = static_cast<char>(json.size() >> 8 * i & 0xFF);
-    }
-    write_file(file, "ORTIME1\n" + size + json + whole.substr(end));
-  };
-  ASSERT_EQ(begin, 12U);
-  const auto changed = [&](const std::string& from, const std::string& to) {
-    const std::size_t at = header.find(from);
-    EXPECT_NE(at, std::string::npos) << from << " in " << header;
-    return header.substr(0, at) + to + header.substr(at + from.size());
-  };
+  const std::string header = whole.substr(12, whole.find("}}") + 2 - 12);
   const struct {
-    std::string header, warning;
+    std::string from, to, warning;
   } cases[] = {
-      {"", "is empty; taken: "},
-      {"[7]", "is no JSON object; taken: "},
-      {changed("orvo_timing_raw_stream_capture", "other"),
+      {header, "", "is empty; taken: "},
+      {header, "[7]", "is no JSON object; taken: "},
+      {"orvo_timing_raw_stream_capture", "other",
        "is that of another kind of file; read all the same"},
-      {changed("\"schema_version\":1", "\"schema_version\":2"),
+      {"\"schema_version\":1", "\"schema_version\":2",
        "has schema_version 2, not 1; read all the same"},
-      {changed("\"channel_mask\"", "\"mask\""), "is incomplete; taken: channel_mask="},
+      {"\"channel_mask\"", "\"mask\"", "is incomplete; taken: channel_mask="},
   };
-  for (const auto& c : cases) {
-    with_header(c.header);
+  for (const auto& [from, to, warning] : cases) {
+    std::string changed = whole;
+    ASSERT_NE(changed.find(from), std::string::npos) << from;
+    changed.replace(changed.find(from), from.size(), to);
+    const std::size_t bytes = header.size() - from.size() + to.size();
+    changed[8] = static_cast<char>(bytes & 0xFF);
+    changed[9] = static_cast<char>(bytes >> 8);
+    write_file(file, changed);
     const int status = verify({file, kDivider, {}, 101, {}, 7});
-    EXPECT_NE(err.find("ortime: \"" + file + "\": its header " + c.warning), std::string::npos)
+    EXPECT_NE(err.find("ortime: \"" + file + "\": its header " + warning), std::string::npos)
         << err;
     EXPECT_EQ(status, out.ends_with("\npass=true\n") ? 0 : 2);
   }
-  with_header(header);
+  write_file(file, whole);
   EXPECT_EQ(verify({file, kDivider}), 0);
   EXPECT_EQ(err, "");
 }

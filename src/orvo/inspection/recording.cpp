@@ -99,34 +99,25 @@ IntervalSettings settings_for(Recording& recording, double capture_s) {
   return settings;
 }
 
-/// The `length` of columns with most tags: begin and end.
-std::pair<Columns::const_iterator, Columns::const_iterator> fullest(const Columns& columns,
-                                                                    double length) {
-  auto best = std::pair(columns.begin(), columns.begin());
-  std::uint64_t most = 0;
+struct Stretch {
+  Columns::const_iterator begin;
+  Columns::const_iterator end;
   std::uint64_t tags = 0;
-  auto begin = columns.begin();
-  for (auto end = columns.begin(); end != columns.end();) {
-    tags += end->second.tags;
-    const auto index = static_cast<double>(end->first);
-    ++end;
-    for (; index - static_cast<double>(begin->first) >= length; ++begin) {
-      tags -= begin->second.tags;
+};
+
+/// The `length` of columns with most tags.
+Stretch fullest(const Columns& columns, double length) {
+  Stretch best = {columns.begin(), columns.begin()};
+  for (auto begin = columns.begin(); begin != columns.end(); ++begin) {
+    Stretch stretch = {begin, begin};
+    const double end = static_cast<double>(begin->first) + length;
+    for (; stretch.end != columns.end() && static_cast<double>(stretch.end->first) < end;
+         ++stretch.end) {
+      stretch.tags += stretch.end->second.tags;
     }
-    if (tags > most) {
-      most = tags;
-      best = {begin, end};
-    }
+    best = stretch.tags > best.tags ? stretch : best;
   }
   return best;
-}
-
-std::uint64_t tags_in(Columns::const_iterator begin, Columns::const_iterator end) {
-  std::uint64_t tags = 0;
-  for (; begin != end; ++begin) {
-    tags += begin->second.tags;
-  }
-  return tags;
 }
 
 /// Fills what is about the time that counts.
@@ -144,31 +135,28 @@ void take_columns(const IntervalAnalysis& analysis, const RecordingOptions& opti
     return;
   }
   recording.column_ps = analysis.column_ps();
-  auto counted = std::pair(columns.begin(), columns.end());
+  const std::uint64_t all = recording.tags.tags();
+  Stretch counted = {columns.begin(), columns.end(), all};
   const double longest_ps = longest_capture_ps(options.capture_s);
   if (static_cast<double>(recording.last_ps) - static_cast<double>(recording.first_ps) >
       longest_ps) {
-    const auto best = fullest(columns, longest_ps / static_cast<double>(recording.column_ps));
-    const std::uint64_t all = recording.tags.tags();
-    const std::uint64_t inside = tags_in(best.first, best.second);
-    if (inside >= all - inside) {
-      counted = best;
-      recording.tags_outside = all - inside;
-    }
+    const Stretch best = fullest(columns, longest_ps / static_cast<double>(recording.column_ps));
+    counted = best.tags >= all - best.tags ? best : counted;
   }
+  recording.tags_outside = all - counted.tags;
   // Within a column, the first and the last time are known to its width alone.
-  const auto last_index = std::prev(counted.second)->first;
-  recording.first_ps = std::max(recording.first_ps, counted.first->first * recording.column_ps);
+  const auto last_index = std::prev(counted.end)->first;
+  recording.first_ps = std::max(recording.first_ps, counted.begin->first * recording.column_ps);
   recording.last_ps =
       std::min(recording.last_ps, last_index * recording.column_ps + (recording.column_ps - 1));
-  recording.columns = Columns(counted.first, counted.second);
+  recording.columns = Columns(counted.begin, counted.end);
   for (const auto& [index, column] : recording.columns) {
     for (std::size_t channel = 0; channel < kChannels; ++channel) {
       recording.channels[channel].intervals.add(column.channels[channel]);
     }
   }
   const auto span =
-      static_cast<std::uint64_t>(last_index) - static_cast<std::uint64_t>(counted.first->first);
+      static_cast<std::uint64_t>(last_index) - static_cast<std::uint64_t>(counted.begin->first);
   const auto by =
       static_cast<int>(std::bit_width(span / std::max<std::size_t>(options.columns, 1)));
   recording.columns = coarser(recording.columns, static_cast<unsigned>(by));
