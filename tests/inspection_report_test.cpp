@@ -186,6 +186,18 @@ TEST_F(Report, SaysWhatIsSo) {
        {": the decoder lost its place 1 time; ", "▼ lock lost",
         ", after the timestamp at 116.2 ms: drop sync channel mismatch ch=1 expected=0 record="},
        {"▲ lock taken again", "not marked", "◆"}},
+      {"a lock lost among damage",
+       [](PackedWriter& writer) {
+         writer.events(3'600);
+         writer.jump(900'000'000'000);
+         writer.events(2);
+         writer.lose_lock();
+         writer.events(100);
+       },
+       3'600,
+       "fail",
+       {"1 of 1 lost lock not marked.", "decoded from damage."},
+       {"▼ lock lost"}},
       {"no longer", clean, kEvents / 3.0, "pass", {">PASS<"}, {"timestamps span", "damage"}},
   };
   for (const Case& c : cases) {

@@ -69,14 +69,13 @@ Json run_json(const RunDirectory& dir, const RunFindings& run) {
 
 }  // namespace
 
-Json data_of(const RunDirectory& dir, const std::vector<RunFindings>& runs,
-             const ReportLabels& labels) {
-  const Verdict verdict = verdict_of(dir, runs);
+Json data_of(const Findings& findings, const Labels& labels) {
+  const auto& [dir, runs, verdict] = findings;
   Json all = Json::array();
   for (const RunFindings& run : runs) {
     all.push_back(run_json(dir, run));
   }
-  return {{"title", labels.title},        {"ortime", labels.version},
+  return {{"title", labels.title},        {"ortime", ORVO_VERSION},
           {"made", labels.made},          {"run_directory", dir.path.string()},
           {"ended", dir.ended()},         {"pass", dir.ended() ? Json(dir.pass) : Json()},
           {"headline", verdict.headline}, {"runs", std::move(all)}};

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <utility>
 
 #include "orvo/inspection/comparison.h"
 #include "orvo/inspection/report/text.h"
@@ -180,10 +181,8 @@ void compare(const RunDirectory& dir, const RunResult& reported, RunFindings& ru
       "in pieces of another size: try --chunk-bytes with its chunk_bytes.");
 }
 
-}  // namespace
-
-RunFindings look_into(const RunDirectory& dir, std::size_t index, std::uint64_t chunk_bytes) {
-  const RunResult& reported = dir.runs[index];
+RunFindings look_into_run(const RunDirectory& dir, const RunResult& reported,
+                          std::uint64_t chunk_bytes) {
   RunFindings run;
   run.shown = reported;
   if (reported.divider != 0) {  // the report rounds
@@ -231,12 +230,6 @@ RunFindings look_into(const RunDirectory& dir, std::size_t index, std::uint64_t 
   return run;
 }
 
-std::string name_of_run(std::size_t index, const RunFindings& run) {
-  const double rate_hz =
-      run.shown.requested_hz > 0 ? run.shown.requested_hz : run.shown.effective_hz;
-  return fmt::format("Run {}", index + 1) + (rate_hz > 0 ? " at " + hz_text(rate_hz) : "");
-}
-
 Verdict verdict_of(const RunDirectory& dir, const std::vector<RunFindings>& runs) {
   if (!dir.ended()) {
     return {"none", "No verdict: the run did not end",
@@ -277,6 +270,23 @@ Verdict verdict_of(const RunDirectory& dir, const std::vector<RunFindings>& runs
     }
   }
   return verdict;
+}
+
+}  // namespace
+
+Findings look_into(const RunDirectory& dir, std::uint64_t chunk_bytes) {
+  std::vector<RunFindings> runs;
+  for (const RunResult& reported : dir.runs) {
+    runs.push_back(look_into_run(dir, reported, chunk_bytes));
+  }
+  Verdict verdict = verdict_of(dir, runs);
+  return {dir, std::move(runs), std::move(verdict)};
+}
+
+std::string name_of_run(std::size_t index, const RunFindings& run) {
+  const double rate_hz =
+      run.shown.requested_hz > 0 ? run.shown.requested_hz : run.shown.effective_hz;
+  return fmt::format("Run {}", index + 1) + (rate_hz > 0 ? " at " + hz_text(rate_hz) : "");
 }
 
 std::vector<std::string> lock_history_of(const Recording& recording) {

@@ -31,13 +31,6 @@ struct RunFindings {
   bool passed_whole = false;   ///< it passed, and neither of the two
 };
 
-/// Reads the recording of run `index`, counted from 0 as below.
-[[nodiscard]] RunFindings look_into(const RunDirectory& dir, std::size_t index,
-                                    std::uint64_t chunk_bytes);
-
-/// "Run 2 at 10 kHz"
-[[nodiscard]] std::string name_of_run(std::size_t index, const RunFindings& run);
-
 /// What can be said of the whole.
 struct Verdict {
   const char* look;      ///< pass, doubt, fail or none
@@ -45,7 +38,17 @@ struct Verdict {
   std::string sentence;
 };
 
-[[nodiscard]] Verdict verdict_of(const RunDirectory& dir, const std::vector<RunFindings>& runs);
+struct Findings {
+  RunDirectory dir;
+  std::vector<RunFindings> runs;
+  Verdict verdict;
+};
+
+/// Reads every recording.
+[[nodiscard]] Findings look_into(const RunDirectory& dir, std::uint64_t chunk_bytes);
+
+/// "Run 2 at 10 kHz"; `index` counts from 0.
+[[nodiscard]] std::string name_of_run(std::size_t index, const RunFindings& run);
 
 /// A line for each lock taken, refused or lost, as far as a LockHistory keeps them.
 [[nodiscard]] std::vector<std::string> lock_history_of(const Recording& recording);

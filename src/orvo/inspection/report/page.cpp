@@ -277,9 +277,8 @@ Json run_of(const RunDirectory& dir, const RunFindings& run, std::size_t index) 
 
 }  // namespace
 
-std::string page_of(const RunDirectory& dir, const std::vector<RunFindings>& runs,
-                    const ReportLabels& labels) {
-  const Verdict verdict = verdict_of(dir, runs);
+std::string page_of(const Findings& findings, const Labels& labels) {
+  const auto& [dir, runs, verdict] = findings;
   std::set<std::string> advice;
   Json sections = Json::array();
   for (std::size_t i = 0; i < runs.size(); ++i) {
@@ -298,7 +297,7 @@ std::string page_of(const RunDirectory& dir, const std::vector<RunFindings>& run
                {"condensed", runs.size() > kManyRuns},
                {"runs", std::move(sections)},
                {"ended", dir.ended()},
-               {"version", labels.version},
+               {"version", ORVO_VERSION},
                {"made", labels.made}});
   mustache::mustache document(kReportHtml);
   document.set_custom_escape(escaped);

@@ -3,27 +3,21 @@
 
 #include <nlohmann/json_fwd.hpp>
 #include <string>
-#include <vector>
 
 #include "orvo/inspection/report/findings.h"
-#include "orvo/inspection/run_directory.h"
 
 namespace orvo::inspection {
 
-struct ReportLabels {
-  std::string title;    ///< may be empty
-  std::string version;  ///< of ortime
-  std::string made;     ///< when
+struct Labels {
+  std::string title;  ///< may be empty
+  std::string made;   ///< when
 };
 
 /// report.html filled: one self-contained document. Strings of unknown origin are text in it.
-[[nodiscard]] std::string page_of(const RunDirectory& dir, const std::vector<RunFindings>& runs,
-                                  const ReportLabels& labels);
+[[nodiscard]] std::string page_of(const Findings& findings, const Labels& labels);
 
 /// The numbers: results, and of each channel the deviations by column of time and by value, and the
 /// skew. Strings are as the files have them.
-[[nodiscard]] nlohmann::ordered_json data_of(const RunDirectory& dir,
-                                             const std::vector<RunFindings>& runs,
-                                             const ReportLabels& labels);
+[[nodiscard]] nlohmann::ordered_json data_of(const Findings& findings, const Labels& labels);
 
 }  // namespace orvo::inspection

@@ -9,7 +9,6 @@
 
 #include "orvo/inspection/commands.h"
 #include "orvo/inspection/output_file.h"
-#include "orvo/inspection/report/findings.h"
 #include "orvo/inspection/report/page.h"
 #include "orvo/inspection/run_directory.h"
 
@@ -34,25 +33,23 @@ int run(const ReportOptions& options) {
     data.emplace(options.json, inputs);
   }
 
+  const Findings findings = look_into(dir, options.chunk_bytes);
   int status = kExitSuccess;
-  std::vector<RunFindings> runs;
-  for (std::size_t i = 0; i < dir.runs.size(); ++i) {
-    runs.push_back(look_into(dir, i, options.chunk_bytes));
-    if (!runs.back().recording) {
-      std::cerr << "ortime: run " << i + 1 << ": " << runs.back().problem << '\n';
+  for (std::size_t i = 0; i < findings.runs.size(); ++i) {
+    if (!findings.runs[i].recording) {
+      std::cerr << "ortime: run " << i + 1 << ": " << findings.runs[i].problem << '\n';
       status = kExitError;
     }
   }
-  const ReportLabels labels = {
-      options.title, ORVO_VERSION,
-      fmt::format("{:%Y-%m-%d %H:%M} UTC", fmt::gmtime(std::time(nullptr)))};
+  const Labels labels = {options.title,
+                         fmt::format("{:%Y-%m-%d %H:%M} UTC", fmt::gmtime(std::time(nullptr)))};
   if (page) {
-    page->write(page_of(dir, runs, labels));
+    page->write(page_of(findings, labels));
     page->publish();
   }
   if (data) {
     using Json = nlohmann::ordered_json;
-    data->write(data_of(dir, runs, labels).dump(-1, ' ', false, Json::error_handler_t::replace) +
+    data->write(data_of(findings, labels).dump(-1, ' ', false, Json::error_handler_t::replace) +
                 '\n');
     data->publish();
   }
