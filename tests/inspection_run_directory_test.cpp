@@ -167,41 +167,29 @@ TEST_F(RunDirectory, WithoutAReportHasItsRecordings) {
 
 TEST_F(RunDirectory, InfersWhatAReportDoesNotHoldFromItsVerdicts) {
   constexpr double kInfinite = std::numeric_limits<double>::infinity();
-  constexpr std::uint64_t kUsual = 64;
+  using Channels = std::vector<verification::ChannelResult>;
+  const auto passed = [](std::uint64_t count, double ppm) {
+    return verification::ChannelResult{count, 0, 0, 0, ppm, true};
+  };
+  const auto failed = [](std::uint64_t count, double ppm) {
+    return verification::ChannelResult{count, 0, 0, 0, ppm, false};
+  };
   const struct {
     const char* what;
     double tolerance_ppm;
-    std::vector<verification::ChannelResult> channels;  // count, rate error and verdict
+    Channels channels;
     std::uint64_t min_tags;
     double least_ppm, most_ppm;
     bool noted;
   } cases[] = {
-      {"the usual", 25, {{100, 0, 0, 0, 3, true}, {63, 0, 0, 0, 3, false}}, kUsual, 25, 25, false},
-      {"lower", 25, {{10, 0, 0, 0, 3, true}, {9, 0, 0, 0, 3, false}}, 10, 25, 25, true},
-      {"as near as it can be", 25, {{10, 0, 0, 0, 3, true}}, 10, 25, 25, true},
-      {"higher", 25, {{100, 0, 0, 0, 3, false}, {200, 0, 0, 0, 3, true}}, 101, 25, 25, true},
-      {"0.0004", 0.0004, {{100, 0, 0, 0, 0.00035, true}}, kUsual, 0.00035, 0.0005, true},
-      {"between",
-       0.0004,
-       {{100, 0, 0, 0, 3e-4, true}, {100, 0, 0, 0, 4.1e-4, false}},
-       kUsual,
-       3e-4,
-       4.09e-4,
-       true},
-      {"infinite",
-       kInfinite,
-       {{100, 0, 0, 0, 1e6, true}, {10, 0, 0, 0, 0, false}},
-       kUsual,
-       kInfinite,
-       kInfinite,
-       false},
-      {"nothing fits",
-       25,
-       {{100, 0, 0, 0, 3, true}, {100, 0, 0, 0, 3, false}},
-       kUsual,
-       25,
-       25,
-       false},
+      {"the usual", 25, {passed(100, 3), failed(63, 3)}, 64, 25, 25, false},
+      {"lower", 25, {passed(10, 3), failed(9, 3)}, 10, 25, 25, true},
+      {"as near as it can be", 25, {passed(10, 3)}, 10, 25, 25, true},
+      {"higher", 25, {failed(100, 3), passed(200, 3)}, 101, 25, 25, true},
+      {"0.0004", 0.0004, {passed(100, 3.5e-4)}, 64, 3.5e-4, 5e-4, true},
+      {"between", 0.0004, {passed(100, 3e-4), failed(100, 4.1e-4)}, 64, 3e-4, 4.09e-4, true},
+      {"infinite", kInfinite, {passed(100, 1e6), failed(10, 0)}, 64, kInfinite, kInfinite, false},
+      {"nothing fits", 25, {passed(100, 3), failed(100, 3)}, 64, 25, 25, false},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);

@@ -124,6 +124,7 @@ TEST(InspectionTool, GivesScriptsNoGreenLightTheyShouldNotGet) {
   EXPECT_EQ(count_of(unended.out, std::regex("\"decodable\"")), 2U) << unended.out;
 
   const std::string file = (copy / "overflow_frequency_01.ortime").string();
+  EXPECT_EQ(ortime(scratch, "info " + file + " >/dev/full || exit $?").status, 1);
   EXPECT_EQ(ortime(scratch, "tags - <" + file).out, ortime(scratch, "tags " + file).out);
   EXPECT_EQ(ortime(scratch, "tags --run=1 " + copy.string()).out,
             ortime(scratch, "tags " + file).out);
