@@ -4,11 +4,9 @@
 #include <algorithm>
 #include <cctype>
 #include <charconv>
-#include <cmath>
 #include <filesystem>
 #include <iostream>
 #include <limits>
-#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -74,20 +72,18 @@ CLI::Option* add_output(CLI::App* command, const char* names, std::filesystem::p
           ""));
 }
 
-void add_info(CLI::App& program, Command& chosen) {
-  const auto options = std::make_shared<InfoOptions>();
+void add_info(CLI::App& program, InfoOptions& options) {
   CLI::App* const command =
       program.add_subcommand("info", "Header, sizes, channels and locks of stream files");
-  add(command, "PATH", options->paths, "",
+  add(command, "PATH", options.paths, "",
       "Stream files (.ortime), or a run for all of its\n"
       "recordings. With any that cannot be read the status is 1")
       ->required();
-  command->add_flag("--json", options->json, "One JSON document, {\"files\": [...]}");
+  command->add_flag("--json", options.json, "One JSON document, {\"files\": [...]}");
   command->footer(
       "Examples:\n"
       "  ortime info overflow_frequency_01.ortime\n"
       "  ortime info --json logs/verification/overflow_frequency | jq '.files[].channels'");
-  command->callback([options, &chosen] { chosen = *options; });
 }
 
 struct TagsWords {
@@ -131,9 +127,8 @@ TagsOptions meant_by(const TagsWords& words) {
   return options;
 }
 
-void add_tags(CLI::App& program, Command& chosen) {
-  const auto words = std::make_shared<TagsWords>();
-  TagsOptions& options = words->options;
+void add_tags(CLI::App& program, TagsWords& words) {
+  TagsOptions& options = words.options;
   CLI::App* const command =
       program.add_subcommand("tags", "The timestamps of a recording, in decoding order");
   add(command, "PATH", options.path, "",
@@ -144,7 +139,7 @@ void add_tags(CLI::App& program, Command& chosen) {
       "Recording N of a run, 1 for the first; may be left out\n"
       "where there is one")
       ->transform(integer<std::uint64_t>(1));
-  add(command, "--format", words->format, "csv|npy",
+  add(command, "--format", words.format, "csv|npy",
       "csv: lines 'channel,time_ps'; npy: a NumPy array of\n"
       "records (channel, time_ps), to a file only. By default\n"
       "as the output's name ends: .csv or .npy; else csv")
@@ -152,7 +147,7 @@ void add_tags(CLI::App& program, Command& chosen) {
   add_output(command, "-o,--output", options.output,
              "Output [-, standard output]; a file appears when it is\n"
              "whole");
-  add(command, "--channel", words->channels, "N[,N]", "Only tags of these channels, 0 to 3")
+  add(command, "--channel", words.channels, "N[,N]", "Only tags of these channels, 0 to 3")
       ->transform(integer(0U, 3U))
       ->delimiter(',')
       ->allow_extra_args(false);
@@ -164,7 +159,6 @@ void add_tags(CLI::App& program, Command& chosen) {
       "Examples:\n"
       "  ortime tags --channel 0,2 -o tags.npy overflow_frequency_01.ortime\n"
       "  zcat 01.ortime.gz | ortime tags - | head");
-  command->callback([words, &chosen] { chosen = meant_by(*words); });
 }
 
 /// A missing file is left to whoever opens it.
@@ -182,33 +176,32 @@ void require_rate_of_file(const VerifyOptions& options) {
   }
 }
 
-void add_verify(CLI::App& program, Command& chosen) {
-  const auto options = std::make_shared<VerifyOptions>();
+void add_verify(CLI::App& program, VerifyOptions& options) {
   CLI::App* const command = program.add_subcommand(
       "verify",
       "The verdict again, from the recordings: status 0 for a pass, 2 for a\n"
       "fail, 3 where recordings and report disagree");
-  add(command, "PATH", options->path, "",
+  add(command, "PATH", options.path, "",
       "A run; or a stream file, - for standard input, with one\n"
       "of --requested-hz and --divider")
       ->required();
-  CLI::Option* const divider = add(command, "--divider", options->divider, "N",
+  CLI::Option* const divider = add(command, "--divider", options.divider, "N",
                                    "Divider of the calibration source in the recorded run")
                                    ->transform(integer<std::uint32_t>(1));
-  add(command, "--requested-hz", options->requested_hz, "F",
+  add(command, "--requested-hz", options.requested_hz, "F",
       "Frequency asked of the calibration source: stands for\n"
       "the divider nearest to it")
       ->check(number_from(std::numeric_limits<double>::denorm_min(), "a number greater than 0"))
       ->excludes(divider);
-  add(command, "--tolerance-ppm", options->tolerance_ppm, "X",
+  add(command, "--tolerance-ppm", options.tolerance_ppm, "X",
       "Largest accepted rate error of a channel [that of the\n"
       "report, or 25]")
       ->check(number_from(0, "a number of at least 0"));
-  add(command, "--min-tags-per-channel", options->min_tags_per_channel, "N",
+  add(command, "--min-tags-per-channel", options.min_tags_per_channel, "N",
       "Fewest timestamps a channel needs to pass [64, or what\n"
       "the verdicts of the report need]")
       ->transform(integer<std::uint64_t>());
-  add(command, "--channel-mask", options->channel_mask, "MASK",
+  add(command, "--channel-mask", options.channel_mask, "MASK",
       "Bit c set: channel c counts; 0x0F, 0b1111 or 15; 0 for\n"
       "all four [that of the report or the stream file]")
       ->transform(CLI::Validator(
@@ -218,40 +211,35 @@ void add_verify(CLI::App& program, Command& chosen) {
           },
           ""))
       ->check(CLI::Range(0U, 0x0FU));
-  command->add_flag("--json", options->json, "One JSON document instead of lines");
+  command->add_flag("--json", options.json, "One JSON document instead of lines");
   command->footer(
       "Examples:\n"
       "  ortime verify logs/verification/overflow_frequency/20261124_160312\n"
       "  ortime verify --requested-hz 10000 overflow_frequency_02.ortime");
-  command->callback([options, &chosen] {
-    require_rate_of_file(*options);
-    chosen = *options;
-  });
 }
 
-void add_report(CLI::App& program, Command& chosen) {
-  const auto options = std::make_shared<ReportOptions>();
+void add_report(CLI::App& program, ReportOptions& options) {
   CLI::App* const command =
       program.add_subcommand("report", "One self-contained HTML page for a run");
-  add(command, "RUN", options->path, "", "A run")->required();
-  add_output(command, "-o,--output", options->output, "The page; - for standard output");
-  add_output(command, "--json", options->json,
+  add(command, "RUN", options.path, "", "A run")->required();
+  add_output(command, "-o,--output", options.output, "The page; - for standard output");
+  add_output(command, "--json", options.json,
              "What the page shows as data: results, deviations over\n"
              "time, histograms");
-  add(command, "--title", options->title, "TEXT", "Such as which instrument, which bench");
+  add(command, "--title", options.title, "TEXT", "Such as which instrument, which bench");
   command->footer(
       "Examples:\n"
       "  ortime report -o report.html logs/verification/overflow_frequency\n"
       "  ortime report --json data.json logs/verification/overflow_frequency/latest.json");
-  command->callback([options, &chosen] {
-    if (options->output.empty() && options->json.empty()) {
-      throw CLI::RequiredError("--output or --json");
-    }
-    if (options->output == options->json) {
-      throw CLI::ValidationError("--json", "needs a file of its own");
-    }
-    chosen = *options;
-  });
+}
+
+void require_output(const ReportOptions& options) {
+  if (options.output.empty() && options.json.empty()) {
+    throw CLI::RequiredError("--output or --json");
+  }
+  if (options.output == options.json) {
+    throw CLI::ValidationError("--json", "needs a file of its own");
+  }
 }
 
 /// Says what is wrong with the command line, and where to look.
@@ -303,10 +291,14 @@ Command parse_command_line(int argc, const char* const* argv) {
       "report\n"
       "disagree; 64 wrong usage. 'ortime COMMAND --help' shows the options of a command.");
   program.get_formatter()->label("SUBCOMMAND", "COMMAND");
-  Command chosen = kExitSuccess;
-  for (const auto add_command : {add_info, add_tags, add_verify, add_report}) {
-    add_command(program, chosen);
-  }
+  InfoOptions info;
+  TagsWords tags;
+  VerifyOptions verify;
+  ReportOptions report;
+  add_info(program, info);
+  add_tags(program, tags);
+  add_verify(program, verify);
+  add_report(program, report);
   for (CLI::App* const command : program.get_subcommands({})) {
     command->group("Commands");
   }
@@ -316,19 +308,25 @@ Command parse_command_line(int argc, const char* const* argv) {
                  [](const std::string& word) { return word.c_str(); });
   try {
     program.parse(argc, pointers.data());
+    info.chunk_bytes = tags.options.chunk_bytes = verify.chunk_bytes = report.chunk_bytes =
+        chunk_bytes;
+    if (program.got_subcommand("info")) {
+      return info;
+    }
+    if (program.got_subcommand("tags")) {
+      return meant_by(tags);
+    }
+    if (program.got_subcommand("verify")) {
+      require_rate_of_file(verify);
+      return verify;
+    }
+    require_output(report);
+    return report;
   } catch (const CLI::Success& shown) {  // help or version
     return program.exit(shown, std::cout, std::cerr);
   } catch (const CLI::ParseError& error) {
     return explained(program, error, argc > 1 ? argv[1] : "");
   }
-  std::visit(
-      [&](auto& options) {
-        if constexpr (requires { options.chunk_bytes; }) {
-          options.chunk_bytes = chunk_bytes;
-        }
-      },
-      chosen);
-  return chosen;
 }
 
 }  // namespace orvo::inspection
