@@ -95,7 +95,6 @@ IntervalSettings settings_for(Recording& recording, double capture_s) {
     settings.largest_plain_ps = kInfinite;
   }
   recording.tick_ps = std::ldexp(1.0, static_cast<int>(settings.tick_shift));
-  recording.largest_plain_ps = settings.largest_plain_ps;
   return settings;
 }
 

@@ -56,7 +56,6 @@ struct Recording {
   /// As given; else the one that fits the first intervals of a recording in internal mode; else 0.
   std::uint32_t divider = 0;
   double tick_ps = 1;                    ///< all times are multiples of it
-  double largest_plain_ps = 0;           ///< a longer interval takes overflow records
   std::optional<std::size_t> reference;  ///< channel that skew is measured against
   std::array<ChannelRecording, verification::kChannels> channels;
 

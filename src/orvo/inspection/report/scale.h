@@ -74,7 +74,6 @@ class Scale {
     return kHeightPx * std::clamp((top_ - units(value_ps)) / (top_ + bottom_), 0.0, 1.0);
   }
   [[nodiscard]] bool in_tail(double value_ps) const { return std::abs(value_ps) > linear_ps_; }
-  [[nodiscard]] bool has_tails() const { return in_tail(farthest_ps_); }
 
   /// Round values, a line of text apart.
   [[nodiscard]] std::vector<double> ticks() const {
