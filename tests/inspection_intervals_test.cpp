@@ -66,6 +66,7 @@ TEST(Intervals, OneLostEventAmongAMillionIsSeen) {
   EXPECT_EQ(columns_with_a_gap, 1U);
   EXPECT_EQ(sum.intervals, 999'999U);
   EXPECT_EQ(sum.missing_events, 1U);
+  EXPECT_NEAR(sum.squares, kPeriodPs * kPeriodPs, 1e9);
   EXPECT_EQ(sum.backward_steps, 0U);
   EXPECT_EQ(sum.longest.time_ps, 700'002LL * 10'000'000 + 700'002 % 3 * 8);
 }

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <bit>
 #include <cstring>
+#include <iterator>
 #include <span>
 #include <string>
 #include <string_view>
@@ -60,17 +61,21 @@ std::uint64_t copy_tags(StreamInput& input, const TagsOptions& options, OutputFi
            (!options.to_ps || tag.time_ps < *options.to_ps);
   };
   std::uint64_t count = 0;
+  std::vector<TimeTag> kept;
   std::vector<char> bytes;
   input.read(options.chunk_bytes, [&](std::span<const TimeTag> tags) {
+    if (!all) {
+      kept.clear();
+      std::copy_if(tags.begin(), tags.end(), std::back_inserter(kept), wanted);
+      tags = kept;
+    }
     bytes.resize(std::max(bytes.size(), tags.size() * kMaxLineBytes));
     char* end = bytes.data();
     for (const TimeTag& tag : tags) {
-      if (all || wanted(tag)) {
-        end = put(end, tag);
-        ++count;
-      }
+      end = put(end, tag);
     }
     output.write({bytes.data(), end});
+    count += tags.size();
   });
   return count;
 }
