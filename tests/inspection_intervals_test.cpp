@@ -148,29 +148,6 @@ TEST(Recordings, WithoutADividerItIsFoundInTheIntervals) {
   EXPECT_EQ(inspection::read_recording(file, {.channel_mask = 0b1010}).reference, 1U);
 }
 
-TEST(Recordings, TimesFromDamageAreOutside) {
-  const ScratchDirectory scratch;
-  const std::string file = scratch.file("a.ortime");
-  PackedWriter writer;
-  writer.events(300);
-  writer.jump(900'000'000'000);  // less than the decoder refuses
-  writer.events(20);
-  writer.save(file);
-  const double capture_s = 300 * PackedWriter::kPeriodPs / 1e12;
-  const Recording recording =
-      inspection::read_recording(file, {.divider = PackedWriter::kDivider, .capture_s = capture_s});
-  EXPECT_EQ(recording.tags.tags(), 4 * 320U);
-  EXPECT_EQ(recording.tags_outside, 4 * 20U);
-  EXPECT_LT(static_cast<double>(recording.last_ps - recording.first_ps), capture_s * 1.3e12 + 1e11);
-  EXPECT_EQ(recording.channels[0].intervals.missing_events, 0U);
-  EXPECT_EQ(recording.channels[0].intervals.intervals, 299U);
-
-  const Recording whole = inspection::read_recording(file, {.divider = PackedWriter::kDivider});
-  EXPECT_EQ(whole.tags_outside, 0U);
-  EXPECT_EQ(whole.channels[0].intervals.gaps, 1U);
-  EXPECT_LE(whole.columns.size(), 1'001U);
-}
-
 TEST(Charts, NoiseAndAFarOutlierAreOnOneScale) {
   Recording recording;
   recording.tick_ps = 8;
