@@ -116,16 +116,14 @@ IntervalAnalysis::IntervalAnalysis(const IntervalSettings& settings) : settings_
   }
 }
 
-/// A window around `middle_ps`, nowhere down to `lowest_ps` or up to `highest_ps`.
-void IntervalAnalysis::open(CountWindow& window, std::int64_t middle_ps, std::int64_t lowest_ps,
-                            std::int64_t highest_ps) const {
-  constexpr std::int64_t kReach = CountWindow::kSlots / 2;
-  const unsigned shift = settings_.tick_shift;
-  const std::int64_t middle = middle_ps >> shift;
-  const std::int64_t start = std::min(middle, std::max(middle - kReach, (lowest_ps >> shift) + 1));
-  const std::int64_t end = std::max(middle + 1, std::min(middle + kReach, highest_ps >> shift));
-  window.start_ps = static_cast<std::uint64_t>(start) << shift;
-  window.slots = static_cast<std::uint64_t>(end - start);
+/// Around `value_ps`, where all of the window is less than `half_ps` away from the value to expect.
+void IntervalAnalysis::open(CountWindow& window, std::int64_t value_ps, std::int64_t expected_ps,
+                            std::int64_t half_ps) const {
+  const auto reach_ps = static_cast<std::int64_t>(CountWindow::kSlots / 2 << settings_.tick_shift);
+  if (window.slots == 0 && std::abs(value_ps - expected_ps) + reach_ps < half_ps) {
+    window.start_ps = static_cast<std::uint64_t>(value_ps - reach_ps);
+    window.slots = CountWindow::kSlots;
+  }
 }
 
 void IntervalAnalysis::add(std::span<const timing::TimeTag> tags) {
@@ -233,8 +231,8 @@ void IntervalAnalysis::add_unusual(std::size_t channel, std::int64_t time_ps) {
       lane.base_ps =
           regular ? interval : 2 * lane.half_ps >> settings_.tick_shift << settings_.tick_shift;
     }
-    if (regular && lane.intervals.slots == 0) {  // above 0 alone: the last time in it is the latest
-      open(lane.intervals, interval, lane.half_ps, 3 * lane.half_ps);
+    if (regular) {  // above 0 alone: the last time in the window is the latest
+      open(lane.intervals, interval, 2 * lane.half_ps, lane.half_ps);
     }
     lane.tags.largest_ps =
         std::max(lane.tags.largest_ps, static_cast<std::int64_t>(lane.previous_ps));
@@ -287,9 +285,9 @@ bool IntervalAnalysis::pair(Lane& lane, std::uint64_t time_ps, std::uint64_t ref
   if (skew_ps >= lane.half_ps || skew_ps <= -lane.half_ps) {
     return false;
   }
-  if (lane.skew_window.slots == 0) {
+  if (lane.skew_window.slots == 0 && lane.skews.empty()) {  // the first one
     lane.skew_base_ps = skew_ps;
-    open(lane.skew_window, skew_ps, -lane.half_ps, lane.half_ps);
+    open(lane.skew_window, skew_ps, 0, lane.half_ps);
   }
   if (!count_in(lane.skew_window, static_cast<std::uint64_t>(skew_ps), settings_.tick_shift)) {
     tally(lane.skews, skew_ps - lane.skew_base_ps, 1);

@@ -47,7 +47,7 @@ struct CountWindow {
   static constexpr std::uint64_t kSlots = 128;
 
   std::uint64_t start_ps = 0;
-  std::uint64_t slots = 0;  // used
+  std::uint64_t slots = 0;  // none until it is open
   std::array<std::uint64_t, kSlots> counts = {};
 };
 
@@ -140,8 +140,8 @@ class IntervalAnalysis {
 
   void tally(TickCounts& counts, std::int64_t value_ps, std::uint64_t count) const;
   [[nodiscard]] std::vector<Bin> bins_of(const TickCounts& counts, double offset_ps) const;
-  void open(CountWindow& window, std::int64_t middle_ps, std::int64_t lowest_ps,
-            std::int64_t highest_ps) const;
+  void open(CountWindow& window, std::int64_t value_ps, std::int64_t expected_ps,
+            std::int64_t half_ps) const;
   void enter_column(std::int64_t time_ps);
   void leave_column();
   void add_unusual(std::size_t channel, std::int64_t time_ps);
