@@ -72,39 +72,6 @@ std::string taken_for(json document, const timing::StreamFileHeader& header) {
   return taken;
 }
 
-/// Draws on standard error, where that is a terminal, and wipes it away at the end.
-class ProgressBar {
- public:
-  ProgressBar(std::optional<std::uint64_t> total_bytes, bool wanted)
-      : total_bytes_(total_bytes), shown_(wanted && isatty(STDERR_FILENO) == 1) {}
-  ~ProgressBar() {
-    if (shown_) {
-      std::cerr << "\r\x1b[K" << std::flush;
-    }
-  }
-  ProgressBar(const ProgressBar&) = delete;
-  ProgressBar& operator=(const ProgressBar&) = delete;
-
-  /// Cheap enough to be called often: draws at most ten times a second.
-  void update(std::uint64_t done_bytes) {
-    const Clock::time_point now = Clock::now();
-    if (shown_ && now >= next_draw_) {
-      next_draw_ = now + std::chrono::milliseconds(100);
-      const double elapsed_s = std::chrono::duration<double>(now - start_).count();
-      std::cerr << '\r' + progress_line(done_bytes, total_bytes_, elapsed_s) + "\x1b[K"
-                << std::flush;
-    }
-  }
-
- private:
-  using Clock = std::chrono::steady_clock;
-
-  std::optional<std::uint64_t> total_bytes_;
-  bool shown_;
-  Clock::time_point start_ = Clock::now();
-  Clock::time_point next_draw_ = start_;
-};
-
 }  // namespace
 
 StreamInput::StreamInput(std::filesystem::path path, timing::LockListener on_lock_event)
@@ -153,15 +120,29 @@ void StreamInput::require_decodable() const {
 
 void StreamInput::read(std::uint64_t chunk_bytes,
                        const std::function<void(std::span<const timing::TimeTag>)>& action) {
-  ProgressBar progress(file_bytes_, shows_progress);
+  using Clock = std::chrono::steady_clock;
+  const bool shown = shows_progress && isatty(STDERR_FILENO) == 1;
+  const auto draw = [&](const std::string& line) {
+    if (shown) {
+      std::cerr << '\r' + line + "\x1b[K" << std::flush;
+    }
+  };
+  const Clock::time_point start = Clock::now();
+  Clock::time_point next_draw = start;
   try {
     reader.for_each_batch(chunk_bytes, [&](std::span<const timing::TimeTag> tags) {
       action(tags);
-      progress.update(reader.read_bytes());
+      if (const Clock::time_point now = Clock::now(); now >= next_draw) {
+        next_draw = now + std::chrono::milliseconds(100);
+        draw(progress_line(reader.read_bytes(), file_bytes_,
+                           std::chrono::duration<double>(now - start).count()));
+      }
     });
   } catch (const timing::Error& error) {
+    draw("");
     throw error.operation().empty() ? error : error_in(name_, error);  // ours names its file
   }
+  draw("");
 }
 
 std::optional<std::uint64_t> StreamInput::payload_bytes() const {
