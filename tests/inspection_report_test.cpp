@@ -250,18 +250,6 @@ TEST_F(Report, NumbersOfTheRecordings) {
   EXPECT_TRUE(has(words, "400 of 400"));
 }
 
-/// Elements of a chart: the shares of the width and the pixels where they are.
-struct Place {
-  double x;
-  double y;
-};
-Place place_of(const std::string& svg, const std::string& pattern) {
-  std::smatch found;
-  return std::regex_search(svg, found, std::regex(pattern))
-             ? Place{std::stod(found.str(1)), std::stod(found.str(2))}
-             : Place{-1, -1};
-}
-
 TEST_F(Report, ChartsShowEarlierLeftAndLongerUp) {
   add_run([](PackedWriter& writer) {
     writer.events(300);
@@ -273,11 +261,13 @@ TEST_F(Report, ChartsShowEarlierLeftAndLongerUp) {
   const std::string chart = row.substr(0, row.find("aria-label"));
 
   // The lost event: three quarters of the time panel, at the top, with its name on the left of it.
-  const Place far = place_of(chart, "<svg x=\"([0-9.]+)%\" y=\"([0-9.]+)\"><path class=\"far\"");
-  EXPECT_NEAR(far.x, 66 * 0.755, 0.5);
-  const Place zero = place_of(chart, "class=\"zero\" x1=\"([0-9.]+)%\" y1=\"([0-9.]+)\"");
-  EXPECT_EQ(zero.x, 0);
-  EXPECT_LT(far.y, zero.y - 30);
+  const auto far = matches_of(chart, "<svg x=\"([0-9.]+)%\" y=\"([0-9.]+)\"><path class=\"far\"");
+  const auto zero = matches_of(chart, "class=\"zero\" x1=\"0%\" y1=\"([0-9.]+)\"");
+  ASSERT_EQ(far.size(), 1U);
+  ASSERT_EQ(zero.size(), 1U);
+  const double far_x = std::stod(far[0][1]);
+  EXPECT_NEAR(far_x, 66 * 0.755, 0.5);
+  EXPECT_LT(std::stod(far[0][2]), std::stod(zero[0][1]) - 30);
   EXPECT_TRUE(std::regex_search(chart, std::regex("text-anchor=\"end\">\\+32.28..µs at 9.7")));
   // The column that reaches there is where it is marked, and the others stay near zero.
   const std::size_t columns = chart.find("class=\"most");
@@ -289,7 +279,7 @@ TEST_F(Report, ChartsShowEarlierLeftAndLongerUp) {
     previous = std::stod(m[1]);
     if (std::stod(m[2]) < 20) reaching = previous;
   }
-  EXPECT_NEAR(reaching / 1000 * 66, far.x, 0.3);
+  EXPECT_NEAR(reaching / 1000 * 66, far_x, 0.3);
   EXPECT_GT(previous, 990);
 
   // Bars of larger values are higher, those of more intervals longer.

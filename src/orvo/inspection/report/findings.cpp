@@ -27,8 +27,6 @@ constexpr double kGoodCoverage = 0.9;
 constexpr double kEdgePeriods = 3;
 /// In internal mode the decoder refuses longer steps.
 constexpr double kLongestStep_ps = kPicosecondsPerSecond;
-/// From here on charts have fewer columns, so that the page stays small enough to be mailed.
-constexpr std::size_t kManyRuns = 12;
 constexpr std::size_t kMaxDifferences = 6;
 
 std::string capture_text(const RunDirectory& dir, int digits = 4) {

@@ -13,6 +13,10 @@
 
 namespace orvo::inspection {
 
+/// From here on a page has less of each run, so that it is read and small enough to be mailed:
+/// fewer columns in a chart, and one row in the table for a run that passed.
+inline constexpr std::size_t kManyRuns = 12;
+
 /// A run as reported, and what its recording shows.
 struct RunFindings {
   verification::RunResult shown;  ///< as reported; without a report, as decoded

@@ -25,8 +25,6 @@ using verification::RunResult;
 
 /// More sentences than this nobody reads; the table and the runs have it all.
 constexpr std::size_t kMaxSentences = 24;
-/// From here on a run that passed has one row in the table.
-constexpr std::size_t kManyRuns = 12;
 constexpr const char* kDash = "–";
 
 /// What is no UTF-8 becomes U+FFFD.
