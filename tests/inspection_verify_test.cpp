@@ -178,28 +178,6 @@ TEST_F(Verify, JudgesWhatIsThereAndNamesWhatIsMissing) {
   EXPECT_EQ(document["runs"][1]["differences"].size(), 0U);
 }
 
-TEST_F(Verify, TakesWhatTheReportDoesNotHoldFromItsVerdicts) {
-  write_recording(10);
-  verification::EvaluationSettings settings;
-  settings.min_tags_per_channel = 5;
-  settings.channel_mask = 3;
-  run = judge(verification::read_tag_statistics(file, 1 << 20),
-              verification::derive_rates(kDivider, settings), settings);
-  run.stream_file = file;
-  run.payload_bytes = 240;
-  verification::Config config;
-  config.channel_mask = 3;
-  config.min_tags_per_channel = 5;
-  verification::write_json_report(report, config, {run}, true);
-  EXPECT_EQ(verify({scratch.path()}), 0) << err;
-  EXPECT_TRUE(out.starts_with("tolerance_ppm=25\nmin_tags_per_channel=10\n")) << out;
-  EXPECT_EQ(err,
-            "ortime: taken from the verdicts of the report, which does not hold it: "
-            "min_tags_per_channel=10\n");
-  EXPECT_EQ(verify({scratch.path(), {}, {}, {}, 11}), 2);
-  EXPECT_EQ(err, "");
-}
-
 TEST_F(Verify, SaysWhatWasTakenForAnOddHeader) {
   const std::string whole = read_file(file);
   const std::string header = whole.substr(12, whole.find("}}") + 2 - 12);
