@@ -52,8 +52,8 @@ mustache::data template_data(const Json& value) {
   if (value.is_number()) {
     return value.dump();
   }
-  return value.is_string() && value != "" ? mustache::data(value.get_ref<const std::string&>())
-                                          : mustache::data(value == true);
+  const auto* const text = value.get_ptr<const Json::string_t*>();
+  return text != nullptr && !text->empty() ? mustache::data(*text) : mustache::data(value == true);
 }
 
 /// The half sentences of all runs, as far as anybody reads them; nothing where there are none.
