@@ -1,5 +1,5 @@
 # Installs the build into a scratch prefix, moves it, and uses it as a stranger would.
-cmake_minimum_required(VERSION 3.25)
+cmake_minimum_required(VERSION 3.23)
 
 foreach(name LD_LIBRARY_PATH ORVO_SIM ORVO_TIMING_PORT ORVO_TIMING_USB_SERIAL ORVO_PACKED_DEBUG)
   unset(ENV{${name}})

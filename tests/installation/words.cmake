@@ -1,7 +1,7 @@
 # Compares what the documents say with what the programs take: settings, options, environment
 # variables, the simulated instrument's keys, the version. Each is documented, once in a document,
 # and nothing is documented that is not there.
-cmake_minimum_required(VERSION 3.25)
+cmake_minimum_required(VERSION 3.23)
 
 set(man_dir "${SOURCE_DIR}/docs/man")
 set(tool_page ot_verify_overflow_frequency.1)
