@@ -1,13 +1,25 @@
-// Recordings of four channels that fire together, written record by record.
+// Recordings of four channels that fire together, written record by record, and ortime on runs of
+// them.
 #pragma once
 
+#include <gtest/gtest.h>
+
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <iostream>
+#include <iterator>
+#include <sstream>
 #include <string>
+#include <vector>
 
+#include "orvo/inspection/commands.h"
 #include "orvo/timing/stream_files.h"
-#include "orvo/verification/evaluation.h"
+#include "orvo/verification/reports.h"
 #include "support/record_writer.h"
+#include "support/scratch.h"
 
 namespace orvo::tests {
 
@@ -83,6 +95,87 @@ class PackedWriter {
   double slow_ppm_ = 0;
   unsigned event_ = 0;
   bool synced_ = false;
+};
+
+/// What a command line asks for; its words are separated by spaces, and '' is an empty one.
+inline inspection::Command parse(const std::string& words) {
+  std::istringstream stream("ortime " + words);
+  const std::vector<std::string> list(std::istream_iterator<std::string>(stream), {});
+  std::vector<const char*> argv;
+  for (const std::string& word : list) argv.push_back(word == "''" ? "" : word.c_str());
+  return inspection::parse_command_line(static_cast<int>(argv.size()), argv.data());
+}
+
+inline bool has(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
+
+/// ortime in a directory of the test's own, which is the current one and becomes a run directory.
+class Ortime : public testing::Test {
+ protected:
+  Ortime() { std::filesystem::current_path(scratch.path()); }
+  ~Ortime() override { std::filesystem::current_path("/"); }
+
+  /// Adds a run, recorded as `write` says and judged as it was.
+  verification::RunResult& add_run(const std::function<void(PackedWriter&)>& write) {
+    PackedWriter writer;
+    write(writer);
+    const std::string file = recording(runs.size() + 1);
+    writer.save(file);
+    verification::EvaluationSettings settings;
+    settings.channel_mask = config.channel_mask;
+    verification::RunResult run =
+        judge(verification::read_tag_statistics(file, 1 << 20),
+              verification::derive_rates(PackedWriter::kDivider, settings), settings);
+    run.requested_hz = 31'000;
+    run.stream_file = scratch.file(file);
+    run.payload_bytes = payload_of(file).size();
+    return runs.emplace_back(run);
+  }
+  static std::string recording(std::size_t run) {
+    return "overflow_frequency_0" + std::to_string(run) + ".ortime";
+  }
+  void save_report(const std::filesystem::path& directory = ".") const {
+    const bool pass = std::all_of(runs.begin(), runs.end(), [](auto& run) { return run.pass; });
+    write_json_report(directory / "overflow_frequency.json", config, runs, pass);
+  }
+
+  /// Runs a command as the program does. `out` and `err` get what it prints, the directory as ".".
+  int ortime(const std::string& words) {
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    int status = inspection::kExitError;
+    try {
+      status = std::visit(
+          [](const auto& command) {
+            if constexpr (std::is_same_v<decltype(command), const int&>) {
+              return command;
+            } else {
+              return inspection::run(command);
+            }
+          },
+          parse(words));
+    } catch (const std::exception& error) {
+      std::cerr << "ortime: " << error.what() << '\n';
+    }
+    out = without_place(testing::internal::GetCapturedStdout());
+    err = without_place(testing::internal::GetCapturedStderr());
+    return status;
+  }
+
+  ScratchDirectory scratch;
+  verification::Config config;
+  std::vector<verification::RunResult> runs;
+  std::string out, err;
+
+ private:
+  [[nodiscard]] std::string without_place(std::string text) const {
+    const std::string place = scratch.path().string();
+    for (std::size_t at = 0; (at = text.find(place, at)) != std::string::npos;) {
+      text.replace(at, place.size(), 1, '.');
+    }
+    return text;
+  }
 };
 
 }  // namespace orvo::tests
