@@ -9,9 +9,7 @@
 #include <vector>
 
 #include "orvo/inspection/run_directory.h"
-#include "orvo/verification/reports.h"
-#include "support/error_of.h"
-#include "support/scratch.h"
+#include "support/recordings.h"
 
 namespace orvo::tests {
 namespace {
@@ -19,39 +17,29 @@ namespace {
 namespace fs = std::filesystem;
 using inspection::load_run;
 
-struct RunDirectory : testing::Test {
+struct RunDirectory : Ortime {
   RunDirectory() {
-    run.requested_hz = 30978.25;
-    run.divider = 1000;
-    run.stream_file = file;
-    run.overflow_required = true;
-    run.channels[0] = {100, 1000, 3195471000, 30981.359013, 0.0625, true};
-    write_file(file, "");
-    verification::write_json_report(json, {}, {run}, false);
+    add_run([](PackedWriter& writer) { writer.events(100); });
+    save_report();
   }
-
-  ScratchDirectory scratch;
-  const std::string file = scratch.file("a.ortime");
-  const std::string json = scratch.file("overflow_frequency.json");
-  verification::RunResult run;
-  std::string said, missing;
+  const std::string json = "overflow_frequency.json";
 };
 
 TEST_F(RunDirectory, HasWhatTheToolWrote) {
-  verification::Config config;
   config.packed_quantum_ps = 65535;
   config.tolerance_ppm = -0.5;
-  verification::RunResult extreme = run;
-  extreme.divider = 4294967295;
-  extreme.channels[3] = {UINT64_MAX, INT64_MIN, INT64_MAX, 4194303.9999999991, -4e-7, true};
-  verification::write_json_report(json, config, {run, extreme}, true);
+  runs.push_back(runs[0]);
+  runs[1].divider = 4294967295;
+  runs[1].channels[3] = {UINT64_MAX, INT64_MIN, INT64_MAX, 4194303.9999999991, -4e-7, true};
+  save_report();
   const std::string written = read_file(json);
-  const inspection::RunDirectory read = load_run(scratch.path());
+  const inspection::RunDirectory read = load_run(".");
   EXPECT_EQ(read.capture_s, 0.35);
   EXPECT_EQ(read.settings.packed_bits, 16);
   EXPECT_EQ(read.settings.packed_quantum_ps, 65535);
   EXPECT_EQ(read.settings.tolerance_ppm, -0.5);
-  verification::write_json_report(json, config, read.runs, read.pass);
+  runs = read.runs;
+  save_report();
   EXPECT_EQ(read_file(json), written);
 }
 
@@ -60,124 +48,110 @@ TEST_F(RunDirectory, IsRefusedWithADamagedReport) {
   const struct {
     std::string from, to, error;
   } cases[] = {
-      {report, "", ": parse error at line 1,"},
       {report, std::string(1'000'000, '['), ": parse error at line 1,"},
       {report, std::string((4 << 20) + 1, ' '), " is too large: more than 4 MiB"},
       {"\"overflow_f", "\"f", ": (/verification) is not overflow_frequency"},
       {":15,", ":256,", ": (/channel_mask) is not an integer from 0 to 255"},
       {":25.000,", ":infinite,", ": parse error at line 9,"},
       {"l\":3", "l\":2", ": (/runs/0/channels/3/channel) is not 3"},
-      {"count\":0", "count\":-1", ": (/runs/0/channels/1/count) is not an integer from 0 to 1844"},
-      {"ps\":1000", "ps\":9223372036854775808",
+      {"ps\":1000000000000", "ps\":9223372036854775808",
        ": (/runs/0/channels/0/first_ps) is not an integer from -9"},
       {"\"channels\":[", "\"channels\":[7],\"x\":[", ": (/runs/0/channels) has not 4 elements"},
       {"\"runs\":[", "\"runs\":[],\"x\":[", ": (/runs) is empty"},
-      {file, "a\\u0000", ": (/runs/0/stream_file) is not a path"},
+      {scratch.file(recording(1)), "a\\u0000", ": (/runs/0/stream_file) is not a path"},
   };
   for (const auto& c : cases) {
     std::string damaged = report;
-    ASSERT_NE(damaged.find(c.from), std::string::npos) << c.from;
+    ASSERT_TRUE(has(damaged, c.from)) << c.from;
     write_file(json, damaged.replace(damaged.find(c.from), c.from.size(), c.to));
-    const std::string error = error_of([&] { (void)load_run(scratch.path()); });
-    EXPECT_TRUE(error.starts_with('"' + json + '"' + c.error)) << error;
-    EXPECT_TRUE(error.ends_with("[-4]")) << error;
+    EXPECT_EQ(ortime("verify ."), 1);
+    EXPECT_TRUE(err.starts_with("ortime: \"./overflow_frequency.json\"" + c.error)) << err;
   }
 }
 
 TEST_F(RunDirectory, LooksForRecordingsInTheDirectoryThatWasNamedFirst) {
-  const fs::path there = scratch.path() / "b\xE9 \xC3\xA9\"\\\n" / "c.ortime";  // no UTF-8
-  const fs::path here = scratch.path() / "c.ortime";
-  const auto found = [&](const fs::path& recorded) {
-    run.stream_file = recorded;
-    verification::write_json_report(json, {}, {run}, false);
-    testing::internal::CaptureStderr();
-    const inspection::RunDirectory dir = load_run(scratch.path());
-    said = testing::internal::GetCapturedStderr();
-    missing = error_of([&] { require_recording(dir, dir.runs.at(0)); });
-    return dir.runs.at(0).stream_file;
+  const std::string there = scratch.file("b\xE9 \xC3\xA9\"\\\n");  // no UTF-8
+  const auto record_in = [&](const std::string& directory) {
+    runs[0].stream_file = directory + "/c.ortime";
+    save_report();
   };
-  EXPECT_EQ(found(there), there);
-  EXPECT_EQ(said, "");
-  EXPECT_TRUE(missing.starts_with("recording \"c.ortime\" is missing: it is neither in \"" +
-                                  scratch.path().string() + "\" nor where it was recorded, "))
-      << missing;
-  fs::create_directories(there.parent_path());
-  fs::copy_file(file, there);
-  EXPECT_EQ(found(there), there);
-  EXPECT_TRUE(said.starts_with("ortime: 1 of 1 recordings are not in \"")) << said;
-  EXPECT_NE(said.find("/b\\xe9 é\\\"\\\\\\n\""), std::string::npos) << said;
-  EXPECT_EQ(missing, "no error");
-  fs::copy_file(file, here);
-  EXPECT_EQ(found(there), here);
-  EXPECT_EQ(found(scratch.path() / "b\x01" / "c.ortime"), here);  // recorded as "b?"
-  EXPECT_EQ(said, "");
-  fs::remove(here);
-  fs::create_directory(here);
-  EXPECT_EQ(found(there), there);
+  fs::rename(recording(1), "away");
+  record_in(there);
+  EXPECT_EQ(ortime("verify ."), 1);
+  EXPECT_TRUE(has(err,
+                  "ortime: run 1: recording \"c.ortime\" is missing: it is neither in \".\" nor "
+                  "where it was recorded, \"./b\\xe9 é\\\"\\\\\\n\""))
+      << err;
+  fs::create_directories(there);
+  fs::copy_file("away", there + "/c.ortime");
+  EXPECT_EQ(ortime("verify ."), 0);
+  EXPECT_EQ(err,
+            "ortime: 1 of 1 recordings are not in \".\": read where they were recorded, "
+            "\"./b\\xe9 é\\\"\\\\\\n\"\n");
+  fs::copy_file("away", "c.ortime");
+  for (const std::string& recorded : {there, scratch.file("b\x01")}) {  // which is told as "b?"
+    record_in(recorded);
+    EXPECT_EQ(ortime("verify ."), 0);
+    EXPECT_TRUE(has(out, "\n  stream_file=\"./c.ortime\"\n")) << out;
+    EXPECT_EQ(err, "");
+  }
+  record_in(there);
+  fs::remove("c.ortime");
+  fs::create_directory("c.ortime");
+  EXPECT_EQ(ortime("verify ."), 0);
+  EXPECT_TRUE(has(err, "read where they were recorded")) << err;
 }
 
 TEST_F(RunDirectory, IsTakenByEveryNameThatTheToolLeaves) {
-  const fs::path root = scratch.path() / "root";
-  for (const char* const name : {"20261124_160312", "20261125_080000"}) {
-    fs::create_directories(root / name);
-    run.stream_file = root / name / "overflow_frequency_01.ortime";
-    write_file(run.stream_file, "");
-    verification::write_json_report(root / name / "overflow_frequency.json", {}, {run}, false);
+  for (const char* const name : {"root/20261124_160312", "root/20261125_080000"}) {
+    fs::create_directories(name);
+    runs[0].stream_file = fs::absolute(name) / recording(1);
+    fs::copy_file(recording(1), runs[0].stream_file);
+    save_report(name);
   }
-  const fs::path newest = root / "20261125_080000";
-  fs::copy_file(newest / "overflow_frequency.json", root / "latest.json");
-  fs::create_directories(root / "20261126_000000");  // nothing was recorded
-  fs::create_directories(root / "later_than_any");
-  fs::create_directory_symlink(newest, scratch.path() / "link");
-  for (const fs::path& path : {newest, newest / "overflow_frequency.json", root / "latest.json",
-                               root, scratch.path() / "link"}) {
-    testing::internal::CaptureStderr();
-    const inspection::RunDirectory dir = load_run(path);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              path == root ? "ortime: newest run: \"" + newest.string() + "\"\n" : "");
-    EXPECT_EQ(dir.path, newest) << path;
-    EXPECT_EQ(dir.runs.at(0).stream_file, newest / "overflow_frequency_01.ortime") << path;
-    EXPECT_TRUE(dir.ended());
+  fs::copy_file("root/20261125_080000/" + json, "root/latest.json");
+  fs::create_directories("root/20261126_000000");  // nothing was recorded
+  fs::create_directories("root/later_than_any");
+  fs::create_directory_symlink("root/20261125_080000", "link");
+  for (const std::string path : {"root", "root/20261125_080000", "root/latest.json", "link",
+                                 "root/20261125_080000/overflow_frequency.json"}) {
+    EXPECT_EQ(ortime("verify " + path), 0) << path;
+    EXPECT_TRUE(has(out, "=\"./root/20261125_080000/overflow_frequency_01.ortime\"\n")) << out;
+    EXPECT_EQ(err, path == "root" ? "ortime: newest run: \"./root/20261125_080000\"\n" : "");
   }
-  EXPECT_NE(error_of([&] {
-              (void)load_run(root / "20261126_000000");
-            }).find("holds neither overflow_frequency.json nor a recording nor run directories"),
-            std::string::npos);
-  EXPECT_EQ(error_of([&] { (void)load_run(root / "missing"); }),
-            "cannot open \"" + (root / "missing").string() + "\": No such file or directory [-2]");
+  EXPECT_EQ(ortime("verify root/20261126_000000"), 1);
+  EXPECT_TRUE(has(err, "holds neither overflow_frequency.json nor a recording nor run directories"))
+      << err;
+  EXPECT_EQ(ortime("verify missing.json"), 1);
+  EXPECT_EQ(err, "ortime: cannot open \"missing.json\": No such file or directory\n");
 }
 
 TEST_F(RunDirectory, WithoutAReportHasItsRecordings) {
-  const fs::path dir = scratch.path() / "run";
-  fs::create_directories(dir / "overflow_frequency_03.ortime");  // no file
-  for (const char* const number : {"100", "99", "02", "01"}) {
-    write_file(dir / ("overflow_frequency_" + std::string(number) + ".ortime"), "");
+  fs::create_directories("run/overflow_frequency_03.ortime");  // no file
+  write_file("run/other.ortime", "");
+  std::string expected;
+  for (const std::string number : {"01", "02", "99", "100"}) {
+    const std::string file = "run/overflow_frequency_" + number + ".ortime";
+    write_file(file, "");
+    expected += "ortime: \"./" + file + "\": truncated magic\n";
   }
-  write_file(dir / "other.ortime", "");
-  const inspection::RunDirectory read = load_run(dir);
-  EXPECT_FALSE(read.ended());
-  std::string names;
-  for (const verification::RunResult& left : read.runs) {
-    names += left.stream_file.filename().string() + '\n';
-  }
-  EXPECT_EQ(names,
-            "overflow_frequency_01.ortime\noverflow_frequency_02.ortime\n"
-            "overflow_frequency_99.ortime\noverflow_frequency_100.ortime\n");
+  EXPECT_EQ(ortime("info run"), 1);
+  EXPECT_EQ(err, expected);
 }
 
 TEST_F(RunDirectory, InfersWhatAReportDoesNotHoldFromItsVerdicts) {
   constexpr double kInfinite = std::numeric_limits<double>::infinity();
-  using Channels = std::vector<verification::ChannelResult>;
+  using Channel = verification::ChannelResult;
   const auto passed = [](std::uint64_t count, double ppm) {
-    return verification::ChannelResult{count, 0, 0, 0, ppm, true};
+    return Channel{count, 0, 0, 0, ppm, true};
   };
   const auto failed = [](std::uint64_t count, double ppm) {
-    return verification::ChannelResult{count, 0, 0, 0, ppm, false};
+    return Channel{count, 0, 0, 0, ppm, false};
   };
   const struct {
     const char* what;
     double tolerance_ppm;
-    Channels channels;
+    std::vector<Channel> channels;
     std::uint64_t min_tags;
     double least_ppm, most_ppm;
     bool noted;
@@ -193,12 +167,11 @@ TEST_F(RunDirectory, InfersWhatAReportDoesNotHoldFromItsVerdicts) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
-    verification::Config config;
     config.tolerance_ppm = c.tolerance_ppm;
-    run.channels = {};
-    std::copy(c.channels.begin(), c.channels.end(), run.channels.begin());
-    verification::write_json_report(json, config, {run}, false);
-    const inspection::RunDirectory read = load_run(scratch.path());
+    runs[0].channels = {};
+    std::copy(c.channels.begin(), c.channels.end(), runs[0].channels.begin());
+    save_report();
+    const inspection::RunDirectory read = load_run(".");
     EXPECT_EQ(read.settings.min_tags_per_channel, c.min_tags);
     EXPECT_GE(read.settings.tolerance_ppm, c.least_ppm);
     EXPECT_LE(read.settings.tolerance_ppm, c.most_ppm);
