@@ -1,75 +1,58 @@
-// Stream files looked into: `info` and `tags`.
+// Stream files looked into: `info`, `tags`, and what both are about.
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <filesystem>
+#include <iterator>
 #include <nlohmann/json.hpp>
+#include <random>
+#include <string>
+#include <utility>
 
-#include "orvo/inspection/commands.h"
+#include "orvo/inspection/intervals.h"
 #include "orvo/inspection/lock_history.h"
-#include "orvo/timing/stream_files.h"
 #include "support/decoding.h"
-#include "support/error_of.h"
-#include "support/packed_streams.h"
-#include "support/scratch.h"
+#include "support/recordings.h"
 
 namespace orvo::tests {
 namespace {
 
-using inspection::TagFormat;
-using inspection::TagsOptions;
+namespace fs = std::filesystem;
+using inspection::IntervalAnalysis;
 using timing::LockEvent;
 using timing::StreamFileHeader;
 
-using Time = std::optional<std::int64_t>;
-
-class Inspection : public testing::Test {
+class Inspection : public Ortime {
  protected:
   /// A raw64 file of picosecond records.
-  void write_tags(const Tags& tags, StreamFileHeader header = {}) {
+  static void write_tags(const Tags& tags, StreamFileHeader header = {}) {
     header.stream_format = timing::Format::raw64;
     Bytes payload;
     for (const auto& [channel, time_ps] : tags) {
       put_big_endian(payload, std::uint64_t{channel} << 61 | static_cast<std::uint64_t>(time_ps),
                      8);
     }
-    write_stream(header, payload);
-  }
-  void write_stream(const StreamFileHeader& header, const Bytes& payload) {
     timing::StreamFileWriter writer;
-    writer.open(file, header);
+    writer.open("a.ortime", header);
     writer.write(payload.data(), payload.size());
   }
 
-  /// What `tags` writes to `name`, a file of the scratch directory.
-  std::string tags(const std::string& name, TagFormat format = TagFormat::csv, Time from_ps = {},
-                   Time to_ps = {}, std::uint8_t channel_mask = 0x0F,
-                   std::uint64_t chunk_bytes = 1000) {
-    const TagsOptions options = {file,    0,     scratch.file(name), format, channel_mask,
-                                 from_ps, to_ps, chunk_bytes};
-    EXPECT_EQ(inspection::run(options), inspection::kExitSuccess);
-    return read_file(scratch.file(name));
+  /// What `tags` writes to `name`.
+  std::string tags(const std::string& name, const std::string& options = "") {
+    EXPECT_EQ(ortime("tags a.ortime -o " + name + ' ' + options), 0) << err;
+    return read_file(name);
   }
-
-  /// What `info` prints of the file.
-  std::string info(bool json, std::uint64_t chunk_bytes) {
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(inspection::run(inspection::InfoOptions{{file}, json, chunk_bytes}), 0);
-    return testing::internal::GetCapturedStdout();
-  }
-
-  ScratchDirectory scratch;
-  std::string file = scratch.file("a.ortime");
 };
 
 TEST_F(Inspection, TagsInEveryFormat) {
   write_tags({{0, 5}, {3, 258}, {1, 7}, {0, 5}});
   EXPECT_EQ(tags("t"), "channel,time_ps\n0,5\n3,258\n1,7\n0,5\n");
-  EXPECT_EQ(tags("t", TagFormat::csv, {}, 258, 0b1001), "channel,time_ps\n0,5\n0,5\n");
-  EXPECT_EQ(tags("t", TagFormat::csv, 258), "channel,time_ps\n3,258\n");
+  EXPECT_EQ(tags("t.csv", "--to-ps 258 --channel 0,3"), "channel,time_ps\n0,5\n0,5\n");
+  EXPECT_EQ(tags("t.csv", "--from-ps 258"), "channel,time_ps\n3,258\n");
   const std::string header =
       "{'descr': [('channel', '|u1'), ('time_ps', '<i8')], 'fortran_order': False, "
       "'shape': (2,), }";
-  EXPECT_EQ(tags("t", TagFormat::npy, 6, 259),
+  EXPECT_EQ(tags("t.npy", "--from-ps 6 --to-ps 259"),
             std::string("\x93NUMPY\x01\x00\x76\x00", 10) + header +
                 std::string(117 - header.size(), ' ') + '\n' +
                 std::string("\3\2\1\0\0\0\0\0\0\1\7\0\0\0\0\0\0\0", 18));
@@ -80,119 +63,152 @@ TEST_F(Inspection, TagsInEveryFormat) {
     csv += std::to_string(i % 4) + ',' + std::to_string(i * 1000) + '\n';
   }
   write_tags(many);
-  EXPECT_TRUE(tags("t") == csv);
-  EXPECT_EQ(tags("t", TagFormat::npy, {}, {}, 0x0F, 1 << 20).size(), 128U + 9U * 200'000U);
+  EXPECT_TRUE(tags("t", "--chunk-bytes 1000") == csv);
+  EXPECT_EQ(tags("t.npy").size(), 128U + 9U * 200'000U);
 }
 
 TEST_F(Inspection, OutputsAreWholeOrAbsentAndNeverInputs) {
   write_tags({{0, 5}});
-  const std::string before = read_file(file);
-  const auto path = [&](const char* name) { return scratch.file(name); };
-  std::filesystem::create_hard_link(file, path("hard"));
-  std::filesystem::create_symlink(file, path("link"));
-  std::filesystem::create_hard_link(file, path("u.part"));
-  const struct {
-    std::string output, error;
-  } cases[] = {
-      {file, "is an input file"},
-      {path("hard"), "is an input file"},
-      {path("link"), "is an input file"},
-      {path("u"), "is an input file"},
+  const std::string before = read_file("a.ortime");
+  fs::create_hard_link("a.ortime", "hard");
+  fs::create_symlink("a.ortime", "link");
+  fs::create_hard_link("a.ortime", "u.part");
+  const std::pair<const char*, const char*> cases[] = {
+      {"a.ortime --format csv", "is an input file"},
+      {"hard", "is an input file"},
+      {"link", "is an input file"},
+      {"u", "is an input file"},
       {"/dev/full", "cannot write \"/dev/full\": No space left on device"},
-      {path(""), "Is a directory"},
-      {path("missing/t"), "No such file or directory"},
+      {"./", "Is a directory"},
+      {"missing/t", "No such file or directory"},
       {"/dev/fd/99999999999", "cannot create"},  // not standard input
   };
-  TagsOptions options;
-  options.path = file;
   for (const auto& [output, error] : cases) {
-    options.output = output;
-    const std::string told = error_of([&] { return inspection::run(options); });
-    EXPECT_NE(told.find(error), std::string::npos) << output << ": " << told;
-    EXPECT_EQ(read_file(file), before);
+    EXPECT_EQ(ortime("tags a.ortime -o " + std::string(output)), 1);
+    EXPECT_TRUE(has(err, error)) << output << ": " << err;
+    EXPECT_EQ(read_file("a.ortime"), before);
   }
-  write_file(path("t.part"), "left by one that was killed");
-  write_file(path("t"), "older");
-  std::filesystem::permissions(path("t"), std::filesystem::perms(0600));
-  std::filesystem::create_symlink(path("t"), path("to_t"));
+  write_file("t.part", "left by one that was killed");
+  write_file("t", "older");
+  fs::permissions("t", fs::perms(0600));
+  fs::create_symlink("t", "to_t");
   EXPECT_EQ(tags("to_t"), "channel,time_ps\n0,5\n");  // replaces what the link leads to
-  EXPECT_EQ(read_file(path("t")), "channel,time_ps\n0,5\n");
-  EXPECT_EQ(std::filesystem::status(path("t")).permissions(), std::filesystem::perms(0600));
-  std::size_t left = 0;
-  for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator(scratch.path())) {
-    ++left;
-  }
-  EXPECT_EQ(left, 6U);  // the recording and its links, the output and a link: nothing unfinished
+  EXPECT_EQ(read_file("t"), "channel,time_ps\n0,5\n");
+  EXPECT_EQ(fs::status("t").permissions(), fs::perms(0600));
+  // The recording and its links, the output and a link: nothing unfinished.
+  EXPECT_EQ(std::distance(fs::directory_iterator("."), fs::directory_iterator()), 6);
 }
 
 TEST_F(Inspection, InfoTellsChannelsInDisorder) {
   StreamFileHeader header;
   header.application = "\x1b[31m\xff\xc2\x9b ü\n";
   write_tags({{0, 10}, {1, 1}, {0, 40}, {0, 30}, {0, 30}}, header);
-  const auto json = nlohmann::json::parse(info(true, 8))["files"][0];
-  const std::string text = info(false, 8);
-  EXPECT_TRUE(text.ends_with(
-      "\ntags=5\nundecoded_bytes=0\nchannels:\n"
-      "  channel=0 tags=4 first_ps=10 last_ps=40 span_ps=30 rate_hz=100000000000.000000"
-      " shortest_interval_ps=-10 longest_interval_ps=30\n"
-      "  channel=1 tags=1 first_ps=1 last_ps=1 span_ps=0\n"
-      "  channel=2 tags=0\n  channel=3 tags=0\n"))
-      << text;
-  EXPECT_EQ(text.find('\x1b'), std::string::npos) << text;
-  EXPECT_TRUE(json["channels"][1]["rate_hz"].is_null());
-  EXPECT_EQ(json["channels"][0]["shortest_interval_ps"], -10);
-  EXPECT_FALSE(json.contains("locks"));
-
-  write_file(scratch.file("bad"), "no stream file");
-  testing::internal::CaptureStdout();
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(inspection::run(inspection::InfoOptions{{scratch.file("bad"), file}, true}),
-            inspection::kExitError);
-  const std::string error = '"' + scratch.file("bad") + "\": not an Orvo timing stream file";
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "ortime: " + error + '\n');
-  const auto document = nlohmann::json::parse(testing::internal::GetCapturedStdout());
-  EXPECT_EQ(document["files"].size(), 2U);
-  EXPECT_EQ(document["files"][0]["error"], error);
-  EXPECT_EQ(document["files"][1]["tags"], 5);
+  EXPECT_EQ(ortime("info a.ortime --chunk-bytes 8"), 0);
+  EXPECT_TRUE(has(out, "\n  application=\"?[31m\\xff\\x9b ü\\n\"\n")) << out;
+  EXPECT_TRUE(out.ends_with(R"(
+decodable=true
+tags=5
+undecoded_bytes=0
+channels:
+  channel=0 tags=4 first_ps=10 last_ps=40 span_ps=30 rate_hz=100000000000.000000 shortest_interval_ps=-10 longest_interval_ps=30
+  channel=1 tags=1 first_ps=1 last_ps=1 span_ps=0
+  channel=2 tags=0
+  channel=3 tags=0
+)")) << out;
+  write_file("bad", "no stream file");
+  EXPECT_EQ(ortime("info --json bad a.ortime"), 1);
+  EXPECT_EQ(err, "ortime: \"bad\": not an Orvo timing stream file\n");
+  const auto files = nlohmann::json::parse(out)["files"];
+  ASSERT_EQ(files.size(), 2U);
+  EXPECT_EQ(files[0]["error"], "\"bad\": not an Orvo timing stream file");
+  EXPECT_EQ(files[1]["channels"][0]["shortest_interval_ps"], -10);
+  EXPECT_TRUE(files[1]["channels"][1]["rate_hz"].is_null());
 }
 
 TEST_F(Inspection, LocksAreDatedByTheTagBefore) {
-  PackedStreams streams(7);
-  StreamFileHeader header = streams.header();
-  write_stream(header, streams.stream(header, 300'000, 2'000, false));
-  timing::StreamFileReader reader;
-  std::vector<LockEvent> events;
-  reader.on_lock_event = [&](const LockEvent& event) { events.push_back(event); };
-  reader.open(file);
-  const Tags all = reader.decode_next_tags(~0UL, 4096);
-  EXPECT_EQ(reader.read_bytes(), std::filesystem::file_size(file));
-  const auto locks = nlohmann::json::parse(info(true, 4096))["files"][0]["locks"];
-  ASSERT_GT(locks["dropped"], 3U);
-  ASSERT_EQ(locks["events"].size() + locks["events_left_out"].get<std::size_t>(), events.size());
-  for (std::size_t i = 0; i < locks["events"].size(); ++i) {
-    const nlohmann::json& event = locks["events"][i];
-    const std::uint64_t before = events[i].tags_before;
-    EXPECT_EQ(event["payload_offset_bytes"], events[i].payload_offset_bytes);
-    EXPECT_EQ(event["detail"], describe(events[i], header));
-    EXPECT_EQ(event["time_ps"].is_null(), before == 0);
-    EXPECT_TRUE(before == 0 || event["time_ps"] == all[before - 1].time_ps);
-  }
+  PackedWriter writer;
+  writer.events(3'600);
+  writer.lose_lock();
+  writer.events(100);
+  writer.save("b.ortime");
+  EXPECT_EQ(ortime("info b.ortime"), 0);
+  EXPECT_TRUE(has(out, "\nlocks:\n  taken=1\n  dropped=1\n  skipped_bytes=0\n")) << out;
+  EXPECT_TRUE(has(out, " last_ps=1116166628536 ")) << out;
+  EXPECT_TRUE(out.ends_with(R"(
+  events:
+    kind="locked" payload_offset_bytes=0 tags_before=0 detail="locked bits=16 drop_bytes=0 bit_offset=0 raw_bytes=70334"
+    kind="sync_channel_mismatch" payload_offset_bytes=68433 tags_before=14400 time_ps=1116166628536 detail="drop sync channel mismatch ch=1 expected=0 record=28813 chunks_left=3"
+  events_left_out=0
+)")) << out;
 
   inspection::LockHistory endless;
-  for (unsigned i = 0; i < 1'000; ++i) {
-    endless.add({i % 2 == 0 ? LockEvent::Kind::locked : LockEvent::Kind::imbalanced, 0, 0, 3});
+  for (int i = 0; i < 500; ++i) {
+    endless.add({LockEvent::Kind::imbalanced});
+    endless.add({LockEvent::Kind::locked});
   }
   EXPECT_EQ(endless.entries().size() + endless.left_out(), 1'000U);
   EXPECT_EQ(endless.dropped(), 500U);
-  inspection::LockHistory dated;
-  dated.pass(Tags{{0, 5}, {1, 6}});
-  dated.add({LockEvent::Kind::imbalanced, 0, 2});
-  dated.add({LockEvent::Kind::locked, 0, 3});
-  dated.pass(Tags{{0, 7}, {1, 8}});
-  EXPECT_EQ(dated.entries()[0].time_ps, 6);
-  EXPECT_EQ(dated.entries()[0].next_ps, 7);
-  EXPECT_EQ(dated.entries()[1].time_ps, 7);
-  EXPECT_EQ(dated.entries()[1].next_ps, 8);
+}
+
+IntervalAnalysis analysis_of_8_ps() {
+  return IntervalAnalysis({.expected_ps = {1e7, 1e7, 1e7, 1e7},
+                           .tick_shift = 3,
+                           .largest_plain_ps = 524'280,
+                           .longest_ps = 1e12,
+                           .reference = 0});
+}
+
+TEST(Intervals, AnyTimesAreCountedOnce) {
+  std::mt19937_64 random(1);
+  IntervalAnalysis analysis = analysis_of_8_ps();
+  verification::TagStatistics plain;
+  constexpr std::int64_t kEnds[] = {INT64_MIN, INT64_MAX, 0, -1};
+  for (int round = 0; round < 40; ++round) {
+    Tags tags;
+    for (int i = 0; i < 1'000; ++i) {
+      tags.push_back({static_cast<std::uint8_t>(random() % 4),
+                      i < 4 ? kEnds[i] : static_cast<std::int64_t>(random() >> random() % 64)});
+    }
+    analysis.add(tags);
+    plain.add(tags);
+  }
+  analysis.finish();
+  EXPECT_LE(analysis.columns().size(), 2'048U);
+  std::uint64_t in_columns = 0;
+  for (const auto& [index, column] : analysis.columns()) in_columns += column.tags;
+  EXPECT_EQ(in_columns, plain.tags());
+  for (std::size_t c = 0; c < 4; ++c) {
+    EXPECT_EQ(analysis.tags(c).count, plain.channel(c).count);
+    EXPECT_EQ(analysis.tags(c).smallest_ps, plain.channel(c).smallest_ps);
+    EXPECT_EQ(analysis.tags(c).largest_ps, plain.channel(c).largest_ps);
+  }
+}
+
+TEST(Intervals, SkewIsThatOfTheNearestEvent) {
+  const struct {
+    std::int64_t skew_ps;  // of channel 1 against channel 0
+    bool channel_0_first;  // in the stream
+    int lost;              // one event in so many of channel 0
+  } cases[] = {{248, true, 9'999},   {248, false, 9'999},      {-248, true, 9'999},
+               {-248, false, 9'999}, {3'000'000, true, 9'999}, {-3'000'000, false, 9'999},
+               {248, true, 10}};
+  for (const auto& [skew_ps, channel_0_first, lost] : cases) {
+    IntervalAnalysis analysis = analysis_of_8_ps();
+    Tags tags;
+    for (int i = 1; i <= 1'000; ++i) {
+      const timing::TimeTag reference = {0, i * std::int64_t{10'000'000} + i % 2 * 8};
+      if (channel_0_first && i % lost != 0) tags.push_back(reference);
+      tags.push_back({1, reference.time_ps + skew_ps});
+      if (!channel_0_first && i % lost != 0) tags.push_back(reference);
+    }
+    analysis.add(tags);
+    analysis.finish();
+    const auto skews = analysis.skews(1);
+    ASSERT_EQ(skews.size(), 1U) << skew_ps << channel_0_first;
+    EXPECT_EQ(skews[0].value_ps, static_cast<double>(skew_ps));
+    EXPECT_EQ(skews[0].count, tags.size() - 1'000);
+    EXPECT_TRUE(analysis.skews(0).empty());
+  }
 }
 
 }  // namespace
