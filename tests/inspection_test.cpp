@@ -1,4 +1,4 @@
-// Stream files looked into: `info`, `tags`, and what both are about.
+// Stream files looked into: `info`, `tags`, and what both tell.
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -6,10 +6,10 @@
 #include <iterator>
 #include <nlohmann/json.hpp>
 #include <random>
+#include <regex>
 #include <string>
 #include <utility>
 
-#include "orvo/inspection/intervals.h"
 #include "orvo/inspection/lock_history.h"
 #include "support/decoding.h"
 #include "support/recordings.h"
@@ -18,7 +18,6 @@ namespace orvo::tests {
 namespace {
 
 namespace fs = std::filesystem;
-using inspection::IntervalAnalysis;
 using timing::LockEvent;
 using timing::StreamFileHeader;
 
@@ -150,64 +149,50 @@ TEST_F(Inspection, LocksAreDatedByTheTagBefore) {
   EXPECT_EQ(endless.dropped(), 500U);
 }
 
-IntervalAnalysis analysis_of_8_ps() {
-  return IntervalAnalysis({.expected_ps = {1e7, 1e7, 1e7, 1e7},
-                           .tick_shift = 3,
-                           .largest_plain_ps = 524'280,
-                           .longest_ps = 1e12,
-                           .reference = 0});
-}
-
-TEST(Intervals, AnyTimesAreCountedOnce) {
+TEST_F(Inspection, AnyTimesAreCountedOnce) {
   std::mt19937_64 random(1);
-  IntervalAnalysis analysis = analysis_of_8_ps();
-  verification::TagStatistics plain;
-  constexpr std::int64_t kEnds[] = {INT64_MIN, INT64_MAX, 0, -1};
-  for (int round = 0; round < 40; ++round) {
-    Tags tags;
-    for (int i = 0; i < 1'000; ++i) {
-      tags.push_back({static_cast<std::uint8_t>(random() % 4),
-                      i < 4 ? kEnds[i] : static_cast<std::int64_t>(random() >> random() % 64)});
-    }
-    analysis.add(tags);
-    plain.add(tags);
+  Tags tags;
+  for (int i = 0; i < 40'000; ++i) {
+    tags.push_back({static_cast<std::uint8_t>(random() % 4),
+                    static_cast<std::int64_t>(random() >> 3 >> random() % 61)});
   }
-  analysis.finish();
-  EXPECT_LE(analysis.columns().size(), 2'048U);
-  std::uint64_t in_columns = 0;
-  for (const auto& [index, column] : analysis.columns()) in_columns += column.tags;
-  EXPECT_EQ(in_columns, plain.tags());
-  for (std::size_t c = 0; c < 4; ++c) {
-    EXPECT_EQ(analysis.tags(c).count, plain.channel(c).count);
-    EXPECT_EQ(analysis.tags(c).smallest_ps, plain.channel(c).smallest_ps);
-    EXPECT_EQ(analysis.tags(c).largest_ps, plain.channel(c).largest_ps);
+  write_tags(tags);
+  EXPECT_EQ(ortime("info a.ortime"), 0);
+  const std::string info = out;
+  EXPECT_EQ(ortime("verify a.ortime --divider 1"), 2);
+  const std::regex line("  ch([0-3]) count=([0-9]+ first_ps=[0-9]+ last_ps=[0-9]+ )");
+  int found = 0;
+  for (std::sregex_iterator it(out.begin(), out.end(), line), end; it != end; ++it, ++found) {
+    EXPECT_TRUE(has(info, "  channel=" + it->str(1) + " tags=" + it->str(2))) << info << out;
   }
+  EXPECT_EQ(found, 4);
 }
 
-TEST(Intervals, SkewIsThatOfTheNearestEvent) {
+TEST_F(Inspection, SkewIsThatOfTheNearestEvent) {
   const struct {
-    std::int64_t skew_ps;  // of channel 1 against channel 0
+    const char* skew_ps;   // of channel 1 against channel 0
     bool channel_0_first;  // in the stream
     int lost;              // one event in so many of channel 0
-  } cases[] = {{248, true, 9'999},   {248, false, 9'999},      {-248, true, 9'999},
-               {-248, false, 9'999}, {3'000'000, true, 9'999}, {-3'000'000, false, 9'999},
-               {248, true, 10}};
-  for (const auto& [skew_ps, channel_0_first, lost] : cases) {
-    IntervalAnalysis analysis = analysis_of_8_ps();
+    const char* count;
+  } cases[] = {{"248", true, 9'999, "1000"},     {"248", false, 9'999, "1000"},
+               {"-248", true, 9'999, "1000"},    {"-248", false, 9'999, "1000"},
+               {"3000000", true, 9'999, "1000"}, {"-3000000", false, 9'999, "1000"},
+               {"248", true, 10, "900"}};
+  StreamFileHeader header;
+  header.mode = timing::Mode::internal;
+  for (const auto& [skew_ps, channel_0_first, lost, count] : cases) {
     Tags tags;
     for (int i = 1; i <= 1'000; ++i) {
       const timing::TimeTag reference = {0, i * std::int64_t{10'000'000} + i % 2 * 8};
       if (channel_0_first && i % lost != 0) tags.push_back(reference);
-      tags.push_back({1, reference.time_ps + skew_ps});
+      tags.push_back({1, reference.time_ps + std::stoi(skew_ps)});
       if (!channel_0_first && i % lost != 0) tags.push_back(reference);
     }
-    analysis.add(tags);
-    analysis.finish();
-    const auto skews = analysis.skews(1);
-    ASSERT_EQ(skews.size(), 1U) << skew_ps << channel_0_first;
-    EXPECT_EQ(skews[0].value_ps, static_cast<double>(skew_ps));
-    EXPECT_EQ(skews[0].count, tags.size() - 1'000);
-    EXPECT_TRUE(analysis.skews(0).empty());
+    write_tags(tags, header);
+    EXPECT_EQ(ortime("info a.ortime"), 0);
+    const std::string skew = std::string("\"mean_ps\":") + skew_ps + ".0,\"median_ps\":" + skew_ps +
+                             ".0,\"standard_deviation_ps\":0.0}";
+    EXPECT_TRUE(has(out, std::string(" skew={\"count\":") + count + ',' + skew)) << out;
   }
 }
 

@@ -125,7 +125,7 @@ class Ortime : public testing::Test {
     verification::EvaluationSettings settings;
     settings.channel_mask = config.channel_mask;
     verification::RunResult run =
-        judge(verification::read_tag_statistics(file, 1 << 20),
+        judge(verification::read_tag_statistics(file, 4096),
               verification::derive_rates(PackedWriter::kDivider, settings), settings);
     run.requested_hz = 31'000;
     run.stream_file = scratch.file(file);
