@@ -1,13 +1,12 @@
 // The page about a run: `report`.
 #include <gtest/gtest.h>
 
-#include <array>
+#include <algorithm>
 #include <cmath>
 #include <filesystem>
 #include <functional>
 #include <nlohmann/json.hpp>
 #include <regex>
-#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -57,18 +56,17 @@ std::vector<std::vector<std::string>> matches_of(const std::string& text, const 
   return all;
 }
 
+std::string with_plain_spaces(const std::string& text) {
+  return std::regex_replace(text, std::regex("\u00A0|\u202F"), " ");
+}
+
 /// The text of the page from `begin` to `end`, without tags and empty lines, with plain spaces.
 std::string words_of(const std::string& page, const std::string& begin, const std::string& end) {
   const std::size_t from = page.find(begin);
-  std::string text =
-      from == std::string::npos ? "" : page.substr(from, page.find(end, from) - from);
-  for (const auto& [what, by] : {std::pair("<p class=\"verdict ([a-z]+)\">", "$1: "),
-                                 {"<[^>]*>", ""},
-                                 {"\u00A0|\u202F", " "},
-                                 {"\n+", "\n"}}) {
-    text = std::regex_replace(text, std::regex(what), by);
-  }
-  return text;
+  std::string text = page.substr(std::min(from, page.size()), page.find(end, from) - from);
+  text = std::regex_replace(text, std::regex("<p class=\"verdict ([a-z]+)\">"), "$1: ");
+  text = std::regex_replace(text, std::regex("<[^>]*>"), "");
+  return with_plain_spaces(std::regex_replace(text, std::regex("\n+"), "\n"));
 }
 
 /// How the verdict looks, and all that is said before the results.
@@ -175,7 +173,7 @@ TEST_F(Report, LostLocksAreMarkedAndListed) {
   EXPECT_TRUE(has(findings_of(all),
                   ": the decoder lost its place 1 time; 0 bytes passed over in "
                   "search of it, 1 byte left over at the end.\n"));
-  EXPECT_TRUE(has(all, "<title>lock lost, 116.2\u00A0ms<")) << all;
+  EXPECT_TRUE(has(all, "<title>lock lost, 116.2\u00A0ms<"));
   EXPECT_TRUE(has(all, "<title>lock taken again, 121.2\u00A0ms<"));
   EXPECT_EQ(words_of(all, "<figcaption>", "</figcaption>"), R"(
 ▼ lock lost
@@ -204,7 +202,6 @@ TEST_F(Report, NumbersOfTheRecordings) {
   const auto document = nlohmann::json::parse(read_file("page.json"));
   const nlohmann::json& run = document["runs"][0];
   EXPECT_EQ(document["headline"], "FAIL");
-  EXPECT_EQ(run["locks_dropped"], 0);
   EXPECT_EQ(run["skew_reference"], 1);
   for (std::size_t c = 0; c < 4; ++c) {
     SCOPED_TRACE(c);
@@ -216,75 +213,49 @@ TEST_F(Report, NumbersOfTheRecordings) {
     EXPECT_EQ(channel["deviation"]["count"], lost ? 397 : 399);
     EXPECT_NEAR(channel["deviation"]["mean_ps"], 0, 0.02);
     EXPECT_NEAR(channel["deviation"]["standard_deviation_ps"], 3.26, 0.01);  // of 8 ps ticks
-    EXPECT_EQ(channel["skew"].is_null(), lost);
     EXPECT_EQ(lost ? 399 : channel["skew"]["count"].get<int>(), 399);
-    EXPECT_EQ(lost ? 0.0 : channel["skew"]["median_ps"].get<double>(),
-              PackedWriter::skew_ps(c) - PackedWriter::skew_ps(1));
-    int in_columns = 0, in_histogram = 0;
-    for (const auto& column : channel["columns"]) {
-      in_columns += column[1].get<int>();
-      EXPECT_LE(column[2], column[4]);
-      EXPECT_LE(column[4], column[3]);
-    }
+    EXPECT_EQ(lost ? 0 : channel["skew"]["median_ps"].get<int>(), 248 * (static_cast<int>(c) - 1));
     const nlohmann::json& histogram = channel["deviation_histogram"];
+    EXPECT_NEAR(histogram.back()[0], lost ? PackedWriter::kPeriodPs : 6.3,
+                lost ? PackedWriter::kPeriodPs / 512 : 0.1);
+    int in_columns = 0, in_histogram = 0;
+    for (const auto& column : channel["columns"]) in_columns += column[1].get<int>();
     for (const auto& bin : histogram) in_histogram += bin[1].get<int>();
     EXPECT_EQ(in_columns, channel["intervals"]);
     EXPECT_EQ(in_histogram, channel["intervals"]);
-    EXPECT_NEAR(histogram.back()[0], lost ? PackedWriter::kPeriodPs : 6.3,
-                lost ? PackedWriter::kPeriodPs / 512 : 0.1);
   }
 }
 
 TEST_F(Report, ChartsShowEarlierLeftAndLongerUp) {
-  add_run(write_lost_event);
-  const std::string all = page();
+  add_run([](PackedWriter& writer) {
+    writer.events(9);
+    writer.events(1, 1);
+    writer.events(3);
+  });
+  const std::string all = page(13);
   const std::string row = all.substr(all.find("Channel 1, "), 20'000);
-  const std::string chart = row.substr(0, row.find("aria-label"));
-
-  // The lost event: three quarters of the time panel, at the top, with its name on the left of it.
-  const auto far = matches_of(chart, "<svg x=\"([0-9.]+)%\" y=\"([0-9.]+)\"><path class=\"far\"");
-  const auto zero = matches_of(chart, "class=\"zero\" x1=\"0%\" y1=\"([0-9.]+)\"");
-  ASSERT_EQ(far.size(), 1U);
-  ASSERT_EQ(zero.size(), 1U);
-  const double far_x = std::stod(far[0][1]);
-  EXPECT_NEAR(far_x, 66 * 0.755, 0.5);
-  EXPECT_LT(std::stod(far[0][2]), std::stod(zero[0][1]) - 30);
-  EXPECT_TRUE(std::regex_search(chart, std::regex("text-anchor=\"end\">\\+32.28..µs at 9.7")));
-  // The column that reaches there is where it is marked, and the others stay near zero.
-  const std::size_t columns = chart.find("class=\"most");
-  double reaching = 0;
-  double previous = -1;
-  for (const auto& m : matches_of(chart.substr(columns, chart.find("/>", columns) - columns),
-                                  "M([0-9.]+) ([0-9.]+)V")) {
-    EXPECT_GE(std::stod(m[1]), previous);
-    previous = std::stod(m[1]);
-    if (std::stod(m[2]) < 20) reaching = previous;
+  std::string drawn;
+  for (const auto& line : matches_of(row.substr(0, row.find("aria-label")),
+                                     ".* class=\"(most sparse|far|note|bar|channel)\".*\n")) {
+    drawn += line[0];
   }
-  EXPECT_NEAR(reaching / 1000 * 66, far_x, 0.3);
-  EXPECT_GT(previous, 990);
-
-  // Bars of larger values are higher, those of more intervals longer; noise is seen beside the far.
-  std::vector<std::array<double, 4>> bars;  // value, count, y, width
-  for (const auto& m :
-       matches_of(chart,
-                  "class=\"bar\" x=\"69%\" y=\"([0-9.]+)\" width=\"([0-9.]+)%\"[^>]*><title>"
-                  "(\\+|−|)([0-9.]+) ps: ([0-9]+)")) {
-    bars.push_back({std::stod(m[4]) * (m[3] == "−" ? -1 : 1), std::stod(m[5]), std::stod(m[1]),
-                    std::stod(m[2])});
-  }
-  ASSERT_GE(bars.size(), 2U);
-  EXPECT_GT(bars[0][2] - bars[1][2], 10);
-  for (std::size_t i = 1; i < bars.size(); ++i) {
-    EXPECT_GT(bars[i][0], bars[i - 1][0]);
-    EXPECT_LT(bars[i][2], bars[i - 1][2]);
-    EXPECT_EQ(bars[i][1] > bars[i - 1][1], bars[i][3] > bars[i - 1][3]);
-  }
-  EXPECT_TRUE(std::regex_search(chart, std::regex("class=\"channel\" x=\"86%\"[^>]*>\\+248..ps<")));
-
+  // The lost event is late, at the top, with its name on the left of it; in the histogram larger
+  // values are higher, and those of more intervals longer.
+  EXPECT_EQ(with_plain_spaces(drawn),
+            R"(<text class="channel" x="0%" y="15" dx="-64" text-anchor="start">channel 1</text>
+<svg y="23" width="66%" height="72" viewBox="0 0 1000 72" preserveAspectRatio="none"><path class="most sparse" d="M84.42 49.5V49.5M165.6 49.5V49.5M249.6 32.0V32.0M333.5 49.5V49.5M417.4 49.5V49.5M501.3 49.5V49.5M582.5 49.5V49.5M666.5 32.0V32.0M834.3 4.4V4.4M915.5 49.5V49.5M999.4 32.0V32.0"/></svg>
+<svg x="55%" y="27.364"><path class="far" d="M-4 0a4 4 0 1 0 8 0a4 4 0 1 0-8 0z"><title>+32.28 µs at 322.8 µs</title></path></svg>
+<text class="note" x="55%" y="31.364" dx="-9" text-anchor="end">+32.28 µs at 322.8 µs</text>
+<rect class="bar" x="69%" y="66.993" width="8.29%" height="11"><title>−1.7 ps: 7 intervals</title></rect>
+<rect class="bar" x="69%" y="49.538" width="5.84%" height="11"><title>+6.3 ps: 3 intervals</title></rect>
+<rect class="bar" x="69%" y="21.864" width="2.6632%" height="11"><title>+32 276 478.3 ps: 1 interval</title></rect>
+<text class="channel" x="86%" y="15" dx="0" text-anchor="start">+248 ps</text>
+<rect class="bar" x="86%" y="63.318" width="9.8486%" height="11"><title>+248.0 ps: 12 events</title></rect>
+)");
   // The table's marks: channel 1 is slow, far beyond the left end of the tolerance.
   EXPECT_TRUE(has(all, "<td>1</td><td class=\"bad\">✗ FAIL</td>"));
   EXPECT_TRUE(has(all, "<svg x=\"0%\" y=\"8\"><path class=\"bad\" d=\"M9-5"));
-  EXPECT_TRUE(has(words_of(all, "<tbody", "</tbody"), "399 of 400"));
+  EXPECT_TRUE(has(words_of(all, "<tbody", "</tbody"), "12 of 13"));
   // Every class has its colours.
   const std::string style = all.substr(0, all.find("</style>"));
   for (const auto& m : matches_of(all, "<(?:path|line|rect|text) class=\"([a-z]+)")) {

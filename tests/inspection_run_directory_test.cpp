@@ -25,24 +25,6 @@ struct RunDirectory : Ortime {
   const std::string json = "overflow_frequency.json";
 };
 
-TEST_F(RunDirectory, HasWhatTheToolWrote) {
-  config.packed_quantum_ps = 65535;
-  config.tolerance_ppm = -0.5;
-  runs.push_back(runs[0]);
-  runs[1].divider = 4294967295;
-  runs[1].channels[3] = {UINT64_MAX, INT64_MIN, INT64_MAX, 4194303.9999999991, -4e-7, true};
-  save_report();
-  const std::string written = read_file(json);
-  const inspection::RunDirectory read = load_run(".");
-  EXPECT_EQ(read.capture_s, 0.35);
-  EXPECT_EQ(read.settings.packed_bits, 16);
-  EXPECT_EQ(read.settings.packed_quantum_ps, 65535);
-  EXPECT_EQ(read.settings.tolerance_ppm, -0.5);
-  runs = read.runs;
-  save_report();
-  EXPECT_EQ(read_file(json), written);
-}
-
 TEST_F(RunDirectory, IsRefusedWithADamagedReport) {
   const std::string report = read_file(json);
   const struct {
