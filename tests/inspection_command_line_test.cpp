@@ -46,12 +46,8 @@ TEST_F(CommandLine, UsageErrorsNameTheFaultAndWhereToLook) {
 }
 
 TEST_F(CommandLine, WordsBecomeOptions) {
-  const auto tags = std::get<inspection::TagsOptions>(
-      parse("tags --channel 1 --channel 3,0 tags -o x.NPY --chunk-bytes 9"));
-  EXPECT_EQ(tags.path, "tags");  // a file that is called like a command
-  EXPECT_EQ(tags.channel_mask, 0b1011);
-  EXPECT_EQ(tags.format, inspection::TagFormat::npy);
-  EXPECT_EQ(tags.chunk_bytes, 9U);
+  // A file that is called like a command.
+  EXPECT_EQ(std::get<inspection::TagsOptions>(parse("tags --channel 1 tags")).path, "tags");
   const auto verify = std::get<inspection::VerifyOptions>(
       parse("--chunk_bytes=010 verify run_1 --channel_mask 0B101 "
             "--min_tags_per_channel=18446744073709551615"));

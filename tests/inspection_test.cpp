@@ -46,12 +46,12 @@ class Inspection : public Ortime {
 TEST_F(Inspection, TagsInEveryFormat) {
   write_tags({{0, 5}, {3, 258}, {1, 7}, {0, 5}});
   EXPECT_EQ(tags("t"), "channel,time_ps\n0,5\n3,258\n1,7\n0,5\n");
-  EXPECT_EQ(tags("t.csv", "--to-ps 258 --channel 0,3"), "channel,time_ps\n0,5\n0,5\n");
+  EXPECT_EQ(tags("t.csv", "--to-ps 258 --channel 0 --channel 3,0"), "channel,time_ps\n0,5\n0,5\n");
   EXPECT_EQ(tags("t.csv", "--from-ps 258"), "channel,time_ps\n3,258\n");
   const std::string header =
       "{'descr': [('channel', '|u1'), ('time_ps', '<i8')], 'fortran_order': False, "
       "'shape': (2,), }";
-  EXPECT_EQ(tags("t.npy", "--from-ps 6 --to-ps 259"),
+  EXPECT_EQ(tags("t.NPY", "--from-ps 6 --to-ps 259"),
             std::string("\x93NUMPY\x01\x00\x76\x00", 10) + header +
                 std::string(117 - header.size(), ' ') + '\n' +
                 std::string("\3\2\1\0\0\0\0\0\0\1\7\0\0\0\0\0\0\0", 18));
