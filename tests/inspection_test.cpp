@@ -169,30 +169,23 @@ TEST_F(Inspection, AnyTimesAreCountedOnce) {
 }
 
 TEST_F(Inspection, SkewIsThatOfTheNearestEvent) {
-  const struct {
-    const char* skew_ps;   // of channel 1 against channel 0
-    bool channel_0_first;  // in the stream
-    int lost;              // one event in so many of channel 0
-    const char* count;
-  } cases[] = {{"248", true, 9'999, "1000"},     {"248", false, 9'999, "1000"},
-               {"-248", true, 9'999, "1000"},    {"-248", false, 9'999, "1000"},
-               {"3000000", true, 9'999, "1000"}, {"-3000000", false, 9'999, "1000"},
-               {"248", true, 10, "900"}};
   StreamFileHeader header;
   header.mode = timing::Mode::internal;
-  for (const auto& [skew_ps, channel_0_first, lost, count] : cases) {
-    Tags tags;
-    for (int i = 1; i <= 1'000; ++i) {
-      const timing::TimeTag reference = {0, i * std::int64_t{10'000'000} + i % 2 * 8};
-      if (channel_0_first && i % lost != 0) tags.push_back(reference);
-      tags.push_back({1, reference.time_ps + std::stoi(skew_ps)});
-      if (!channel_0_first && i % lost != 0) tags.push_back(reference);
+  for (const std::string skew_ps : {"248", "-248", "3000000", "-3000000"}) {
+    for (const bool channel_0_first : {true, false}) {  // in the stream
+      Tags tags;
+      for (int i = 1; i <= 1'000; ++i) {
+        const timing::TimeTag reference = {0, i * std::int64_t{10'000'000} + i % 2 * 8};
+        const timing::TimeTag other = {1, reference.time_ps + std::stoi(skew_ps)};
+        tags.push_back(channel_0_first ? reference : other);
+        tags.push_back(channel_0_first ? other : reference);
+      }
+      write_tags(tags, header);
+      EXPECT_EQ(ortime("info a.ortime"), 0);
+      EXPECT_TRUE(has(out, " skew={\"count\":1000,\"mean_ps\":" + skew_ps +
+                               ".0,\"median_ps\":" + skew_ps + ".0,\"standard_deviation_ps\":0.0}"))
+          << out;
     }
-    write_tags(tags, header);
-    EXPECT_EQ(ortime("info a.ortime"), 0);
-    const std::string skew = std::string("\"mean_ps\":") + skew_ps + ".0,\"median_ps\":" + skew_ps +
-                             ".0,\"standard_deviation_ps\":0.0}";
-    EXPECT_TRUE(has(out, std::string(" skew={\"count\":") + count + ',' + skew)) << out;
   }
 }
 
