@@ -274,6 +274,10 @@ TEST_F(Report, FoldsWhatPassed) {
   EXPECT_EQ(matches_of(all, "<td class=\"(good|bad)\">").size(), 14U + 4U + 4U);
   EXPECT_TRUE(has(all, "<a href=\"#run-15\">Run 15 at 31\u00A0kHz</a>, channel 2"));
   EXPECT_TRUE(has(all, "id=\"run-16\""));
+  // And wider columns, from the smallest to the largest deviation; of two of -1.7 ps and one of
+  // +6.3 ps, dark up to a standard deviation above the mean.
+  EXPECT_TRUE(has(all, "<path class=\"all\" d=\"M6.976 12.3V42.3M22.61 12.3V42.3M"));
+  EXPECT_TRUE(has(all, "M17.4 42.3V42.3M22.61 18.2V42.3M"));
 }
 
 TEST_F(Report, UnknownTextIsText) {
