@@ -280,7 +280,9 @@ TEST_F(Report, FoldsWhatPassed) {
   EXPECT_TRUE(has(all, "M17.4 42.3V42.3M22.61 18.2V42.3M"));
 }
 
-TEST_F(Report, UnknownTextIsText) {
+TEST_F(Report, KnownFactsAreSaidAndUnknownTextIsText) {
+  config.packed_bits = 17;
+  config.packed_quantum_ps = 16;
   add_run([](PackedWriter& writer) {
     writer.header.device_product = "<b>\"O'Neill\" \xFF";
     write_clean(writer);
@@ -289,7 +291,8 @@ TEST_F(Report, UnknownTextIsText) {
   expect_well_formed(all);
   for (const char* const wanted :
        {"<h1>&lt;script&gt;bench&amp;&quot;4&quot;&lt;/script&gt; <small>",
-        "<title>PASS: &lt;script&gt;", "<dd>&lt;b&gt;&quot;O&apos;Neill&quot; \uFFFD</dd>"}) {
+        "<title>PASS: &lt;script&gt;", "<dd>17 bits, quantum 16 ps</dd>", "<dd>±25 ppm</dd>",
+        "<dd>&lt;b&gt;&quot;O&apos;Neill&quot; \uFFFD</dd>"}) {
     EXPECT_TRUE(has(all, wanted)) << wanted;
   }
   EXPECT_TRUE(
@@ -327,9 +330,12 @@ TEST_F(Report, WithoutAReportThereIsNoVerdict) {
   EXPECT_FALSE(std::regex_search(words_of(all, "<body>", "</body>"), std::regex("✓|✗|PASS|FAIL")));
 }
 
-TEST_F(Report, NeverReplacesWhatItIsMadeFrom) {
+TEST_F(Report, IsWholeOrAbsentAndNeverReplacesWhatItIsMadeFrom) {
   add_run(write_clean);
   save_report();
+  EXPECT_EQ(ortime("report . -o page.html --json missing/page.json"), 1);
+  EXPECT_FALSE(std::filesystem::exists("page.html"));
+  EXPECT_FALSE(std::filesystem::exists("page.html.part"));
   for (const std::string& output : {recording(1), std::string("overflow_frequency.json")}) {
     const std::string before = read_file(output);
     for (const std::string option : {"-o", "--json"}) {

@@ -140,6 +140,11 @@ TEST_F(Inspection, LocksAreDatedByTheTagBefore) {
   events_left_out=0
 )")) << out;
 
+  inspection::LockHistory dated;
+  dated.add({LockEvent::Kind::locked, 0, 1});
+  dated.pass(Tags{{0, 7}, {1, 8}});
+  EXPECT_EQ(dated.entries()[0].time_ps, 7);
+  EXPECT_EQ(dated.entries()[0].next_ps, 8);
   inspection::LockHistory endless;
   for (int i = 0; i < 500; ++i) {
     endless.add({LockEvent::Kind::imbalanced});
