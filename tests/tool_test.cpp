@@ -30,7 +30,7 @@ class Tool : public testing::Test {
  protected:
   Tool() {
     write_file(file(kFileName),
-               "output_root = out  # in the working directory\n"
+               "output_root = o\"u\\t  # in the working directory\n"
                "capture_s = 0.05\nfrequencies_hz = 10000\ntolerance_ppm = 10\n");
   }
 
@@ -46,7 +46,7 @@ class Tool : public testing::Test {
 
   [[nodiscard]] std::string file(const std::string& name) const { return dir_.file(name); }
   [[nodiscard]] const fs::path& here() const { return dir_.path(); }
-  [[nodiscard]] fs::path root() const { return here() / "out"; }
+  [[nodiscard]] fs::path root() const { return here() / "o\"u\\t"; }
 
  private:
   ScratchDirectory dir_;
@@ -62,17 +62,24 @@ std::string channels_in(const std::string& summary) {
 // The first run has too few timestamps; the last one passes, at a divider (16) that is not the
 // quotient of the frequencies (15.49) rounded.
 TEST_F(Tool, PrintsAndWritesAllOfItsResults) {
+  setenv("TZ", "<+14>-14", 1);  // of this process, and so of the tool's
+  tzset();
+  const std::time_t before = std::time(nullptr);
   const ToolResult result =
       run("silent=3", {"--frequencies-hz=1000;2e6", "capture-s=0.0625", "--packed-bits=16",
                        "--packed-quantum-ps=16", "--channel-mask=5", "--tolerance-ppm=39.5"});
   EXPECT_EQ(result.status, 2);
   EXPECT_EQ(result.err, "");
-  const fs::path run_dir = run_dir_in(root());
-  const std::string stem = (run_dir / "overflow_frequency").string();
-  const std::string summary =
-      "Orvo timing packed-delta overflow frequency verification\noutput=" + run_dir.string() +
-      "\ncsv=" + stem + ".csv\njson=" + stem + ".json" +
-      R"(
+  const std::string start = run_dir_in(root()).filename().string();
+  EXPECT_TRUE(local_stamp(before) <= start && start <= local_stamp(std::time(nullptr))) << start;
+  const auto shown = [&](const std::string& text) {
+    return std::regex_replace(std::regex_replace(text, std::regex(here().string()), "HERE"),
+                              std::regex(start), "START");
+  };
+  const std::string summary = R"(Orvo timing packed-delta overflow frequency verification
+output=HERE/o"u\t/START
+csv=HERE/o"u\t/START/overflow_frequency.csv
+json=HERE/o"u\t/START/overflow_frequency.json
 capture_s=0.062
 packed_bits=16
 packed_quantum_ps=16
@@ -86,24 +93,72 @@ run requested_hz=2000000.000 effective_hz=1936141.304 expected_decoded_hz=193633
   ch0 count=38727 measured_hz=1936334.937679 ppm_error=-0.000084 pass=true
   ch2 count=38727 measured_hz=1936334.937679 ppm_error=-0.000084 pass=true
 )";
-  EXPECT_EQ(result.out, "Config: " + (here() / kFileName).string() +
-                            "\nOutput: " + run_dir.string() +
-                            "\nDevice: Orvo timing instrument, simulated, SIM1001\n"
-                            "Capture 1/2: requested 1000.000 Hz/channel\n"
-                            "Capture 2/2: requested 2000000.000 Hz/channel\n" +
-                            summary + "latest_summary=" + (root() / "latest_summary.txt").string() +
-                            "\nlatest_json=" + (root() / "latest.json").string() + "\n");
-  EXPECT_EQ(read_file(root() / "latest_summary.txt"), summary);
-  EXPECT_EQ(read_file(stem + ".summary.txt"), summary);
-  const std::string csv = read_file(stem + ".csv");
-  EXPECT_TRUE(csv.ends_with(",16,0,3,0,0,0,0.000000000,0.000000,0,\"" + stem + "_02.ortime\"\n"))
-      << csv;
-  EXPECT_EQ(read_file(root() / "latest.csv"), csv);
-  const std::string json = read_file(stem + ".json");
-  EXPECT_NE(json.find("\"payload_bytes\":186842,\n      \"decoded_tags\":77454,"),
-            std::string::npos)
-      << json;
-  EXPECT_EQ(read_file(root() / "latest.json"), json);
+  EXPECT_EQ(shown(result.out), R"(Config: HERE/ot_verify_overflow_frequency.ini
+Output: HERE/o"u\t/START
+Device: Orvo timing instrument, simulated, SIM1001
+Capture 1/2: requested 1000.000 Hz/channel
+Capture 2/2: requested 2000000.000 Hz/channel
+)" + summary + R"(latest_summary=HERE/o"u\t/latest_summary.txt
+latest_json=HERE/o"u\t/latest.json
+)");
+  const std::string csv =
+      R"(requested_hz,effective_hz,expected_decoded_hz,divider,overflow_required,channel,count,first_ps,last_ps,measured_hz,ppm_error,pass,stream_file
+1000.000,1000.008,1000.108,30978,1,0,21,1000000000160,1019997831760,1000.108431756,-0.000211,0,"HERE/o"u\t/START/overflow_frequency_01.ortime"
+1000.000,1000.008,1000.108,30978,1,1,0,0,0,0.000000000,0.000000,0,"HERE/o"u\t/START/overflow_frequency_01.ortime"
+1000.000,1000.008,1000.108,30978,1,2,21,1000000000608,1019997832192,1000.108432556,0.000590,0,"HERE/o"u\t/START/overflow_frequency_01.ortime"
+1000.000,1000.008,1000.108,30978,1,3,0,0,0,0.000000000,0.000000,0,"HERE/o"u\t/START/overflow_frequency_01.ortime"
+2000000.000,1936141.304,1936334.938,16,0,0,38727,1019997832352,1039997471488,1936334.937678548,-0.000084,1,"HERE/o"u\t/START/overflow_frequency_02.ortime"
+2000000.000,1936141.304,1936334.938,16,0,1,0,0,0,0.000000000,0.000000,0,"HERE/o"u\t/START/overflow_frequency_02.ortime"
+2000000.000,1936141.304,1936334.938,16,0,2,38727,1019997832800,1039997471936,1936334.937678548,-0.000084,1,"HERE/o"u\t/START/overflow_frequency_02.ortime"
+2000000.000,1936141.304,1936334.938,16,0,3,0,0,0,0.000000000,0.000000,0,"HERE/o"u\t/START/overflow_frequency_02.ortime"
+)";
+  const std::string json_until_second_run = R"({
+  "verification":"overflow_frequency",
+  "pass":false,
+  "capture_s":0.062500,
+  "packed_delta_bits":16,
+  "packed_delta_quantum_ps":16,
+  "channel_mask":5,
+  "decoded_timestamp_seconds_per_second":0.999900000,
+  "tolerance_ppm":39.500,
+  "runs":[
+    {
+      "requested_hz":1000.000,
+      "effective_hz":1000.008,
+      "expected_decoded_hz":1000.108,
+      "divider":30978,
+      "overflow_required":true,
+      "pass":false,
+      "stream_file":"HERE/o\"u\\t/START/overflow_frequency_01.ortime",
+      "payload_bytes":216,
+      "decoded_tags":42,
+      "channels":[
+        {"channel":0,"count":21,"first_ps":1000000000160,"last_ps":1019997831760,"measured_hz":1000.108431756,"ppm_error":-0.000211,"pass":false},
+        {"channel":1,"count":0,"first_ps":0,"last_ps":0,"measured_hz":0.000000000,"ppm_error":0.000000,"pass":false},
+        {"channel":2,"count":21,"first_ps":1000000000608,"last_ps":1019997832192,"measured_hz":1000.108432556,"ppm_error":0.000590,"pass":false},
+        {"channel":3,"count":0,"first_ps":0,"last_ps":0,"measured_hz":0.000000000,"ppm_error":0.000000,"pass":false}
+      ]
+    },
+    {
+      "requested_hz":2000000.000,
+)";
+  const std::string json_end = R"(
+        {"channel":2,"count":38727,"first_ps":1019997832800,"last_ps":1039997471936,"measured_hz":1936334.937678548,"ppm_error":-0.000084,"pass":true},
+        {"channel":3,"count":0,"first_ps":0,"last_ps":0,"measured_hz":0.000000000,"ppm_error":0.000000,"pass":false}
+      ]
+    }
+  ]
+}
+)";
+  const std::string stem = start + "/overflow_frequency";
+  const auto content = [&](const std::string& name) { return shown(read_file(root() / name)); };
+  for (const std::string& at : {stem, std::string("latest")}) {
+    EXPECT_EQ(content(at + ".csv"), csv);
+    const std::string json = content(at + ".json");
+    EXPECT_TRUE(json.starts_with(json_until_second_run) && json.ends_with(json_end)) << json;
+  }
+  EXPECT_EQ(content(stem + ".summary.txt"), summary);
+  EXPECT_EQ(content("latest_summary.txt"), summary);
 }
 
 TEST_F(Tool, JudgesEachChannel) {
@@ -121,6 +176,7 @@ TEST_F(Tool, JudgesEachChannel) {
       {"silent=1", {}, 2, "0- 0- 0- 0- "},  // all have to sync
       {"lose=1:3@100,3:7@150", {"--channel-mask=0xFB"}, 2, "201+ 198- 194- "},
       {"", {"--packed-bits=40"}, 0, all},  // the instrument takes 31
+      {"", {"--min-tags-per-channel=201", "--channel-mask=0x10"}, 0, all},  // no mask: all
       {"", {"--min-tags-per-channel=202"}, 2, "201- 201- 201- 201- "},
       {"noise_bytes=1000", {"--packed-bits=8"}, 0, all},
       {"clock_ps=14315125000000", {"--packed-bits=31"}, 0, all},  // its clock wraps on the way
@@ -170,9 +226,10 @@ TEST_F(Tool, EndsBeforeAnythingIsTouched) {
       {{"/?", "--capture-s=0"}, 0, usage, ""},
       {{"capture_s=nan"}, 64, "", invalid},
       {{"--packed-quantum-ps=0x10000", "--HELP", "--help=1"}, 64, "", invalid},
+      {{"--packed-bits=0"}, 64, "", invalid},
       {{"--packed-bits=0", "--channel-mask=all"}, 1, "", "stoul\n"},
       {{"-packed-bits=0", "--packed-bits", "----tdl-index=x"}, 1, "", no_folder},
-      {{"--output-root=out/a-b=c"}, 1, "", no_folder + "a-b=c/"},
+      {{"--output-root=o\"u\\t/a-b=c"}, 1, "", no_folder + "a-b=c/"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(testing::PrintToString(c.arguments));
@@ -181,7 +238,7 @@ TEST_F(Tool, EndsBeforeAnythingIsTouched) {
     EXPECT_EQ(result.out, c.out);
     EXPECT_EQ(result.err.substr(0, c.err.size()), c.err);
     EXPECT_EQ(c.err.empty(), result.err.empty());
-    EXPECT_EQ(names_in(here()), std::string(kFileName) + " out ");
+    EXPECT_EQ(names_in(here()), "o\"u\\t " + std::string(kFileName) + " ");
   }
 }
 
@@ -286,15 +343,6 @@ TEST_F(Tool, NeedsNoConsole) {
   }
   call.arguments = {"--capture-s=0"};
   EXPECT_EQ(ToolProcess(here(), call).finish().status, 64);
-}
-
-TEST_F(Tool, NamesItsRunByLocalTime) {
-  setenv("TZ", "<+14>-14", 1);  // of this process, and so of the tool's
-  tzset();
-  const std::time_t before = std::time(nullptr);
-  EXPECT_EQ(run("").status, 0);
-  const std::string stamp = run_dir_in(root()).filename().string();
-  EXPECT_TRUE(local_stamp(before) <= stamp && stamp <= local_stamp(std::time(nullptr))) << stamp;
 }
 
 }  // namespace
