@@ -3,13 +3,12 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
+#include <regex>
+#include <string>
 
 namespace orvo::tests {
 namespace {
 
-using timing::Format;
-using timing::Mode;
 using timing::StreamFileHeader;
 using timing::Transport;
 using timing::detail::stream_header_from_json;
@@ -62,21 +61,14 @@ TEST(StreamHeader, ReadsAnyTextTolerantly) {
 
 TEST(StreamHeader, ValuesThatCannotStandAreReplacedWhenWritten) {
   StreamFileHeader header;
-  header.stream_format = static_cast<Format>(7);
-  header.mode = static_cast<Mode>(2);
-  header.stream_transport = static_cast<Transport>(5);
   header.channel_mask = 0xFF;
   header.application = "\x01\x1F\x7F";
   header.raw64_tag_format.clear();
-  std::string text = stream_header_to_json(header);
-  std::replace_if(
-      text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; }, '0');
-  for (const char* member :
-       {R"("created_utc":"0000-00-00T00:00:00.000000Z")", "\"application\":\"??\x7F\"",
-        R"("stream_format":"raw00","mode":"external","stream_transport":"uart")",
-        R"("raw00_tag_format":"ps","channel_mask":00,)"}) {
-    EXPECT_NE(text.find(member), std::string::npos) << member << " in " << text;
-  }
+  const std::regex expected(
+      R"(.*"created_utc":"\d{4}(-\d\d){2}T\d\d(:\d\d){2}\.\d{6}Z","application":"\?\?\x7F",.*)"
+      R"("raw64_tag_format":"ps","channel_mask":15,.*)");
+  const std::string text = stream_header_to_json(header);
+  EXPECT_TRUE(std::regex_match(text, expected)) << text;
 }
 
 }  // namespace
