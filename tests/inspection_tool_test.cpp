@@ -20,10 +20,8 @@ class InspectionTool : public testing::Test {
   /// Runs the tool on what `sim` says; returns its run directory.
   fs::path record(const std::string& sim, Texts arguments) {
     arguments.push_back("--output-root=out");
-    recorded = undisturbed([&] {
-      fs::remove_all(scratch.file("out"));
-      return run_tool(scratch.path(), {.arguments = arguments, .sim = "pace=ps:" + sim});
-    });
+    fs::remove_all(scratch.file("out"));
+    recorded = run_tool(scratch.path(), {.arguments = arguments, .sim = "pace=ps:" + sim});
     return run_dir_in(scratch.file("out"));
   }
 

@@ -29,10 +29,11 @@ namespace fs = std::filesystem;
 constexpr int kPause = 0;  // among signals: long enough for a second press of Ctrl-C to count
 constexpr std::chrono::milliseconds kBetweenPresses{60};
 
-void send(ToolProcess& tool, const std::vector<int>& signals) {
+template <typename Send>
+void send(const std::vector<int>& signals, const Send& send_one) {
   for (const int signal : signals) {
     if (signal == kPause) std::this_thread::sleep_for(kBetweenPresses);
-    if (signal != kPause) tool.signal(signal);
+    if (signal != kPause) send_one(signal);
   }
 }
 
@@ -96,7 +97,7 @@ TEST(ToolInterruption, EndsALongPhaseAtOnce) {
     call.arguments.push_back("--output-root=out");
     ToolProcess tool(directory.path(), call);
     tool.run_until([&] { return tool.ledger.find(c.reached) != std::string::npos; });
-    send(tool, c.signals);
+    send(c.signals, [&](int signal) { tool.signal(signal); });
     tool.finish();
     EXPECT_EQ(tool.status, 128 + c.signals[0]);
     EXPECT_EQ(tool.err, "");
@@ -120,7 +121,7 @@ TEST(ToolInterruption, WhileReportsAreWritten) {
     ASSERT_EQ(mkfifo(slow.c_str(), 0600), 0);
     ToolProcess tool(directory.path(), small_call());
     tool.run_until([&] { return fs::exists(directory.file("out/latest.json")); });
-    send(tool, c.signals);
+    send(c.signals, [&](int signal) { tool.signal(signal); });
     if (c.at_once) tool.finish();
     const int reader = open(slow.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     tool.finish();
@@ -166,10 +167,7 @@ TEST(InterruptionDeathTest, OnlyASecondInterruptEndsTheProcessAtOnce) {
   const auto take = [](const std::vector<int>& signals) {
     {
       const verification::InterruptionWatch watch;
-      for (const int signal : signals) {
-        if (signal == kPause) std::this_thread::sleep_for(kBetweenPresses);
-        if (signal != kPause) std::raise(signal);
-      }
+      send(signals, [](int signal) { std::raise(signal); });
       std::cerr << "to the end";
     }
     verification::end_if_interrupted();

@@ -37,11 +37,9 @@ class Tool : public testing::Test {
   /// Into an output root that is empty, unless a test has made it a file.
   [[nodiscard]] ToolResult run(const std::string& sim, const Texts& arguments = {},
                                const Texts& environment = {}) const {
-    return undisturbed([&] {
-      if (fs::is_directory(root())) fs::remove_all(root());
-      return run_tool(here(),
-                      {.arguments = arguments, .environment = environment, .sim = kSim + sim});
-    });
+    if (fs::is_directory(root())) fs::remove_all(root());
+    return run_tool(here(),
+                    {.arguments = arguments, .environment = environment, .sim = kSim + sim});
   }
 
   [[nodiscard]] std::string file(const std::string& name) const { return dir_.file(name); }
@@ -57,6 +55,14 @@ std::string channels_in(const std::string& summary) {
   std::string text = lines_with(summary, "  ch");
   text = std::regex_replace(text, std::regex("  ch. count=([0-9]+) .*pass=true\n"), "$1+ ");
   return std::regex_replace(text, std::regex("  ch. count=([0-9]+) .*pass=false\n"), "$1- ");
+}
+
+/// The name of the folder of a run that starts at `time`.
+std::string local_stamp(std::time_t time) {
+  std::tm local = {};
+  localtime_r(&time, &local);
+  char text[32];
+  return {text, std::strftime(text, sizeof text, "%Y%m%d_%H%M%S", &local)};
 }
 
 // The first run has too few timestamps; the last one passes, at a divider (16) that is not the

@@ -5,10 +5,8 @@
 
 #include <array>
 #include <cstdint>
-#include <ctime>
 #include <filesystem>
 #include <functional>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -45,7 +43,6 @@ class ToolProcess : public ToolResult {
   bool run_until(const std::function<bool()>& condition);
   const ToolResult& finish();  ///< runs it to its end
 
-  [[nodiscard]] bool catches(int number) const;  ///< whether the signal has a handler
   /// Files and folders below `root`; those of the test until the tool runs.
   [[nodiscard]] std::size_t open_files(const std::filesystem::path& root) const;
   /// Returns when the main thread has taken it, because signals of a kind do not queue.
@@ -56,32 +53,14 @@ class ToolProcess : public ToolResult {
   enum Pipe : std::size_t { kOut, kErr, kLedger };
   [[nodiscard]] bool read_pipes();
   void close_pipe(std::size_t pipe);
-  [[nodiscard]] std::uint64_t signals(const char* set) const;
 
   pid_t tool_ = -1;
   std::array<int, 3> pipes_ = {-1, -1, -1};
 };
 
-/// A capture's time was over before its stream, because the machine did not let the tool run: what
-/// it left behind shows nothing.
-struct Starved : std::runtime_error {
-  Starved() : runtime_error("every capture ends before its stream") {}
-};
-
-/// From its start to its end; throws Starved.
+/// From its start to its end. Again where the machine did not let the tool run, so that a capture's
+/// time was over before its stream: what that left behind shows nothing and goes.
 [[nodiscard]] ToolResult run_tool(const std::filesystem::path& directory, const ToolCall& call);
-
-/// attempt(), again where it meets Starved.
-template <typename Attempt>
-auto undisturbed(const Attempt& attempt) {
-  for (int tries = 1; tries < 200; ++tries) {
-    try {
-      return attempt();
-    } catch (const Starved&) {
-    }
-  }
-  return attempt();
-}
 
 /// The lines of `text` that begin with `start`.
 [[nodiscard]] std::string lines_with(const std::string& text, const std::string& start);
@@ -91,9 +70,6 @@ auto undisturbed(const Attempt& attempt) {
 
 /// The names in `directory`, sorted, with a space after each.
 [[nodiscard]] std::string names_in(const std::filesystem::path& directory);
-
-/// The name of the directory of a run that starts at `time`.
-[[nodiscard]] std::string local_stamp(std::time_t time);
 
 /// The driver calls of a ledger, one letter each: Discover, List freed, Open, Identify, Frequency,
 /// Mask, Packed-delta, interface X, Start, Read (a row of them: one), sTop, stop with flag Zero,
