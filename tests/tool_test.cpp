@@ -149,7 +149,6 @@ latest_json=HERE/o"u\t/latest.json
       "requested_hz":2000000.000,
 )";
   const std::string json_end = R"(
-        {"channel":2,"count":38727,"first_ps":1019997832800,"last_ps":1039997471936,"measured_hz":1936334.937678548,"ppm_error":-0.000084,"pass":true},
         {"channel":3,"count":0,"first_ps":0,"last_ps":0,"measured_hz":0.000000000,"ppm_error":0.000000,"pass":false}
       ]
     }
@@ -233,7 +232,10 @@ TEST_F(Tool, EndsBeforeAnythingIsTouched) {
       {{"capture_s=nan"}, 64, "", invalid},
       {{"--packed-quantum-ps=0x10000", "--HELP", "--help=1"}, 64, "", invalid},
       {{"--packed-bits=0"}, 64, "", invalid},
-      {{"--packed-bits=0", "--channel-mask=all"}, 1, "", "stoul\n"},
+      {{"--packed-bits=0", "--channel-mask=+-0b1"}, 1, "", "stoul\n"},
+      {{"--tdl-index=0b1" + std::string(64, '0')}, 1, "", "stoul\n"},
+      {{"--capture-s=0", "--tolerance-ppm=1e999"}, 1, "", "stod\n"},
+      {{"--chunk-bytes=18446744073709551616"}, 1, "", "stoull\n"},
       {{"-packed-bits=0", "--packed-bits", "----tdl-index=x"}, 1, "", no_folder},
       {{"--output-root=o\"u\\t/a-b=c"}, 1, "", no_folder + "a-b=c/"},
   };
