@@ -3,12 +3,15 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "orvo/timing/error.h"
 #include "orvo/verification/directory_lock.h"
+#include "orvo/verification/interruption.h"
 #include "support/error_of.h"
 #include "support/scratch.h"
 
@@ -61,6 +64,20 @@ TEST_F(Reports, ALockIsNotWaitedForWithoutEnd) {
   const auto before = std::chrono::steady_clock::now();
   const DirectoryLock given_up(dir_, std::chrono::milliseconds(30));
   EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(30));
+}
+
+TEST_F(Reports, ASignalEndsTheWaitForALock) {
+  const DirectoryLock held(dir_);
+  const auto wait = [this] {
+    const InterruptionWatch watch;
+    std::raise(SIGTERM);
+    try {
+      const DirectoryLock never(dir_, std::chrono::seconds(20));
+    } catch (const timing::Interrupted&) {
+      std::exit(3);
+    }
+  };
+  EXPECT_EXIT(wait(), testing::ExitedWithCode(3), "");
 }
 
 TEST_F(Reports, FailuresNameTheOutput) {
