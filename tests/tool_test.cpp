@@ -215,7 +215,6 @@ TEST_F(Tool, HandsItsSettingsToTheDriver) {
 TEST_F(Tool, EndsBeforeAnythingIsTouched) {
   const std::string usage = run("", {"--help"}).out;
   EXPECT_TRUE(usage.starts_with("ot_verify_overflow_frequency\n\nVerify packed-delta")) << usage;
-  EXPECT_EQ(usage.size(), 553U);
   write_file(root().string(), "a file");  // below which no folder can be made
   const std::string invalid = "invalid overflow_frequency configuration\n";
   const std::string no_folder =
