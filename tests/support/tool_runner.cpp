@@ -40,9 +40,7 @@ bool prepare_child(const fs::path& directory, const ToolCall& call,
        {"ORVO_TIMING_PORT", "ORVO_TIMING_USB_SERIAL", "ORVO_PACKED_DEBUG"}) {
     unsetenv(name);
   }
-  const bool has_ledger = call.sim.find("ledger=") != std::string::npos;
-  const std::string ledger = has_ledger ? "" : ";ledger=/dev/fd/" + std::to_string(ends[2]);
-  setenv("ORVO_SIM", (call.sim + ledger).c_str(), 1);
+  setenv("ORVO_SIM", (call.sim + ";ledger=/dev/fd/" + std::to_string(ends[2])).c_str(), 1);
   for (const std::string& variable : call.environment) putenv(strdup(variable.c_str()));
   const bool prepared = chdir(directory.c_str()) == 0 && dup2(ends[0], 1) == 1 &&
                         dup2(ends[1], 2) == 2 && fcntl(ends[2], F_SETFD, 0) == 0 &&

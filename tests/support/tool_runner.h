@@ -16,8 +16,8 @@ using Texts = std::vector<std::string>;
 
 struct ToolCall {
   Texts arguments = {};
-  Texts environment = {};  ///< "NAME=value", besides the test's own without its ORVO_ variables
-  std::string sim = {};    ///< ORVO_SIM; a ledger that comes through a pipe is added if it has none
+  Texts environment = {};   ///< "NAME=value", besides the test's own without its ORVO_ variables
+  std::string sim = {};     ///< ORVO_SIM, without its ledger
   std::string closed = {};  ///< digits of the standard descriptors that are closed at the start
   std::uint64_t max_file_bytes = ~std::uint64_t{0};      ///< a write beyond fails: a full disk
   std::string program = "ot_verify_overflow_frequency";  ///< run by ot-simulated
