@@ -106,6 +106,23 @@ TEST(ToolInterruption, EndsALongPhaseAtOnce) {
   }
 }
 
+// The driver's first call waits for a reader of its ledger. No capture is begun after it, and what
+// was said until then is not lost.
+TEST(ToolInterruption, WhileTheDriverIsSlow) {
+  const ScratchDirectory directory;
+  const std::string ledger = directory.file("ledger");
+  ASSERT_EQ(mkfifo(ledger.c_str(), 0600), 0);
+  ToolProcess tool(directory.path(),
+                   {.arguments = {"--output-root=out"}, .sim = "ledger=" + ledger});
+  tool.run_until([&] { return tool.in_signal_set(SIGHUP, "SigCgt"); });  // the last of the three
+  send({SIGTERM, SIGINT}, [&](int signal) { tool.signal(signal); });
+  const int reader = open(ledger.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  tool.finish();
+  close(reader);
+  EXPECT_EQ(tool.status, 128 + SIGTERM);
+  EXPECT_TRUE(tool.out.ends_with(", SIM1001\n")) << tool.out;
+}
+
 // A summary that waits for a reader: what is begun is written, then the process ends. Only a second
 // Ctrl-C ends it at once.
 TEST(ToolInterruption, WhileReportsAreWritten) {

@@ -40,7 +40,7 @@ bool prepare_child(const fs::path& directory, const ToolCall& call,
        {"ORVO_TIMING_PORT", "ORVO_TIMING_USB_SERIAL", "ORVO_PACKED_DEBUG"}) {
     unsetenv(name);
   }
-  setenv("ORVO_SIM", (call.sim + ";ledger=/dev/fd/" + std::to_string(ends[2])).c_str(), 1);
+  setenv("ORVO_SIM", ("ledger=/dev/fd/" + std::to_string(ends[2]) + ';' + call.sim).c_str(), 1);
   for (const std::string& variable : call.environment) putenv(strdup(variable.c_str()));
   const bool prepared = chdir(directory.c_str()) == 0 && dup2(ends[0], 1) == 1 &&
                         dup2(ends[1], 2) == 2 && fcntl(ends[2], F_SETFD, 0) == 0 &&
@@ -138,14 +138,16 @@ std::size_t ToolProcess::open_files(const fs::path& root) const {
   return count;
 }
 
+bool ToolProcess::in_signal_set(int number, const std::string& set) const {
+  const std::string file = "/proc/" + std::to_string(tool_) + "/status";
+  const std::string line = lines_with(read_file(file), set + ":\t");
+  return (std::stoull(line.substr(set.size() + 2), nullptr, 16) >> (number - 1) & 1) != 0;
+}
+
 void ToolProcess::signal(int number) {
   if (tool_ < 0) return;
   tgkill(tool_, tool_, number);
-  run_until([&] {
-    const std::string file = "/proc/" + std::to_string(tool_) + "/status";
-    const std::string pending = lines_with(read_file(file), "SigPnd:\t").substr(8);
-    return (std::stoull(pending, nullptr, 16) >> (number - 1) & 1) == 0;
-  });
+  run_until([&] { return !in_signal_set(number, "SigPnd"); });
   static_cast<void>(read_pipes());  // all that the driver has seen by then
 }
 

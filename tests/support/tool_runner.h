@@ -17,7 +17,7 @@ using Texts = std::vector<std::string>;
 struct ToolCall {
   Texts arguments = {};
   Texts environment = {};   ///< "NAME=value", besides the test's own without its ORVO_ variables
-  std::string sim = {};     ///< ORVO_SIM, without its ledger
+  std::string sim = {};     ///< ORVO_SIM; its ledger comes through a pipe if it says nothing else
   std::string closed = {};  ///< digits of the standard descriptors that are closed at the start
   std::uint64_t max_file_bytes = ~std::uint64_t{0};      ///< a write beyond fails: a full disk
   std::string program = "ot_verify_overflow_frequency";  ///< run by ot-simulated
@@ -43,6 +43,8 @@ class ToolProcess : public ToolResult {
   bool run_until(const std::function<bool()>& condition);
   const ToolResult& finish();  ///< runs it to its end
 
+  /// Whether signal `number` is in `set`, such as SigCgt for those that have a handler.
+  [[nodiscard]] bool in_signal_set(int number, const std::string& set) const;
   /// Files and folders below `root`; those of the test until the tool runs.
   [[nodiscard]] std::size_t open_files(const std::filesystem::path& root) const;
   /// Returns when the main thread has taken it, because signals of a kind do not queue.
