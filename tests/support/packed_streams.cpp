@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <iterator>
 #include <utility>
 
 #include "support/record_writer.h"
@@ -83,17 +84,11 @@ class Writer : public RecordWriter {
   std::uint64_t critical_ticks() {
     const std::uint64_t period = std::uint64_t{1} << (41 + shift_);
     const std::uint64_t excess = (0 - kWrapPs) & (period - 1);
-    const std::array<std::uint64_t, 9> critical = {0,
-                                                   1'000'000,
-                                                   excess,
-                                                   excess + 10'000'000'000,
-                                                   1'000'000'000'000,
-                                                   period - 1'000'000,
-                                                   period,
-                                                   period / 2,
-                                                   std::min(period, kWrapPs) / 2};
+    const std::uint64_t critical[] = {
+        0,          1'000'000,          excess, excess + 10'000'000'000,      1'000'000'000'000,
+        period / 2, period - 1'000'000, period, std::min(period, kWrapPs) / 2};
     const std::uint64_t near = random_.one_in(3) ? 0 : random_.below(64) << random_.below(28);
-    const std::uint64_t value = critical[random_.below(critical.size())];
+    const std::uint64_t value = critical[random_.below(std::size(critical))];
     return (random_.one_in(2) ? value + near : value - std::min(near, value)) >> shift_;
   }
 
@@ -128,34 +123,6 @@ std::vector<std::uint8_t> PackedStreams::stream(const timing::StreamFileHeader& 
     if (c != 0 || writer.bytes.size() < bytes / 2 || one_in(rarely)) writer.event(c);
   }
   return std::move(writer.bytes);
-}
-
-std::vector<std::uint8_t> PackedStreams::noise(std::size_t bytes) {
-  std::vector<std::uint8_t> noise(bytes);
-  const std::uint64_t ones = below(4);
-  for (std::uint8_t& byte : noise) {
-    std::uint64_t r = random_();
-    for (std::uint64_t k = 0; k < 2 * ones; ++k) r |= r >> 8;
-    byte = static_cast<std::uint8_t>(r);
-  }
-  return noise;
-}
-
-void PackedStreams::damage(std::vector<std::uint8_t>& bytes) {
-  const auto at = bytes.begin() + static_cast<std::ptrdiff_t>(below(bytes.size()));
-  const auto end =
-      at + std::min<std::ptrdiff_t>(bytes.end() - at, static_cast<std::ptrdiff_t>(below(40)));
-  const std::vector<std::uint8_t> some(at, end);
-  switch (below(3)) {
-    case 0:
-      *at = static_cast<std::uint8_t>(*at ^ 1U << below(8));
-      return;
-    case 1:
-      bytes.erase(at, end);
-      return;
-    default:
-      bytes.insert(at, some.begin(), some.end());
-  }
 }
 
 }  // namespace orvo::tests

@@ -1,6 +1,5 @@
 // Packed-delta streams out of a seed: records as an instrument sends them, with others among them
-// that a decoder has to notice, and damaged afterwards. One seed and one compiler give the same
-// streams again.
+// that a decoder has to notice. One seed and one compiler give the same streams again.
 #pragma once
 
 #include <cstddef>
@@ -26,12 +25,6 @@ class PackedStreams {
   /// channels past the first two may have no sync for long.
   std::vector<std::uint8_t> stream(const timing::StreamFileHeader& header, std::size_t bytes,
                                    std::uint64_t fault_interval, bool slows_down);
-
-  /// Random bytes, often with long runs of one bits.
-  std::vector<std::uint8_t> noise(std::size_t bytes);
-
-  /// Flips a bit, drops some bytes or repeats some, at a random place.
-  void damage(std::vector<std::uint8_t>& bytes);
 
  private:
   std::mt19937_64 random_;

@@ -35,11 +35,7 @@ class PackedDeltaDecoder final : public RecordDecoder {
     return lock_events_;
   }
 
-  // For comparisons with another decoder.
   [[nodiscard]] bool locked() const noexcept { return locked_; }
-  /// Bits of the first byte that are consumed already, 0 to 7.
-  [[nodiscard]] std::uint64_t bit_offset() const noexcept { return bit_offset_; }
-  [[nodiscard]] const detail::PackedState& state() const noexcept { return state_; }
 
  private:
   [[nodiscard]] bool take_lock(InputBuffer& input);
@@ -54,7 +50,7 @@ class PackedDeltaDecoder final : public RecordDecoder {
   std::unique_ptr<detail::RecordGroups> groups_;
   detail::PackedState state_;
   bool locked_ = false;
-  std::uint64_t bit_offset_ = 0;
+  std::uint64_t bit_offset_ = 0;  // bits of the first byte that are consumed already, 0 to 7
   TagBuffer tags_;
   std::uint64_t returned_tags_ = 0;  // of all feeds
   std::vector<LockEvent> lock_events_;
