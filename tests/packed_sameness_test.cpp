@@ -108,6 +108,8 @@ const Bytes kSync1 = {0x7F, 64, 64, 64, 64, 64, 64, 64, 64, 64, 64};
 TEST(PackedSameness, LimitsOfLinesAndBuffer) {
   DecoderPair pair(byte_header(timing::Mode::external, 1));
   const Bytes inactive = {0x40};
+  setenv("ORVO_PACKED_DEBUG", "", 1);
+  testing::internal::CaptureStderr();
   const struct {
     std::size_t size, kept, events;  // of a buffer without a lock
   } buffers[] = {{4'095, 4'095, 0}, {4'096, 4'096, 1}, {65'536, 65'536, 2}, {65'537, 4'096, 3}};
@@ -116,15 +118,14 @@ TEST(PackedSameness, LimitsOfLinesAndBuffer) {
     EXPECT_EQ(pair.plain().input_buffer.size(), kept);
     EXPECT_EQ(pair.plain().log.size(), events);
   }
-  setenv("ORVO_PACKED_DEBUG", "", 1);
-  testing::internal::CaptureStderr();
   for (int k = 0; k < 105; ++k) {
     ASSERT_EQ(pair.feed(kSync0), "") << k;
     ASSERT_EQ(pair.feed(inactive), "") << k;
   }
   const std::string lines = testing::internal::GetCapturedStderr();
   unsetenv("ORVO_PACKED_DEBUG");
-  EXPECT_TRUE(lines.starts_with("packed-decoder: locked bits=5 ")) << lines;
+  EXPECT_TRUE(lines.starts_with("packed-decoder: no alignment bits=5 width=8 raw_bytes=4096\n"))
+      << lines;
   EXPECT_EQ(std::count(lines.begin(), lines.end(), '\n'), 200);
 }
 
@@ -141,6 +142,10 @@ TEST(PackedSameness, LimitsOfImbalance) {
     ASSERT_EQ(pair.feed(batch), "");
     EXPECT_EQ(pair.last_tags.size(), drops ? 0 : batch.size());
     EXPECT_EQ(pair.plain().log.size(), drops ? 2U : 1U);
+    if (drops && tags1 > 0) {
+      EXPECT_EQ(describe(pair.plain().log.back(), byte_header(timing::Mode::internal, 3)),
+                "drop internal imbalanced lock min=456 max=3649 total=4105 records=4105");
+    }
   }
 }
 
@@ -219,6 +224,8 @@ TEST(PackedSameness, LockSearchAtTheLastOffset) {
             "locked bits=5 drop_bytes=64 bit_offset=0 raw_bytes=0");
   EXPECT_EQ(search(Bytes(99) + kSync0 + Bytes(65'600), byte_header(timing::Mode::internal, 1)),
             "locked bits=5 drop_bytes=16 bit_offset=0 raw_bytes=0");
+  EXPECT_EQ(search(kSync0 + kSync1 + Bytes(9, 0x00), byte_header(timing::Mode::internal, 3)),
+            "reject internal alignment drop_bytes=0 bit_offset=0 synced=2/2 min=1 max=10 total=11");
 }
 
 }  // namespace

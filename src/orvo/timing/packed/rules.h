@@ -19,8 +19,6 @@ struct PackedState {
   struct Channel {
     std::uint64_t overflow = 0;  ///< sum of the overflow payloads since the last data record
     std::optional<std::int64_t> last_time_ps;  ///< a channel's time line starts at its first sync
-
-    bool operator==(const Channel&) const = default;
   };
 
   std::array<Channel, 4> channels;
@@ -33,8 +31,6 @@ struct PackedState {
   static constexpr unsigned kNoChannel = 4;
   unsigned pending_sync_channel = kNoChannel;  ///< its next data record counts from the sync
   std::uint64_t pending_sync_time_ps = 0;
-
-  bool operator==(const PackedState&) const = default;
 };
 
 class PackedRules {
