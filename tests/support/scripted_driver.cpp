@@ -11,13 +11,14 @@ struct ot_discovery_list {};
 
 namespace {
 
-orvo::tests::ScriptedDriver* current = nullptr;
+using orvo::tests::ScriptedDriver;
+
 ot_device the_device;
 ot_discovery_list the_list;
 
-orvo::tests::ScriptedDriver& script() {
-  if (current == nullptr) std::abort();  // a driver call outside any script
-  return *current;
+ScriptedDriver& script() {
+  if (ScriptedDriver::current == nullptr) std::abort();  // a driver call outside any script
+  return *ScriptedDriver::current;
 }
 
 template <typename... Parts>
@@ -45,34 +46,10 @@ ot_status make(const std::string& call, Made** out, Made& made) {
 
 }  // namespace
 
-namespace orvo::tests {
-
-ScriptedDriver::ScriptedDriver() { current = this; }
-ScriptedDriver::~ScriptedDriver() { current = nullptr; }
-
 ot_status ScriptedDriver::record(const std::string& call, bool valid) {
   calls_ += (valid && std::this_thread::get_id() == owner_ ? "" : "!") + call + "; ";
-  for (const ScriptedFailure& failure : failures) {
-    if (call.starts_with(failure.call)) return failure.status;
-  }
-  return OT_OK;
+  return call.starts_with(failing) ? failure : OT_OK;
 }
-
-ot_status ScriptedDriver::read(bool valid, std::uint8_t* buffer, std::uint64_t capacity,
-                               std::uint64_t& got, int timeout_ms) {
-  if (reads.empty()) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    return status_after_reads;
-  }
-  record(text("read ", capacity, ' ', timeout_ms, '/', got), valid);
-  const ScriptedRead next = reads.front();
-  reads.erase(reads.begin());
-  got = next.bytes.size() + next.claimed;
-  std::memcpy(buffer, next.bytes.data(), std::min<std::size_t>(next.bytes.size(), capacity));
-  return next.status;
-}
-
-}  // namespace orvo::tests
 
 extern "C" {
 
@@ -138,7 +115,17 @@ ot_status ot_start_stream_mode(ot_device* dev, ot_mode mode, uint8_t tdl_index) 
 }
 ot_status ot_read_stream_bytes(ot_device* dev, uint8_t* buffer, uint64_t capacity, uint64_t* got,
                                int timeout_ms) {
-  return script().read(dev == &the_device, buffer, capacity, *got, timeout_ms);
+  auto& reads = script().reads;
+  if (reads.empty()) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    return OT_ERR_TIMEOUT;
+  }
+  record(dev, text("read ", capacity, ' ', timeout_ms, '/', *got));
+  const auto [status, bytes, claimed] = std::move(reads.front());
+  reads.erase(reads.begin());
+  *got = bytes.size() + claimed;
+  std::memcpy(buffer, bytes.data(), std::min<std::size_t>(bytes.size(), capacity));
+  return status;
 }
 ot_status ot_stop_stream_mode(ot_device* dev, int stop_flag) {
   return record(dev, text("stop ", stop_flag));

@@ -23,11 +23,6 @@ struct ScriptedInstrument {
   std::optional<ot_identity> identity;
 };
 
-struct ScriptedFailure {
-  std::string call;  // beginning of the recorded calls that fail
-  ot_status status;
-};
-
 /// Installs itself as what the ot_ operations do, for as long as it lives; one at a time.
 ///
 /// A call is recorded as its name without "ot_" and its inputs, then, where it has outputs, "/" and
@@ -35,27 +30,27 @@ struct ScriptedFailure {
 /// handle or list, or from a thread other than the one that made the script, is marked with "!".
 class ScriptedDriver {
  public:
-  ScriptedDriver();
-  ~ScriptedDriver();
+  ScriptedDriver() { current = this; }
+  ~ScriptedDriver() { current = nullptr; }
   ScriptedDriver(const ScriptedDriver&) = delete;
   ScriptedDriver& operator=(const ScriptedDriver&) = delete;
 
   std::vector<ScriptedInstrument> instruments;
-  std::vector<ScriptedFailure> failures;
+  std::string failing = "-";  // beginning of the recorded calls that fail
+  ot_status failure = OT_ERR_IO;
   std::optional<std::string> status_text = "status text";
   std::optional<std::string> detail_text = "detail";
   std::optional<std::uint8_t> effective_bits;  // nothing: the output is left as it was
   std::optional<std::uint16_t> effective_quantum_ps;
-  std::vector<ScriptedRead> reads;                // one a call, oldest first
-  ot_status status_after_reads = OT_ERR_TIMEOUT;  // without data; not written down
+  std::vector<ScriptedRead> reads;  // one a call, oldest first; later ones are not written down
 
   /// The calls since the last time.
   std::string take_calls() { return std::exchange(calls_, {}); }
 
-  // For the ot_ operations.
+  /// What the call returns, unless it has its own status.
   ot_status record(const std::string& call, bool valid = true);
-  ot_status read(bool valid, std::uint8_t* buffer, std::uint64_t capacity, std::uint64_t& got,
-                 int timeout_ms);
+
+  static inline ScriptedDriver* current = nullptr;
 
  private:
   const std::thread::id owner_ = std::this_thread::get_id();
