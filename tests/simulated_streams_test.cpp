@@ -10,8 +10,8 @@
 #include <cstdint>
 #include <cstdlib>
 #include <iostream>
-#include <random>
 #include <string>
+#include <utility>
 
 #include "support/decoding.h"
 #include "support/instrument.h"
@@ -159,77 +159,64 @@ Recording record(StreamCase c, std::uint64_t clock_ps) {
   return recording;
 }
 
-template <typename NextBytes>
-Tags decode(const Recording& recording, const NextBytes& next_bytes) {
+/// The tags of a first chunk of `first_bytes`, and of all that follows in chunks of `bytes`.
+std::pair<Tags, Tags> decode(const Recording& recording, std::size_t first_bytes,
+                             std::size_t bytes) {
   timing::StreamDecoder decoder(recording.header);
-  Tags tags;
-  for (std::span<const std::uint8_t> rest = recording.payload; !rest.empty();) {
-    const std::size_t count = std::min<std::size_t>(next_bytes(), rest.size());
+  std::span<const std::uint8_t> rest = recording.payload;
+  const Tags first = feed(decoder, rest.first(first_bytes));
+  Tags later;
+  for (rest = rest.subspan(first_bytes); !rest.empty();) {
+    const std::size_t count = std::min(bytes, rest.size());
     const Tags some = feed(decoder, rest.first(count));
-    tags.insert(tags.end(), some.begin(), some.end());
+    later.insert(later.end(), some.begin(), some.end());
     rest = rest.subspan(count);
   }
-  return tags;
+  return {first, later};
 }
 
-TEST(DamagedRecording, CutAnywhereDecodesToAPrefix) {
+// What comes before a cut is a prefix, and the rest follows without a gap.
+TEST(DamagedRecording, CutAnywhereAndInAnyChunksGivesTheSameTags) {
   for (const StreamCase& c : kRecordings) {
-    Recording recording = record(c, kWrapPs - 5'000'000);  // the clock wraps early
-    const auto all = [&] { return recording.payload.size(); };
-    const Tags whole = decode(recording, all);
-    std::size_t half = 0;
-    while (!recording.payload.empty()) {
-      recording.payload.pop_back();
-      const Tags some = decode(recording, all);
-      ASSERT_TRUE(some.size() <= whole.size() &&
-                  std::equal(some.begin(), some.end(), whole.begin()))
-          << recording.payload.size() << " bytes of format " << static_cast<int>(c.format);
-      if (recording.payload.size() == 896) half = some.size();
-    }
-    EXPECT_GT(half, 5U);
-  }
-}
-
-TEST(DamagedRecording, AnyChunksGiveTheSameTags) {
-  std::mt19937_64 random(1);
-  for (const StreamCase& c : kRecordings) {
-    const Recording recording = record(c, kWrapPs - 5'000'000);
-    const Tags whole = decode(recording, [&] { return recording.payload.size(); });
+    const Recording recording = record(c, kWrapPs - 5'000'000);  // the clock wraps early
+    const Tags whole = decode(recording, recording.payload.size(), 1).first;
     ASSERT_GT(whole.size(), recording.payload.size() / 20);
-    for (std::size_t bytes = 1; bytes <= 300; ++bytes) {
-      ASSERT_EQ(decode(recording, [&] { return bytes; }), whole) << bytes;
-      ASSERT_EQ(decode(recording, [&] { return 1 + random() % (2 * bytes); }), whole) << bytes;
+    for (std::size_t cut = 0; cut < recording.payload.size(); ++cut) {
+      for (const std::size_t bytes : {recording.payload.size(), 1 + cut % 300}) {
+        auto [tags, later] = decode(recording, cut, bytes);
+        ASSERT_TRUE(cut < 896 || tags.size() > 5U);
+        tags.insert(tags.end(), later.begin(), later.end());
+        ASSERT_EQ(tags, whole) << cut << " bytes, then " << bytes << " a chunk";
+      }
     }
   }
 }
 
-/// The tags from chunk number `chunk` on, turns of the clock aside.
-Tags tags_from(const Recording& recording, std::size_t chunk) {
+/// The tags of each chunk, turns of the clock aside.
+std::vector<Tags> tags_by_chunk(const Recording& recording) {
   timing::StreamDecoder decoder(recording.header);
-  Tags tags;
+  std::vector<Tags> chunks;
   for (std::size_t at = 0; at < recording.payload.size(); at += kChunkBytes) {
-    const Tags some = feed(decoder, std::span(recording.payload).subspan(at, kChunkBytes));
+    chunks.push_back(feed(decoder, std::span(recording.payload).subspan(at, kChunkBytes)));
     EXPECT_LE(decoder.buffered_bytes(), kChunkBytes * 2);
-    if (at >= chunk * kChunkBytes) tags.insert(tags.end(), some.begin(), some.end());
+    for (timing::TimeTag& tag : chunks.back()) tag.time_ps %= static_cast<std::int64_t>(kWrapPs);
   }
-  for (timing::TimeTag& tag : tags) tag.time_ps %= static_cast<std::int64_t>(kWrapPs);
-  return tags;
+  return chunks;
 }
 
 // The fault shows with the next syncs, one chunk later at the latest; the chunk after that brings
 // the lock; from then on all tags come.
 TEST(DamagedRecording, AFlippedBitCostsAPackedRecordingThreeChunks) {
   for (const StreamCase& c : kRecordings) {
+    if (c.format != Format::packed_delta) continue;
     Recording recording = record(c, 1'000'000'000'000);
-    std::vector<Tags> undamaged;
-    for (std::size_t k = 0; k <= 9; ++k) undamaged.push_back(tags_from(recording, k));
+    const std::vector<Tags> undamaged = tags_by_chunk(recording);
     for (std::size_t bit = 0; bit < 8 * recording.payload.size(); bit += 3) {
       const auto flipped = static_cast<std::uint8_t>(1U << bit % 8);
       recording.payload[bit / 8] ^= flipped;
-      const std::size_t whole_from = bit / 8 / kChunkBytes + 3;
-      const Tags tags = tags_from(recording, whole_from);
-      if (c.format == Format::packed_delta) {
-        ASSERT_EQ(tags, undamaged[whole_from]) << c.bits << " bits, bit " << bit;
+      const std::vector<Tags> tags = tags_by_chunk(recording);
+      for (std::size_t k = bit / 8 / kChunkBytes + 3; k < tags.size(); ++k) {
+        ASSERT_EQ(tags[k], undamaged[k]) << c.bits << " bits, bit " << bit;
       }
       recording.payload[bit / 8] ^= flipped;
     }

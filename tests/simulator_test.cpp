@@ -3,8 +3,10 @@
 
 #include <algorithm>
 #include <array>
+#include <bitset>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -44,26 +46,27 @@ std::vector<std::uint64_t> times_of(EventSource source, std::size_t count) {
 }
 
 TEST(SimulatedEvents, AreLostExactlyAtAnyDistance) {
-  constexpr unsigned kDivider = 30978261;  // 1 Hz
+  constexpr std::uint64_t kDivider = 30978261;  // 1 Hz
   const SourceConfig config = {Mode::internal, 1, kDivider, 0};
-  std::vector<std::uint64_t> early =
-      times_of(EventSource(parse_settings("jitter_ps=0"), config), 9);
-  EXPECT_EQ(times_of(EventSource(parse_settings("jitter_ps=0;lose=0:2@6,0:2@3"), config), 5),
-            (std::vector{early[0], early[1], early[2], early[5], early[8]}));
-  early.resize(3);
-  const std::pair<const char*, std::uint64_t> cases[] = {
-      {"0:9000000@3", 9'000'000},
-      {"0:18500000@3", 18'500'000},  // 2^64 ps and half a day: never
-      {"0:9000000@3,0:300000@3", 9'300'000},
+  const std::uint64_t first_ps = times_of(EventSource(parse_settings("jitter_ps=0"), config), 1)[0];
+  const struct {
+    const char* losses;
+    std::vector<std::uint64_t> numbers;  // of the events that are left
+  } cases[] = {
+      {"0:2@6,0:2@3", {0, 1, 2, 5, 8}},
+      {"0:9000000@3,0:300000@3", {0, 1, 2, 9'300'003}},
+      {"0:18500000@3", {0, 1, 2, kNever}},  // 2^64 ps and half a day
   };
-  for (const auto& [losses, count] : cases) {
+  for (const auto& [losses, numbers] : cases) {
     const Settings settings = parse_settings(std::string("jitter_ps=0;lose=") + losses);
-    const std::vector<std::uint64_t> times = times_of(EventSource(settings, config), 4);
-    EXPECT_TRUE(std::equal(early.begin(), early.end(), times.begin())) << losses;
-    __extension__ using Wide = unsigned __int128;
-    const Wide next = early[0] + Wide{count + 3} * kDivider * 613272 / 19;
-    EXPECT_EQ(std::min(times[3], kTimeLineEndPs),
-              static_cast<std::uint64_t>(std::min(next, Wide{kTimeLineEndPs})));
+    const std::vector<std::uint64_t> times =
+        times_of(EventSource(settings, config), numbers.size());
+    for (std::size_t i = 0; i < numbers.size(); ++i) {
+      __extension__ using Wide = unsigned __int128;
+      const Wide time_ps = first_ps + Wide{numbers[i]} * kDivider * 613272 / 19;
+      EXPECT_TRUE(std::min(times[i], kTimeLineEndPs) == std::min(time_ps, Wide{kTimeLineEndPs}))
+          << losses << ": " << times[i];
+    }
   }
 }
 
@@ -73,18 +76,20 @@ TEST(SimulatedEvents, AreLateByTheirJitter) {
     Mode mode;
     std::uint64_t period_ps, most_ps;
   } cases[] = {
-      {"jitter_ps=0", Mode::internal, 1'011'898'800, 0},  // 31350 * 613272 / 19 ps
-      {"", Mode::internal, 1'011'898'800, 6},
+      {"", Mode::internal, 1'011'898'800, 6},  // 31350 * 613272 / 19 ps
       {"jitter_ps=1000000000", Mode::internal, 1'011'898'800, 1'011'898'800 / 2},
       {"external_hz=1000,1,1,1", Mode::external, 999'900'000, 499'950'000},
       {"external_hz=10,1,1,1", Mode::external, 99'990'000'000, 4'000'000'000},
   };
   for (const auto& c : cases) {
-    const std::uint64_t first_ps =
+    std::uint64_t nominal_ps =
         times_of(EventSource(parse_settings("jitter_ps=0"), {Mode::internal, 1, 1, 0}), 1)[0];
     std::vector<std::uint64_t> late =
         times_of(EventSource(parse_settings(c.settings), {c.mode, 1, 31350, 0}), 2000);
-    for (std::size_t i = 0; i < late.size(); ++i) late[i] -= first_ps + i * c.period_ps;
+    for (std::uint64_t& time_ps : late) {
+      time_ps -= nominal_ps;
+      nominal_ps += c.period_ps;
+    }
     const auto [least, most] = std::minmax_element(late.begin(), late.end());
     EXPECT_LE(*least, c.most_ps / 100) << c.settings;
     EXPECT_GE(*most, c.most_ps / 100 * 99) << c.settings;
@@ -101,6 +106,16 @@ TEST(SimulatedStream, DamageAndNoiseAreExact) {
   const Bytes noisy = bytes_of("pace=bytes:5009;noise_bytes=9;damage=flip@9");
   EXPECT_EQ(noisy[9], static_cast<std::uint8_t>(~clean[0]));
   EXPECT_TRUE(std::equal(noisy.begin() + 10, noisy.end(), clean.begin() + 1, clean.end()));
+}
+
+TEST(SimulatedStream, BeginsWithTheLastBitsOfARecord) {
+  const auto bits = [](const std::string& phase) {
+    const Bytes bytes = bytes_of("pace=bytes:3;bit_phase=" + phase);
+    return std::bitset<24>(bytes[0] << 16 | bytes[1] << 8 | bytes[2]).to_string();
+  };
+  const std::string most = bits("18").substr(0, 18);  // of 19
+  EXPECT_EQ(most[1], '0') << "a sync or an overflow";
+  EXPECT_EQ(bits("7").substr(0, 7), most.substr(11));
 }
 
 TEST(SimulatorSettings, BadOnesAreNamed) {
@@ -161,23 +176,45 @@ TEST_F(DriverLibrary, ServesAnInstrument) {
   EXPECT_EQ(ot_set_calibration_freq(dev_, 1e-3, &divider), OT_ERR_ARGUMENT);
   EXPECT_EQ(ot_set_calibration_freq(dev_, 2e6, &divider), OT_OK);
   EXPECT_EQ(divider, 16U);  // 15 is nearer as a number, but its frequency is not
-  std::uint8_t bits = 16;
-  std::uint16_t quantum_ps = 8;
-  EXPECT_EQ(ot_set_packed_delta_config(dev_, 200, 0, &bits, &quantum_ps), OT_OK);
-  EXPECT_EQ(bits, 31);
-  EXPECT_EQ(quantum_ps, 8);
+  for (const std::uint8_t asked : {std::uint8_t{200}, std::uint8_t{0}}) {
+    std::uint8_t bits = 16;
+    std::uint16_t quantum_ps = 8;
+    EXPECT_EQ(ot_set_packed_delta_config(dev_, asked, 0, &bits, &quantum_ps), OT_OK);
+    EXPECT_EQ(bits, asked == 0 ? 16 : 31);
+    EXPECT_EQ(quantum_ps, 8);
+  }
+  EXPECT_EQ(ot_set_stream_channel_mask(dev_, 1), OT_OK);
   ASSERT_EQ(ot_start_stream_mode(dev_, 0, 0), OT_OK);
-  std::uint8_t buffer[600];
+  Bytes stream;
   for (const std::uint64_t expected : {600U, 400U, 0U}) {
+    Bytes buffer(600);
     std::uint64_t got = 0;
-    EXPECT_EQ(ot_read_stream_bytes(dev_, buffer, sizeof buffer, &got, 1),
+    EXPECT_EQ(ot_read_stream_bytes(dev_, buffer.data(), buffer.size(), &got, 1),
               expected == 0 ? OT_ERR_TIMEOUT : OT_OK);
     EXPECT_EQ(got, expected);
+    stream.insert(stream.end(), buffer.data(), buffer.data() + got);
   }
+  EXPECT_EQ(stream, bytes_of("pace=bytes:1000", 16));
   EXPECT_EQ(ot_stop_stream_mode(dev_, 2), OT_ERR_ARGUMENT);
   EXPECT_EQ(ot_stop_stream_mode(dev_, 0), OT_OK);
   EXPECT_EQ(ot_close(dev_), OT_OK);
   EXPECT_EQ(misuses(), "");
+}
+
+TEST_F(DriverLibrary, ClockGoesOnFromOneOpeningToTheNext) {
+  set_up("pace=bytes:80");
+  std::uint8_t record[2][8];
+  for (auto& bytes : record) {
+    std::uint64_t got = 0;
+    ASSERT_EQ(ot_open_serial(&dev_, "sim:0"), OT_OK);
+    EXPECT_EQ(ot_set_stream_interface(dev_, 0, 0), OT_OK);
+    EXPECT_EQ(ot_set_stream_channel_mask(dev_, 1), OT_OK);
+    EXPECT_EQ(ot_start_stream_mode(dev_, 1, 0), OT_OK);
+    EXPECT_EQ(ot_read_stream_bytes(dev_, bytes, 8, &got, 1), OT_OK);
+    EXPECT_EQ(ot_stop_stream_mode(dev_, 1), OT_OK);
+    EXPECT_EQ(ot_close(dev_), OT_OK);
+  }
+  EXPECT_LT(std::memcmp(record[0], record[1], 8), 0);
 }
 
 TEST_F(DriverLibrary, FailsOnCommandAndCleansUp) {
