@@ -1,11 +1,11 @@
 // Any bytes as a recording. An input that begins with 'O' is a whole stream file; any other is
-// settings and payload for a decoder, compared with the plain one where the settings ask for it.
+// settings and payload of one, compared with the plain decoder where the settings ask for it.
 #include <sys/mman.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
+#include <fstream>
 #include <iostream>
 #include <span>
 #include <string>
@@ -27,57 +27,42 @@ void require(bool holds) {
   if (!holds) std::abort();
 }
 
-void take(std::span<const timing::TimeTag> batch, Tags& tags) {
-  for (const timing::TimeTag& tag : batch) require(tag.channel < 4);
-  tags.insert(tags.end(), batch.begin(), batch.end());
+/// Where every input goes as a stream file.
+const std::string& path() {
+  static const std::string path = "/proc/self/fd/" + std::to_string(memfd_create("fuzz", 0));
+  return path;
 }
 
-/// Where chunks end may matter to the search of a lock, and to nothing else.
-bool chunks_matter(const timing::StreamFileHeader& header) {
-  return header.stream_format == timing::Format::packed_delta;
-}
-
-Tags read(timing::StreamFileReader& reader, const std::string& path, std::size_t chunk_bytes) {
-  reader.open(path);
+Tags read(timing::StreamFileReader& reader, std::size_t chunk_bytes) {
+  reader.open(path());
   Tags tags;
-  reader.for_each_batch(chunk_bytes, [&](auto batch) { take(batch, tags); });
+  reader.for_each_batch(chunk_bytes, [&](std::span<const timing::TimeTag> batch) {
+    for (const timing::TimeTag& tag : batch) require(tag.channel < 4);
+    require(reader.undecoded_bytes() <= kMaxBufferedBytes);
+    tags.insert(tags.end(), batch.begin(), batch.end());
+  });
+  require(reader.undecoded_bytes() <= kMaxBufferedBytes);
+  // The shortest record has four bits.
+  require(tags.size() <= 2 * (reader.read_bytes() - reader.payload_start_bytes()));
   return tags;
 }
 
-void check_file(Bytes bytes) {
-  static const int file = memfd_create("fuzz", 0);
-  require(ftruncate(file, 0) == 0);
-  require(pwrite(file, bytes.data(), bytes.size(), 0) == static_cast<ssize_t>(bytes.size()));
-  const std::string path = "/proc/self/fd/" + std::to_string(file);
+/// Where chunks end may matter to the search of a lock, and to nothing else.
+void check_file(std::size_t chunk_bytes, std::size_t other_chunk_bytes) {
   timing::StreamFileReader reader;
   try {
-    const Tags tags = read(reader, path, bytes.size());
-    require(chunks_matter(reader.header()) || tags == read(reader, path, 1 + bytes.size() % 61));
+    const Tags tags = read(reader, chunk_bytes);
+    require(reader.header().stream_format == timing::Format::packed_delta ||
+            tags == read(reader, other_chunk_bytes));
   } catch (const timing::Error& error) {
     require(error.status() == OT_ERR_IO || error.status() == OT_ERR_FORMAT);
   }
 }
 
-Tags decode(const timing::StreamFileHeader& header, Bytes payload, std::size_t chunk_bytes) {
-  timing::StreamDecoder decoder(header);
-  Tags tags;
-  while (decoder.decodes() && !payload.empty()) {
-    const Bytes chunk = payload.first(std::min(chunk_bytes, payload.size()));
-    payload = payload.subspan(chunk.size());
-    const std::size_t most_tags = 2 * (decoder.buffered_bytes() + chunk.size());
-    decoder.append(chunk);
-    const auto batch = decoder.feed();
-    require(batch.size() <= most_tags);  // the shortest record has four bits
-    require(decoder.buffered_bytes() <= kMaxBufferedBytes);
-    take(batch, tags);
-  }
-  return tags;
-}
-
 /// Five bytes before the payload: channel mask (4 bits), tag layout, mode, format (2 bits); delta
 /// bits; quantum (2); the last one says how many chunks the payload comes in, less one (3 bits: a
 /// search for a lock takes long), and whether the plain decoder, which is slow, has to agree.
-void check_decoder(Bytes bytes) {
+void check_payload(Bytes bytes) {
   constexpr std::size_t kSettingsBytes = 5;
   if (bytes.size() < kSettingsBytes) return;
   const Bytes payload = bytes.subspan(kSettingsBytes);
@@ -90,10 +75,12 @@ void check_decoder(Bytes bytes) {
   header.channel_mask = bytes[0] >> 4;
   header.delta_bits = bytes[1];
   header.quantum_ps = static_cast<std::uint16_t>(bytes[2] << 8 | bytes[3]);
-  const Tags tags = decode(header, payload, chunk_bytes);
-  if (!chunks_matter(header)) {
-    require(tags == decode(header, payload, payload.size()));
-  } else if (compares) {
+  timing::StreamFileWriter writer;
+  writer.open(path(), header);
+  writer.write(payload.data(), payload.size());
+  writer.close();
+  check_file(chunk_bytes, payload.size());
+  if (compares && header.stream_format == timing::Format::packed_delta) {
     tests::DecoderPair pair(header);
     require(pair.feed_in_chunks(payload, [&] { return chunk_bytes; }) == "");
   }
@@ -110,7 +97,12 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  const orvo::fuzz::Bytes bytes(data, size);
-  size > 0 && data[0] == 'O' ? orvo::fuzz::check_file(bytes) : orvo::fuzz::check_decoder(bytes);
+  if (size > 0 && data[0] == 'O') {
+    std::ofstream(orvo::fuzz::path(), std::ios::binary)
+        .write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
+    orvo::fuzz::check_file(size, 1 + size % 61);
+  } else {
+    orvo::fuzz::check_payload({data, size});
+  }
   return 0;
 }
