@@ -111,16 +111,14 @@ timing::StreamFileHeader PackedStreams::header() {
 }
 
 std::vector<std::uint8_t> PackedStreams::stream(const timing::StreamFileHeader& header,
-                                                std::size_t bytes, std::uint64_t fault_interval,
-                                                bool slows_down) {
+                                                std::size_t bytes, std::uint64_t fault_interval) {
   Writer writer(header, *this);
-  const std::uint64_t rarely = slows_down ? 6 + below(20) : 1;  // channel 0 sends, at last
   const bool in_turn = !one_in(3);
   for (unsigned c = 0; writer.bytes.size() < bytes;
        c = static_cast<unsigned>(in_turn ? c + 1 : below(4)) % 4) {
     if (header.channel_mask != 0 && (header.channel_mask >> c & 1) == 0) continue;
     if (fault_interval != 0 && one_in(fault_interval)) writer.fault(c);
-    if (c != 0 || writer.bytes.size() < bytes / 2 || one_in(rarely)) writer.event(c);
+    writer.event(c);
   }
   return std::move(writer.bytes);
 }

@@ -21,10 +21,10 @@ class PackedStreams {
   timing::StreamFileHeader header();
 
   /// About `bytes` bytes that start in mid-record. One record in `fault_interval` is not as an
-  /// instrument sends it; 0 for none. Channel 0 may send less for the second half. In external mode
-  /// channels past the first two may have no sync for long.
+  /// instrument sends it; 0 for none. In external mode channels past the first two may have no sync
+  /// for long.
   std::vector<std::uint8_t> stream(const timing::StreamFileHeader& header, std::size_t bytes,
-                                   std::uint64_t fault_interval, bool slows_down);
+                                   std::uint64_t fault_interval);
 
  private:
   std::mt19937_64 random_;
