@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <span>
+#include <sstream>
 #include <string>
 
 #include "orvo/timing/packed/packed_delta.h"
@@ -11,13 +12,6 @@
 #include "support/plain_decoder.h"
 
 namespace orvo::tests {
-
-/// All that an event says, for the line of a table.
-inline std::string text_of(const timing::LockEvent& event, const timing::StreamFileHeader& header) {
-  return timing::describe(event, header) + " at " + std::to_string(event.payload_offset_bytes) +
-         " after " + std::to_string(event.tags_before) + " skips " +
-         std::to_string(event.drop_bytes);
-}
 
 class DecoderPair {
  public:
@@ -28,17 +22,12 @@ class DecoderPair {
   std::string feed(std::span<const std::uint8_t> bytes) {
     input_.append(bytes);
     plain_.input_buffer.insert(plain_.input_buffer.end(), bytes.begin(), bytes.end());
-    const auto events = static_cast<std::ptrdiff_t>(plain_.log.size());
+    const std::size_t events = plain_.log.size();
     const std::span<const timing::TimeTag> tags = fast_.feed(input_);
     last_tags = plain_.feed_packed_delta();
-    const auto same_event = [this](const timing::LockEvent& a, const timing::LockEvent& b) {
-      return text_of(a, header_) == text_of(b, header_);
-    };
-    const std::span<const timing::LockEvent> log = fast_.lock_events();
-    if (!std::equal(log.begin(), log.end(), plain_.log.begin() + events, plain_.log.end(),
-                    same_event)) {
-      return "events";
-    }
+    const std::string lines = lines_of(fast_.lock_events());
+    const std::string plain_lines = lines_of(std::span(plain_.log).subspan(events));
+    if (lines != plain_lines) return lines + "instead of " + plain_lines;
     if (!std::equal(tags.begin(), tags.end(), last_tags.begin(), last_tags.end())) return "tags";
     return input_.size() == plain_.input_buffer.size() ? "" : "remaining bytes";
   }
@@ -59,6 +48,16 @@ class DecoderPair {
   Tags last_tags;  ///< of the last feed
 
  private:
+  /// All that the events say.
+  [[nodiscard]] std::string lines_of(std::span<const timing::LockEvent> events) const {
+    std::ostringstream lines;
+    for (const timing::LockEvent& event : events) {
+      lines << describe(event, header_) << " at " << event.payload_offset_bytes << " after "
+            << event.tags_before << " skips " << event.drop_bytes << '\n';
+    }
+    return lines.str();
+  }
+
   timing::StreamFileHeader header_;
   timing::InputBuffer input_;
   timing::PackedDeltaDecoder fast_;
