@@ -5,6 +5,8 @@
 
 #include <array>
 #include <cstring>
+#include <utility>
+#include <vector>
 
 #include "orvo/timing/device/library_status.h"
 #include "support/error_of.h"
