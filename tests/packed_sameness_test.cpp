@@ -78,7 +78,9 @@ TEST(PackedSameness, EveryFeed) {
   }
   unsetenv("ORVO_PACKED_KERNEL");
   std::cout << records << " records";
-  for (int kind = 0; kind < static_cast<int>(Kind::imbalanced); ++kind) {
+  // The others need thousands of bytes without a lock or tags in a batch, and have tests below.
+  for (auto kind = static_cast<int>(Kind::rejected_alignment);
+       kind < static_cast<int>(Kind::imbalanced); ++kind) {
     std::cout << ", " << kinds[static_cast<Kind>(kind)];
     EXPECT_GT(kinds[static_cast<Kind>(kind)], 0U) << "events of kind " << kind;
   }
