@@ -151,57 +151,58 @@ std::vector<timing::TimeTag> PlainDecoder::feed_packed_delta() {
   const std::uint64_t n = (stream_bits - bit_offset) / width_;
   batch_counts_ = {};
   tags_.reserve(n);
-  std::optional<Event> drop;
+  bool holds = true;
   std::uint64_t taken = 0;
-  for (; taken < n && !drop; ++taken)
-    drop = decode_record(read_record(bit_offset + taken * width_));
+  for (; taken < n && holds; ++taken) {
+    holds = decode_record(read_record(bit_offset + taken * width_));
+  }
   records_decoded += taken;
   const std::uint64_t position = width_ * taken + bit_offset;
   bit_offset = position % 8;
   remove_front(position / 8);
-  if (drop) {
-    drop->record = taken - 1;
+  if (!holds) {
+    drop_.record = taken - 1;
   } else if (internal_ && active_channels_ >= 2) {
     const Event event = tally({.kind = Kind::imbalanced}, batch_counts_);
     if (event.total >= 4096 && 8 * event.min < event.max) {
-      drop = event;
+      holds = drop(event);
       tags_.clear();
     }
   }
   returned_tags_ += tags_.size();
-  if (drop) {
-    drop->records = n;
-    report(*drop);
+  if (!holds) {
+    drop_.records = n;
+    report(drop_);
     static_cast<PlainLock&>(*this) = {};
   }
   return std::move(tags_);
 }
 
-std::optional<PlainDecoder::Event> PlainDecoder::decode_record(const Record& record) {
+bool PlainDecoder::decode_record(const Record& record) {
   const unsigned c = record.channel;
-  if (!active(c)) return Event{.kind = Kind::inactive_channel, .channel = c};
+  if (!active(c)) return drop({.kind = Kind::inactive_channel, .channel = c});
   if (sync_chunks_left > 0) {
     const Kind wrong = c != sync_channel ? Kind::sync_channel_mismatch : Kind::overflow_in_sync;
     if (c != sync_channel || record.flag) {
-      return Event{.kind = wrong,
+      return drop({.kind = wrong,
                    .channel = c,
                    .sync_channel = sync_channel,
-                   .sync_chunks_left = sync_chunks_left};
+                   .sync_chunks_left = sync_chunks_left});
     }
     sync_value |= record.payload << sync_bits;
     sync_bits += bits_;
     if (--sync_chunks_left == 0) complete_sync();
-    return {};
+    return true;
   }
   if (record.flag && record.payload == all_ones_) {
     sync_chunks_left = sync_length_;
     sync_channel = c;
     sync_value = sync_bits = overflow[c] = 0;
-    return {};
+    return true;
   }
   if (record.flag) {
     overflow[c] += record.payload;
-    return {};
+    return true;
   }
   const std::uint64_t step_ps = ((overflow[c] << bits_) + record.payload) << quantum_shift_;
   overflow[c] = 0;
@@ -228,27 +229,29 @@ void PlainDecoder::complete_sync() {
   sync_value = sync_bits = 0;
 }
 
-std::optional<PlainDecoder::Event> PlainDecoder::synced_data(unsigned c, std::uint64_t step_ps) {
+bool PlainDecoder::synced_data(unsigned c, std::uint64_t step_ps) {
   const auto next = static_cast<std::int64_t>(step_ps + pending_sync_time);
   const std::int64_t prev = last_time[c];
   const std::uint64_t ahead = as_unsigned(next) - as_unsigned(prev);
-  Event drop{.kind = Kind::nonmonotonic_sync,
-             .channel = c,
-             .delta_ps = static_cast<std::int64_t>(ahead),
-             .next_ps = next,
-             .prev_ps = prev};
+  Event event{.kind = Kind::nonmonotonic_sync,
+              .channel = c,
+              .delta_ps = static_cast<std::int64_t>(ahead),
+              .next_ps = next,
+              .prev_ps = prev};
   if (pk_have_time[c]) {
-    if (next < prev && std::uint64_t{0} - ahead > kBackwardTolerancePs) return drop;
-    drop.kind = Kind::implausible_sync_delta;
-    if (next == prev || (internal_ && (next < prev || ahead > kPlausibleStepPs))) return drop;
+    if (next < prev && std::uint64_t{0} - ahead > kBackwardTolerancePs) return drop(event);
+    event.kind = Kind::implausible_sync_delta;
+    if (next == prev || (internal_ && (next < prev || ahead > kPlausibleStepPs))) {
+      return drop(event);
+    }
   }
   pending_sync_channel = -1;
   pending_sync_time = 0;
   return emit(c, as_unsigned(next));
 }
 
-std::optional<PlainDecoder::Event> PlainDecoder::plain_data(unsigned c, std::uint64_t step_ps) {
-  if (!pk_have_time[c]) return {};
+bool PlainDecoder::plain_data(unsigned c, std::uint64_t step_ps) {
+  if (!pk_have_time[c]) return true;
   const std::uint64_t prev = as_unsigned(last_time[c]);
   if (period_ps_ / 2 < step_ps && step_ps <= period_ps_ &&
       period_ps_ - step_ps <= kBackwardTolerancePs) {
@@ -260,20 +263,20 @@ std::optional<PlainDecoder::Event> PlainDecoder::plain_data(unsigned c, std::uin
     if (not_below_zero(last_time[c]) % kWrapPs + shorter >= kWrapPs) step_ps = shorter;
   }
   if (internal_ && step_ps > kPlausibleStepPs) {
-    return Event{.kind = Kind::implausible_delta,
+    return drop({.kind = Kind::implausible_delta,
                  .channel = c,
                  .delta_ps = static_cast<std::int64_t>(step_ps),
-                 .prev_ps = last_time[c]};
+                 .prev_ps = last_time[c]});
   }
   return emit(c, prev + step_ps);
 }
 
-std::optional<PlainDecoder::Event> PlainDecoder::emit(unsigned c, std::uint64_t time_ps) {
+bool PlainDecoder::emit(unsigned c, std::uint64_t time_ps) {
   last_time[c] = static_cast<std::int64_t>(time_ps);
   pk_have_time[c] = true;
   tags_.push_back({static_cast<std::uint8_t>(c), last_time[c]});
   ++batch_counts_[c];
-  return {};
+  return true;
 }
 
 void PlainDecoder::remove_front(std::uint64_t bytes) {

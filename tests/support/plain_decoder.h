@@ -64,11 +64,15 @@ class PlainDecoder : public PlainLock {
   void remove_front(std::uint64_t bytes);
   void report(Event event);
 
-  // These return why the lock is lost, if it is.
-  std::optional<Event> decode_record(const Record& record);
-  std::optional<Event> synced_data(unsigned channel, std::uint64_t step_ps);
-  std::optional<Event> plain_data(unsigned channel, std::uint64_t step_ps);
-  std::optional<Event> emit(unsigned channel, std::uint64_t time_ps);
+  // These return whether the lock holds; if not, `drop_` says why.
+  bool decode_record(const Record& record);
+  bool synced_data(unsigned channel, std::uint64_t step_ps);
+  bool plain_data(unsigned channel, std::uint64_t step_ps);
+  bool emit(unsigned channel, std::uint64_t time_ps);
+  bool drop(const Event& event) {
+    drop_ = event;
+    return false;
+  }
   void complete_sync();
 
   bool internal_;
@@ -79,6 +83,7 @@ class PlainDecoder : public PlainLock {
   std::uint64_t excess_ps_;   // E: of a difference modulo P across the wrap of the picosecond time
   std::uint64_t modulus_ps_;  // M: the smaller of P and the wrap
   std::uint64_t removed_bytes_ = 0, returned_tags_ = 0;
+  Event drop_{};
   std::array<std::uint64_t, 4> batch_counts_{};
   std::vector<timing::TimeTag> tags_;
 };
