@@ -1,6 +1,7 @@
 #include "orvo/inspection/intervals.h"
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
 #include <nlohmann/json.hpp>
 #include <utility>
@@ -14,10 +15,23 @@ constexpr std::size_t kMaxColumns = 2048;
 /// An interval of this many expected ones has lost an event rather than jittered.
 constexpr double kGapPeriods = 1.5;
 
-double to_ten_binary_digits(double value) {
-  int exponent = 0;
-  const double fraction = std::frexp(value, &exponent);
-  return exponent <= 10 ? value : std::ldexp(std::round(1024 * fraction), exponent - 10);
+// Bins of TickCounts: one a number up to 2 * kSteps, then kSteps for each power of two.
+constexpr std::size_t kSteps = 512;
+constexpr int kExactBits = 10;
+static_assert(1 << kExactBits == 2 * kSteps);
+
+std::size_t bin_of(std::uint64_t ticks) {
+  const int shift = std::max(0, static_cast<int>(std::bit_width(ticks)) - kExactBits);
+  const std::uint64_t half = (std::uint64_t{1} << shift) / 2;
+  return static_cast<std::size_t>(shift) * kSteps +
+         static_cast<std::size_t>((ticks + half) >> shift);
+}
+
+double ticks_of(std::size_t bin) {
+  if (bin < 2 * kSteps) {
+    return static_cast<double>(bin);
+  }
+  return std::ldexp(static_cast<double>(bin % kSteps + kSteps), static_cast<int>(bin / kSteps) - 1);
 }
 
 bool count_in(CountWindow& window, std::uint64_t value_ps, unsigned tick_shift) {
@@ -68,6 +82,29 @@ Spread spread_of(std::span<const Bin> bins, double limit_ps) {
   }
   spread.deviation_ps = std::sqrt(squares / static_cast<double>(spread.count));
   return spread;
+}
+
+void TickCounts::add(std::int64_t ticks, std::uint64_t count) {
+  const auto bits = static_cast<std::uint64_t>(ticks);
+  std::vector<std::uint64_t>& counts = ticks < 0 ? below_0_ : others_;
+  const std::size_t bin = bin_of(ticks < 0 ? 0 - bits : bits);
+  counts.resize(std::max(counts.size(), bin + 1));
+  counts[bin] += count;
+}
+
+std::vector<Bin> TickCounts::bins(double tick_ps, double offset_ps) const {
+  std::vector<Bin> bins;
+  for (std::size_t bin = below_0_.size(); bin-- > 0;) {
+    if (below_0_[bin] != 0) {
+      bins.push_back({offset_ps - tick_ps * ticks_of(bin), below_0_[bin]});
+    }
+  }
+  for (std::size_t bin = 0; bin < others_.size(); ++bin) {
+    if (others_[bin] != 0) {
+      bins.push_back({offset_ps + tick_ps * ticks_of(bin), others_[bin]});
+    }
+  }
+  return bins;
 }
 
 void to_json(nlohmann::ordered_json& json, const Bin& bin) { json = {bin.value_ps, bin.count}; }
@@ -179,15 +216,11 @@ void IntervalAnalysis::finish() {
 }
 
 void IntervalAnalysis::tally(TickCounts& counts, std::int64_t value_ps, std::uint64_t count) const {
-  counts[to_ten_binary_digits(static_cast<double>(value_ps >> settings_.tick_shift))] += count;
+  counts.add(value_ps >> settings_.tick_shift, count);
 }
 
 std::vector<Bin> IntervalAnalysis::bins_of(const TickCounts& counts, double offset_ps) const {
-  std::vector<Bin> bins;
-  for (const auto& [ticks, count] : counts) {
-    bins.push_back({offset_ps + std::ldexp(ticks, static_cast<int>(settings_.tick_shift)), count});
-  }
-  return bins;
+  return counts.bins(std::ldexp(1.0, static_cast<int>(settings_.tick_shift)), offset_ps);
 }
 
 void IntervalAnalysis::enter_column(std::int64_t time_ps) {

@@ -40,7 +40,19 @@ void to_json(nlohmann::ordered_json& json, const Bin& bin);
 void to_json(nlohmann::ordered_json& json, const Spread& spread);
 
 /// How often which number of ticks occurs; those from 1,024 on to ten binary digits.
-using TickCounts = std::map<double, std::uint64_t>;
+class TickCounts {
+ public:
+  void add(std::int64_t ticks, std::uint64_t count);
+  [[nodiscard]] bool empty() const noexcept { return below_0_.empty() && others_.empty(); }
+
+  /// What occurred, ascending, in picoseconds.
+  [[nodiscard]] std::vector<Bin> bins(double tick_ps, double offset_ps) const;
+
+ private:
+  // By bin: with much jitter nearly every event is counted here.
+  std::vector<std::uint64_t> below_0_;
+  std::vector<std::uint64_t> others_;
+};
 
 /// Counters for the values that occur most, a tick apart.
 struct CountWindow {
