@@ -18,10 +18,9 @@ namespace fs = std::filesystem;
 class InspectionTool : public testing::Test {
  protected:
   /// Runs the tool on what `sim` says; returns its run directory.
-  fs::path record(const std::string& sim, Texts arguments) {
-    arguments.push_back("--output-root=out");
+  fs::path record(const std::string& sim, const std::string& arguments) {
     fs::remove_all(scratch.file("out"));
-    recorded = run_tool(scratch.path(), {.arguments = arguments, .sim = "pace=ps:" + sim});
+    recorded = run_tool(scratch.path(), kTool + "--output-root=out " + arguments, "pace=ps:" + sim);
     return run_dir_in(scratch.file("out"));
   }
 
@@ -39,13 +38,13 @@ class InspectionTool : public testing::Test {
 
 TEST_F(InspectionTool, FindsTheSameNumbersInEveryRecording) {
   const std::string stream = "100000000000;";
-  const Texts arguments = {"--capture-s=0.1"};
+  const std::string arguments = "--capture-s=0.1";
   const struct {
     std::string sim;
-    Texts arguments;
+    std::string arguments;
     int status;
   } cases[] = {
-      {"350000000000", {}, 0},
+      {"350000000000", "", 0},
       {stream + "rate_error_ppm=2:40", arguments, 2},
       {stream + "lose=1:3@50,3:7@100", arguments, 2},
       {stream + "silent=1", arguments, 2},
@@ -66,8 +65,8 @@ TEST_F(InspectionTool, FindsTheSameNumbersInEveryRecording) {
 }
 
 TEST_F(InspectionTool, GivesScriptsNoGreenLightTheyShouldNotGet) {
-  const fs::path run_dir = record(
-      "50000000000", {"--capture-s=0.05", "--min-tags-per-channel=5", "--tolerance-ppm=inf"});
+  const fs::path run_dir =
+      record("50000000000", "--capture-s=0.05 --min-tags-per-channel=5 --tolerance-ppm=inf");
   ASSERT_EQ(recorded.status, 0) << recorded.err;
   const ToolResult again = ortime("verify " + run_dir.string());
   EXPECT_EQ(again.status, 0);

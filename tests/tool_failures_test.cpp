@@ -20,11 +20,9 @@ namespace fs = std::filesystem;
 const std::string kCapture = "FMPXFSR?T";
 
 /// Two runs; whatever was recorded of them passes.
-ToolCall call_with(const std::string& sim, const std::string& capture_s = "0.02") {
-  return {.arguments = {"--output-root=out", "--frequencies-hz=10000,20000",
-                        "--min-tags-per-channel=0", "--capture-s=" + capture_s},
-          .sim = sim};
-}
+const std::string kTwoRuns = kTool +
+                             "--output-root=out --frequencies-hz=10000,20000 "
+                             "--min-tags-per-channel=0 --capture-s=";
 
 TEST(ToolFailures, AnyDriverCallEndsTheRunInGoodOrder) {
   const std::string unreported = ";fail=ot_stop_stream_mode:1:-6:always;fail=ot_close:1:-2";
@@ -57,10 +55,9 @@ TEST(ToolFailures, AnyDriverCallEndsTheRunInGoodOrder) {
       SCOPED_TRACE(c.failing + how + c.more);
       const ScratchDirectory directory;
       const bool is_read = c.failing.starts_with("ot_read");  // it ends the capture, not the time
-      const ToolResult tool =
-          run_tool(directory.path(), call_with("fail=" + c.failing + ":-2" + how +
-                                                   (how.empty() ? ":detail=lost" : "") + c.more,
-                                               is_read ? "1000" : "0.02"));
+      const ToolResult tool = run_tool(
+          directory.path(), kTwoRuns + (is_read ? "1000" : "0.02"),
+          "fail=" + c.failing + ":-2" + how + (how.empty() ? ":detail=lost" : "") + c.more);
       EXPECT_TRUE(std::regex_match(calls_in(tool.ledger), std::regex(c.calls + "\\.")))
           << calls_in(tool.ledger);
       const bool has_detail = how.empty() && c.calls.starts_with("DLO");
@@ -86,6 +83,11 @@ std::vector<std::uint64_t> sizes(std::uint64_t begin, std::uint64_t end, std::ui
   return sizes;
 }
 
+/// Before a command: a write beyond this size of a file fails, as on a full disk.
+std::string limited_to(std::uint64_t bytes) {
+  return "prlimit --fsize=" + std::to_string(bytes) + ' ';
+}
+
 // A recording of 150 bytes waits in a buffer, and its reports fail unseen: what was written shows.
 TEST(ToolFailures, FullDiskAtAnyByteOfASmallRecordingAndItsReports) {
   std::vector<std::uint64_t> limits = sizes(0, 2300, 97, 97);
@@ -93,9 +95,9 @@ TEST(ToolFailures, FullDiskAtAnyByteOfASmallRecordingAndItsReports) {
   for (const std::uint64_t size : limits) {
     SCOPED_TRACE(size);
     const ScratchDirectory directory;
-    ToolCall call = call_with("pace=bytes:150");
-    call.max_file_bytes = size;
-    const ToolResult tool = ToolProcess(directory.path(), call).finish();
+    const ToolResult tool =
+        ToolProcess(directory.path(), limited_to(size) + kTwoRuns + "0.02", "pace=bytes:150")
+            .finish();
     const fs::path root = directory.file("out");
     const fs::path stem = run_dir_in(root) / "overflow_frequency";
     const std::string recording = stem.string() + "_01.ortime";
@@ -128,10 +130,11 @@ TEST(ToolFailures, FullDiskAtAnyChunkOfALargeRecording) {
   for (const std::uint64_t size : sizes(4000, 3'500'000, 499'999, 10)) {
     SCOPED_TRACE(size);
     const ScratchDirectory directory;
-    ToolCall call = call_with("pace=bytes:1000000000000", "1000");
-    call.arguments.insert(call.arguments.end(), {"--chunk-bytes=65536", "--queue-chunks=100"});
-    call.max_file_bytes = size;
-    const ToolResult tool = ToolProcess(directory.path(), call).finish();
+    const ToolResult tool =
+        ToolProcess(directory.path(),
+                    limited_to(size) + kTwoRuns + "1000 --chunk-bytes=65536 --queue-chunks=100",
+                    "pace=bytes:1000000000000")
+            .finish();
     const fs::path run_dir = run_dir_in(directory.file("out"));
     EXPECT_EQ(tool.err, "StreamFileWriter: payload write failed\n");
     EXPECT_EQ(tool.status, 1);

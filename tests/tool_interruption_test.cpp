@@ -37,11 +37,10 @@ void send(const std::vector<int>& signals, const Send& send_one) {
   }
 }
 
-ToolCall small_call() {
-  return {.arguments = {"--output-root=out", "--capture-s=0.02", "--chunk-bytes=4096",
-                        "--frequencies-hz=1e5,1e5", "--min-tags-per-channel=0"},
-          .sim = "pace=bytes:9000"};
-}
+const std::string kSmallRuns = kTool +
+                               "--output-root=out --capture-s=0.02 --chunk-bytes=4096 "
+                               "--frequencies-hz=1e5,1e5 --min-tags-per-channel=0";
+constexpr const char* kSmall = "pace=bytes:9000";
 
 TEST(ToolInterruption, AfterAnyDriverCall) {
   constexpr int kSignals[] = {SIGINT, SIGTERM, SIGHUP};
@@ -51,7 +50,7 @@ TEST(ToolInterruption, AfterAnyDriverCall) {
     const int signal = kSignals[at % 3];
     SCOPED_TRACE(testing::Message() << "signal " << signal << " after line " << at / 3);
     const ScratchDirectory directory;
-    ToolProcess tool(directory.path(), small_call());
+    ToolProcess tool(directory.path(), kSmallRuns, kSmall);
     tool.run_until(
         [&] { return std::count(tool.ledger.begin(), tool.ledger.end(), '\n') >= at / 3; });
     tool.signal(signal);
@@ -77,14 +76,13 @@ TEST(ToolInterruption, AfterAnyDriverCall) {
 // or from a shell and the kernel for a closed terminal.
 TEST(ToolInterruption, EndsALongPhaseAtOnce) {
   const struct {
-    Texts arguments;
-    const char *sim, *reached, *calls;
+    const char *arguments, *sim, *reached, *calls;
     std::vector<int> signals;
   } cases[] = {
-      {{"--capture-s=1000"}, "", "read_stream_bytes k=5", "DLOIFMPXFSRZC", {SIGINT}},
-      {{"--capture-s=1000"}, "pace=bytes:1", "status=-3", "DLOIFMPXFSRZC", {SIGHUP, SIGHUP}},
+      {"--capture-s=1000", "", "read_stream_bytes k=5", "DLOIFMPXFSRZC", {SIGINT}},
+      {"--capture-s=1000", "pace=bytes:1", "status=-3", "DLOIFMPXFSRZC", {SIGHUP, SIGHUP}},
       // A search for a lock, without success, after each byte that is read back.
-      {{"--capture-s=0.3", "--chunk-bytes=1"},
+      {"--capture-s=0.3 --chunk-bytes=1",
        "silent=1;pace=bytes:2000000",
        "ot_stop",
        "DLOIFMPXFSRTC",
@@ -93,9 +91,7 @@ TEST(ToolInterruption, EndsALongPhaseAtOnce) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.reached);
     const ScratchDirectory directory;
-    ToolCall call{.arguments = c.arguments, .sim = c.sim};
-    call.arguments.push_back("--output-root=out");
-    ToolProcess tool(directory.path(), call);
+    ToolProcess tool(directory.path(), kTool + "--output-root=out " + c.arguments, c.sim);
     tool.run_until([&] { return tool.ledger.find(c.reached) != std::string::npos; });
     send(c.signals, [&](int signal) { tool.signal(signal); });
     tool.finish();
@@ -112,8 +108,7 @@ TEST(ToolInterruption, WhileTheDriverIsSlow) {
   const ScratchDirectory directory;
   const std::string ledger = directory.file("ledger");
   ASSERT_EQ(mkfifo(ledger.c_str(), 0600), 0);
-  ToolProcess tool(directory.path(),
-                   {.arguments = {"--output-root=out"}, .sim = "ledger=" + ledger});
+  ToolProcess tool(directory.path(), kTool + "--output-root=out", "ledger=" + ledger);
   tool.run_until([&] { return tool.in_signal_set(SIGHUP, "SigCgt"); });  // the last of the three
   send({SIGTERM, SIGINT}, [&](int signal) { tool.signal(signal); });
   const int reader = open(ledger.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
@@ -123,31 +118,22 @@ TEST(ToolInterruption, WhileTheDriverIsSlow) {
   EXPECT_TRUE(tool.out.ends_with(", SIM1001\n")) << tool.out;
 }
 
-// A summary that waits for a reader: what is begun is written, then the process ends. Only a second
-// Ctrl-C ends it at once.
+// A summary that waits for a reader: what is begun is written, then the process ends.
 TEST(ToolInterruption, WhileReportsAreWritten) {
-  const struct {
-    std::vector<int> signals;
-    bool at_once;
-  } cases[] = {{{SIGTERM, SIGHUP, SIGHUP, SIGINT}, false},
-               {{SIGINT, kPause, SIGTERM, SIGINT}, true}};
-  for (const auto& c : cases) {
-    const ScratchDirectory directory;
-    const std::string slow = directory.file("out/latest_summary.txt");
-    fs::create_directory(directory.file("out"));
-    ASSERT_EQ(mkfifo(slow.c_str(), 0600), 0);
-    ToolProcess tool(directory.path(), small_call());
-    tool.run_until([&] { return fs::exists(directory.file("out/latest.json")); });
-    send(c.signals, [&](int signal) { tool.signal(signal); });
-    if (c.at_once) tool.finish();
-    const int reader = open(slow.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    tool.finish();
-    close(reader);
-    EXPECT_EQ(tool.status, 128 + c.signals[0]);
-    EXPECT_EQ(tool.err, "");
-    EXPECT_EQ(tool.out.find("latest_json=") == std::string::npos, c.at_once) << tool.out;
-    EXPECT_TRUE(calls_in(tool.ledger).ends_with(c.at_once ? "T" : "TC")) << tool.ledger;
-  }
+  const ScratchDirectory directory;
+  const std::string slow = directory.file("out/latest_summary.txt");
+  fs::create_directory(directory.file("out"));
+  ASSERT_EQ(mkfifo(slow.c_str(), 0600), 0);
+  ToolProcess tool(directory.path(), kSmallRuns, kSmall);
+  tool.run_until([&] { return fs::exists(directory.file("out/latest.json")); });
+  send({SIGTERM, SIGHUP, SIGHUP, SIGINT}, [&](int signal) { tool.signal(signal); });
+  const int reader = open(slow.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  tool.finish();
+  close(reader);
+  EXPECT_EQ(tool.status, 128 + SIGTERM);
+  EXPECT_EQ(tool.err, "");
+  EXPECT_NE(tool.out.find("latest_json="), std::string::npos) << tool.out;
+  EXPECT_TRUE(calls_in(tool.ledger).ends_with("TC")) << tool.ledger;
 }
 
 TEST(Interruption, LeavesAnIgnoredSignalIgnoredAndTheOthersAsTheyWere) {

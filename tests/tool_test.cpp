@@ -33,11 +33,10 @@ class Tool : public testing::Test {
   }
 
   /// Into an output root that is empty, unless a test has made it a file.
-  [[nodiscard]] ToolResult run(const std::string& sim, const Texts& arguments = {},
-                               const Texts& environment = {}) const {
+  [[nodiscard]] ToolResult run(const std::string& sim, const std::string& arguments = "",
+                               const std::string& before = "") const {
     if (fs::is_directory(root())) fs::remove_all(root());
-    return run_tool(here(),
-                    {.arguments = arguments, .environment = environment, .sim = kSim + sim});
+    return run_tool(here(), before + kTool + arguments, kSim + sim);
   }
 
   [[nodiscard]] std::string file(const std::string& name) const { return dir_.file(name); }
@@ -69,9 +68,9 @@ TEST_F(Tool, PrintsAndWritesAllOfItsResults) {
   setenv("TZ", "<+14>-14", 1);  // of this process, and so of the tool's
   tzset();
   const std::time_t before = std::time(nullptr);
-  const ToolResult result =
-      run("silent=3", {"--frequencies-hz=1000;2e6", "capture-s=0.0625", "--packed-bits=16",
-                       "--packed-quantum-ps=16", "--channel-mask=5", "--tolerance-ppm=39.5"});
+  const ToolResult result = run("silent=3",
+                                "'--frequencies-hz=1000;2e6' capture-s=0.0625 --packed-bits=16 "
+                                "--packed-quantum-ps=16 --channel-mask=5 --tolerance-ppm=39.5");
   EXPECT_EQ(result.status, 2);
   EXPECT_EQ(result.err, "");
   const std::string start = run_dir_in(root()).filename().string();
@@ -167,27 +166,26 @@ latest_json=HERE/o"u\t/latest.json
 TEST_F(Tool, JudgesEachChannel) {
   const char* const all = "201+ 201+ 201+ 201+ ";
   const struct {
-    const char* sim;
-    Texts arguments;
+    const char *sim, *arguments;
     int status;
     const char* channels;
   } cases[] = {
-      {"", {}, 0, all},
-      {"rate_error_ppm=2:40", {"--tolerance-ppm=25"}, 2, "201+ 201+ 201- 201+ "},
-      {"rate_error_ppm=2:-24.9", {"--tolerance-ppm=25"}, 0, all},
-      {"silent=1,3", {"--channel-mask=5"}, 0, "201+ 201+ "},
-      {"silent=1", {}, 2, "0- 0- 0- 0- "},  // all have to sync
-      {"lose=1:3@100,3:7@150", {"--channel-mask=0xFB"}, 2, "201+ 198- 194- "},
-      {"", {"--packed-bits=40"}, 0, all},  // the instrument takes 31
-      {"", {"--min-tags-per-channel=201", "--channel-mask=0x10"}, 0, all},  // no mask: all
-      {"", {"--min-tags-per-channel=202"}, 2, "201- 201- 201- 201- "},
-      {"noise_bytes=1000", {"--packed-bits=8"}, 0, all},
-      {"clock_ps=14315125000000", {"--packed-bits=31"}, 0, all},  // its clock wraps on the way
-      {"fail=ot_read_stream_bytes:1:-3;fail=ot_read_stream_bytes:2:0", {}, 0, all},
-      {"fail=ot_read_stream_bytes:1:-3:effect", {}, 2, "0- 0- 0- 0- "},
+      {"", "", 0, all},
+      {"rate_error_ppm=2:40", "--tolerance-ppm=25", 2, "201+ 201+ 201- 201+ "},
+      {"rate_error_ppm=2:-24.9", "--tolerance-ppm=25", 0, all},
+      {"silent=1,3", "--channel-mask=5", 0, "201+ 201+ "},
+      {"silent=1", "", 2, "0- 0- 0- 0- "},  // all have to sync
+      {"lose=1:3@100,3:7@150", "--channel-mask=0xFB", 2, "201+ 198- 194- "},
+      {"", "--packed-bits=40", 0, all},                                // the instrument takes 31
+      {"", "--min-tags-per-channel=201 --channel-mask=0x10", 0, all},  // no mask: all
+      {"", "--min-tags-per-channel=202", 2, "201- 201- 201- 201- "},
+      {"noise_bytes=1000", "--packed-bits=8", 0, all},
+      {"clock_ps=14315125000000", "--packed-bits=31", 0, all},  // its clock wraps on the way
+      {"fail=ot_read_stream_bytes:1:-3;fail=ot_read_stream_bytes:2:0", "", 0, all},
+      {"fail=ot_read_stream_bytes:1:-3:effect", "", 2, "0- 0- 0- 0- "},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.sim + testing::PrintToString(c.arguments));
+    SCOPED_TRACE(testing::Message() << c.sim << c.arguments);
     const ToolResult result = run(c.sim, c.arguments);
     EXPECT_EQ(result.status, c.status) << result.err;
     EXPECT_EQ(channels_in(result.out), c.channels);
@@ -197,8 +195,9 @@ TEST_F(Tool, JudgesEachChannel) {
 
 TEST_F(Tool, HandsItsSettingsToTheDriver) {
   const ToolResult result =
-      run("", {"--channel-mask=0x15", "--tdl-index=300", "--packed-bits=24", "--chunk-bytes=100",
-               "--packed-quantum-ps=0x10", "--frequencies-hz=12345.5", "--queue-chunks=0"});
+      run("",
+          "--channel-mask=0x15 --tdl-index=300 --packed-bits=24 --chunk-bytes=100 "
+          "--packed-quantum-ps=0x10 --frequencies-hz=12345.5 --queue-chunks=0");
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_EQ(lines_with(result.ledger, "ot_set_") + lines_with(result.ledger, "ot_st"),
             "ot_set_calibration_freq k=1 thread=1 freq_hz=12345.500000 status=0\n"
@@ -220,24 +219,24 @@ TEST_F(Tool, EndsBeforeAnythingIsTouched) {
   const std::string no_folder =
       "filesystem error: cannot create directories: Not a directory [" + root().string() + '/';
   const struct {
-    Texts arguments;
+    std::string arguments;
     int status;
     std::string out, err;
   } cases[] = {
-      {{"--capture-s=fast", "--", "-h"}, 0, usage, ""},
-      {{"/?", "--capture-s=0"}, 0, usage, ""},
-      {{"capture_s=nan"}, 64, "", invalid},
-      {{"--packed-quantum-ps=0x10000", "--HELP", "--help=1"}, 64, "", invalid},
-      {{"--packed-bits=0"}, 64, "", invalid},
-      {{"--packed-bits=0", "--channel-mask=+-0b1"}, 1, "", "stoul\n"},
-      {{"--tdl-index=0b1" + std::string(64, '0')}, 1, "", "stoul\n"},
-      {{"--capture-s=0", "--tolerance-ppm=1e999"}, 1, "", "stod\n"},
-      {{"--chunk-bytes=18446744073709551616"}, 1, "", "stoull\n"},
-      {{"-packed-bits=0", "--packed-bits", "----tdl-index=x"}, 1, "", no_folder},
-      {{"--output-root=o\"u\\t/a-b=c"}, 1, "", no_folder + "a-b=c/"},
+      {"--capture-s=fast -- -h", 0, usage, ""},
+      {"/? --capture-s=0", 0, usage, ""},
+      {"capture_s=nan", 64, "", invalid},
+      {"--packed-quantum-ps=0x10000 --HELP --help=1", 64, "", invalid},
+      {"--packed-bits=0", 64, "", invalid},
+      {"--packed-bits=0 --channel-mask=+-0b1", 1, "", "stoul\n"},
+      {"--tdl-index=0b1" + std::string(64, '0'), 1, "", "stoul\n"},
+      {"--capture-s=0 --tolerance-ppm=1e999", 1, "", "stod\n"},
+      {"--chunk-bytes=18446744073709551616", 1, "", "stoull\n"},
+      {"-packed-bits=0 --packed-bits ----tdl-index=x", 1, "", no_folder},
+      {"'--output-root=o\"u\\t/a-b=c'", 1, "", no_folder + "a-b=c/"},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(testing::PrintToString(c.arguments));
+    SCOPED_TRACE(c.arguments);
     const ToolResult result = run("", c.arguments);
     EXPECT_EQ(result.status, c.status);
     EXPECT_EQ(result.out, c.out);
@@ -254,7 +253,7 @@ TEST_F(Tool, WaitsForAStartOfTheSameSecond) {
     fs::create_directories(root() / local_stamp(second));
     others.push_back(std::make_unique<verification::DirectoryLock>(root() / local_stamp(second)));
   }
-  ToolProcess tool(here(), {.arguments = {"--min-tags-per-channel=0"}, .sim = kSim});
+  ToolProcess tool(here(), kTool + "--min-tags-per-channel=0", kSim);
   EXPECT_TRUE(tool.run_until([&] { return tool.open_files(root()) == 1; }));
   EXPECT_EQ(tool.ledger, "");
   others.clear();
@@ -262,7 +261,7 @@ TEST_F(Tool, WaitsForAStartOfTheSameSecond) {
 }
 
 TEST_F(Tool, NumbersItsRecordings) {
-  EXPECT_EQ(run("", {"--frequencies-hz=2e4,2e4,2e4,2e4,2e4,2e4,2e4,2e4,2e4,1e4"}).status, 0);
+  EXPECT_EQ(run("", "--frequencies-hz=2e4,2e4,2e4,2e4,2e4,2e4,2e4,2e4,2e4,1e4").status, 0);
   const fs::path run_dir = run_dir_in(root());
   const std::string names = names_in(run_dir);
   EXPECT_NE(names.find("_08.ortime overflow_frequency_09.ortime overflow_frequency_10.ortime "),
@@ -276,11 +275,9 @@ TEST_F(Tool, ReadsTheFirstConfigurationFile) {
     fs::create_symlink(ORVO_TOOL, here() / program);
   }
   write_file(file(std::string("bin/") + kFileName), "");
-  setenv("PATH", (here().string() + ":" + std::getenv("PATH")).c_str(), 1);  // for "tool"
-  const auto config_of = [&](const char* program) {
-    ToolCall call{.arguments = {"--output-root=out"}, .sim = "instruments=0"};
-    call.program = program;
-    const std::string out = run_tool(here(), call).out;
+  const auto config_of = [&](const std::string& program) {
+    const std::string command = "env PATH=.:$PATH ot-simulated " + program + " --output-root=out";
+    const std::string out = run_tool(here(), command, "instruments=0").out;
     return fs::path(lines_with(out, "Config: ")).lexically_relative("Config: " + here().string());
   };
   const std::string name = kFileName + std::string("\n");
@@ -293,19 +290,18 @@ TEST_F(Tool, ReadsTheFirstConfigurationFile) {
 
 TEST_F(Tool, ChoosesTheInstrument) {
   const struct {
-    Texts arguments, environment;
-    const char* serial;
+    const char *environment, *arguments, *serial;
     bool discovers;
   } cases[] = {
-      {{}, {"ORVO_TIMING_PORT="}, "SIM1001", true},
-      {{}, {"ORVO_TIMING_PORT=sim:1"}, "SIM1002", false},
-      {{"--control-port=sim:2"}, {"ORVO_TIMING_PORT=sim:1"}, "SIM1003", false},
-      {{"--usb-serial=SIM1003"}, {"ORVO_TIMING_USB_SERIAL=SIM1002"}, "SIM1003", true},
+      {"ORVO_TIMING_PORT=", "", "SIM1001", true},
+      {"ORVO_TIMING_PORT=sim:1", "", "SIM1002", false},
+      {"ORVO_TIMING_PORT=sim:1", "--control-port=sim:2", "SIM1003", false},
+      {"ORVO_TIMING_USB_SERIAL=SIM1002", "--usb-serial=SIM1003", "SIM1003", true},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(testing::PrintToString(c.arguments) + testing::PrintToString(c.environment));
-    const ToolResult result =
-        run("instruments=3;fail=ot_set_calibration_freq:1:-2", c.arguments, c.environment);
+    SCOPED_TRACE(testing::Message() << c.environment << c.arguments);
+    const ToolResult result = run("instruments=3;fail=ot_set_calibration_freq:1:-2", c.arguments,
+                                  "env " + std::string(c.environment) + ' ');
     EXPECT_EQ(lines_with(result.out, "Device: "),
               std::string("Device: Orvo timing instrument, simulated, ") + c.serial + '\n');
     EXPECT_EQ(!lines_with(result.ledger, "ot_discover").empty(), c.discovers);
@@ -314,7 +310,7 @@ TEST_F(Tool, ChoosesTheInstrument) {
 
 TEST_F(Tool, NamesWhatItDidNotFind) {
   EXPECT_EQ(run("instruments=0").err, "open_first: no ORVO device found\n");
-  EXPECT_EQ(run("", {"--control-port=/dev/x"}).err, "open: not found\n");
+  EXPECT_EQ(run("", "--control-port=/dev/x").err, "open: not found\n");
   // The unfinished line shows which step failed.
   EXPECT_TRUE(run("fail=ot_identify:1:-2").out.ends_with("\nDevice: "));
 }
@@ -328,21 +324,20 @@ TEST_F(Tool, NeedsNoConsole) {
     EXPECT_TRUE(read_file(root() / "latest_summary.txt").ends_with(" pass=true\n"));
     fs::remove_all(root());
   };
-  ToolCall call{.arguments = {"--min-tags-per-channel=0"}, .sim = kSim};
+  const std::string command = kTool + "--min-tags-per-channel=0 ";
   for (const char* const after : {"", "Device", "Capture 1"}) {  // its reader leaves
-    ToolProcess tool(here(), call);
+    ToolProcess tool(here(), command, kSim);
     tool.run_until([&] { return tool.out.find(after) != std::string::npos; });
     tool.close_output();
     expect_results(tool.finish());
   }
-  call.environment = {"ORVO_PACKED_DEBUG=1"};  // with lines for standard error, too
-  for (const char* const closed : {"0", "1", "2", "01", "02", "12", "012"}) {
-    SCOPED_TRACE(closed);
-    call.closed = closed;
-    expect_results(ToolProcess(here(), call).finish());
+  for (const char* const closed :
+       {"<&-", ">&-", "2>&-", "<&- >&-", "<&- 2>&-", ">&- 2>&-", "<&- >&- 2>&-"}) {
+    SCOPED_TRACE(closed);  // with lines for standard error, too
+    expect_results(
+        ToolProcess(here(), "env ORVO_PACKED_DEBUG=1 " + command + closed, kSim).finish());
   }
-  call.arguments = {"--capture-s=0"};
-  EXPECT_EQ(ToolProcess(here(), call).finish().status, 64);
+  EXPECT_EQ(ToolProcess(here(), kTool + "--capture-s=0 <&- >&- 2>&-").finish().status, 64);
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/prctl.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -12,7 +11,6 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
-#include <cstring>
 #include <map>
 #include <numeric>
 #include <regex>
@@ -31,24 +29,6 @@ void require(bool success, const char* what) {
   if (!success) throw std::system_error(errno, std::generic_category(), what);
 }
 
-/// Between fork and exec.
-bool prepare_child(const fs::path& directory, const ToolCall& call,
-                   const std::array<int, 3>& ends) {
-  const rlimit limit = {call.max_file_bytes, call.max_file_bytes};
-  prctl(PR_SET_PDEATHSIG, SIGKILL);
-  for (const char* const name :
-       {"ORVO_TIMING_PORT", "ORVO_TIMING_USB_SERIAL", "ORVO_PACKED_DEBUG"}) {
-    unsetenv(name);
-  }
-  setenv("ORVO_SIM", ("ledger=/dev/fd/" + std::to_string(ends[2]) + ';' + call.sim).c_str(), 1);
-  for (const std::string& variable : call.environment) putenv(strdup(variable.c_str()));
-  const bool prepared = chdir(directory.c_str()) == 0 && dup2(ends[0], 1) == 1 &&
-                        dup2(ends[1], 2) == 2 && fcntl(ends[2], F_SETFD, 0) == 0 &&
-                        setrlimit(RLIMIT_FSIZE, &limit) == 0;
-  for (const char digit : call.closed) close(digit - '0');
-  return prepared;
-}
-
 std::vector<std::string> lines_of(const std::string& text) {
   std::istringstream stream(text);
   std::vector<std::string> lines;
@@ -58,7 +38,8 @@ std::vector<std::string> lines_of(const std::string& text) {
 
 }  // namespace
 
-ToolProcess::ToolProcess(const fs::path& directory, const ToolCall& call) {
+ToolProcess::ToolProcess(const fs::path& directory, const std::string& command,
+                         const std::string& sim) {
   std::array<int, 3> ends;
   for (std::size_t i = 0; i < ends.size(); ++i) {
     int both[2];
@@ -66,14 +47,20 @@ ToolProcess::ToolProcess(const fs::path& directory, const ToolCall& call) {
     pipes_[i] = both[0];
     ends[i] = both[1];
   }
-  Texts words = call.arguments;
-  words.insert(words.begin(), {ORVO_SIMULATED, call.program});
-  std::vector<char*> argv(words.size() + 1);
-  std::transform(words.begin(), words.end(), argv.begin(), [](auto& word) { return word.data(); });
   tool_ = fork();
   require(tool_ >= 0, "fork");
   if (tool_ == 0) {
-    if (prepare_child(directory, call, ends)) execv(argv[0], argv.data());
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    for (const char* const name :
+         {"ORVO_TIMING_PORT", "ORVO_TIMING_USB_SERIAL", "ORVO_PACKED_DEBUG"}) {
+      unsetenv(name);
+    }
+    setenv("ORVO_SIM", ("ledger=/dev/fd/" + std::to_string(ends[2]) + ';' + sim).c_str(), 1);
+    setenv("PATH", (ORVO_PROGRAMS ":" + std::string(std::getenv("PATH"))).c_str(), 1);
+    if (chdir(directory.c_str()) == 0 && dup2(ends[0], 1) == 1 && dup2(ends[1], 2) == 2 &&
+        fcntl(ends[2], F_SETFD, 0) == 0) {
+      execl("/bin/sh", "sh", "-c", ("exec " + command).c_str(), nullptr);
+    }
     _exit(127);
   }
   for (const int end : ends) close(end);
@@ -151,12 +138,12 @@ void ToolProcess::signal(int number) {
   static_cast<void>(read_pipes());  // all that the driver has seen by then
 }
 
-ToolResult run_tool(const fs::path& directory, const ToolCall& call) {
+ToolResult run_tool(const fs::path& directory, const std::string& command, const std::string& sim) {
   // No read said that there is no more of the stream before it was stopped as complete.
   static const std::regex kEarlyStop("ot_(read|start).* status=0\not_stop.* stop_flag=1 ");
-  const bool unpaced = call.sim.find("pace=") != std::string::npos;
+  const bool unpaced = sim.find("pace=") != std::string::npos;
   for (int tries = 1;; ++tries) {
-    ToolProcess tool(directory, call);
+    ToolProcess tool(directory, command, sim);
     tool.finish();
     const bool starved = unpaced && std::regex_search(tool.ledger, kEarlyStop);
     if (!starved || tries == 200) return tool;

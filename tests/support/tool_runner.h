@@ -1,45 +1,36 @@
-// Runs the real tool as a process of its own, and looks at what it says and leaves.
+// Runs the real programs as a shell does, and looks at what they say and leave.
 #pragma once
 
 #include <sys/types.h>
 
 #include <array>
-#include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <string>
-#include <vector>
 
 namespace orvo::tests {
 
-using Texts = std::vector<std::string>;
-
-struct ToolCall {
-  Texts arguments = {};
-  Texts environment = {};   ///< "NAME=value", besides the test's own without its ORVO_ variables
-  std::string sim = {};     ///< ORVO_SIM; its ledger comes through a pipe if it says nothing else
-  std::string closed = {};  ///< digits of the standard descriptors that are closed at the start
-  std::uint64_t max_file_bytes = ~std::uint64_t{0};      ///< a write beyond fails: a full disk
-  std::string program = "ot_verify_overflow_frequency";  ///< run by ot-simulated
-};
+/// The tool on the simulated instrument, to be followed by its arguments.
+inline const std::string kTool = "ot-simulated ot_verify_overflow_frequency ";
 
 struct ToolResult {
-  int status = -1;  ///< of the exit, or 128 and the signal that ended the tool
+  int status = -1;  ///< of the exit, or 128 and the signal that ended it
   std::string out = {};
   std::string err = {};  ///< without the simulated driver's own line
   std::string ledger = {};
 };
 
-/// Runs from its construction on, in `directory`, and no longer than the test. Throws
-/// std::system_error when the system refuses something.
+/// A shell's command, in `directory`, from its construction on and no longer than the test; `sim`
+/// is its ORVO_SIM. Throws std::system_error when the system refuses something.
 class ToolProcess : public ToolResult {
  public:
-  ToolProcess(const std::filesystem::path& directory, const ToolCall& call);
+  ToolProcess(const std::filesystem::path& directory, const std::string& command,
+              const std::string& sim = "");
   ~ToolProcess();
   ToolProcess(const ToolProcess&) = delete;
   ToolProcess& operator=(const ToolProcess&) = delete;
 
-  /// Takes in what the tool says until `condition` holds (true) or the tool has ended (false).
+  /// Takes in what it says until `condition` holds (true) or it has ended (false).
   bool run_until(const std::function<bool()>& condition);
   const ToolResult& finish();  ///< runs it to its end
 
@@ -62,7 +53,8 @@ class ToolProcess : public ToolResult {
 
 /// From its start to its end. Again where the machine did not let the tool run, so that a capture's
 /// time was over before its stream: what that left behind shows nothing and goes.
-[[nodiscard]] ToolResult run_tool(const std::filesystem::path& directory, const ToolCall& call);
+[[nodiscard]] ToolResult run_tool(const std::filesystem::path& directory,
+                                  const std::string& command, const std::string& sim = "");
 
 /// The lines of `text` that begin with `start`.
 [[nodiscard]] std::string lines_with(const std::string& text, const std::string& start);
