@@ -18,72 +18,57 @@ namespace {
 
 using timing::Device;
 
-ot_identity identity_of(const std::array<std::string, 4>& texts) {
-  ot_identity record;
-  std::memset(&record, 'x', sizeof record);  // what follows a text's end must not matter
-  std::memcpy(record.id_field_1, texts[0].data(), texts[0].size());
-  std::memcpy(record.id_field_2, texts[1].data(), texts[1].size());
-  std::memcpy(record.id_field_3, texts[2].data(), texts[2].size());
-  std::memcpy(record.description, texts[3].data(), texts[3].size());
-  return record;
-}
-
-TEST(LibraryStatus, WithoutATextOrADetail) {
-  using Text = std::optional<std::string>;
-  const struct {
-    Text status_text, detail_text;
-    const char* error;
-  } cases[] = {{"T", "", "call: T [-3]"}, {"T", {}, "call: T [-3]"}, {{}, "D", "call:  (D) [-3]"}};
-  ScriptedDriver driver;
+/// The Error of a status that the library returned.
+TEST(LibraryStatus, MayHaveNeitherTextNorDetail) {
+  driver = {};
   const Device device = Device::open("p", 1);
-  for (const auto& c : cases) {
-    driver.status_text = c.status_text;
-    driver.detail_text = c.detail_text;
-    EXPECT_EQ(error_of([&] { timing::detail::check(-3, "call", device.handle); }), c.error);
+  for (const auto& [text, detail, error] : {std::array{"T", "", "call: T [-3]"},
+                                            {"T", nullptr, "call: T [-3]"},
+                                            {nullptr, "D", "call:  (D) [-3]"}}) {
+    driver.status_text = text;
+    driver.detail_text = detail;
+    EXPECT_EQ(error_of([&] { timing::detail::check(-3, "call", device.handle); }), error);
   }
 }
 
-TEST(Discovery, ListsWhatTheLibraryListsAndReleasesTheList) {
-  ScriptedDriver driver;
-  const std::string full(16, 'a');
-  const std::string longest(48, 'f');
-  driver.instruments = {
-      {{}, identity_of({full, std::string("b\xE9 \0cd", 6), std::string("\0e", 2), longest})},
-      {"port 1", {}}};
+TEST(Discovery, ListsWhatTheLibraryLists) {
+  ot_identity identity;
+  std::memset(&identity, 'x', sizeof identity);  // what follows a text's end must not matter
+  std::memcpy(identity.id_field_2, "b\xE9 \0cd", 6);
+  std::memcpy(identity.id_field_3, "\0e", 2);
+  driver = {};
+  driver.instruments = {{nullptr, &identity}, {"port 1", nullptr}};
   const std::vector<timing::DiscoveredDevice> devices = Device::discover();
   ASSERT_EQ(devices.size(), 2u);
   EXPECT_EQ(devices[0].port, "");
-  EXPECT_EQ(devices[0].identity.id_field_1, full);
+  EXPECT_EQ(devices[0].identity.id_field_1, std::string(sizeof identity.id_field_1, 'x'));
   EXPECT_EQ(devices[0].identity.id_field_2, "b\xE9 ");
   EXPECT_EQ(devices[0].identity.id_field_3, "");
-  EXPECT_EQ(devices[0].identity.description, longest);
+  EXPECT_EQ(devices[0].identity.description, std::string(sizeof identity.description, 'x'));
   EXPECT_EQ(devices[1].port, "port 1");
   EXPECT_EQ(devices[1].identity.description, "");
-  EXPECT_EQ(driver.take_calls(), "discover; count; port 0; identity 0; port 1; identity 1; free; ");
 }
 
 TEST(Open, MakesTheCallsAndClosesOnce) {
-  const std::string all = "discover; count; port 0; identity 0; port 1; identity 1; free; ";
+  const char* const failed = "open: status text [-2]";
   const struct {
     const char* port;  // or the first one
     int baud;
-    std::size_t instruments;
-    const char *failing, *error;
-    std::string calls;
+    std::vector<ScriptedDriver::Instrument> instruments;
+    const char *failing, *error, *calls;
   } cases[] = {
-      {"p", 3000000, 0, "-", "no error", "open_serial p; close; "},
-      {"p", 115200, 0, "-", "no error", "open p 115200; close; "},
-      {"p", 3000000, 0, "open", "open: status text [-2]", "open_serial p; status_string -2; "},
-      {{}, 9600, 2, "-", "no error", all + "open first 9600; close; "},
-      {{}, 9600, 2, "open", "open: status text [-2]", all + "open first 9600; status_string -2; "},
-      {{}, 9600, 0, "-", "open_first: no ORVO device found [-5]", "discover; count; free; "},
-      {{}, 9600, 2, "discover", "discover: status text [-2]", "discover; status_string -2; "},
+      {"p", 3000000, {}, "-", "no error", "open_serial p; close; "},
+      {"p", 115200, {}, "-", "no error", "open p 115200; close; "},
+      {"p", 3000000, {}, "open", failed, "open_serial p; status_string -2; "},
+      {{}, 9600, {{"1"}, {"2"}}, "-", "no error", "discover; free; open 1 9600; close; "},
+      {{}, 9600, {{"1"}}, "open", failed, "discover; free; open 1 9600; status_string -2; "},
+      {{}, 9600, {}, "-", "open_first: no ORVO device found [-5]", "discover; free; "},
+      {{}, 9600, {}, "disc", "discover: status text [-2]", "discover; status_string -2; "},
   };
   for (const auto& c : cases) {
-    ScriptedDriver driver;
+    driver = {};
     driver.failing = c.failing;
-    driver.instruments.resize(c.instruments);
-    if (c.instruments > 0) driver.instruments[0].port = "first";
+    driver.instruments = c.instruments;
     const auto open = [&] {
       const std::string_view more = "p and more";
       const Device device =
@@ -98,7 +83,7 @@ TEST(Open, MakesTheCallsAndClosesOnce) {
 TEST(FineTables, FileReplacesAllTablesOrNone) {
   const ScratchDirectory scratch;
   std::filesystem::current_path(scratch.path());
-  ScriptedDriver driver;
+  driver = {};
   driver.instruments.resize(1);
   const std::string magic("TLUT\1\0\0\0", 8);
   const std::string one("\1\0\0\0\2\0\0\0\0\0\0\x80", 12);  // the entry is 2 - 2^63
