@@ -4,6 +4,7 @@
 #include <sys/types.h>
 
 #include <array>
+#include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <string>
@@ -70,8 +71,8 @@ class ToolProcess : public ToolResult {
 /// Close; small for one that failed, "!" for a misuse, "." for the orderly end.
 [[nodiscard]] std::string calls_in(const std::string& ledger);
 
-/// What is wrong with the recordings of `run_dir` when each is to hold what its stream delivered.
-[[nodiscard]] std::string wrong_recordings(const std::filesystem::path& run_dir,
-                                           const std::string& ledger);
+/// What the reads of a ledger's streams brought, and what the recordings in `run_dir` hold.
+[[nodiscard]] std::uintmax_t delivered_bytes(const std::string& ledger);
+[[nodiscard]] std::uintmax_t recorded_bytes(const std::filesystem::path& run_dir);
 
 }  // namespace orvo::tests
