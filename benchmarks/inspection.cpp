@@ -37,6 +37,11 @@ Figures measure_commands() {
   if (!std::filesystem::exists(file)) {
     write_recording(file, captured_bytes(kHz, kSeconds));
   }
+  // Whose intervals are far from each other, in many columns.
+  static const std::string jittery = directory.file("jittery.ortime");
+  if (!std::filesystem::exists(jittery)) {
+    write_recording(jittery, captured_bytes(kHz, kSeconds, 2'500'000));
+  }
   const auto decode = [] {
     timing::StreamFileReader reader;
     reader.open(file);
@@ -66,6 +71,9 @@ Figures measure_commands() {
   measure("info", [&] {
     silently([] { return inspection::run(inspection::InfoOptions{.paths = {file}}); });
   });
+  measure("info jittery", [&] {
+    silently([] { return inspection::run(inspection::InfoOptions{.paths = {jittery}}); });
+  });
   measure("report", [&] { silently([&] { return inspection::run(report); }); });
   measure("tags", [&] { silently([&] { return inspection::run(tags); }); });
   return figures;
@@ -76,6 +84,7 @@ Figures measure_commands() {
 void add_inspection(Table& table) {
   constexpr double kVerify = 1.5;
   constexpr double kInfo = 2.5;
+  constexpr double kJittery = 20;
   constexpr double kReport = 3;
   constexpr double kTags = 2;
   add_benchmark("ortime", measure_commands);
@@ -89,6 +98,7 @@ void add_inspection(Table& table) {
   };
   add("verify", "verify", kVerify);
   add("info", "info", kInfo);
+  add("info, jitter 2.5 us", "info jittery", kJittery);
   add("report", "report", kReport);
   add("tags to NumPy", "tags", kTags);
 }

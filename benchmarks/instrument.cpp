@@ -48,9 +48,7 @@ Figures measure_tool() {
   const tests::ScratchDirectory directory;
   tests::ToolResult result;
   const double seconds = seconds_of([&] {
-    result = tests::run_tool(
-        directory.path(),
-        {.arguments = {"--output-root=" + directory.file("results")}, .environment = {}});
+    result = tests::run_tool(directory.path(), tests::kTool + "--output-root=results");
   });
   if (result.status != 0) throw std::runtime_error("the tool failed: " + result.err);
   return {{"share", seconds / kAllowedSeconds}, {"seconds", seconds}};

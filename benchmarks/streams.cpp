@@ -167,8 +167,9 @@ std::vector<std::uint8_t> clean_bytes(unsigned delta_bits, std::size_t bytes) {
   return generate(settings, config, bytes);
 }
 
-std::vector<std::uint8_t> captured_bytes(double hz, double seconds) {
+std::vector<std::uint8_t> captured_bytes(double hz, double seconds, std::uint64_t jitter_ps) {
   simulator::Settings settings;
+  settings.jitter_ps = jitter_ps;
   settings.bit_phase = 7;
   settings.pace = simulator::Pace::unpaced_ps;
   settings.end = static_cast<std::uint64_t>(seconds * kRealSeconds * kPsPerSecond);
