@@ -1,0 +1,46 @@
+"""The two programs together: what the tool found in its recordings, ortime finds again."""
+
+import re
+import unittest
+
+from support.programs import TOOL, ProgramTest, lines_with
+
+
+class InspectionTool(ProgramTest):
+    def record(self, sim):
+        """Runs the tool on 0.1 s of what an instrument says."""
+        self.remove_outputs()
+        return self.run_whole(TOOL + "--capture-s=0.1 --output-root=out",
+                              "pace=ps:100000000000;" + sim)
+
+    def test_finds_the_same_numbers_in_every_recording(self):
+        for sim in ("", "rate_error_ppm=2:40", "lose=1:3@50,3:7@100", "silent=1",
+                    "damage=flip@150000,flip@150001,flip@150002,flip@150003",
+                    "pace=ps:50000000000"):  # ends early
+            with self.subTest(sim):
+                recorded = self.record(sim)
+                self.assertEqual(recorded.status, 2 if sim else 0, recorded.err)
+                again = self.run_whole(f"ortime verify {self.run_dir()}")
+                self.assertEqual(again.status, recorded.status)
+                self.assertEqual(again.err, "")  # which names each number that the report has otherwise
+                runs = re.sub(" payload_bytes=[0-9]+", "", lines_with(again.out, "run "))
+                self.assertEqual(runs, lines_with(recorded.out, "run "))
+
+    def test_takes_what_the_tool_leaves_by_every_way(self):
+        self.assertEqual(self.record("").status, 0)
+        file = self.run_dir() / "overflow_frequency_01.ortime"
+        tags = self.run_whole(f"ortime tags {file}").out
+        self.assertGreater(len(tags), 1000)
+        for command, status, out in ((f"tags - <{file}", 0, tags),
+                                     (f"tags --run=1 {self.run_dir()}", 0, tags),
+                                     ("verify out/latest.json", 0, "pass=true\n"),
+                                     (f"verify - --requested-hz=1000 <{file}", 0, "pass=true\n"),
+                                     (f"info {file} >/dev/full", 1, "")):
+            with self.subTest(command):
+                ortime = self.run_whole("ortime " + command)
+                self.assertEqual(ortime.status, status, ortime.err)
+                self.assertTrue(ortime.out.endswith(out), ortime.out)
+
+
+if __name__ == "__main__":
+    unittest.main()
