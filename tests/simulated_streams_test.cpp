@@ -25,47 +25,17 @@ using timing::Mode;
 constexpr std::uint64_t kSecondPs = 999'900'000'000;  // of the instrument
 constexpr std::uint64_t kWrapPs = simulator::kWrapPs;
 
-struct StreamCase {
-  Format format = Format::packed_delta;
-  unsigned bits = 16, quantum_ps = 8;
-  Mode mode = Mode::internal;
-  unsigned mask = 0;
-  unsigned divider = 310;  // 100 kHz
-  std::uint64_t duration_ps = 80'000'000;
-  std::string settings = "";
-};
-
-Instrument instrument_of(const StreamCase& c) {
-  Instrument instrument;
-  instrument.settings =
-      simulator::parse_settings("pace=ps:" + std::to_string(c.duration_ps) + ";" + c.settings);
-  instrument.divider = c.divider;
-  timing::StreamFileHeader& header = instrument.header;
-  header.stream_format = c.format;
-  header.mode = c.mode;
-  header.channel_mask = static_cast<std::uint8_t>(c.mask);
-  header.delta_bits = static_cast<std::uint8_t>(c.bits);
-  header.quantum_ps = static_cast<std::uint16_t>(c.quantum_ps);
-  if (c.mode == Mode::internal) header.raw64_tag_format = "raw_cf";
-  return instrument;
-}
-
 /// Every event of the stream comes as a tag; returns how many.
-std::uint64_t expect_exact(const StreamCase& c) {
+std::uint64_t expect_exact(const Instrument& c) {
   SCOPED_TRACE("bits " + std::to_string(c.bits) + " quantum " + std::to_string(c.quantum_ps) +
                " mask " + std::to_string(c.mask) + " divider " + std::to_string(c.divider) + " " +
-               c.settings);
-  const Instrument instrument = instrument_of(c);
-  timing::StreamDecoder decoder(instrument.header);
-  Witness witness(instrument);
+               c.sim);
+  Witness witness(c);
   bool exact = true;
-  instrument.for_each_chunk(8192, [&](auto bytes) {
-    decoder.append(bytes);
-    exact = exact && witness.take(decoder.feed());
-  });
+  c.for_each_batch(8192, [&](auto tags) { exact = exact && witness.take(tags); });
   EXPECT_TRUE(exact);
   EXPECT_GT(witness.count(), 100U);
-  EXPECT_TRUE(witness.has_all_before(instrument.settings.clock_ps + c.duration_ps));
+  EXPECT_TRUE(witness.has_all_before(c.settings().clock_ps + c.duration_ps));
   return witness.count();
 }
 
@@ -124,46 +94,37 @@ TEST(SimulatedStream, DecodesExactlyForDaysInTheSameMemory) {
     events += expect_exact({.bits = bits,
                             .mode = Mode::external,
                             .duration_ps = hours_ps,
-                            .settings = "external_hz=30,10,5,2"});
+                            .sim = "external_hz=30,10,5,2"});
   }
   std::cout << events << " events, +" << max_rss_kib() - before_kib << " KiB\n";
   EXPECT_LT(max_rss_kib() - before_kib, 4096);  // room for a sanitizer
 }
 
 constexpr std::size_t kChunkBytes = 256;  // of the packed recordings below each has all syncs
-const StreamCase kRecordings[] = {
-    {Format::raw64, 16, 8, Mode::external},
-    {Format::raw64, 16, 8, Mode::internal, 0, 15},
-    {Format::delta32, 16, 8, Mode::internal, 0, 15},
-    {Format::packed_delta, 16, 8, Mode::internal, 0, 15},
-    {Format::packed_delta, 16, 8, Mode::internal, 0, 310},  // with overflows
-    {Format::packed_delta, 9, 1, Mode::internal, 0, 15},
-    {Format::packed_delta, 16, 8, Mode::external},
-};
 
-struct Recording {
-  timing::StreamFileHeader header;
-  Bytes payload;
-};
-
-Recording record(StreamCase c, std::uint64_t clock_ps) {
-  c.settings =
-      "pace=bytes:1792;sync_interval=4;external_hz=2000000,1800000,1500000,1200000;"
-      "clock_ps=" +
-      std::to_string(clock_ps);
-  const Instrument instrument = instrument_of(c);
-  Recording recording{instrument.header, {}};
-  instrument.for_each_chunk(1792, [&](auto bytes) {
-    recording.payload.insert(recording.payload.end(), bytes.begin(), bytes.end());
-  });
-  return recording;
+std::vector<Instrument> recordings(std::uint64_t clock_ps) {
+  std::vector<Instrument> recordings = {
+      {Format::raw64, 16, 8, Mode::external},
+      {Format::raw64, 16, 8, Mode::internal, 0, 15},
+      {Format::delta32, 16, 8, Mode::internal, 0, 15},
+      {Format::packed_delta, 16, 8, Mode::internal, 0, 15},
+      {Format::packed_delta, 16, 8, Mode::internal, 0, 310},  // with overflows
+      {Format::packed_delta, 9, 1, Mode::internal, 0, 15},
+      {Format::packed_delta, 16, 8, Mode::external},
+  };
+  for (Instrument& recording : recordings) {
+    recording.sim =
+        "pace=bytes:1792;sync_interval=4;external_hz=2000000,1800000,1500000,1200000;clock_ps=" +
+        std::to_string(clock_ps);
+  }
+  return recordings;
 }
 
 /// The tags of each chunk, of which the first one has `first_bytes`.
-std::vector<Tags> decode(const Recording& recording, std::size_t first_bytes, std::size_t bytes) {
-  timing::StreamDecoder decoder(recording.header);
+std::vector<Tags> decode(const timing::StreamFileHeader& header, std::span<const std::uint8_t> rest,
+                         std::size_t first_bytes, std::size_t bytes) {
+  timing::StreamDecoder decoder(header);
   std::vector<Tags> chunks;
-  std::span<const std::uint8_t> rest = recording.payload;
   for (std::size_t count = first_bytes; !rest.empty(); count = std::min(bytes, rest.size())) {
     chunks.push_back(feed(decoder, rest.first(count)));
     rest = rest.subspan(count);
@@ -173,21 +134,21 @@ std::vector<Tags> decode(const Recording& recording, std::size_t first_bytes, st
 
 // What comes before a cut is a prefix, and the rest follows without a gap.
 TEST(DamagedRecording, CutAnywhereAndInAnyChunksGivesTheSameTags) {
-  for (const StreamCase& c : kRecordings) {
-    const Recording recording = record(c, kWrapPs - 5'000'000);  // the clock wraps early
-    const std::size_t size = recording.payload.size();
-    const Tags whole = decode(recording, size, size)[0];
+  for (const Instrument& recording : recordings(kWrapPs - 5'000'000)) {  // the clock wraps early
+    const Bytes payload = recording.bytes();
+    const std::size_t size = payload.size();
+    const Tags whole = decode(recording.header(), payload, size, size)[0];
     ASSERT_GT(whole.size(), size / 20);
+    EXPECT_GT(decode(recording.header(), payload, size / 2, size)[0].size(), 5U);
     for (std::size_t cut = 0; cut < size; ++cut) {
       for (const std::size_t bytes : {size, 1 + cut % 300}) {
         Tags tags;
-        for (const Tags& some : decode(recording, cut, bytes)) {
+        for (const Tags& some : decode(recording.header(), payload, cut, bytes)) {
           tags.insert(tags.end(), some.begin(), some.end());
         }
         ASSERT_EQ(tags, whole) << cut << " bytes, then " << bytes << " a chunk";
       }
     }
-    EXPECT_GT(decode(recording, size / 2, size)[0].size(), 5U);
   }
 }
 
@@ -198,20 +159,23 @@ TEST(DamagedRecording, AFlippedBitCostsAPackedRecordingThreeChunks) {
     return a.channel == b.channel &&
            (a.time_ps - b.time_ps) % static_cast<std::int64_t>(kWrapPs) == 0;
   };
-  for (const StreamCase& c : kRecordings) {
-    if (c.format != Format::packed_delta) continue;
-    Recording recording = record(c, 1'000'000'000'000);
-    const std::vector<Tags> undamaged = decode(recording, kChunkBytes, kChunkBytes);
-    for (std::size_t bit = 0; bit < 8 * recording.payload.size(); bit += 3) {
+  for (const Instrument& recording : recordings(1'000'000'000'000)) {
+    if (recording.format != Format::packed_delta) continue;
+    Bytes payload = recording.bytes();
+    const auto decoded = [&] {
+      return decode(recording.header(), payload, kChunkBytes, kChunkBytes);
+    };
+    const std::vector<Tags> undamaged = decoded();
+    for (std::size_t bit = 0; bit < 8 * payload.size(); bit += 3) {
       const auto flipped = static_cast<std::uint8_t>(1U << bit % 8);
-      recording.payload[bit / 8] ^= flipped;
-      const std::vector<Tags> tags = decode(recording, kChunkBytes, kChunkBytes);
+      payload[bit / 8] ^= flipped;
+      const std::vector<Tags> tags = decoded();
       for (std::size_t k = bit / 8 / kChunkBytes + 3; k < tags.size(); ++k) {
         ASSERT_TRUE(std::equal(tags[k].begin(), tags[k].end(), undamaged[k].begin(),
                                undamaged[k].end(), same_but_for_turns))
-            << c.bits << " bits, bit " << bit;
+            << recording.bits << " bits, bit " << bit;
       }
-      recording.payload[bit / 8] ^= flipped;
+      payload[bit / 8] ^= flipped;
     }
   }
 }

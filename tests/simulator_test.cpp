@@ -27,16 +27,7 @@ namespace {
 using timing::Mode;
 using Bytes = std::vector<std::uint8_t>;
 
-/// A packed-delta stream of 100 kHz, or of channel 0 alone with another divider.
-Bytes bytes_of(const std::string& text, std::uint32_t divider = 310) {
-  tests::Instrument instrument{{}, parse_settings(text), divider};
-  instrument.header.mode = Mode::internal;
-  if (divider != 310) instrument.header.channel_mask = 1;
-  Bytes bytes;
-  instrument.for_each_chunk(
-      100'003, [&](auto part) { bytes.insert(bytes.end(), part.begin(), part.end()); });
-  return bytes;
-}
+Bytes bytes_of(const std::string& sim) { return tests::Instrument{.sim = sim}.bytes(); }
 
 /// The channel's next `count` event times.
 std::vector<std::uint64_t> times_of(EventSource source, std::size_t count) {
@@ -197,7 +188,8 @@ TEST_F(DriverLibrary, ServesAnInstrument) {
     EXPECT_EQ(got, expected);
     stream.insert(stream.end(), buffer.data(), buffer.data() + got);
   }
-  EXPECT_EQ(stream, bytes_of("pace=bytes:1000", 16));
+  const tests::Instrument told{.mask = 1, .divider = 16, .sim = "pace=bytes:1000"};
+  EXPECT_EQ(stream, told.bytes());
   EXPECT_EQ(ot_stop_stream_mode(dev_, 2), OT_ERR_ARGUMENT);
   EXPECT_EQ(ot_stop_stream_mode(dev_, 0), OT_OK);
   EXPECT_EQ(ot_close(dev_), OT_OK);

@@ -7,33 +7,64 @@
 #include <cstdint>
 #include <cstdio>
 #include <span>
+#include <string>
 #include <vector>
 
 #include "orvo/simulator/stream.h"
+#include "orvo/timing/stream_decoder.h"
 #include "orvo/timing/stream_header.h"
 #include "orvo/timing/time_tag.h"
 
 namespace orvo::tests {
 
 struct Instrument {
-  timing::StreamFileHeader header;  ///< of its recording
-  simulator::Settings settings;
-  std::uint32_t divider = 310;  ///< of the calibration source: 100 kHz
+  timing::Format format = timing::Format::packed_delta;
+  unsigned bits = 16, quantum_ps = 8;
+  timing::Mode mode = timing::Mode::internal;
+  unsigned mask = 0;
+  std::uint32_t divider = 310;             ///< of the calibration source: 100 kHz
+  std::uint64_t duration_ps = 80'000'000;  ///< of the stream
+  std::string sim = "";                    ///< as in ORVO_SIM; may name another end
 
-  [[nodiscard]] simulator::SourceConfig source() const {
-    return {header.mode, header.channel_mask, divider, settings.clock_ps};
+  /// Of its recording.
+  [[nodiscard]] timing::StreamFileHeader header() const {
+    timing::StreamFileHeader header;
+    header.stream_format = format;
+    header.mode = mode;
+    if (mode == timing::Mode::internal) header.raw64_tag_format = "raw_cf";
+    header.channel_mask = static_cast<std::uint8_t>(mask);
+    header.delta_bits = static_cast<std::uint8_t>(bits);
+    header.quantum_ps = static_cast<std::uint16_t>(quantum_ps);
+    return header;
+  }
+  [[nodiscard]] simulator::Settings settings() const {
+    return simulator::parse_settings("pace=ps:" + std::to_string(duration_ps) + ";" + sim);
+  }
+  [[nodiscard]] simulator::StreamConfig config() const {
+    const timing::StreamFileHeader told = header();
+    return {format,
+            told.delta_bits,
+            told.quantum_ps,
+            {mode, told.channel_mask, divider, settings().clock_ps}};
   }
   [[nodiscard]] simulator::Stream stream() const {
-    return {settings, generate_payload(settings, {header.stream_format, header.delta_bits,
-                                                  header.quantum_ps, source()})};
+    return {settings(), generate_payload(settings(), config())};
   }
-  /// Calls `take` with the stream's bytes, at most `chunk_bytes` at a time, to its end.
+
+  /// The stream's first 64 KiB.
+  [[nodiscard]] std::vector<std::uint8_t> bytes() const {
+    std::vector<std::uint8_t> bytes(1 << 16);
+    bytes.resize(stream().read(bytes, simulator::kNever - 1));
+    return bytes;
+  }
+  /// Calls `take` with the tags of the whole stream, decoded in chunks.
   template <typename Take>
-  void for_each_chunk(std::size_t chunk_bytes, const Take& take) const {
+  void for_each_batch(std::size_t chunk_bytes, const Take& take) const {
+    timing::StreamDecoder decoder(header());
     simulator::Stream bytes = stream();
-    std::vector<std::uint8_t> chunk(chunk_bytes);
-    while (const std::size_t got = bytes.read(chunk, simulator::kNever - 1)) {
-      take(std::span(chunk).first(got));
+    while (const auto got = bytes.read(decoder.prepare(chunk_bytes), simulator::kNever - 1)) {
+      decoder.commit(got);
+      take(decoder.feed());
     }
   }
 };
@@ -43,14 +74,13 @@ struct Instrument {
 class Witness {
  public:
   explicit Witness(const Instrument& instrument)
-      : events_(instrument.settings, instrument.source()) {
-    const timing::StreamFileHeader& header = instrument.header;
-    if (header.stream_format == timing::Format::packed_delta) {
-      tick_ps_ <<= std::countr_zero(header.quantum_ps);
+      : events_(instrument.settings(), instrument.config().source) {
+    if (instrument.format == timing::Format::packed_delta) {
+      tick_ps_ <<= std::countr_zero(instrument.quantum_ps);
     }
-    if (header.stream_format != timing::Format::raw64) {
+    if (instrument.format != timing::Format::raw64) {
       line_ps_ = std::min(line_ps_, tick_ps_ * (simulator::kTickMask + 1));
-    } else if (header.mode == timing::Mode::internal) {
+    } else if (instrument.mode == timing::Mode::internal) {
       tolerance_ps_ = 18;  // of its counts
     }
     base_ps_.fill(simulator::kNever);
