@@ -11,31 +11,15 @@ namespace {
 
 using Kind = timing::LockEvent::Kind;
 
-constexpr std::uint64_t kWrapPs = 0xD0500000000;  // the instrument's time wraps to 0: 3333 * 2^32
 constexpr std::uint64_t kTickMask = (std::uint64_t{1} << 41) - 1;
 constexpr std::uint64_t kUncheckedStepPs = 10'000'000'000;
 constexpr std::uint64_t kPlausibleStepPs = 1'000'000'000'000;
 constexpr std::uint64_t kBackwardTolerancePs = 1'000'000;
 
-// Sums and differences of times count modulo 2^64.
-std::uint64_t as_unsigned(std::int64_t value) { return static_cast<std::uint64_t>(value); }
-std::uint64_t not_below_zero(std::int64_t value) { return value < 0 ? 0 : as_unsigned(value); }
+std::int64_t as_signed(std::uint64_t value) { return static_cast<std::int64_t>(value); }
+std::uint64_t not_below_zero(std::uint64_t value) { return as_signed(value) < 0 ? 0 : value; }
 
 }  // namespace
-
-PlainDecoder::PlainDecoder(const timing::StreamFileHeader& header)
-    : internal_(header.mode == timing::Mode::internal),
-      active_mask_(header.channel_mask == 0 ? 0x0FU : header.channel_mask & 0x0FU),
-      active_channels_(static_cast<unsigned>(std::popcount(active_mask_))),
-      bits_(header.delta_bits == 0 ? 16 : header.delta_bits),
-      width_(bits_ + 3),
-      sync_length_((bits_ + 40) / bits_),
-      all_ones_(bits_ > 31 ? 0 : (std::uint64_t{1} << bits_) - 1),
-      quantum_shift_(
-          header.quantum_ps == 0 ? 3 : static_cast<unsigned>(std::countr_zero(header.quantum_ps))),
-      period_ps_(std::uint64_t{1} << 41 << quantum_shift_),
-      excess_ps_((kWrapPs + period_ps_ - 1) / period_ps_ * period_ps_ - kWrapPs),
-      modulus_ps_(std::min(period_ps_, kWrapPs)) {}
 
 PlainDecoder::Record PlainDecoder::read_record(std::uint64_t bit) const {
   const std::size_t first = bit / 8;
@@ -53,8 +37,8 @@ PlainDecoder::Record PlainDecoder::read_record(std::uint64_t bit) const {
           record & all_ones_};
 }
 
-PlainDecoder::Event PlainDecoder::tally(Event event,
-                                        const std::array<std::uint64_t, 4>& counts) const {
+PlainDecoder::Event PlainDecoder::tally(Kind kind, const Counts& counts) const {
+  Event event{.kind = kind};
   event.min = ~std::uint64_t{0};
   for (unsigned c = 0; c < 4; ++c) {
     if (!active(c)) continue;
@@ -66,16 +50,20 @@ PlainDecoder::Event PlainDecoder::tally(Event event,
   return event;
 }
 
-PlainDecoder::Parse PlainDecoder::simulate(std::uint64_t first_bit, std::uint64_t n) const {
-  Parse parse;
+/// What `n` records say of the start at this bit: begin after the last one that no stream has.
+PlainDecoder::Event PlainDecoder::parse_from(std::uint64_t byte, std::uint64_t shift,
+                                             std::uint64_t n) const {
+  Counts counts{};
+  std::uint64_t begin = 0;
   unsigned countdown = 0, channel_in_sync = 0;
   int pending_channel = -1;
-  std::uint64_t bit = first_bit;
+  std::uint64_t bit = 8 * byte + shift;
   for (std::uint64_t i = 0; i < n; ++i, bit += width_) {
     const Record record = read_record(bit);
     const unsigned c = record.channel;
     if (!active(c) || (countdown > 0 && (c != channel_in_sync || record.flag))) {
-      parse = {{}, i + 1};
+      counts = {};
+      begin = i + 1;
       countdown = 0;
       pending_channel = -1;
     } else if (countdown > 0) {
@@ -85,13 +73,19 @@ PlainDecoder::Parse PlainDecoder::simulate(std::uint64_t first_bit, std::uint64_
       countdown = sync_length_;
       channel_in_sync = c;
     } else if (pending_channel == static_cast<int>(c)) {
-      ++parse.counts[c];
+      ++counts[c];
       pending_channel = -1;
-    } else if (parse.counts[c] > 0) {
-      ++parse.counts[c];
+    } else if (counts[c] > 0) {
+      ++counts[c];
     }
   }
-  return parse;
+  Event event = tally(Kind::locked, counts);
+  if (internal_ && active_channels_ > 1 && 2 * event.min < event.max) {
+    event.kind = Kind::rejected_alignment;
+  }
+  event.drop_bytes = byte + (begin * width_ + shift) / 8;
+  event.bit_offset = (begin * width_ + shift) % 8;
+  return event;
 }
 
 std::optional<PlainDecoder::Event> PlainDecoder::probe_packed_alignment() const {
@@ -99,6 +93,8 @@ std::optional<PlainDecoder::Event> PlainDecoder::probe_packed_alignment() const 
   if (input_buffer.empty()) return {};
   const std::uint64_t last_byte =
       std::min<std::uint64_t>(active_channels_ == 1 ? 16 : 64, input_buffer.size() - 1);
+  const unsigned needed =
+      std::max(internal_ ? active_channels_ : std::min(active_channels_, 2U), 1U);
   const auto rank = [this](const Event& e) {
     const bool refused = e.kind == Kind::rejected_alignment;
     return std::tuple(e.synced, active_channels_ > 1 && !refused ? e.min : 0, e.total);
@@ -106,16 +102,9 @@ std::optional<PlainDecoder::Event> PlainDecoder::probe_packed_alignment() const 
   for (std::uint64_t b = 0; b <= last_byte; ++b) {
     const std::uint64_t span_bits = 8 * std::min<std::uint64_t>(input_buffer.size() - b, 65'536);
     for (std::uint64_t s = 0; s < width_ && s + width_ <= span_bits; ++s) {
-      const Parse parse = simulate(8 * b + s, (span_bits - s) / width_);
-      Event event = tally({.kind = Kind::locked}, parse.counts);
-      const unsigned needed = internal_ ? active_channels_ : std::min(active_channels_, 2U);
-      if (event.synced == 0 || event.synced < needed) continue;
-      const std::uint64_t start_bit = parse.restart * width_ + s;
-      event.drop_bytes = b + start_bit / 8;
-      event.bit_offset = start_bit % 8;
-      const bool refused = active_channels_ > 1 && internal_ && 2 * event.min < event.max;
-      if (refused) event.kind = Kind::rejected_alignment;
-      std::optional<Event>& kept = refused ? rejected : best;
+      const Event event = parse_from(b, s, (span_bits - s) / width_);
+      if (event.synced < needed) continue;
+      std::optional<Event>& kept = event.kind == Kind::locked ? best : rejected;
       if (!kept || rank(event) > rank(*kept)) kept = event;
     }
   }
@@ -123,18 +112,15 @@ std::optional<PlainDecoder::Event> PlainDecoder::probe_packed_alignment() const 
 }
 
 bool PlainDecoder::take_lock() {
-  const std::optional<Event> found = probe_packed_alignment();
-  if (found && found->kind == Kind::locked) {
-    remove_front(found->drop_bytes);
-    locked = true;
+  std::optional<Event> found = probe_packed_alignment();
+  locked = found && found->kind == Kind::locked;
+  if (locked) {
     bit_offset = found->bit_offset;
-    report({.kind = Kind::locked,
-            .drop_bytes = found->drop_bytes,
-            .bit_offset = bit_offset,
-            .buffer_bytes = input_buffer.size()});
-    return true;
+    remove_front(found->drop_bytes);
+    found->buffer_bytes = input_buffer.size();
   }
   if (found) report(*found);
+  if (locked) return true;
   const std::uint64_t size = input_buffer.size();
   if (size < 4096) return false;
   const std::uint64_t given_up = size > 65'536 ? size - 4096 : 0;
@@ -163,9 +149,10 @@ std::vector<timing::TimeTag> PlainDecoder::feed_packed_delta() {
   if (!holds) {
     drop_.record = taken - 1;
   } else if (internal_ && active_channels_ >= 2) {
-    const Event event = tally({.kind = Kind::imbalanced}, batch_counts_);
+    const Event event = tally(Kind::imbalanced, batch_counts_);
     if (event.total >= 4096 && 8 * event.min < event.max) {
-      holds = drop(event);
+      holds = false;
+      drop_ = event;
       tags_.clear();
     }
   }
@@ -180,15 +167,10 @@ std::vector<timing::TimeTag> PlainDecoder::feed_packed_delta() {
 
 bool PlainDecoder::decode_record(const Record& record) {
   const unsigned c = record.channel;
-  if (!active(c)) return drop({.kind = Kind::inactive_channel, .channel = c});
+  if (!active(c)) return drop(Kind::inactive_channel, c);
   if (sync_chunks_left > 0) {
-    const Kind wrong = c != sync_channel ? Kind::sync_channel_mismatch : Kind::overflow_in_sync;
-    if (c != sync_channel || record.flag) {
-      return drop({.kind = wrong,
-                   .channel = c,
-                   .sync_channel = sync_channel,
-                   .sync_chunks_left = sync_chunks_left});
-    }
+    if (c != sync_channel) return drop(Kind::sync_channel_mismatch, c);
+    if (record.flag) return drop(Kind::overflow_in_sync, c);
     sync_value |= record.payload << sync_bits;
     sync_bits += bits_;
     if (--sync_chunks_left == 0) complete_sync();
@@ -230,29 +212,24 @@ void PlainDecoder::complete_sync() {
 }
 
 bool PlainDecoder::synced_data(unsigned c, std::uint64_t step_ps) {
-  const auto next = static_cast<std::int64_t>(step_ps + pending_sync_time);
-  const std::int64_t prev = last_time[c];
-  const std::uint64_t ahead = as_unsigned(next) - as_unsigned(prev);
-  Event event{.kind = Kind::nonmonotonic_sync,
-              .channel = c,
-              .delta_ps = static_cast<std::int64_t>(ahead),
-              .next_ps = next,
-              .prev_ps = prev};
+  const std::uint64_t next = step_ps + pending_sync_time, prev = last_time[c];
   if (pk_have_time[c]) {
-    if (next < prev && std::uint64_t{0} - ahead > kBackwardTolerancePs) return drop(event);
-    event.kind = Kind::implausible_sync_delta;
-    if (next == prev || (internal_ && (next < prev || ahead > kPlausibleStepPs))) {
-      return drop(event);
+    const bool back = as_signed(next) < as_signed(prev);
+    if (back && prev - next > kBackwardTolerancePs) {
+      return drop(Kind::nonmonotonic_sync, c, next, prev);
+    }
+    if (next == prev || (internal_ && (back || next - prev > kPlausibleStepPs))) {
+      return drop(Kind::implausible_sync_delta, c, next, prev);
     }
   }
   pending_sync_channel = -1;
   pending_sync_time = 0;
-  return emit(c, as_unsigned(next));
+  return emit(c, next);
 }
 
 bool PlainDecoder::plain_data(unsigned c, std::uint64_t step_ps) {
   if (!pk_have_time[c]) return true;
-  const std::uint64_t prev = as_unsigned(last_time[c]);
+  const std::uint64_t prev = last_time[c];
   if (period_ps_ / 2 < step_ps && step_ps <= period_ps_ &&
       period_ps_ - step_ps <= kBackwardTolerancePs) {
     return emit(c, prev + (step_ps - period_ps_));
@@ -260,23 +237,31 @@ bool PlainDecoder::plain_data(unsigned c, std::uint64_t step_ps) {
   if (step_ps > excess_ps_) {
     const std::uint64_t shorter = step_ps - excess_ps_;
     if (shorter <= kUncheckedStepPs) return emit(c, prev + shorter);
-    if (not_below_zero(last_time[c]) % kWrapPs + shorter >= kWrapPs) step_ps = shorter;
+    if (not_below_zero(prev) % kWrapPs + shorter >= kWrapPs) step_ps = shorter;
   }
   if (internal_ && step_ps > kPlausibleStepPs) {
-    return drop({.kind = Kind::implausible_delta,
-                 .channel = c,
-                 .delta_ps = static_cast<std::int64_t>(step_ps),
-                 .prev_ps = last_time[c]});
+    return drop(Kind::implausible_delta, c, prev + step_ps, prev);
   }
   return emit(c, prev + step_ps);
 }
 
 bool PlainDecoder::emit(unsigned c, std::uint64_t time_ps) {
-  last_time[c] = static_cast<std::int64_t>(time_ps);
+  last_time[c] = time_ps;
   pk_have_time[c] = true;
-  tags_.push_back({static_cast<std::uint8_t>(c), last_time[c]});
+  tags_.push_back({static_cast<std::uint8_t>(c), as_signed(time_ps)});
   ++batch_counts_[c];
   return true;
+}
+
+bool PlainDecoder::drop(Kind kind, unsigned c, std::uint64_t next_ps, std::uint64_t prev_ps) {
+  drop_ = {.kind = kind,
+           .channel = c,
+           .sync_channel = sync_channel,
+           .sync_chunks_left = sync_chunks_left,
+           .delta_ps = as_signed(next_ps - prev_ps),
+           .next_ps = as_signed(next_ps),
+           .prev_ps = as_signed(prev_ps)};
+  return false;
 }
 
 void PlainDecoder::remove_front(std::uint64_t bytes) {
