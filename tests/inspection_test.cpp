@@ -1,4 +1,4 @@
-// Stream files looked into: `info`, `tags`, and what both tell.
+// ortime's command line, and stream files looked into: `info`, `tags`, and what both tell.
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "orvo/inspection/lock_history.h"
+#include "orvo/inspection/stream_input.h"
 #include "support/decoding.h"
 #include "support/recordings.h"
 
@@ -19,12 +20,12 @@ namespace {
 
 namespace fs = std::filesystem;
 using timing::LockEvent;
-using timing::StreamFileHeader;
 
 class Inspection : public Ortime {
  protected:
   /// A raw64 file of picosecond records.
-  static void write_tags(const Tags& tags, StreamFileHeader header = {}) {
+  void write_tags(const Tags& tags, timing::Mode mode = timing::Mode::external) {
+    header.mode = mode;
     header.stream_format = timing::Format::raw64;
     Bytes payload;
     for (const auto& [channel, time_ps] : tags) {
@@ -43,17 +44,48 @@ class Inspection : public Ortime {
   }
 };
 
+TEST_F(Inspection, UsageErrorsNameTheFaultAndWhereToLook) {
+  write_file("f", "");
+  const std::pair<const char*, const char*> cases[] = {
+      {"", "a command is missing"},
+      {"\x1b[2J x", "'\\x1b[2J' is no command"},
+      {"info --chunk-bytes 99999999999999999999 x", "is not an integer from 1 to 1073741824"},
+      {"tags x --channel 4",
+       "--channel: '4' is not an integer from 0 to 3\nTry 'ortime tags --help'"},
+      {"tags x --format npy", "npy needs a file"},
+      {"tags x -o t.npz", "'t.npz': ends neither in .csv nor in .npy"},
+      {"tags x -o t.csv --format npy", "ends otherwise than --format"},
+      {"tags x --from-ps 5 --to-ps 5", "must be greater than --from-ps"},
+      {"tags f --run 1", "--run: needs a run directory"},
+      {"verify f", "'f': is a stream file"},
+      {"verify -", "is a stream file"},
+      {"verify . --divider 3", "'.': is a run"},
+      {"verify f --divider 4294967296", "from 1 to 4294967295"},
+      {"verify f --requested-hz nan", "'nan' is not a number greater than 0"},
+      {"verify f --divider 3 --tolerance-ppm nan", "of at least 0"},
+      {"verify f --divider 3 --channel-mask 16", "not in range 0 to 15"},
+      {"report x", "--output or --json is required"},
+      {"report x -o ''", "the name is empty"},
+      {"report x -o page --json page", "needs a file of its own"},
+  };
+  for (const auto& [words, told] : cases) {
+    EXPECT_EQ(ortime(words), inspection::kExitUsage) << words;
+    EXPECT_TRUE(has(err, told)) << err;
+    EXPECT_TRUE(has(err, "--help'")) << err;
+  }
+}
+
 TEST_F(Inspection, TagsInEveryFormat) {
   write_tags({{0, 5}, {3, 258}, {1, 7}, {0, 5}});
   EXPECT_EQ(tags("t"), "channel,time_ps\n0,5\n3,258\n1,7\n0,5\n");
   EXPECT_EQ(tags("t.csv", "--to-ps 258 --channel 0 --channel 3,0"), "channel,time_ps\n0,5\n0,5\n");
   EXPECT_EQ(tags("t.csv", "--from-ps 258"), "channel,time_ps\n3,258\n");
-  const std::string header =
+  const std::string text =
       "{'descr': [('channel', '|u1'), ('time_ps', '<i8')], 'fortran_order': False, "
       "'shape': (2,), }";
   EXPECT_EQ(tags("t.NPY", "--from-ps 6 --to-ps 259"),
-            std::string("\x93NUMPY\x01\x00\x76\x00", 10) + header +
-                std::string(117 - header.size(), ' ') + '\n' +
+            std::string("\x93NUMPY\x01\x00\x76\x00", 10) + text +
+                std::string(117 - text.size(), ' ') + '\n' +
                 std::string("\3\2\1\0\0\0\0\0\0\1\7\0\0\0\0\0\0\0", 18));
   Tags many;
   std::string csv = "channel,time_ps\n";
@@ -64,6 +96,9 @@ TEST_F(Inspection, TagsInEveryFormat) {
   write_tags(many);
   EXPECT_TRUE(tags("t", "--chunk-bytes 1000") == csv);
   EXPECT_EQ(tags("t.npy").size(), 128U + 9U * 200'000U);
+  fs::rename("a.ortime", "tags");  // called like a command
+  EXPECT_EQ(ortime("tags --channel 1 tags"), 0);
+  EXPECT_TRUE(out.starts_with("channel,time_ps\n1,1000\n1,5000\n"));
 }
 
 TEST_F(Inspection, OutputsAreWholeOrAbsentAndNeverInputs) {
@@ -99,9 +134,8 @@ TEST_F(Inspection, OutputsAreWholeOrAbsentAndNeverInputs) {
 }
 
 TEST_F(Inspection, InfoTellsChannelsInDisorder) {
-  StreamFileHeader header;
   header.application = "\x1b[31m\xff\xc2\x9b ü\n";
-  write_tags({{0, 10}, {1, 1}, {0, 40}, {0, 30}, {0, 30}}, header);
+  write_tags({{0, 10}, {1, 1}, {0, 40}, {0, 30}, {0, 30}});
   EXPECT_EQ(ortime("info a.ortime --chunk-bytes 8"), 0);
   EXPECT_TRUE(has(out, "\n  application=\"?[31m\\xff\\x9b ü\\n\"\n")) << out;
   EXPECT_TRUE(out.ends_with(R"(
@@ -125,18 +159,14 @@ channels:
 }
 
 TEST_F(Inspection, LocksAreDatedByTheTagBefore) {
-  PackedWriter writer;
-  writer.events(3'600);
-  writer.lose_lock();
-  writer.events(100);
-  writer.save("b.ortime");
+  record("b.ortime", 3'800, kLostLock);
   EXPECT_EQ(ortime("info b.ortime"), 0);
-  EXPECT_TRUE(has(out, "\nlocks:\n  taken=1\n  dropped=1\n  skipped_bytes=0\n")) << out;
-  EXPECT_TRUE(has(out, " last_ps=1116166628536 ")) << out;
+  EXPECT_TRUE(has(out, "\nlocks:\n  taken=1\n  dropped=1\n  skipped_bytes=2\n")) << out;
+  EXPECT_TRUE(has(out, " last_ps=1115650189136 ")) << out;
   EXPECT_TRUE(out.ends_with(R"(
   events:
-    kind="locked" payload_offset_bytes=0 tags_before=0 detail="locked bits=16 drop_bytes=0 bit_offset=0 raw_bytes=70334"
-    kind="sync_channel_mismatch" payload_offset_bytes=68433 tags_before=14400 time_ps=1116166628536 detail="drop sync channel mismatch ch=1 expected=0 record=28813 chunks_left=3"
+    kind="locked" payload_offset_bytes=2 tags_before=0 detail="locked bits=16 drop_bytes=2 bit_offset=2 raw_bytes=72628"
+    kind="sync_channel_mismatch" payload_offset_bytes=68511 tags_before=14336 time_ps=1115650189136 detail="drop sync channel mismatch ch=2 expected=0 record=28845 chunks_left=3"
   events_left_out=0
 )")) << out;
 
@@ -174,8 +204,6 @@ TEST_F(Inspection, AnyTimesAreCountedOnce) {
 }
 
 TEST_F(Inspection, SkewIsThatOfTheNearestEvent) {
-  StreamFileHeader header;
-  header.mode = timing::Mode::internal;
   for (const std::string skew_ps : {"248", "-248", "3000000", "-3000000"}) {
     for (const bool channel_0_first : {true, false}) {  // in the stream
       Tags tags;
@@ -185,13 +213,21 @@ TEST_F(Inspection, SkewIsThatOfTheNearestEvent) {
         tags.push_back(channel_0_first ? reference : other);
         tags.push_back(channel_0_first ? other : reference);
       }
-      write_tags(tags, header);
+      write_tags(tags, timing::Mode::internal);
       EXPECT_EQ(ortime("info a.ortime"), 0);
       EXPECT_TRUE(has(out, " skew={\"count\":1000,\"mean_ps\":" + skew_ps +
                                ".0,\"median_ps\":" + skew_ps + ".0,\"standard_deviation_ps\":0.0}"))
           << out;
     }
   }
+}
+
+TEST(Progress, TellsPartRateAndTimeLeft) {
+  EXPECT_EQ(inspection::progress_line(500'000'000, 2'000'000'000, 5),
+            "[######                  ] 25 %  500 of 2000 MB, 100 MB/s, 0:15 left");
+  EXPECT_EQ(inspection::progress_line(3, 2, 0),
+            "[########################] 100 %  0 of 0 MB, 0 MB/s");
+  EXPECT_EQ(inspection::progress_line(500'000'000, std::nullopt, 5), "500 MB, 100 MB/s");
 }
 
 }  // namespace
