@@ -161,6 +161,7 @@ TEST_F(DriverLibrary, ServesAnInstrument) {
   ot_device* second = nullptr;
   EXPECT_EQ(ot_open_serial(&dev_, "sim:2"), OT_ERR_NOT_FOUND);
   ASSERT_EQ(ot_open_serial(&dev_, "sim:1"), OT_OK);
+  ::setenv("ORVO_SIM", "seed=2", 1);  // from the next opening on
   EXPECT_EQ(ot_open_serial(&second, "sim:0"), kBusy);
   std::uint32_t divider = 0;
   EXPECT_EQ(ot_set_calibration_freq(dev_, 1e-3, &divider), OT_ERR_ARGUMENT);
@@ -173,6 +174,8 @@ TEST_F(DriverLibrary, ServesAnInstrument) {
   EXPECT_EQ(quantum_ps, 8);
   EXPECT_EQ(ot_set_stream_channel_mask(dev_, 1), OT_OK);
   ASSERT_EQ(ot_start_stream_mode(dev_, 0, 0), OT_OK);
+  std::uint64_t none = 0;
+  EXPECT_EQ(ot_read_stream_bytes(dev_, nullptr, 0, &none, 1), OT_OK);
   Bytes stream;
   for (const std::uint64_t expected : {600U, 400U, 0U}) {
     Bytes buffer(600);
