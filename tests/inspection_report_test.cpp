@@ -7,7 +7,6 @@
 #include <nlohmann/json.hpp>
 #include <regex>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "orvo/inspection/report/text.h"
@@ -58,8 +57,7 @@ void expect_well_formed(const std::string& page) {
     }
   }
   EXPECT_TRUE(open.empty());
-  EXPECT_FALSE(has(page, "{{"));
-  EXPECT_FALSE(std::regex_search(page, std::regex("<script|https?:|[^a-z](nan|inf)[^a-z]")));
+  EXPECT_FALSE(std::regex_search(page, std::regex("<script|https?:|\\{\\{|[^a-z](nan|inf)[^a-z]")));
 }
 
 class Report : public Ortime {
@@ -157,6 +155,8 @@ Payload byte 2: locked bits=16 drop_bytes=2 bit_offset=2 raw_bytes=4094.
 Payload byte 68 511, after the timestamp at 115.7 ms: drop sync channel mismatch ch=2 expected=0 record=1252 chunks_left=3.
 Payload byte 68 535, after the timestamp at 115.7 ms: locked bits=16 drop_bytes=24 bit_offset=2 raw_bytes=5193.
 )");
+  EXPECT_EQ(ortime("verify . --chunk_bytes=4096"), 2);
+  EXPECT_EQ(ortime("verify ."), 3);  // what follows a lost lock depends on the pieces that are read
   runs.clear();
   add_run(43'400, "lose=0:28000@7400,1:28000@7400,2:28000@7400,3:28000@7400;" + kLostLock);
   EXPECT_TRUE(has(page(7'400), "<p>1 of 1\u00A0lost lock not marked.</p>"));  // amid damage
@@ -295,16 +295,12 @@ TEST_F(Report, IsWholeOrAbsentAndNeverReplacesWhatItIsMadeFrom) {
   EXPECT_EQ(ortime("report . -o page.html --json missing/page.json"), 1);
   EXPECT_FALSE(std::filesystem::exists("page.html"));
   EXPECT_FALSE(std::filesystem::exists("page.html.part"));
-  const std::pair<std::string, std::string> cases[] = {
-      {"-o ", recording(1)},
-      {"--json ", "overflow_frequency.json"},
-  };
-  for (const auto& [option, input] : cases) {
-    const std::string before = read_file(input);
-    EXPECT_EQ(ortime("report . " + option + input), 1);
+  for (const char* const input :
+       {"-o overflow_frequency_01.ortime", "--json overflow_frequency.json"}) {
+    EXPECT_EQ(ortime("report . " + std::string(input)), 1);
     EXPECT_TRUE(has(err, "is an input file")) << err;
-    EXPECT_EQ(read_file(input), before);
   }
+  EXPECT_EQ(ortime("verify ."), 0) << err;  // they are as they were
 }
 
 TEST(Texts, Numbers) {

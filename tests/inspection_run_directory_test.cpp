@@ -122,11 +122,8 @@ TEST_F(RunDirectory, WithoutAReportHasItsRecordings) {
 TEST_F(RunDirectory, InfersWhatAReportDoesNotHoldFromItsVerdicts) {
   constexpr double kInfinite = std::numeric_limits<double>::infinity();
   using Channel = verification::ChannelResult;
-  const auto passed = [](std::uint64_t count, double ppm) {
-    return Channel{count, 0, 0, 0, ppm, true};
-  };
-  const auto failed = [](std::uint64_t count, double ppm) {
-    return Channel{count, 0, 0, 0, ppm, false};
+  const auto channel = [](std::uint64_t count, double ppm, bool pass) {
+    return Channel{count, 0, 0, 0, ppm, pass};
   };
   const struct {
     double reported_ppm;
@@ -135,14 +132,15 @@ TEST_F(RunDirectory, InfersWhatAReportDoesNotHoldFromItsVerdicts) {
     double tolerance_ppm;
     std::string taken;
   } cases[] = {
-      {25, passed(100, 3), failed(63, 3), 64, 25, ""},
-      {25, passed(10, 3), failed(9, 3), 10, 25, " min_tags_per_channel=10"},
-      {25, passed(10, 3), {}, 10, 25, " min_tags_per_channel=10"},  // as near as it can be
-      {25, failed(100, 3), passed(200, 3), 101, 25, " min_tags_per_channel=101"},
-      {4e-4, passed(100, 3.5e-4), {}, 64, 4.25e-4, " tolerance_ppm=0.000425"},
-      {4e-4, passed(100, 3e-4), failed(100, 4.1e-4), 64, 3.55e-4, " tolerance_ppm=0.000355"},
-      {kInfinite, passed(100, 1e6), failed(10, 0), 64, kInfinite, ""},
-      {25, passed(100, 3), failed(100, 3), 64, 25, ""},  // nothing fits
+      {25, channel(100, 3, true), channel(63, 3, false), 64, 25, ""},
+      {25, channel(10, 3, true), channel(9, 3, false), 10, 25, " min_tags_per_channel=10"},
+      {25, channel(10, 3, true), {}, 10, 25, " min_tags_per_channel=10"},  // as near as it can be
+      {25, channel(100, 3, false), channel(200, 3, true), 101, 25, " min_tags_per_channel=101"},
+      {4e-4, channel(100, 3.5e-4, true), {}, 64, 4.25e-4, " tolerance_ppm=0.000425"},
+      {4e-4, channel(100, 3e-4, true), channel(100, 4.1e-4, false), 64, 3.55e-4,
+       " tolerance_ppm=0.000355"},
+      {kInfinite, channel(100, 1e6, true), channel(10, 0, false), 64, kInfinite, ""},
+      {25, channel(100, 3, true), channel(100, 3, false), 64, 25, ""},  // nothing fits
   };
   for (const auto& c : cases) {
     config.tolerance_ppm = c.reported_ppm;

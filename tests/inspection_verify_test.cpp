@@ -143,9 +143,8 @@ TEST_F(Verify, SaysWhatWasTakenForAnOddHeader) {
 }
 
 TEST_F(Verify, RefusesWhatCannotBeJudged) {
-  timing::StreamFileHeader wide;
-  wide.delta_bits = 99;
-  timing::StreamFileWriter().open("undecodable", wide);
+  header.delta_bits = 99;
+  timing::StreamFileWriter().open("undecodable", header);
   std::filesystem::remove("overflow_frequency.json");
   const struct {
     const char *words, *error;
