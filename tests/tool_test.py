@@ -7,7 +7,7 @@ import shutil
 import time
 import unittest
 
-from support.programs import TOOL, ProgramTest, lines_with, names_in
+from support.programs import ENVIRONMENT, TOOL, ProgramTest, lines_with, names_in
 
 # 20 ms of instrument time, which the first reads get at once: the same bytes in every run.
 SIM = "pace=ps:20000000000;"
@@ -108,7 +108,7 @@ class Tool(ProgramTest):
         return self.run_whole(before + TOOL + arguments, SIM + sim)
 
     def test_prints_and_writes_all_of_its_results(self):
-        os.environ["TZ"] = "<+14>-14"  # and so the tool's
+        os.environ["TZ"] = ENVIRONMENT["TZ"] = "<+14>-14"
         time.tzset()
         before = time.time()
         tool = self.run_tool("silent=3", "'--frequencies-hz=1000;2e6' capture-s=0.0625 "
@@ -225,7 +225,7 @@ ot_stop_stream_mode k=1 thread=1 stop_flag=1 status=0
         self.assertEqual(names, [f"overflow_frequency_{run:02}.ortime" for run in range(1, 11)])
 
     def test_reads_the_first_configuration_file(self):
-        tool = shutil.which("ot_verify_overflow_frequency", path=os.environ["ORVO_BIN"])
+        tool = shutil.which("ot_verify_overflow_frequency", path=ENVIRONMENT["PATH"])
         for place in "bin", "elsewhere", ".":
             (self.folder / place).mkdir(exist_ok=True)
             (self.folder / place / "tool").symlink_to(tool)

@@ -11,6 +11,9 @@ import tempfile
 import unittest
 
 TOOL = "ot-simulated ot_verify_overflow_frequency "  # to be followed by its arguments
+# Without what a person has set for the tool, and with the programs on the search path.
+ENVIRONMENT = {name: text for name, text in os.environ.items() if not name.startswith("ORVO_")}
+ENVIRONMENT["PATH"] = f"{os.environ['ORVO_BIN']}:{os.environ['PATH']}"
 
 
 class Process:
@@ -20,10 +23,7 @@ class Process:
     def __init__(self, folder, command, sim=""):
         pipes = {name: os.pipe() for name in ("out", "err", "ledger")}
         ends = {name: end for name, (_, end) in pipes.items()}
-        environment = {name: text for name, text in os.environ.items()
-                       if not name.startswith("ORVO_") or name == "ORVO_BIN"}
-        environment["PATH"] = f"{os.environ['ORVO_BIN']}:{os.environ['PATH']}"
-        environment["ORVO_SIM"] = f"ledger=/dev/fd/{ends['ledger']};{sim}"
+        environment = {**ENVIRONMENT, "ORVO_SIM": f"ledger=/dev/fd/{ends['ledger']};{sim}"}
         self.child = subprocess.Popen(
             "exec setpriv --pdeathsig KILL " + command, shell=True, cwd=folder, env=environment,
             stdout=ends["out"], stderr=ends["err"], pass_fds=[ends["ledger"]])

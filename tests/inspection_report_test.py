@@ -1,0 +1,254 @@
+"""The page about a run: `report`."""
+
+import json
+import re
+import unittest
+
+from support.ortime import LOST_LOCK, PERIOD_PS, OrtimeTest, recording
+from support.programs import payload_of
+
+PERIODS = 400
+# All channels are silent for 0.9 s.
+JUMP = "lose=" + ",".join(f"{channel}:28000@{{0}}" for channel in range(4))
+PASSED = """pass: PASS
+The run passed. The largest rate error of a channel is 0.000000 ppm, tolerance 25 ppm: Run 1 at \
+31 kHz, channel 1.
+"""
+
+
+def words_of(page, begin, end):
+    """The text of the page between the two, without tags and empty lines, with plain spaces."""
+    text = page[page.index(begin):]
+    text = text[:text.index(end)]
+    text = re.sub('<p class="verdict ([a-z]+)">', r"\1: ", text)
+    text = re.sub("\n+", "\n", re.sub("<[^>]*>", "", text))
+    return re.sub("[\u00A0\u202F]", " ", text)
+
+
+def findings_of(page):
+    """How the verdict looks, and all that is said before the results."""
+    return words_of(page, '<p class="verdict ', "<dl>")
+
+
+class Report(OrtimeTest):
+    def page(self, periods=PERIODS, options=""):
+        """The page about the runs, whose captures took so many periods."""
+        self.report["capture_s"] = periods * PERIOD_PS * 1e-12
+        self.save_report()
+        return self.page_of_directory(options)
+
+    def page_of_directory(self, options=""):
+        self.status = self.ortime("report . -o page.html --json page.json --chunk-bytes 4096 " + options)
+        page = (self.here / "page.html").read_text()
+        self.assert_well_formed(page)
+        return page
+
+    def assert_well_formed(self, page):
+        opened = []
+        for end, name, empty in re.findall(r"<(/?)([a-z0-9]+)(?:\s[^<>]*?)?(/?)>", page):
+            if end:
+                self.assertEqual(opened.pop(), name)
+            elif not empty and name not in ("meta", "br"):
+                opened.append(name)
+        self.assertEqual(opened, [])
+        self.assertNotIn("{{", page)
+        self.assertNotRegex(page, "<script|https?:|[^a-z](nan|inf)[^a-z]")
+
+    def test_says_what_is_so(self):
+        for sim, periods, capture_periods, findings in (
+                ("", 400, 400, PASSED),
+                ("", 400, 133, PASSED),
+                ("", 400, 2800, "doubt: PASS, but only 12.9 ms of 90.4 ms decoded" +
+                 PASSED.removeprefix("pass: PASS") + """What the recordings show
+Run 1 at 31 kHz: 12.91 ms of a capture of 90.38 ms decoded; the verdict knows nothing of the rest.
+"""),
+                ("lose=1:1@300,2:1@100,2:2@300", 400, 400, """fail: FAIL
+The run failed:
+Run 1 at 31 kHz, channel 1: 2 506.3 ppm slow, tolerance 25 ppm.
+Run 1 at 31 kHz, channel 2: 7 518.8 ppm slow, tolerance 25 ppm.
+What the recordings show
+Run 1 at 31 kHz: channel 1 has 1 event missing in a gap ending at 9.716 ms; channel 2 has 3 events \
+missing in 2 gaps, the longest ending at 9.748 ms.
+"""),
+                ("rate_error_ppm=2:40", 400, 400, """fail: FAIL
+The run failed:
+Run 1 at 31 kHz, channel 2: 40.0 ppm fast, tolerance 25 ppm.
+"""),
+                ("", 20, 20, """fail: FAIL
+The run failed:
+Run 1 at 31 kHz, channel 1: only 20 timestamps.
+Run 1 at 31 kHz, channel 2: only 20 timestamps.
+"""),
+                ("silent=2", 1000, 1000, """fail: FAIL
+The run failed:
+Run 1 at 31 kHz: no timestamps decoded on any channel.
+What the recordings show
+Run 1 at 31 kHz: no place was found in the stream where its records could begin.
+One silent channel is enough to hide all others: leave it out of channel_mask to see them.
+"""),
+                (JUMP.format(400), 28402, 400, """fail: FAIL
+The run failed:
+Run 1 at 31 kHz, channel 1: 985 880.8 ppm slow, tolerance 25 ppm.
+Run 1 at 31 kHz, channel 2: 985 880.8 ppm slow, tolerance 25 ppm.
+What the recordings show
+Run 1 at 31 kHz: 4 timestamps lie outside of what a capture of 12.91 ms can hold, decoded from damage.
+""")):
+            with self.subTest(findings):
+                self.report = {}
+                self.add_run(periods, sim, "--channel-mask=6 --capture-s=0.03")
+                page = self.page(capture_periods)
+                self.assertEqual(self.status, 0, self.err)
+                self.assertEqual(findings_of(page), findings)
+                self.assertNotEqual("<figure>" in page,
+                                    "No charts: no channel has two timestamps." in page)
+
+    def test_lost_locks_are_marked_and_listed(self):
+        self.add_run(7600, LOST_LOCK)
+        page = self.page(7600)
+        self.assertIn(": the decoder lost its place 1 time; 26 bytes passed over in search of it, "
+                      "1 byte left over at the end.\n", findings_of(page))
+        self.assertIn("<title>lock lost, 115.7\u00A0ms<", page)
+        self.assertIn("<title>lock taken again, 123.9\u00A0ms<", page)
+        self.assertEqual(words_of(page, "<figcaption>", "</figcaption>"), """
+▼ lock lost
+▲ lock taken again
+○ farthest out, on a logarithmic scale
+▮ dark: within a standard deviation of the mean
+""")
+        self.assertEqual(words_of(page, "<h3>Lock history", "</ul>"), """Lock history
+Payload byte 2: locked bits=16 drop_bytes=2 bit_offset=2 raw_bytes=4094.
+Payload byte 68 511, after the timestamp at 115.7 ms: drop sync channel mismatch ch=2 expected=0 \
+record=1252 chunks_left=3.
+Payload byte 68 535, after the timestamp at 115.7 ms: locked bits=16 drop_bytes=24 bit_offset=2 \
+raw_bytes=5193.
+""")
+        self.report = {}
+        self.add_run(43_400, f"{JUMP.format(7400)};{LOST_LOCK}", "--capture-s=0.1")
+        self.assertIn("<p>1 of 1\u00A0lost lock not marked.</p>", self.page(7400))  # amid damage
+
+    def test_numbers_of_the_recordings(self):
+        self.add_run(PERIODS, "lose=1:1@300")
+        self.report["channel_mask"] = 10
+        self.page()
+        document = json.loads((self.here / "page.json").read_text())
+        self.assertEqual(document["headline"], "FAIL")
+        run = document["runs"][0]
+        self.assertEqual(run["skew_reference"], 1)
+        numbers = []
+        for channel in run["channels"]:
+            self.assertAlmostEqual(channel["deviation"]["mean_ps"], 0, delta=0.02)
+            self.assertAlmostEqual(channel["deviation"]["standard_deviation_ps"], 3.26, delta=0.01)
+            numbers.append([channel[name] for name in ("intervals", "with_overflow", "missing_events")] +
+                           [sum(row[1] for row in channel[name])
+                            for name in ("columns", "deviation_histogram")] +
+                           [channel["deviation"]["count"], channel["skew_histogram"]])
+        self.assertEqual(numbers, [
+            [399, 399, 0, 399, 399, 399, [[-256.0, 210], [-248.0, 189]]],
+            [398, 398, 1, 398, 398, 397, []],  # the gap is none of the deviations that are averaged
+            [399, 399, 0, 399, 399, 399, [[184.0, 357], [192.0, 42]]],
+            [399, 399, 0, 399, 399, 399, [[512.0, 252], [520.0, 147]]]])
+        gap_ps = run["channels"][1]["deviation_histogram"][-1][0]
+        self.assertAlmostEqual(gap_ps / PERIOD_PS, 1, delta=1 / 512)
+
+    def test_charts_show_earlier_left_and_longer_up(self):
+        self.add_run(13, "lose=1:1@9")
+        page = self.page(13)
+        row = page[page.index("Channel 1, "):]
+        drawn = re.findall('.* class="(?:most sparse|far|note|bar|channel)".*\n',
+                           row[:row.index("aria-label")])
+        # The lost event is late, at the top, with its name on the left of it; in the histogram larger
+        # values are higher, and those of more intervals longer.
+        self.assertEqual(re.sub("[\u00A0\u202F]", " ", "".join(drawn)), """\
+<text class="channel" x="0%" y="15" dx="-64" text-anchor="start">channel 1</text>
+<svg y="23" width="66%" height="72" viewBox="0 0 1000 72" preserveAspectRatio="none">\
+<path class="most sparse" d="M84.42 49.5V49.5M165.6 49.5V49.5M249.6 49.5V49.5M333.5 49.5V49.5M417.4 \
+32.0V32.0M501.3 49.5V49.5M582.5 49.5V49.5M666.5 49.5V49.5M834.3 4.4V4.4M915.5 49.5V49.5M999.4 \
+49.5V49.5"/></svg>
+<svg x="55%" y="27.364"><path class="far" d="M-4 0a4 4 0 1 0 8 0a4 4 0 1 0-8 0z">\
+<title>+32.28 µs at 322.8 µs</title></path></svg>
+<text class="note" x="55%" y="31.364" dx="-9" text-anchor="end">+32.28 µs at 322.8 µs</text>
+<rect class="bar" x="69%" y="66.993" width="9.4705%" height="11"><title>−1.7 ps: 9 intervals</title></rect>
+<rect class="bar" x="69%" y="49.538" width="2.7973%" height="11"><title>+6.3 ps: 1 interval</title></rect>
+<rect class="bar" x="69%" y="21.864" width="2.7973%" height="11">\
+<title>+32 276 478.3 ps: 1 interval</title></rect>
+<text class="channel" x="86%" y="15" dx="0" text-anchor="start">+252 ps</text>
+<rect class="bar" x="86%" y="72.045" width="8.2391%" height="11"><title>+248.0 ps: 6 events</title></rect>
+<rect class="bar" x="86%" y="54.591" width="8.2391%" height="11"><title>+256.0 ps: 6 events</title></rect>
+""")
+        # The table's marks: channel 1 is slow, far beyond the left end of the tolerance.
+        self.assertIn('<td>1</td><td class="bad">✗ FAIL</td>', page)
+        self.assertIn('<svg x="0%" y="8"><path class="bad" d="M9-5', page)
+        self.assertIn("12 of 13", words_of(page, "<tbody", "</tbody"))
+        # Every class has its colours.
+        style = page[:page.index("</style>")]
+        for name in re.findall('<(?:path|line|rect|text) class="([a-z]+)', page):
+            self.assertIn("." + name, style)
+
+    def test_folds_what_passed(self):
+        for _ in range(14):
+            self.add_run(PERIODS)
+        self.add_run(PERIODS, "rate_error_ppm=2:-40")
+        self.add_run(100)  # passes, but most is missing
+        page = self.page()
+        self.assertEqual(re.findall("<details( open)?>", page), 14 * [""] + 2 * [" open"])
+        # Of many runs, one row for each that passed.
+        self.assertEqual(len(re.findall('<td class="(good|bad)">', page)), 14 + 4 + 4)
+        self.assertIn('<a href="#run-15">Run 15 at 31\u00A0kHz</a>, channel 2', page)
+        self.assertIn('id="run-16"', page)
+        # And wider columns, from the smallest to the largest deviation; of two of -1.7 ps and one of
+        # +6.3 ps, dark up to a standard deviation above the mean.
+        self.assertIn('<path class="all" d="M6.976 12.3V42.3M22.61 12.3V42.3M', page)
+        self.assertIn("M17.4 42.3V42.3M22.61 18.2V42.3M", page)
+
+    def test_known_facts_are_said_and_unknown_text_is_text(self):
+        self.add_run(PERIODS, "clock_ps=14315120000000")
+        self.report.update(packed_delta_bits=17, packed_delta_quantum_ps=16)
+        self.write_stream(recording(1), payload_of(self.here / recording(1)), mode="internal",
+                          device_product='<b>"O\'Neill" \xff')
+        page = self.page(PERIODS, "--title='<script>bench&\"4\"</script>'")
+        for wanted in ("<h1>&lt;script&gt;bench&amp;&quot;4&quot;&lt;/script&gt; <small>",
+                       "<title>PASS: &lt;script&gt;", "<dd>17 bits, quantum 16 ps</dd>",
+                       "<dd>±25 ppm</dd>", "<dd>&lt;b&gt;&quot;O&apos;Neill&quot; \uFFFD</dd>",
+                       "<title>clock returned to 0, 5.997\u00A0µs<"):
+            self.assertIn(wanted, page)
+        self.assertRegex(page, "Made by ortime [0-9.]+ on 20[0-9-]+ [0-9:]+ UTC")
+
+    def test_missing_and_foreign_recordings(self):
+        for periods in PERIODS, PERIODS, PERIODS, PERIODS - 1:
+            self.add_run(periods)
+        (self.here / recording(2)).unlink()
+        (self.here / recording(4)).replace(self.here / recording(3))
+        self.report["runs"].pop()
+        page = self.page()
+        self.assertEqual(self.status, 1)
+        self.assertIn(f'ortime: run 2: recording "{recording(2)}" is missing: ', self.err)
+        findings = findings_of(page)
+        self.assertTrue(findings.startswith("doubt: PASS, but the recordings say otherwise\n"), findings)
+        self.assertIn("Run 2 at 31 kHz: its recording is not shown: recording ", findings)
+        self.assertIn("Run 3 at 31 kHz: the recording, which the charts show, does not decode to what "
+                      "the report says: payload_bytes 7660 reported, 7641 now; ", findings)
+        self.assertEqual(page.count('class="advice"'), 1)
+        self.assertEqual(page.count("<figure>"), 2)
+
+    def test_without_a_report_there_is_no_verdict(self):
+        self.add_run(PERIODS)
+        (self.here / "overflow_frequency.json").unlink()
+        page = self.page_of_directory()
+        self.assertEqual(self.status, 0, self.err)
+        self.assertIn("none: No verdict: the run did not end\n", findings_of(page))
+        self.assertIn("divider 1\u202F000, as the intervals suggest", page)
+        self.assertEqual(page.count("<figure>"), 1)
+        self.assertNotRegex(words_of(page, "<body>", "</body>"), "✓|✗|PASS|FAIL")
+
+    def test_is_whole_or_absent_and_never_replaces_what_it_is_made_from(self):
+        self.add_run(PERIODS)
+        self.assertEqual(self.ortime("report . -o page.html --json missing/page.json"), 1)
+        self.assertEqual(list(self.here.glob("page*")), [])
+        for words in f"-o {recording(1)}", "--json overflow_frequency.json":
+            self.assertEqual(self.ortime("report . " + words), 1)
+            self.assertIn("is an input file", self.err)
+        self.assertEqual(self.ortime("verify ."), 0)
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,125 @@
+"""Run directories as the tool leaves them, and what else may be found in their place."""
+
+import math
+import os
+import re
+import shutil
+import unittest
+
+from support.ortime import REPORT, OrtimeTest, recording
+
+
+class RunDirectory(OrtimeTest):
+    def setUp(self):
+        super().setUp()
+        self.run_of_report = self.add_run(100)
+
+    def test_is_refused_with_a_damaged_report(self):
+        shutil.copy(self.run_dir() / REPORT, self.here)
+        report = (self.here / REPORT).read_text()
+        for old, new, error in (
+                (report, "[" * 1_000_000, ": parse error at line 1,"),
+                (report, " " * ((4 << 20) + 1), " is too large: more than 4 MiB"),
+                ('"overflow_f', '"f', ": (/verification) is not overflow_frequency"),
+                (":15,", ":256,", ": (/channel_mask) is not an integer from 0 to 255"),
+                (":25.000,", ":infinite,", ": parse error at line 9,"),
+                ('l":3', 'l":2', ": (/runs/0/channels/3/channel) is not 3"),
+                ('ps":1000000000160', f'ps":{2**63}',
+                 ": (/runs/0/channels/0/first_ps) is not an integer from -9"),
+                ('"channels":[', '"channels":[7],"x":[', ": (/runs/0/channels) has not 4 elements"),
+                ('"runs":[', '"runs":[],"x":[', ": (/runs) is empty"),
+                (str(self.run_dir() / recording(1)), "a\\u0000", ": (/runs/0/stream_file) is not a path")):
+            with self.subTest(error):
+                self.assertIn(old, report)
+                (self.here / REPORT).write_text(report.replace(old, new, 1))
+                self.assertEqual(self.ortime("verify ."), 1)
+                self.assertTrue(self.err.startswith(f'ortime: "./{REPORT}"{error}'), self.err)
+
+    def test_looks_for_recordings_in_the_directory_that_was_named_first(self):
+        there = self.here / os.fsdecode(b'b\xE9 \xC3\xA9"\\\n')  # no UTF-8
+        named = '"./b\\xe9 é\\"\\\\\\n"'
+        file, away = self.here / "c.ortime", self.here / "away"
+
+        def verify_of(folder):
+            self.run_of_report["stream_file"] = str(folder / "c.ortime")
+            self.save_report()
+            return self.ortime("verify .")
+
+        (self.here / recording(1)).rename(away)
+        self.assertEqual(verify_of(there), 1)
+        self.assertIn('ortime: run 1: recording "c.ortime" is missing: it is neither in "." nor '
+                      f"where it was recorded, {named}", self.err)
+        there.mkdir()
+        shutil.copy(away, there / "c.ortime")
+        self.assertEqual(verify_of(there), 0)
+        elsewhere = f'ortime: 1 of 1 recordings are not in ".": read where they were recorded, {named}\n'
+        self.assertEqual(self.err, elsewhere)
+        shutil.copy(away, file)
+        for folder in there, self.here / "b?":  # which may have been another name
+            self.assertEqual(verify_of(folder), 0)
+            self.assertIn('\n  stream_file="./c.ortime"\n', self.out)
+            self.assertEqual(self.err, "")
+        file.unlink()
+        file.mkdir()
+        self.assertEqual(verify_of(there), 0)
+        self.assertEqual(self.err, elsewhere)
+
+    def test_is_taken_by_every_name_that_the_tool_leaves(self):
+        root = self.here / "root"
+        older, newer = root / "20261124_160312", root / "20261125_080000"
+        for folder in older, newer:
+            folder.mkdir(parents=True)
+            self.run_of_report["stream_file"] = str(folder / recording(1))
+            shutil.copy(self.here / recording(1), folder)
+            self.save_report(folder)
+        shutil.copy(newer / REPORT, root / "latest.json")
+        (root / "20261126_000000").mkdir()  # nothing was recorded
+        shutil.copytree(newer, root / "later_than_any")
+        (self.here / "link").symlink_to(newer)
+        for path in "root", f"root/{newer.name}", "root/latest.json", "link", f"root/{newer.name}/{REPORT}":
+            with self.subTest(path):
+                self.assertEqual(self.ortime("verify " + path), 0)
+                self.assertIn(f'="./root/{newer.name}/{recording(1)}"\n', self.out)
+                newest = f'ortime: newest run: "./root/{newer.name}"\n'
+                self.assertEqual(self.err, newest if path == "root" else "")
+        self.assertEqual(self.ortime("verify root/20261126_000000"), 1)
+        self.assertIn(f"holds neither {REPORT} nor a recording nor run directories", self.err)
+        self.assertEqual(self.ortime("verify missing.json"), 1)
+        self.assertEqual(self.err, 'ortime: cannot open "missing.json": No such file or directory\n')
+
+    def test_without_a_report_has_its_recordings(self):
+        run = self.here / "run"
+        (run / recording(3)).mkdir(parents=True)  # no file
+        (run / "other.ortime").touch()
+        for number in 1, 2, 99, 100:
+            (run / recording(number)).touch()
+        self.assertEqual(self.ortime("info run"), 1)
+        self.assertEqual(self.err, "".join(f'ortime: "./run/{recording(number)}": truncated magic\n'
+                                           for number in (1, 2, 99, 100)))
+
+    def test_infers_what_a_report_does_not_hold_from_its_verdicts(self):
+        for reported_ppm, verdicts, min_tags, tolerance_ppm, taken in (  # count, ppm and pass
+                (25, [(100, 3, True), (63, 3, False)], 64, 25, ""),
+                (25, [(10, 3, True), (9, 3, False)], 10, 25, "min_tags_per_channel=10"),
+                (25, [(10, 3, True)], 10, 25, "min_tags_per_channel=10"),  # as near as it can be
+                (25, [(100, 3, False), (200, 3, True)], 101, 25, "min_tags_per_channel=101"),
+                (0, [(100, 3.5e-4, True)], 64, 4.25e-4, "tolerance_ppm=0.000425"),  # rounded
+                (0, [(100, 3e-4, True), (100, 4.1e-4, False)], 64, 3.55e-4, "tolerance_ppm=0.000355"),
+                (math.inf, [(100, 1e6, True), (10, 0, False)], 64, math.inf, ""),
+                (25, [(100, 3, True), (100, 3, False)], 64, 25, "")):  # nothing fits
+            with self.subTest(verdicts):
+                self.report["tolerance_ppm"] = reported_ppm
+                for channel, (count, ppm, passed) in zip(
+                        self.run_of_report["channels"], verdicts + 3 * [(0, 0, False)]):
+                    channel.update({"count": count, "ppm_error": ppm, "pass": passed})
+                self.save_report()
+                self.assertEqual(self.ortime("verify ."), 3)  # the recording has other numbers
+                used = re.match(r"tolerance_ppm=(.*)\nmin_tags_per_channel=(.*)\n", self.out)
+                self.assertEqual((f"{float(used[1]):g}", used[2]), (f"{tolerance_ppm:g}", str(min_tags)))
+                note = "ortime: taken from the verdicts of the report, which does not hold it: "
+                self.assertEqual(self.err[:self.err.index("ortime: run 1")],
+                                 f"{note}{taken}\n" if taken else "")
+
+
+if __name__ == "__main__":
+    unittest.main()
