@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <ostream>
 #include <span>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -29,11 +30,9 @@ inline Bytes operator+(Bytes front, const Bytes& back) {
 
 /// "channel:time " of each tag, for the line of a table.
 inline std::string text_of(std::span<const timing::TimeTag> tags) {
-  std::string text;
-  for (const timing::TimeTag& tag : tags) {
-    text += std::to_string(tag.channel) + ':' + std::to_string(tag.time_ps) + ' ';
-  }
-  return text;
+  std::ostringstream text;
+  for (const timing::TimeTag& tag : tags) text << tag << ' ';
+  return text.str();
 }
 
 /// Appends the low `count` bytes of `value`, most significant first.
