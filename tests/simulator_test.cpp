@@ -45,6 +45,7 @@ TEST(SimulatedEvents, AreLostExactlyAtAnyDistance) {
     std::vector<std::uint64_t> numbers;  // of the events that are left
   } cases[] = {
       {"0:2@6,0:2@3", {0, 1, 2, 5, 8}},
+      {"0:2@0", {2, 3}},
       {"0:9000000@3,0:300000@3", {0, 1, 2, 9'300'003}},
       {"0:18500000@3", {0, 1, 2, kNever}},  // 2^64 ps and half a day
   };
