@@ -3,6 +3,8 @@
 import ast
 import os
 import pathlib
+import re
+import shutil
 import subprocess
 import tempfile
 import unittest
@@ -12,17 +14,19 @@ import numpy as np
 
 import orvo_timing as ot
 
-BIN = pathlib.Path(os.environ["ORVO_BIN"])
 os.environ.pop("LD_PRELOAD", None)  # the programs have a sanitizer's runtime of their own
+from support.programs import ENVIRONMENT, TOOL
+
+
+def shell(command, sim=""):
+    return subprocess.run(command, shell=True, env={**ENVIRONMENT, "ORVO_SIM": sim},
+                          capture_output=True, encoding="utf-8", check=False).stdout
 
 
 def record(folder, fault):
     """A run of the tool on the simulated instrument; returns its directory."""
-    subprocess.run(
-        [BIN / "ot-simulated", BIN / "ot_verify_overflow_frequency", "--frequencies-hz=1000,100000",
-         "--capture-s=0.1", f"--output-root={folder}"],
-        env={**os.environ, "ORVO_SIM": "pace=ps:120000000000;" + fault}, capture_output=True,
-        check=False)
+    shell(f"{TOOL} --frequencies-hz=1000,100000 --capture-s=0.1 --output-root={folder}",
+          "pace=ps:120000000000;" + fault)
     return next(path for path in folder.iterdir() if path.is_dir())
 
 
@@ -35,12 +39,13 @@ class Recordings(unittest.TestCase):
         cls.runs = {name: record(cls.folder / name, fault) for name, fault in (
             ("good", ""),
             ("failing", "rate_error_ppm=2:40"),
-            ("damaged", "damage=flip@20000,flip@20001,flip@20002"))}
+            ("damaged", "damage=flip@20000,flip@20001,flip@20002"),
+            ("shifted", "damage=drop@21000"))}
         cls.file = cls.runs["good"] / "overflow_frequency_02.ortime"
 
     def test_tags_are_those_of_ortime(self):
         for file in sorted(self.folder.glob("*/*/*.ortime")):
-            subprocess.run([BIN / "ortime", "tags", file, "-o", self.folder / "t.npy"], check=True)
+            shell(f"ortime tags {file} -o {self.folder}/t.npy")
             expected = np.load(self.folder / "t.npy")
             self.assertGreater(len(expected), 50)
             np.testing.assert_array_equal(ot.Recording(file).tags(), expected)
@@ -62,7 +67,8 @@ class Recordings(unittest.TestCase):
     def test_verdicts_are_those_of_the_tool(self):
         for name, run in self.runs.items():
             verification = ot.load_run(run)
-            self.assertEqual(verification.passed, name == "good", name)
+            # Of the shifted one only the beginning is decoded.
+            self.assertEqual(verification.passed, name in ("good", "shifted"), name)
             for reported in verification.runs:
                 judged = ot.judge(reported.recording.path, np.uint32(reported.divider))
                 self.assertEqual(
@@ -79,18 +85,48 @@ class Recordings(unittest.TestCase):
         self.assertTrue(ot.judge(fast, 310, tolerance_ppm=41).passed)
         self.assertFalse(ot.judge(self.file, 310, min_tags_per_channel=10**6).passed)
 
-    def test_lock_events(self):
-        good, damaged = (ot.Recording(self.runs[name] / self.file.name).lock_events
-                         for name in ("good", "damaged"))
-        self.assertEqual([event.kind for event in good], [ot.LockKind.LOCKED])
-        self.assertEqual(damaged[0].kind, ot.LockKind.LOCKED)
-        self.assertTrue(any(event.drops_lock for event in damaged))
+    def test_recordings_are_looked_for_beside_the_report_first(self):
+        copy = self.folder / "copy"
+        shutil.copytree(self.runs["good"], copy)
+        first, second = (run.recording.path for run in ot.load_run(copy).runs)
+        self.assertEqual([first, second], [copy / first.name, copy / second.name])
+        first.unlink()
+        self.assertEqual(ot.load_run(copy).runs[0].recording.path, self.runs["good"] / first.name)
+
+    def test_headers_are_those_of_ortime(self):
+        header = ot.Recording(self.file).header
+        said = re.findall('^  (\\w+)="?([^"\n]*)"?$', shell(f"ortime info {self.file}"), re.M)[:13]
+        for name, text in said:
+            value = getattr(header, name)
+            self.assertEqual(value.name.lower() if hasattr(value, "name") else str(value), text)
+        self.assertEqual({name for name, _ in said},
+                         {name for name in dir(header) if not name.startswith("_")})
+
+    def test_lock_events_have_what_belongs_to_their_kind(self):
+        found = [{name: getattr(event, name) for name in dir(event)
+                  if not name.startswith("_") and getattr(event, name)}
+                 for run, chunk_bytes in (("shifted", 8192), ("damaged", 1 << 20))
+                 for event in ot.Recording(self.runs[run] / self.file.name, chunk_bytes).lock_events[:3]]
+        kind = ot.LockKind
+        self.assertEqual(found, [
+            dict(kind=kind.LOCKED, bit_offset=3, buffer_bytes=8192),
+            dict(kind=kind.IMPLAUSIBLE_DELTA, drops_lock=True, payload_offset_bytes=44040,
+                 tags_before=9252, channel=2, delta_ps=121041000761344, prev_ps=1130963591576,
+                 record=1296, records=3449),
+            dict(kind=kind.LOCKED, payload_offset_bytes=44041, tags_before=9252, drop_bytes=1,
+                 bit_offset=3, buffer_bytes=13303),
+            dict(kind=kind.LOCKED, bit_offset=3, buffer_bytes=229207),
+            dict(kind=kind.NONMONOTONIC_SYNC, drops_lock=True, payload_offset_bytes=24510,
+                 tags_before=5123, channel=3, next_ps=1132794692992, prev_ps=1164224665472,
+                 record=10319, records=96508)])
 
     def test_errors(self):
         text = self.file.with_name("overflow_frequency.csv")
         undecodable = self.folder / "undecodable"
         header = b'{"stream_format":"packed_delta","delta_bits":99}'
         undecodable.write_bytes(b"ORTIME1\n" + len(header).to_bytes(4, "little") + header + bytes(9))
+        foreign = self.folder / "foreign.json"
+        foreign.write_text('{"pass": true}')
         with ot.Recording(self.file) as closed:
             pass
         for error, message, call in (
@@ -98,11 +134,14 @@ class Recordings(unittest.TestCase):
                 (ot.FormatError, "", lambda: ot.Recording(text)),
                 (ot.FormatError, "", ot.Recording(undecodable).tags),
                 (ot.FormatError, "no report", lambda: ot.load_run(text)),
+                (ot.FormatError, "no report", lambda: ot.load_run(foreign)),
                 (FileNotFoundError, "", lambda: ot.load_run(self.folder)),
                 (ValueError, "max_tags", lambda: ot.Recording(self.file).blocks(0)),
                 (TypeError, "chunk_bytes", lambda: ot.Recording(self.file, chunk_bytes=1.5)),
                 (ValueError, "divider", lambda: ot.judge(self.file, -1)),
-                (ValueError, "closed", closed.tags)):
+                (ValueError, "tolerance_ppm", lambda: ot.judge(self.file, 1, tolerance_ppm=-1)),
+                (ValueError, "closed", closed.tags),
+                (ValueError, "closed", lambda: closed.lock_events)):
             with self.assertRaisesRegex(error, message):
                 call()
         self.assertTrue(issubclass(ot.FormatError, ot.Error) and issubclass(ot.FormatError, ValueError))

@@ -45,7 +45,7 @@ struct LockEvent {
 
   // Dropped locks; records are counted within their batch.
   std::uint64_t record = 0;       ///< the one at fault, from 0; not of imbalanced
-  std::uint64_t records = 0;      ///< of the whole batch: inactive_channel, imbalanced
+  std::uint64_t records = 0;      ///< of the whole batch
   unsigned channel = 0;           ///< of the record at fault; not of imbalanced
   unsigned sync_channel = 0;      ///< sync_channel_mismatch: the one that was expected
   unsigned sync_chunks_left = 0;  ///< overflow_in_sync, sync_channel_mismatch
