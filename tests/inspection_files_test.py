@@ -69,6 +69,7 @@ class InspectionFiles(OrtimeTest):
         (self.here / "hard").hardlink_to(recording)
         (self.here / "link").symlink_to(recording)
         (self.here / "u.part").hardlink_to(recording)
+        self.write_stream("undecodable", packed_delta_config={"delta_bits": 99, "quantum_ps": 8})
         for output, error in (
                 ("a.ortime --format csv", "is an input file"),
                 ("hard", "is an input file"),
@@ -90,8 +91,10 @@ class InspectionFiles(OrtimeTest):
         self.assertEqual(self.tags("to_t"), b"channel,time_ps\n0,5\n")  # what the link leads to
         self.assertEqual(target.read_bytes(), b"channel,time_ps\n0,5\n")
         self.assertEqual(target.stat().st_mode & 0o777, 0o600)
-        # The recording and its links, the output and a link: nothing unfinished.
-        self.assertEqual(len(list(self.here.iterdir())), 6)
+        self.assertEqual(self.ortime("tags undecodable"), 1)
+        self.assertIn("records that cannot be decoded: packed_delta of 99 bits", self.err)
+        # The recordings and links, the output and its link: nothing unfinished.
+        self.assertEqual(len(list(self.here.iterdir())), 7)
 
     def test_info_tells_channels_in_disorder(self):
         self.write_tags([(0, 10), (1, 1), (0, 40), (0, 30), (0, 30)],
@@ -149,12 +152,11 @@ detail="locked bits=16 drop_bytes=24 bit_offset=2 raw_bytes=5193"
             for order in 1, -1:  # of the two channels in the stream
                 tags = []
                 for i in range(1, 1001):
-                    reference_ps = i * 10_000_000 + i % 2 * 8
-                    tags += [(0, reference_ps), (1, reference_ps + skew_ps)][::order]
+                    tags += [(0, i * 10_000_000), (1, i * 10_000_000 + skew_ps + i % 2 * 8 - 4)][::order]
                 self.write_tags(tags, mode="internal")
                 self.assertEqual(self.ortime("info a.ortime"), 0)
                 self.assertIn(f' skew={{"count":1000,"mean_ps":{skew_ps}.0,"median_ps":{skew_ps}.0,'
-                              '"standard_deviation_ps":0.0}', self.out)
+                              '"standard_deviation_ps":4.0}', self.out)
 
 
 if __name__ == "__main__":

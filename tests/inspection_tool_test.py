@@ -40,6 +40,8 @@ class InspectionTool(ProgramTest):
                 ortime = self.run_whole("ortime " + command)
                 self.assertEqual(ortime.status, status, ortime.err)
                 self.assertTrue(ortime.out.endswith(out), ortime.out)
+        piped = self.run_whole(f"cat {file} | ortime verify - --requested-hz=1000").out
+        self.assertIn(" overflow_required=true decoded_tags=", piped)  # and no size of the payload
 
 
 if __name__ == "__main__":

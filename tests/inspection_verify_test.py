@@ -4,6 +4,7 @@ import json
 import unittest
 
 from support.ortime import REPORT, OrtimeTest, recording
+from support.programs import payload_of
 
 SLOW = "rate_error_ppm=2:-100"
 
@@ -85,6 +86,7 @@ pass=true
 
     def test_judges_what_is_there_and_names_what_is_missing(self):
         run = self.report["runs"][0]
+        run["decoded_tags"] += 1  # another status, if all could be judged
         self.report["runs"] = [{**run, "stream_file": "lost.ortime"}, run,
                                {**run, "stream_file": "damaged.ortime"}]
         (self.here / "damaged.ortime").write_text("plain text")
@@ -93,15 +95,17 @@ pass=true
         self.assertTrue(self.err.startswith('ortime: run 1: recording "lost.ortime" is missing: '))
         self.assertIn('\nortime: run 3: "./damaged.ortime": not an Orvo timing stream file', self.err)
         self.assertIn("\n  ch0 count=100 ", self.out)
-        self.assertTrue(self.out.endswith("\npass=false unjudged=2\n"), self.out)
+        self.assertTrue(self.out.endswith("\npass=false unjudged=2 disagreements=1\n"), self.out)
         self.assertEqual(self.ortime("verify . --channel-mask 3 --json"), 1)
         document = json.loads(self.out)
         lost, judged, _ = document.pop("runs")
         self.assertIn("error", lost)
-        self.assertEqual((judged["pass"], judged["differences"]), (True, []))
+        self.assertTrue(judged["pass"])
+        self.assertEqual(judged["differences"], [
+            {"name": "decoded_tags", "reported": 301, "decoded": 300}])
         self.assertEqual(judged["channels"][2], {**run["channels"][2], "judged": False})
         self.assertEqual(document, {"tolerance_ppm": 25.0, "min_tags_per_channel": 64,
-                                    "channel_mask": 3, "unjudged": 2, "disagreements": 0,
+                                    "channel_mask": 3, "unjudged": 2, "disagreements": 1,
                                     "pass": False})
 
     def test_says_what_was_taken_for_an_odd_header(self):
@@ -123,6 +127,12 @@ pass=true
                 status = self.ortime("verify odd --divider 1000 --tolerance-ppm 101")
                 self.assertTrue(self.err.startswith(f'ortime: "odd": its header {warning}'), self.err)
                 self.assertEqual(status, 0 if self.out.endswith("\npass=true\n") else 2)
+
+    def test_takes_no_width_and_no_quantum_for_the_usual(self):
+        self.write_stream("usual", payload_of(self.here / recording(1)), mode="internal", channel_mask=7,
+                          packed_delta_config={"delta_bits": 0, "quantum_ps": 0})
+        self.assertEqual(self.ortime("verify usual --divider 1000 --channel-mask 3"), 0)
+        self.assertIn("overflow_required=true payload_bytes=1449 decoded_tags=300 pass=true", self.out)
 
     def test_refuses_what_cannot_be_judged(self):
         self.write_stream("undecodable", packed_delta_config={"delta_bits": 99, "quantum_ps": 8})

@@ -1,11 +1,15 @@
 """ortime on runs of the tool, and on recordings written byte by byte."""
 
 import json
+import os
+import pathlib
+import re
 import shutil
 import subprocess
 
 from support.programs import ENVIRONMENT, TOOL, ProgramTest
 
+GOLDEN = pathlib.Path(__file__).parents[1] / "golden"
 DIVIDER = 1000  # of the calibration source
 PERIOD_PS = DIVIDER * 1e12 * 0.9999 / 30978261
 REPORT = "overflow_frequency.json"
@@ -60,10 +64,10 @@ class OrtimeTest(ProgramTest):
         text = json.dumps({**HEADER, **header}, ensure_ascii=False).encode("latin-1")
         (self.here / name).write_bytes(b"ORTIME1\n" + len(text).to_bytes(4, "little") + text + payload)
 
-    def write_tags(self, tags, **header):
+    def write_tags(self, tags, name="a.ortime", **header):
         """A recording of channels and times in picosecond records."""
         payload = b"".join((channel << 61 | time_ps).to_bytes(8, "big") for channel, time_ps in tags)
-        self.write_stream("a.ortime", payload, stream_format="raw64", **header)
+        self.write_stream(name, payload, stream_format="raw64", **header)
 
     def ortime(self, words):
         """Runs a command in that folder, which is "." in what it says; sets `out` and `err`."""
@@ -72,3 +76,13 @@ class OrtimeTest(ProgramTest):
                               check=False)
         self.out, self.err = (text.replace(str(self.here), ".") for text in (done.stdout, done.stderr))
         return done.returncode
+
+    def assert_golden(self, name, text):
+        """That a text is, but for places, times and versions, the file of that name in golden/, which
+        somebody has looked at; ORVO_WRITE_GOLDEN makes the file."""
+        text = text.replace(str(self.here), ".")
+        text = re.sub(r"20\d\d-\d\d-\d\d[T ][0-9:.]+(Z| UTC)", "TIME", text)
+        text = re.sub(r"(ortime\W+)\d+\.\d+\.\d+", r"\1VERSION", text)
+        if "ORVO_WRITE_GOLDEN" in os.environ:
+            (GOLDEN / name).write_text(text)
+        self.assertEqual(text, (GOLDEN / name).read_text())
