@@ -1,6 +1,5 @@
 """The page about a run: `report`."""
 
-import json
 import re
 import unittest
 
@@ -127,41 +126,18 @@ raw_bytes=5193.
         self.add_run(43_400, f"{JUMP.format(7400)};{LOST_LOCK}", "--capture-s=0.1")
         self.assertIn("<p>1 of 1\u00A0lost lock not marked.</p>", self.page(7400))  # amid damage
 
-    def test_numbers_of_the_recordings(self):
-        self.add_run(PERIODS, "lose=1:1@300")
-        self.report["channel_mask"] = 10
-        self.page()
-        document = json.loads((self.here / "page.json").read_text())
-        self.assertEqual(document["headline"], "FAIL")
-        run = document["runs"][0]
-        self.assertEqual(run["skew_reference"], 1)
-        numbers = []
-        for channel in run["channels"]:
-            self.assertAlmostEqual(channel["deviation"]["mean_ps"], 0, delta=0.02)
-            self.assertAlmostEqual(channel["deviation"]["standard_deviation_ps"], 3.26, delta=0.01)
-            numbers.append([channel[name] for name in ("intervals", "with_overflow", "missing_events")] +
-                           [sum(row[1] for row in channel[name])
-                            for name in ("columns", "deviation_histogram")] +
-                           [channel["deviation"]["count"], channel["skew_histogram"]])
-        self.assertEqual(numbers, [
-            [399, 399, 0, 399, 399, 399, [[-256.0, 210], [-248.0, 189]]],
-            [398, 398, 1, 398, 398, 397, []],  # the gap is none of the deviations that are averaged
-            [399, 399, 0, 399, 399, 399, [[184.0, 357], [192.0, 42]]],
-            [399, 399, 0, 399, 399, 399, [[512.0, 252], [520.0, 147]]]])
-        gap_ps = run["channels"][1]["deviation_histogram"][-1][0]
-        self.assertAlmostEqual(gap_ps / PERIOD_PS, 1, delta=1 / 512)
-
     # A run that passed, on the way of which the clock returns to 0; one with a fast channel, jitter and
     # lost events; one whose recording was replaced by times that step back; and one without any.
     def test_all_is_as_it_was_looked_at(self):
-        settings = "--channel-mask=5 --packed-bits=22 --min-tags-per-channel=10"
+        settings = "--packed-bits=22 --min-tags-per-channel=10"
         self.add_run(24, "clock_ps=14315125600000", settings)
-        self.add_run(24, "lose=0:1@8,2:2@14;rate_error_ppm=2:300;jitter_ps=3000", settings)
+        self.add_run(24, "lose=2:1@8,3:2@14;rate_error_ppm=3:300;jitter_ps=3000", settings)
         self.add_run(24, "", settings)
         self.add_run(24, "silent=0", settings)
         periods = [0, 1, 2, 2, 3, 1.5, 4, 5, 6.75, 7, 8, 0.5, 9, 90, 10, 90000, 11, 12]
         self.write_tags([(channel, int(1e12 + n * PERIOD_PS + channel * 100))
-                         for n in periods for channel in (2, 0)], recording(3), mode="internal")
+                         for n in periods for channel in (3, 2)], recording(3), mode="internal")
+        self.report["channel_mask"] = 12
         page = self.page(24, "--title='Odd & even'")
         self.assert_golden("report.html", page)
         numbers = (self.here / "page.json").read_text()
