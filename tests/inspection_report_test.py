@@ -196,7 +196,7 @@ raw_bytes=5193.
         self.assertEqual(page.count("<figure>"), 2)
 
     def test_without_a_report_there_is_no_verdict(self):
-        self.add_run(PERIODS, "rate_error_ppm=0:5000;lose=1:9@100")
+        self.add_run(PERIODS, "rate_error_ppm=0:5000,1:-5000")
         (self.here / "overflow_frequency.json").unlink()
         page = self.page_of_directory()
         self.assertEqual(self.status, 0, self.err)
