@@ -138,7 +138,7 @@ class Recordings(unittest.TestCase):
                 (FileNotFoundError, "", lambda: ot.load_run(self.folder)),
                 (ValueError, "max_tags", lambda: ot.Recording(self.file).blocks(0)),
                 (TypeError, "chunk_bytes", lambda: ot.Recording(self.file, chunk_bytes=1.5)),
-                (ValueError, "divider", lambda: ot.judge(self.file, -1)),
+                (ValueError, "divider", lambda: ot.judge(self.file, 0)),
                 (ValueError, "tolerance_ppm", lambda: ot.judge(self.file, 1, tolerance_ppm=-1)),
                 (ValueError, "closed", closed.tags),
                 (ValueError, "closed", lambda: closed.lock_events)):
