@@ -94,7 +94,9 @@ class Recordings(unittest.TestCase):
         self.assertEqual(ot.load_run(copy).runs[0].recording.path, self.runs["good"] / first.name)
 
     def test_headers_are_those_of_ortime(self):
+        descriptors = os.listdir("/proc/self/fd")
         header = ot.Recording(self.file).header
+        self.assertEqual(os.listdir("/proc/self/fd"), descriptors)
         said = re.findall('^  (\\w+)="?([^"\n]*)"?$', shell(f"ortime info {self.file}"), re.M)[:13]
         for name, text in said:
             value = getattr(header, name)
@@ -139,7 +141,7 @@ class Recordings(unittest.TestCase):
                 (ValueError, "max_tags", lambda: ot.Recording(self.file).blocks(0)),
                 (TypeError, "chunk_bytes", lambda: ot.Recording(self.file, chunk_bytes=1.5)),
                 (ValueError, "divider", lambda: ot.judge(self.file, 0)),
-                (ValueError, "tolerance_ppm", lambda: ot.judge(self.file, 1, tolerance_ppm=-1)),
+                (ValueError, "tolerance_ppm", lambda: ot.judge(self.file, 1, tolerance_ppm=np.nan)),
                 (ValueError, "closed", closed.tags),
                 (ValueError, "closed", lambda: closed.lock_events)):
             with self.assertRaisesRegex(error, message):
