@@ -13,7 +13,7 @@ import unittest
 TOOL = "ot-simulated ot_verify_overflow_frequency "  # to be followed by its arguments
 # Without what a person has set for the tool, and with the programs on the search path.
 ENVIRONMENT = {name: text for name, text in os.environ.items() if not name.startswith("ORVO_")}
-ENVIRONMENT["PATH"] = f"{os.environ['ORVO_BIN']}:{os.environ['PATH']}"
+ENVIRONMENT["PATH"] = f"{os.path.abspath(os.environ['ORVO_BIN'])}:{os.environ['PATH']}"
 
 
 class Process:
