@@ -17,16 +17,16 @@ ENVIRONMENT["PATH"] = f"{os.path.abspath(os.environ['ORVO_BIN'])}:{os.environ['P
 
 
 class Process:
-    """A shell's command, from its start on; `sim` is its ORVO_SIM. What it has said by now is in
-    `out`, `err` and `ledger`; `status` is that of its exit, or 128 and the signal that ended it."""
+    """A shell's command, from its start on, ignoring no signal; `sim` is its ORVO_SIM. What it has said
+    by now is in `out`, `err` and `ledger`; `status` is its exit's, or 128 and the signal that ended it."""
 
     def __init__(self, folder, command, sim=""):
         pipes = {name: os.pipe() for name in ("out", "err", "ledger")}
         ends = {name: end for name, (_, end) in pipes.items()}
         environment = {**ENVIRONMENT, "ORVO_SIM": f"ledger=/dev/fd/{ends['ledger']};{sim}"}
         self.child = subprocess.Popen(
-            "exec setpriv --pdeathsig KILL " + command, shell=True, cwd=folder, env=environment,
-            stdout=ends["out"], stderr=ends["err"], pass_fds=[ends["ledger"]])
+            "exec env --default-signal setpriv --pdeathsig KILL " + command, shell=True, cwd=folder,
+            env=environment, stdout=ends["out"], stderr=ends["err"], pass_fds=[ends["ledger"]])
         for end in ends.values():
             os.close(end)
         self.pipes = {name: pipe for name, (pipe, _) in pipes.items()}
