@@ -31,6 +31,7 @@ class ToolInterruption(ProgramTest):
                 self.assertEqual(tool.err, "")
                 if tool.status == 0:  # it came too late
                     self.assertRegex(calls, r"^DLOI(FMPXFSR?T){2}C\.$")
+                    self.assertRegex(before, "T.*T")
                     continue
                 self.assertEqual(tool.status, 128 + signal)
                 self.assertRegex(calls, r"^DLOI(FMPXFSR?T){0,2}(FMPXFSR?Z)?C\.?$")
