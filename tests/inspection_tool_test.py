@@ -20,7 +20,7 @@ class InspectionTool(ProgramTest):
             with self.subTest(sim):
                 recorded = self.record(sim)
                 self.assertEqual(recorded.status, 2 if sim else 0, recorded.err)
-                again = self.run_whole(f"ortime verify {self.run_dir()}")
+                again = self.run_whole(f"ortime verify '{self.run_dir()}'")
                 self.assertEqual(again.status, recorded.status)
                 self.assertEqual(again.err, "")  # which names each number that the report has otherwise
                 runs = re.sub(" payload_bytes=[0-9]+", "", lines_with(again.out, "run "))
@@ -28,11 +28,11 @@ class InspectionTool(ProgramTest):
 
     def test_takes_what_the_tool_leaves_by_every_way(self):
         self.assertEqual(self.record("").status, 0)
-        file = self.run_dir() / "overflow_frequency_01.ortime"
+        file = f"'{self.run_dir()}/overflow_frequency_01.ortime'"
         tags = self.run_whole(f"ortime tags {file}").out
         self.assertGreater(len(tags), 1000)
         for command, status, out in ((f"tags - <{file}", 0, tags),
-                                     (f"tags --run=1 {self.run_dir()}", 0, tags),
+                                     (f"tags --run=1 '{self.run_dir()}'", 0, tags),
                                      ("verify out/latest.json", 0, "pass=true\n"),
                                      (f"verify - --requested-hz=1000 <{file}", 0, "pass=true\n"),
                                      (f"info {file} >/dev/full", 1, "")):

@@ -25,7 +25,7 @@ def shell(command, sim=""):
 
 def record(folder, fault):
     """A run of the tool on the simulated instrument; returns its directory."""
-    shell(f"{TOOL} --frequencies-hz=1000,100000 --capture-s=0.1 --output-root={folder}",
+    shell(f"{TOOL} --frequencies-hz=1000,100000 --capture-s=0.1 --output-root='{folder}'",
           "pace=ps:120000000000;" + fault)
     return next(path for path in folder.iterdir() if path.is_dir())
 
@@ -45,7 +45,7 @@ class Recordings(unittest.TestCase):
 
     def test_tags_are_those_of_ortime(self):
         for file in sorted(self.folder.glob("*/*/*.ortime")):
-            shell(f"ortime tags {file} -o {self.folder}/t.npy")
+            shell(f"ortime tags '{file}' -o '{self.folder}/t.npy'")
             expected = np.load(self.folder / "t.npy")
             self.assertGreater(len(expected), 50)
             np.testing.assert_array_equal(ot.Recording(file).tags(), expected)
@@ -97,7 +97,7 @@ class Recordings(unittest.TestCase):
         descriptors = os.listdir("/proc/self/fd")
         header = ot.Recording(self.file).header
         self.assertEqual(os.listdir("/proc/self/fd"), descriptors)
-        said = re.findall('^  (\\w+)="?([^"\n]*)"?$', shell(f"ortime info {self.file}"), re.M)[:13]
+        said = re.findall('^  (\\w+)="?([^"\n]*)"?$', shell(f"ortime info '{self.file}'"), re.M)[:13]
         for name, text in said:
             value = getattr(header, name)
             self.assertEqual(value.name.lower() if hasattr(value, "name") else str(value), text)
