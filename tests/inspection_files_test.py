@@ -98,9 +98,9 @@ class InspectionFiles(OrtimeTest):
 
     def test_info_tells_channels_in_disorder(self):
         self.write_tags([(0, 10), (1, 1), (0, 40), (0, 30), (0, 30)],
-                        application="?[31m\xff\xc2\x9b \xc3\xbc\n")
+                        application="\x7F[31m\xff\xc2\x9b \xc3\xbc\n")
         self.assertEqual(self.ortime("info a.ortime --chunk-bytes 8"), 0)
-        self.assertIn('\n  application="?[31m\\xff\\x9b ü\\n"\n', self.out)
+        self.assertIn('\n  application="\\x7f[31m\\xff\\x9b ü\\n"\n', self.out)
         self.assertTrue(self.out.endswith("""
 decodable=true
 tags=5
