@@ -72,6 +72,8 @@ pass=true
                 "ortime: run 1: ch0 count=99 differs from the report: 100\n"), self.err)
             self.assertIn("\nortime: recordings and report disagree in 14 numbers: ", self.err)
             self.assertTrue(self.out.endswith("\npass=false disagreements=14\n"), self.out)
+        self.assertEqual(self.ortime("verify . --channel-mask 3 --json"), 3)
+        self.assertFalse(json.loads(self.out)["pass"])
 
     def test_names_each_verdict_that_the_report_has_otherwise(self):
         run = self.report["runs"][0]
