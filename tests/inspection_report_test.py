@@ -50,8 +50,7 @@ class Report(OrtimeTest):
             elif not empty and name not in ("meta", "br"):
                 opened.append(name)
         self.assertEqual(opened, [])
-        self.assertNotIn("{{", page)
-        self.assertNotRegex(page, "<script|https?:|[^a-z](nan|inf)[^a-z]")
+        self.assertNotRegex(page, "{{|<script|https?:|[^a-z](nan|inf)[^a-z]")
 
     def test_says_what_is_so(self):
         for sim, periods, capture_periods, findings in (
@@ -126,6 +125,8 @@ record=1252 chunks_left=3.
 Payload byte 68 535, after the timestamp at 115.7 ms: locked bits=16 drop_bytes=24 bit_offset=2 \
 raw_bytes=5193.
 """)
+        self.assertEqual(self.ortime("verify . --chunk_bytes=4096"), 2)
+        self.assertEqual(self.ortime("verify ."), 3)  # what follows a lost lock depends on the pieces
         self.report = {}
         self.add_run(43_400, f"{JUMP.format(7400)};{LOST_LOCK}", "--capture-s=0.1")
         self.assertIn("<p>1 of 1\u00A0lost lock not marked.</p>", self.page(7400))  # amid damage
