@@ -174,8 +174,8 @@ ot_set_calibration_freq k=2 thread=1 freq_hz=12345.500000 status=0
 ot_start_stream_mode k=1 thread=1 mode=0 tdl_index=44 status=0
 ot_stop_stream_mode k=1 thread=1 stop_flag=1 status=0
 """)
-        for read in lines_with(tool.ledger, "ot_read_").splitlines():
-            self.assertIn(" capacity=4096 timeout_ms=20 ", read)
+        self.assertRegex(lines_with(tool.ledger, "ot_read_"),
+                         r"\A(ot_read_stream_bytes .* capacity=4096 timeout_ms=20 .*\n)+\Z")
 
     def test_ends_before_anything_is_touched(self):
         usage = self.run_tool("", "--help").out
