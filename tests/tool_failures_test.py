@@ -39,6 +39,7 @@ class ToolFailures(ProgramTest):
                 if "always" in how and failing == "ot_stop_stream_mode:2":
                     continue  # a run without an end
                 with self.subTest(failing + how + more):
+                    self.remove_outputs()
                     tool = self.run_whole(command, f"fail={failing}:-2{how}{more}")
                     self.assertRegex(calls_in(tool.ledger), rf"^{calls}\.$")
                     said = f"{label}: input/output failure"
@@ -47,15 +48,15 @@ class ToolFailures(ProgramTest):
                     self.assertEqual(tool.status, 1 if label else 0)
                     self.assert_recorded(tool.ledger)
                     self.assertEqual((self.root / "latest.json").exists(), not label)
-                    run_dir = self.run_dir()
-                    self.assertEqual((run_dir / "overflow_frequency.csv").exists(), not label)
-                    self.remove_outputs()
+                    csv = self.run_dir() / "overflow_frequency.csv"
+                    self.assertEqual(csv.exists(), not label)
 
     # A recording of 150 bytes waits in a buffer, and its reports fail unseen: what was written shows.
     def test_full_disk_at_any_byte_of_a_recording_and_its_reports(self):
         every = "ORVO_EVERY_BYTE" in os.environ
         for size in range(2300) if every else (*range(13), *range(13, 2300, 97)):
             with self.subTest(size):
+                self.remove_outputs()
                 tool = self.start(f"prlimit --fsize={size} {TWO_RUNS} --capture-s=0.02",
                                   "pace=bytes:150").finish()
                 stem = self.run_dir() / "overflow_frequency"
@@ -76,7 +77,6 @@ class ToolFailures(ProgramTest):
                         text = stem.with_suffix(report).read_text()
                         self.assertEqual((self.root / f"latest{report}").read_text(), text)
                         self.assertTrue(len(text) == size or text.endswith(('"\n', "}\n")), text)
-                self.remove_outputs()
 
 
 if __name__ == "__main__":

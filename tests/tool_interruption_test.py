@@ -21,13 +21,13 @@ class ToolInterruption(ProgramTest):
         for at in range(3, 3 * calls_of_a_run, step):
             signal = (SIGINT, SIGTERM, SIGHUP)[at % 3]
             with self.subTest(f"{signal} after line {at // 3}"):
+                self.remove_outputs()
                 tool = self.start(SMALL_RUNS, SMALL)
                 tool.run_until(lambda: tool.ledger.count("\n") >= at // 3)
                 tool.signal(signal)
                 before = calls_in(tool.ledger)
                 calls = calls_in(tool.finish().ledger)
                 self.assert_recorded(tool.ledger)
-                self.remove_outputs()
                 self.assertEqual(tool.err, "")
                 if tool.status == 0:  # it came too late
                     self.assertRegex(calls, r"^DLOI(FMPXFSR?T){2}C\.$")
@@ -49,6 +49,7 @@ class ToolInterruption(ProgramTest):
                 ("--capture-s=0.3 --chunk-bytes=1", "silent=1;pace=bytes:2000000", "ot_stop",
                  "DLOIFMPXFSRTC", [SIGTERM] * 2)):
             with self.subTest(reached):
+                self.remove_outputs()
                 tool = self.start(f"{TOOL} --output-root=out {arguments}", sim)
                 tool.run_until(lambda: reached in tool.ledger)
                 for signal in signals:
@@ -57,7 +58,6 @@ class ToolInterruption(ProgramTest):
                 self.assertEqual((tool.status, tool.err), (128 + signals[0], ""))
                 self.assertEqual(calls_in(tool.ledger), calls)
                 self.assert_recorded(tool.ledger)
-                self.remove_outputs()
 
     # The driver's first call waits for a reader of its ledger. No capture is begun after it, and what
     # was said until then is not lost.
