@@ -90,10 +90,6 @@ def lines_with(text, start):
     return "".join(line + "\n" for line in text.splitlines() if line.startswith(start))
 
 
-def names_in(folder):
-    return sorted(path.name for path in folder.iterdir())
-
-
 def payload_of(file):
     """What follows the header of a stream file; None where none is."""
     data = file.read_bytes()
