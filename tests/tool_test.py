@@ -103,7 +103,7 @@ class Tool(ProgramTest):
             "capture_s = 0.05\nfrequencies_hz = 10000\ntolerance_ppm = 10\n")
 
     def run_tool(self, sim, arguments="", before=""):
-        """Into an output root that is empty, unless a test has made it a file."""
+        """Runs it with an empty output root."""
         self.remove_outputs()
         return self.run_whole(before + TOOL + arguments, SIM + sim)
 

@@ -37,8 +37,8 @@ class OrtimeTest(ProgramTest):
         self.report = {}
 
     def add_run(self, periods, sim="", arguments=""):
-        """Adds a run of the tool on so many periods, without jitter, but as `sim` says; its capture
-        lasts as long, but for what the arguments say."""
+        """Adds a run of the tool whose stream and capture last so many periods, without jitter; `sim`
+        and the arguments may change each of these."""
         self.remove_outputs()
         end_ps = int((periods - 0.5) * PERIOD_PS)
         self.run_whole(f"{TOOL}--output-root=out --frequencies-hz=30978 --chunk-bytes=4096 "

@@ -34,7 +34,7 @@ class Process:
         self.status = None
 
     def take_in(self):
-        """What it says within a millisecond."""
+        """Takes in what it has said, or waits a millisecond for it."""
         for pipe in select.select(list(self.pipes.values()), [], [], 0.001)[0]:
             name = next(name for name in self.pipes if self.pipes[name] == pipe)
             block = os.read(pipe, 65536)
@@ -47,7 +47,7 @@ class Process:
         os.close(self.pipes.pop(name))
 
     def run_until(self, condition):
-        """Returns whether the condition holds, or else it has ended."""
+        """Takes in what it says until the condition holds (True) or it has ended (False)."""
         while not condition():
             if not self.pipes:
                 return False
@@ -97,7 +97,6 @@ def payload_of(file):
     return data[end + 2:] if data.startswith(b"ORTIME1\n") and end >= 0 else None
 
 
-# Of a row of reads one is shown.
 LETTERS = {"ot_discover": "D", "ot_discover_free": "L", "ot_open_serial": "O", "ot_identify": "I",
            "ot_set_calibration_freq": "F", "ot_set_stream_channel_mask": "M",
            "ot_set_packed_delta_config": "P", "ot_set_stream_interface": "X",
@@ -106,8 +105,8 @@ LETTERS = {"ot_discover": "D", "ot_discover_free": "L", "ot_open_serial": "O", "
 
 
 def calls_in(ledger):
-    """Its driver calls, a letter each: Z for a stop with flag 0, small for one that failed, "!" for
-    a misuse, "." for the orderly end."""
+    """Its driver calls, a letter each, but one for reads in a row: Z for a stop with flag 0, small for
+    one that failed, "!" for a misuse, "." for the orderly end."""
     calls = ""
     for line in ledger.splitlines():
         letter = "Z" if "stop_flag=0" in line else LETTERS.get(line.split(" ")[0], "")
