@@ -37,7 +37,7 @@ Figures measure_commands() {
   if (!std::filesystem::exists(file)) {
     write_recording(file, captured_bytes(kHz, kSeconds));
   }
-  // Whose intervals are far from each other, in many columns.
+  // With hardly an interval among the common ones, which are counted in passing.
   static const std::string jittery = directory.file("jittery.ortime");
   if (!std::filesystem::exists(jittery)) {
     write_recording(jittery, captured_bytes(kHz, kSeconds, 2'500'000));

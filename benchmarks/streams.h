@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "orvo/simulator/settings.h"
 #include "orvo/timing/stream_header.h"
 
 namespace orvo::benchmarks {
@@ -47,8 +48,8 @@ enum class StreamKind {
 [[nodiscard]] std::vector<std::uint8_t> clean_bytes(unsigned delta_bits, std::size_t bytes);
 
 /// The payload that a capture of `seconds` at 4 x `hz` leaves, from the middle of a record on.
-[[nodiscard]] std::vector<std::uint8_t> captured_bytes(double hz, double seconds,
-                                                       std::uint64_t jitter_ps = 3);
+[[nodiscard]] std::vector<std::uint8_t> captured_bytes(
+    double hz, double seconds, std::uint64_t jitter_ps = simulator::Settings().jitter_ps);
 
 /// Writes a stream file of internal mode.
 void write_recording(const std::string& path, std::span<const std::uint8_t> payload);
