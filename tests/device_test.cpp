@@ -18,7 +18,6 @@ namespace {
 
 using timing::Device;
 
-/// The Error of a status that the library returned.
 TEST(LibraryStatus, MayHaveNeitherTextNorDetail) {
   driver = {};
   const Device device = Device::open("p", 1);

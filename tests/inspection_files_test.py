@@ -3,7 +3,6 @@
 import json
 import random
 import re
-import unittest
 
 from support.ortime import LOST_LOCK, OrtimeTest
 
@@ -157,7 +156,3 @@ detail="locked bits=16 drop_bytes=24 bit_offset=2 raw_bytes=5193"
                 self.assertEqual(self.ortime("info a.ortime"), 0)
                 self.assertIn(f' skew={{"count":1000,"mean_ps":{skew_ps}.0,"median_ps":{skew_ps}.0,'
                               '"standard_deviation_ps":4.0}', self.out)
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -1,7 +1,6 @@
 """The page about a run: `report`."""
 
 import re
-import unittest
 
 from support.ortime import LOST_LOCK, PERIOD_PS, OrtimeTest, recording
 from support.programs import payload_of
@@ -222,7 +221,3 @@ raw_bytes=5193.
             self.assertEqual(self.ortime("report . " + words), 1)
             self.assertIn("is an input file", self.err)
         self.assertEqual(self.ortime("verify ."), 0)
-
-
-if __name__ == "__main__":
-    unittest.main()

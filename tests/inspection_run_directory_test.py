@@ -4,7 +4,6 @@ import math
 import os
 import re
 import shutil
-import unittest
 
 from support.ortime import REPORT, OrtimeTest, recording
 
@@ -119,7 +118,3 @@ class RunDirectory(OrtimeTest):
                 note = "ortime: taken from the verdicts of the report, which does not hold it: "
                 self.assertEqual(self.err[:self.err.index("ortime: run 1")],
                                  f"{note}{taken}\n" if taken else "")
-
-
-if __name__ == "__main__":
-    unittest.main()

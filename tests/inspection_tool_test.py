@@ -1,7 +1,6 @@
 """The two programs together: what the tool found in its recordings, ortime finds again."""
 
 import re
-import unittest
 
 from support.programs import TOOL, ProgramTest, lines_with
 
@@ -42,7 +41,3 @@ class InspectionTool(ProgramTest):
                 self.assertTrue(ortime.out.endswith(end), ortime.out)
         piped = self.run_whole(f"cat {file} | ortime verify - --requested-hz=1000").out
         self.assertIn(" overflow_required=true decoded_tags=", piped)  # and no size of the payload
-
-
-if __name__ == "__main__":
-    unittest.main()

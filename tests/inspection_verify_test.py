@@ -1,10 +1,9 @@
 """Recordings judged again: `verify`."""
 
 import json
-import unittest
 
 from support.ortime import REPORT, OrtimeTest, recording
-from support.programs import payload_of
+from support.programs import payload_of, stream_file
 
 SLOW = "rate_error_ppm=2:-100"
 
@@ -126,9 +125,8 @@ pass=true
                  "has schema_version 2, not 1; read all the same"),
                 ('"channel_mask"', '"mask"', 2, "is incomplete; taken: channel_mask=")):
             with self.subTest(new):
-                text = header.replace(old, new).encode()
                 (self.here / "odd").write_bytes(
-                    whole[:8] + len(text).to_bytes(4, "little") + text + payload)
+                    stream_file(header.replace(old, new).encode(), payload))
                 self.assertEqual(self.ortime("verify odd --divider 1000 --tolerance-ppm 101"), status)
                 self.assertTrue(self.err.startswith(f'ortime: "odd": its header {warning}'), self.err)
                 self.assertTrue(self.out.endswith(f"\npass={'false' if status else 'true'}\n"), self.out)
@@ -149,7 +147,3 @@ pass=true
             self.assertEqual(self.ortime("verify " + words), 1)
             self.assertIn(error, self.err)
             self.assertEqual(self.out, "")
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -5,7 +5,6 @@ import os
 import pathlib
 import re
 import shutil
-import subprocess
 import tempfile
 import unittest
 from concurrent.futures import ThreadPoolExecutor
@@ -15,18 +14,13 @@ import numpy as np
 import orvo_timing as ot
 
 os.environ.pop("LD_PRELOAD", None)  # the programs have a sanitizer's runtime of their own
-from support.programs import ENVIRONMENT, TOOL
-
-
-def shell(command, sim=""):
-    return subprocess.run(command, shell=True, env={**ENVIRONMENT, "ORVO_SIM": sim},
-                          capture_output=True, encoding="utf-8", check=False).stdout
+from support.programs import TOOL, shell, stream_file
 
 
 def record(folder, fault):
     """A run of the tool on the simulated instrument; returns its directory."""
     shell(f"{TOOL} --frequencies-hz=1000,100000 --capture-s=0.1 --output-root='{folder}'",
-          "pace=ps:120000000000;" + fault)
+          sim="pace=ps:120000000000;" + fault)
     return next(path for path in folder.iterdir() if path.is_dir())
 
 
@@ -97,7 +91,8 @@ class Recordings(unittest.TestCase):
         descriptors = os.listdir("/proc/self/fd")
         header = ot.Recording(self.file).header
         self.assertEqual(os.listdir("/proc/self/fd"), descriptors)
-        said = re.findall('^  (\\w+)="?([^"\n]*)"?$', shell(f"ortime info '{self.file}'"), re.M)[:13]
+        said = re.findall('^  (\\w+)="?([^"\n]*)"?$', shell(f"ortime info '{self.file}'").stdout,
+                          re.M)[:13]
         for name, text in said:
             value = getattr(header, name)
             self.assertEqual(value.name.lower() if hasattr(value, "name") else str(value), text)
@@ -125,8 +120,7 @@ class Recordings(unittest.TestCase):
     def test_errors(self):
         text = self.file.with_name("overflow_frequency.csv")
         undecodable = self.folder / "undecodable"
-        header = b'{"stream_format":"packed_delta","delta_bits":99}'
-        undecodable.write_bytes(b"ORTIME1\n" + len(header).to_bytes(4, "little") + header + bytes(9))
+        undecodable.write_bytes(stream_file(b'{"delta_bits":99}', bytes(9)))
         foreign = self.folder / "foreign.json"
         foreign.write_text('{"pass": true}')
         with ot.Recording(self.file) as closed:
@@ -161,7 +155,3 @@ class Recordings(unittest.TestCase):
             public = {member for member in vars(there) if not member.startswith("_")}
             self.assertEqual({member for member in stubbed if not member.startswith("_")},
                              public - {"name", "value"}, name)
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -3,7 +3,6 @@
 ORVO_EVERY_BYTE tries each size of files; without it a sample of about forty is tried."""
 
 import os
-import unittest
 
 from support.programs import TOOL, ProgramTest, calls_in, payload_of
 
@@ -76,7 +75,3 @@ class ToolFailures(ProgramTest):
                         text = stem.with_suffix(report).read_text()
                         self.assertEqual((self.root / f"latest{report}").read_text(), text)
                         self.assertTrue(len(text) == size or text.endswith(('"\n', "}\n")), text)
-
-
-if __name__ == "__main__":
-    unittest.main()

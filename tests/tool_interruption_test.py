@@ -4,7 +4,6 @@ ended, and the process ends by the signal.
 ORVO_EVERY_SIGNAL sends each signal after each driver call; without it they take turns."""
 
 import os
-import unittest
 from signal import SIGHUP, SIGINT, SIGTERM
 
 from support.programs import TOOL, ProgramTest, calls_in
@@ -89,7 +88,3 @@ class ToolInterruption(ProgramTest):
         self.assertEqual((tool.status, tool.err), (128 + SIGTERM, ""))
         self.assertIn("latest_json=", tool.out)
         self.assertRegex(calls_in(tool.ledger), "TC$")
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -5,7 +5,6 @@ import os
 import re
 import shutil
 import time
-import unittest
 
 from support.programs import ENVIRONMENT, TOOL, ProgramTest, lines_with
 
@@ -282,7 +281,3 @@ ot_stop_stream_mode k=1 thread=1 stop_flag=1 status=0
                 expect_results(
                     self.start(f"env ORVO_PACKED_DEBUG=1 {command} {closed}", SIM).finish())
         self.assertEqual(self.start(TOOL + "--capture-s=0 <&- >&- 2>&-").finish().status, 64)
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -5,9 +5,8 @@ import os
 import pathlib
 import re
 import shutil
-import subprocess
 
-from support.programs import ENVIRONMENT, TOOL, ProgramTest
+from support.programs import TOOL, ProgramTest, shell, stream_file
 
 GOLDEN = pathlib.Path(__file__).parents[1] / "golden"
 DIVIDER = 1000  # of the calibration source
@@ -62,7 +61,7 @@ class OrtimeTest(ProgramTest):
     def write_stream(self, name, payload=b"", **header):
         """A stream file; a character of its header is a byte."""
         text = json.dumps({**HEADER, **header}, ensure_ascii=False).encode("latin-1")
-        (self.here / name).write_bytes(b"ORTIME1\n" + len(text).to_bytes(4, "little") + text + payload)
+        (self.here / name).write_bytes(stream_file(text, payload))
 
     def write_tags(self, tags, name="a.ortime", **header):
         """A recording of channels and times in picosecond records."""
@@ -71,9 +70,7 @@ class OrtimeTest(ProgramTest):
 
     def ortime(self, words):
         """Runs a command in that folder, which is "." in what it says; sets `out` and `err`."""
-        done = subprocess.run("ortime " + words, shell=True, cwd=self.here, env=ENVIRONMENT,
-                              capture_output=True, encoding="utf-8", errors="surrogateescape",
-                              check=False)
+        done = shell("ortime " + words, self.here)
         self.out, self.err = (text.replace(str(self.here), ".") for text in (done.stdout, done.stderr))
         return done.returncode
 

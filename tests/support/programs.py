@@ -86,8 +86,18 @@ class Process:
         self.finish()
 
 
+def shell(command, folder=None, sim=""):
+    """What a shell's command ended with and said."""
+    return subprocess.run(command, shell=True, cwd=folder, env={**ENVIRONMENT, "ORVO_SIM": sim},
+                          capture_output=True, encoding="utf-8", errors="surrogateescape", check=False)
+
+
 def lines_with(text, start):
     return "".join(line + "\n" for line in text.splitlines() if line.startswith(start))
+
+
+def stream_file(header, payload=b""):
+    return b"ORTIME1\n" + len(header).to_bytes(4, "little") + header + payload
 
 
 def payload_of(file):
