@@ -53,7 +53,8 @@ class DecoderPair {
     std::ostringstream lines;
     for (const timing::LockEvent& event : events) {
       lines << describe(event, header_) << " at " << event.payload_offset_bytes << " after "
-            << event.tags_before << " skips " << event.drop_bytes << '\n';
+            << event.tags_before << " skips " << event.drop_bytes << " misses "
+            << event.sync_chunks_left << '\n';
     }
     return lines.str();
   }

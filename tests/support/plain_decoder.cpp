@@ -257,7 +257,7 @@ bool PlainDecoder::drop(Kind kind, unsigned c, std::uint64_t next_ps, std::uint6
   drop_ = {.kind = kind,
            .channel = c,
            .sync_channel = sync_channel,
-           .sync_chunks_left = sync_chunks_left,
+           .sync_chunks_left = kind == Kind::inactive_channel ? 0 : sync_chunks_left,
            .delta_ps = as_signed(next_ps - prev_ps),
            .next_ps = as_signed(next_ps),
            .prev_ps = as_signed(prev_ps)};

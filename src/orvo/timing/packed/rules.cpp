@@ -41,12 +41,13 @@ PackedRules::Outcome PackedRules::take(std::uint64_t record) {
 
 PackedRules::Outcome PackedRules::take_sync_chunk(unsigned channel, bool flag,
                                                   std::uint64_t payload) {
-  if (channel != state_.sync_channel) {
+  if (channel != state_.sync_channel || flag) {
+    drop_event_.sync_chunks_left = state_.sync_chunks_left;
+    if (channel == state_.sync_channel) {
+      return drop(LockEvent::Kind::overflow_in_sync, channel);
+    }
     drop_event_.sync_channel = state_.sync_channel;
     return drop(LockEvent::Kind::sync_channel_mismatch, channel);
-  }
-  if (flag) {
-    return drop(LockEvent::Kind::overflow_in_sync, channel);
   }
   state_.sync_value |= payload << state_.sync_bits;  // lowest bits first
   state_.sync_bits += format_.bits;
@@ -124,7 +125,6 @@ PackedRules::Outcome PackedRules::drop_sync_delta(unsigned channel, std::uint64_
 PackedRules::Outcome PackedRules::drop(LockEvent::Kind kind, unsigned channel) {
   drop_event_.kind = kind;
   drop_event_.channel = channel;
-  drop_event_.sync_chunks_left = state_.sync_chunks_left;
   return Outcome::drop;
 }
 
