@@ -5,7 +5,10 @@ import os
 import pathlib
 import re
 import shutil
+import signal
+import sys
 import tempfile
+import threading
 import unittest
 from concurrent.futures import ThreadPoolExecutor
 
@@ -39,10 +42,10 @@ class Recordings(unittest.TestCase):
 
     def test_tags_are_those_of_ortime(self):
         for file in sorted(self.folder.glob("*/*/*.ortime")):
-            shell(f"ortime tags '{file}' -o '{self.folder}/t.npy'")
+            shell(f"ortime tags --chunk-bytes=8192 '{file}' -o '{self.folder}/t.npy'")
             expected = np.load(self.folder / "t.npy")
             self.assertGreater(len(expected), 50)
-            np.testing.assert_array_equal(ot.Recording(file).tags(), expected)
+            np.testing.assert_array_equal(ot.Recording(file, 8192).tags(), expected)
 
     def test_blocks_of_any_size_are_the_tags(self):
         def blocks_of(max_tags):
@@ -57,6 +60,17 @@ class Recordings(unittest.TestCase):
         block = next(iter(ot.Recording(self.file)))  # its own, as all arrays here outlive theirs
         block["time_ps"] += 1
         np.testing.assert_array_equal(block["time_ps"], tags["time_ps"][:len(block)] + 1)
+
+    def test_an_interruption_from_another_thread_loses_nothing(self):
+        self.addCleanup(signal.signal, signal.SIGINT,
+                        signal.signal(signal.SIGINT, signal.default_int_handler))
+        self.addCleanup(sys.setswitchinterval, sys.getswitchinterval())
+        sys.setswitchinterval(600)  # it runs only where the decoding thread lets it
+        blocks = ot.Recording(self.file, chunk_bytes=1).blocks(10**9)
+        threading.Timer(0.02, signal.raise_signal, [signal.SIGINT]).start()
+        with self.assertRaises(KeyboardInterrupt):
+            next(blocks)
+        np.testing.assert_array_equal(next(blocks), ot.Recording(self.file).tags())
 
     def test_verdicts_are_those_of_the_tool(self):
         for name, run in self.runs.items():
@@ -100,10 +114,13 @@ class Recordings(unittest.TestCase):
                          {name for name in dir(header) if not name.startswith("_")})
 
     def test_lock_events_have_what_belongs_to_their_kind(self):
+        in_sync = self.folder / "in_sync"  # records of a byte: a sync and its event, then half of one
+        in_sync.write_bytes(stream_file(b'{"mode":"external","channel_mask":1,"delta_bits":5}',
+                                        b"\x3f" + bytes(10) + b"\x3f\0\x40"))
         found = [{name: getattr(event, name) for name in dir(event)
                   if not name.startswith("_") and getattr(event, name)}
-                 for run, chunk_bytes in (("shifted", 8192), ("damaged", 1 << 20))
-                 for event in ot.Recording(self.runs[run] / self.file.name, chunk_bytes).lock_events[:3]]
+                 for file, chunk_bytes in ((self.runs["shifted"] / self.file.name, 8192), (in_sync, 11))
+                 for event in ot.Recording(file, chunk_bytes).lock_events[:3]]
         kind = ot.LockKind
         self.assertEqual(found, [
             dict(kind=kind.LOCKED, bit_offset=3, buffer_bytes=8192),
@@ -112,10 +129,9 @@ class Recordings(unittest.TestCase):
                  record=1296, records=3449),
             dict(kind=kind.LOCKED, payload_offset_bytes=44041, tags_before=9252, drop_bytes=1,
                  bit_offset=3, buffer_bytes=13303),
-            dict(kind=kind.LOCKED, bit_offset=3, buffer_bytes=229207),
-            dict(kind=kind.NONMONOTONIC_SYNC, drops_lock=True, payload_offset_bytes=24510,
-                 tags_before=5123, channel=3, next_ps=1132794692992, prev_ps=1164224665472,
-                 record=10319, records=96508)])
+            dict(kind=kind.LOCKED, buffer_bytes=11),
+            dict(kind=kind.INACTIVE_CHANNEL, drops_lock=True, payload_offset_bytes=14,
+                 tags_before=1, channel=1, record=2, records=3)])
 
     def test_errors(self):
         text = self.file.with_name("overflow_frequency.csv")
@@ -124,7 +140,8 @@ class Recordings(unittest.TestCase):
         foreign = self.folder / "foreign.json"
         foreign.write_text('{"pass": true}')
         with ot.Recording(self.file) as closed:
-            pass
+            blocks = iter(closed)
+            next(blocks)
         for error, message, call in (
                 (FileNotFoundError, "no/such", lambda: ot.Recording("no/such")),
                 (ot.FormatError, "", lambda: ot.Recording(text)),
@@ -137,6 +154,8 @@ class Recordings(unittest.TestCase):
                 (ValueError, "divider", lambda: ot.judge(self.file, 0)),
                 (ValueError, "tolerance_ppm", lambda: ot.judge(self.file, 1, tolerance_ppm=np.nan)),
                 (ValueError, "closed", closed.tags),
+                (ValueError, "closed", closed.__enter__),
+                (ValueError, "closed", lambda: next(blocks)),
                 (ValueError, "closed", lambda: closed.lock_events)):
             with self.assertRaisesRegex(error, message):
                 call()

@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <iterator>
+#include <memory>
 #include <optional>
 #include <string>
 #include <utility>
@@ -95,42 +96,54 @@ timing::StreamFileReader open_recording(const std::string& path) {
   return reader;
 }
 
+void require_open(bool closed) {
+  if (closed) {
+    throw py::value_error("the recording is closed");
+  }
+}
+
 /// One reading of a recording, from its front.
 class Blocks {
  public:
-  Blocks(const std::string& path, std::uint64_t max_tags, std::uint64_t chunk_bytes)
-      : reader_(open_recording(path)), max_tags_(max_tags), chunk_bytes_(chunk_bytes) {}
+  /// `closed`: of the recording; looked at with the interpreter's lock.
+  Blocks(const std::string& path, std::uint64_t max_tags, std::uint64_t chunk_bytes,
+         std::shared_ptr<const bool> closed)
+      : reader_(open_recording(path)),
+        max_tags_(max_tags),
+        chunk_bytes_(chunk_bytes),
+        closed_(std::move(closed)) {}
 
   py::array next() {
     if (!reader_.is_open()) {
       throw py::stop_iteration();
     }
-    std::vector<TimeTag> tags = without_lock([this] { return read(); });
-    if (tags.empty()) {
+    require_open(*closed_);
+    without_lock([this] { fill_block(); });
+    if (block_.empty()) {
       reader_.close();
       throw py::stop_iteration();
     }
-    return array_of(std::move(tags));
+    return array_of(std::exchange(block_, {}));
   }
 
  private:
-  std::vector<TimeTag> read() {
+  void fill_block() {
     constexpr std::uint64_t kReservedTags = 1 << 20;
-    std::vector<TimeTag> tags;
-    tags.reserve(std::min(max_tags_, kReservedTags));
-    while (tags.size() < max_tags_) {
-      const auto next = reader_.next_tags(max_tags_ - tags.size(), chunk_bytes_);
+    block_.reserve(std::min(max_tags_, kReservedTags));
+    while (block_.size() < max_tags_) {
+      const auto next = reader_.next_tags(max_tags_ - block_.size(), chunk_bytes_);
       if (next.empty()) {
         break;
       }
-      tags.insert(tags.end(), next.begin(), next.end());
+      block_.insert(block_.end(), next.begin(), next.end());
     }
-    return tags;
   }
 
   timing::StreamFileReader reader_;
   std::uint64_t max_tags_;
   std::uint64_t chunk_bytes_;
+  std::shared_ptr<const bool> closed_;
+  std::vector<TimeTag> block_;  // an interrupted call leaves its tags to the next one
 };
 
 class Recording {
@@ -147,7 +160,7 @@ class Recording {
   [[nodiscard]] const timing::StreamFileHeader& header() const { return header_; }
 
   [[nodiscard]] Blocks blocks(const py::object& max_tags) const {
-    return {opened_path(), checked("max_tags", max_tags, 1, kMost), chunk_bytes_};
+    return {opened_path(), checked("max_tags", max_tags, 1, kMost), chunk_bytes_, closed_};
   }
 
   [[nodiscard]] py::array tags() const {
@@ -174,7 +187,8 @@ class Recording {
     return *lock_events_;
   }
 
-  void close() { closed_ = true; }
+  void close() { *closed_ = true; }
+  void enter() const { require_open(*closed_); }
 
   [[nodiscard]] std::string repr() const {
     return "<orvo_timing.Recording " + py::repr(py::str(path_)).cast<std::string>() + ">";
@@ -182,17 +196,15 @@ class Recording {
 
  private:
   [[nodiscard]] const std::string& opened_path() const {
-    if (closed_) {
-      throw py::value_error("the recording is closed");
-    }
+    require_open(*closed_);
     return path_;
   }
 
   std::string path_;
   std::uint64_t chunk_bytes_;
   timing::StreamFileHeader header_;
-  std::optional<std::vector<LockEvent>> lock_events_;  // null until asked for
-  bool closed_ = false;
+  std::optional<std::vector<LockEvent>> lock_events_;             // null until asked for
+  std::shared_ptr<bool> closed_ = std::make_shared<bool>(false);  // seen by its Blocks
 };
 
 py::dict judge(const std::filesystem::path& path, const py::object& divider,
@@ -335,20 +347,30 @@ no recording, Error where it cannot be read.)")
 
 dtype: channel (uint8, 0 to 3) and time_ps (int64, picoseconds since the clock's start, continued
 where the clock wraps), in decoding order: ascending within a channel apart from steps back of at
-most 1 us. Takes 16 bytes of memory a timestamp.)")
+most 1 us. Where a packed-delta lock was lost, time goes on from the next sync and wraps before it
+are forgotten: times can step back there, by 14.3 s after one wrap. RAW64 times keep the order in
+which they were recorded. Takes 16 bytes of memory a timestamp.)")
       .def("blocks", &Recording::blocks, py::arg("max_tags") = kBlockTags,
            R"(Iterates over arrays like that of tags(), in memory that does not grow.
 
-max_tags: length of each array, 1 or more; only the last one may be shorter.)")
+max_tags: length of each array, 1 or more; only the last one may be shorter. After an interruption
+(Ctrl-C) the iterator goes on where it was.)")
       .def_property_readonly("lock_events", &Recording::lock_events,
                              R"(list[LockEvent]: what happened to the packed-delta lock, in order.
 
 Decodes the whole recording the first time.)")
       .def("close", &Recording::close,
-           "Ends the use of the recording: decoding it is a ValueError.")
+           R"(Ends the use of the recording.
+
+Decoding it, going on with an iterator over it, and entering it are then a ValueError. Header and
+lock events that were read before stay.)")
       .def("__iter__",
            [](const Recording& recording) { return recording.blocks(py::int_(kBlockTags)); })
-      .def("__enter__", [](py::object self) { return self; })
+      .def("__enter__",
+           [](py::object self) {
+             self.cast<const Recording&>().enter();
+             return self;
+           })
       .def("__exit__", [](Recording& recording, const py::args&) { recording.close(); })
       .def("__repr__", &Recording::repr);
 }
