@@ -21,9 +21,7 @@ int main(int argc, char** argv) {
     verification::TagStatistics statistics;
     reader.for_each_batch(1 << 20, [&](auto tags) { statistics.add(tags); });
 
-    verification::EvaluationSettings settings;
-    settings.packed_bits = reader.header().delta_bits;
-    settings.packed_quantum_ps = reader.header().quantum_ps;
+    const verification::EvaluationSettings settings = verification::settings_of(reader.header());
     const auto divider = static_cast<std::uint32_t>(std::stoul(argv[2]));
     const verification::RunResult result =
         verification::judge(statistics, verification::derive_rates(divider, settings), settings);

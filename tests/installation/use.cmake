@@ -81,14 +81,15 @@ expect("${out}" "Config: ${own_settings}\n")
 expect("${out}" "Output: ${output_root}/")
 file(REMOVE "${own_settings}")
 foreach(program "${WORK_DIR}/links/ot_verify_overflow_frequency" ot_verify_overflow_frequency)
-  run(0 "${WORK_DIR}/links/ot-simulated" "${program}" --frequencies-hz=10000 --capture-s=1)
+  run(0 "${WORK_DIR}/links/ot-simulated" "${program}" --frequencies-hz=10000 --capture-s=1
+      --channel-mask=5)
   expect("${out}"
          "Config: ${prefix}/share/orvo_timing/verification/ot_verify_overflow_frequency.ini\n")
   expect("${out}" "Output: ${output_root}/")
 endforeach()
 
 # The examples, as a project of one's own: it finds the package, compiles all its headers, judges the
-# tool's recording as the tool has, and makes one itself.
+# tool's recording of two channels as the tool has, and makes one itself.
 run(0 "${CMAKE_COMMAND}" -S "${CMAKE_CURRENT_LIST_DIR}/consumer" -B "${WORK_DIR}/consumer"
     -G "${GENERATOR}" "-DCMAKE_PREFIX_PATH=${prefix}" "-DCMAKE_CXX_COMPILER=${CXX}"
     "-DCMAKE_CXX_FLAGS=${CXX_FLAGS}" "-DCMAKE_BUILD_TYPE=${BUILD_TYPE}"
