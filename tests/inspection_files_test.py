@@ -1,6 +1,7 @@
 """ortime's command line, and stream files looked into: `info`, `tags`, and what both tell."""
 
 import json
+import os
 import random
 import re
 
@@ -10,6 +11,8 @@ from support.ortime import LOST_LOCK, OrtimeTest
 class InspectionFiles(OrtimeTest):
     def test_usage_errors_name_the_fault_and_where_to_look(self):
         (self.here / "f").touch()
+        (self.here / "hard").hardlink_to(self.here / "f")
+        (self.here / "link").symlink_to("target")
         for words, told in (
                 ("", "a command is missing"),
                 ("'\x1b[2J' x", r"'\x1b[2J' is no command"),
@@ -30,7 +33,8 @@ class InspectionFiles(OrtimeTest):
                 ("verify f --divider 3 --channel-mask 16", "not in range 0 to 15"),
                 ("report x", "--output or --json is required"),
                 ("report x -o ''", "the name is empty"),
-                ("report x -o page --json page", "needs a file of its own")):
+                *((f"report x -o {outputs}", "needs a file of its own") for outputs in (
+                    "t --json ./t", "link --json target", "f --json hard", "- --json /dev/stdout"))):
             with self.subTest(words):
                 self.assertEqual(self.ortime(words), 64)
                 self.assertIn(told, self.err)
@@ -67,13 +71,11 @@ class InspectionFiles(OrtimeTest):
         before = recording.read_bytes()
         (self.here / "hard").hardlink_to(recording)
         (self.here / "link").symlink_to(recording)
-        (self.here / "u.part").hardlink_to(recording)
         self.write_stream("undecodable", packed_delta_config={"delta_bits": 99, "quantum_ps": 8})
         for output, error in (
                 ("a.ortime --format csv", "is an input file"),
                 ("hard", "is an input file"),
                 ("link", "is an input file"),
-                ("u", "is an input file"),
                 ("/dev/full", 'cannot write "/dev/full": No space left on device'),
                 ("./", "Is a directory"),
                 ("missing/t", "No such file or directory"),
@@ -82,7 +84,7 @@ class InspectionFiles(OrtimeTest):
                 self.assertEqual(self.ortime("tags a.ortime -o " + output), 1)
                 self.assertIn(error, self.err)
                 self.assertEqual(recording.read_bytes(), before)
-        (self.here / "t.part").write_text("left by one that was killed")
+        (self.here / "t.part").write_text("of somebody")
         target = self.here / "t"
         target.write_text("older")
         target.chmod(0o600)
@@ -90,10 +92,26 @@ class InspectionFiles(OrtimeTest):
         self.assertEqual(self.tags("to_t"), b"channel,time_ps\n0,5\n")  # what the link leads to
         self.assertEqual(target.read_bytes(), b"channel,time_ps\n0,5\n")
         self.assertEqual(target.stat().st_mode & 0o777, 0o600)
+        (self.here / "to_new").symlink_to("new")
+        self.tags("to_new")
+        self.assertEqual((self.here / "new").stat().st_mode, recording.stat().st_mode)
         self.assertEqual(self.ortime("tags undecodable"), 1)
         self.assertIn("records that cannot be decoded: packed_delta of 99 bits", self.err)
-        # The recordings and links, the output and its link: nothing unfinished.
-        self.assertEqual(len(list(self.here.iterdir())), 7)
+        self.assertEqual((self.here / "t.part").read_text(), "of somebody")
+        # The recordings and links, the outputs and their links: nothing unfinished.
+        self.assertEqual(len(list(self.here.iterdir())), 9)
+
+    def test_two_at_once_write_whole_files(self):
+        self.write_tags([(0, 5)])
+        os.mkfifo(self.here / "pipe")
+        first = self.start("ortime tags - -o run/t <run/pipe")
+        with open(self.here / "pipe", "wb", buffering=0) as pipe:  # which keeps the first one waiting
+            pipe.write((self.here / "a.ortime").read_bytes())
+            self.assertTrue(first.run_until(lambda: list(self.here.glob("t.*"))))
+            whole = self.tags("t")
+            pipe.write(bytes(8))
+        self.assertEqual(first.finish().status, 0, first.err)
+        self.assertEqual((self.here / "t").read_bytes(), whole + b"0,0\n")
 
     def test_info_tells_channels_in_disorder(self):
         self.write_tags([(0, 10), (1, 1), (0, 40), (0, 30), (0, 30)],

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "orvo/inspection/commands.h"
+#include "orvo/inspection/output_file.h"
 #include "orvo/inspection/run_directory.h"
 
 namespace orvo::inspection {
@@ -237,7 +238,8 @@ void require_output(const ReportOptions& options) {
   if (options.output.empty() && options.json.empty()) {
     throw CLI::RequiredError("--output or --json");
   }
-  if (options.output == options.json) {
+  if (!options.output.empty() && !options.json.empty() &&
+      same_output(options.output, options.json)) {
     throw CLI::ValidationError("--json", "needs a file of its own");
   }
 }

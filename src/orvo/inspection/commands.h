@@ -85,7 +85,7 @@ struct ReportOptions {
 /// on standard output (kExitSuccess) or an error on standard error (kExitUsage).
 using Command = std::variant<int, InfoOptions, TagsOptions, VerifyOptions, ReportOptions>;
 
-/// Looks at files only to tell a run from a stream file.
+/// Looks at files only to tell a run from a stream file, and one output from another.
 [[nodiscard]] Command parse_command_line(int argc, const char* const* argv);
 
 }  // namespace orvo::inspection

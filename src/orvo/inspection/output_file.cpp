@@ -1,11 +1,14 @@
 #include "orvo/inspection/output_file.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
+#include <string>
 #include <utility>
 
 #include "orvo/timing/error.h"
@@ -18,37 +21,73 @@ namespace fs = std::filesystem;
 /// By its device's name as well: what a shell appends to is not to be replaced.
 bool is_standard_output(const fs::path& path) { return path == "-" || path == "/dev/stdout"; }
 
+/// As open() creates one; mkostemps() is stricter.
+mode_t new_file_mode() {
+  const mode_t mask = umask(0);
+  umask(mask);
+  return 0666 & ~mask;
+}
+
+/// Where the bytes for `path` go in the end, links followed, also to what does not exist yet.
+fs::path target_of(fs::path path) {
+  if (is_standard_output(path)) {
+    return "/dev/stdout";
+  }
+  std::error_code error;  // what cannot be looked at is opened, which says why
+  if (fs::exists(path, error)) {
+    return fs::is_regular_file(path, error) ? fs::canonical(path) : path;
+  }
+  constexpr int kMostLinks = 40;  // as the system follows
+  for (int i = 0; i < kMostLinks && fs::is_symlink(fs::symlink_status(path, error)); ++i) {
+    path = path.parent_path() / fs::read_symlink(path, error);
+  }
+  const fs::path target = fs::weakly_canonical(fs::absolute(path), error);
+  return error ? path : target;
+}
+
 }  // namespace
 
+bool same_output(const fs::path& a, const fs::path& b) {
+  const fs::path first = target_of(a);
+  const fs::path second = target_of(b);
+  struct stat x = {};
+  struct stat y = {};
+  return first == second || (stat(first.c_str(), &x) == 0 && stat(second.c_str(), &y) == 0 &&
+                             x.st_dev == y.st_dev && x.st_ino == y.st_ino);
+}
+
 OutputFile::OutputFile(const fs::path& path, const std::vector<fs::path>& inputs)
-    : name_(is_standard_output(path) ? "standard output" : fmt::format("{:?}", path.string())) {
-  const bool is_standard = is_standard_output(path);
-  std::error_code error;  // what cannot be looked at is opened, which says why
-  const fs::file_status status = fs::status(path, error);
-  const bool replaces = fs::is_regular_file(status) && !is_standard;
-  target_ = is_standard ? "/dev/stdout" : replaces ? fs::canonical(path) : path;
-  if (!is_standard && (replaces || !fs::exists(status))) {
-    part_ = target_.string() + ".part";
-  }
+    : name_(is_standard_output(path) ? "standard output" : fmt::format("{:?}", path.string())),
+      target_(target_of(path)) {
+  std::error_code error;  // what cannot be looked at is no file
   for (const fs::path& input : inputs) {
-    if (fs::is_regular_file(input, error) &&
-        (fs::equivalent(target_, input, error) || fs::equivalent(part_, input, error))) {
+    if (fs::is_regular_file(input, error) && same_output(path, input)) {
       throw timing::Error(OT_ERR_ARGUMENT,
                           name_ + " is an input file: name another one for the output");
     }
   }
-  if (!part_.empty()) {
-    unlink(part_.c_str());  // left by one that was killed
+  struct stat status = {};
+  const bool exists = stat(target_.c_str(), &status) == 0;
+  if (is_standard_output(path)) {
+    file_ = stdout;
+  } else if (exists && !S_ISREG(status.st_mode)) {
+    file_ = std::fopen(target_.c_str(), "wbe");
+  } else {
+    open_part(exists ? status.st_mode : new_file_mode());
   }
-  file_ = is_standard     ? stdout
-          : part_.empty() ? std::fopen(target_.c_str(), "wbe")
-                          : std::fopen(part_.c_str(), "wbxe");
   if (file_ == nullptr) {
     fail("cannot create ");
   }
   std::setvbuf(file_, nullptr, _IONBF, 0);  // what is written comes in large pieces
-  if (replaces) {
-    fchmod(fileno(file_), static_cast<mode_t>(status.permissions()));
+}
+
+void OutputFile::open_part(mode_t mode) {
+  std::string part = target_.string() + ".XXXXXX.part";
+  const int descriptor = mkostemps(part.data(), sizeof ".part" - 1, O_CLOEXEC);
+  if (descriptor >= 0) {
+    part_ = part;
+    fchmod(descriptor, mode & 07777);
+    file_ = fdopen(descriptor, "wb");
   }
 }
 

@@ -5,6 +5,8 @@
 // the output's name in its message.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdio>
 #include <filesystem>
 #include <span>
@@ -13,11 +15,14 @@
 
 namespace orvo::inspection {
 
+/// Whether two outputs are one, by whatever names.
+[[nodiscard]] bool same_output(const std::filesystem::path& a, const std::filesystem::path& b);
+
 class OutputFile {
  public:
-  /// "-" is standard output, as is /dev/stdout. The bytes for a file are written to one beside it
-  /// with ".part" after its name, which publish() renames; what is no regular file is written
-  /// directly. Refuses to write over one of `inputs`, also by another name or through links.
+  /// "-" is standard output, as is /dev/stdout. The bytes for a file are written to one of this
+  /// start alone beside it, which publish() renames; what is no regular file is written directly.
+  /// Refuses to write over one of `inputs`, also by another name or through links.
   OutputFile(const std::filesystem::path& path, const std::vector<std::filesystem::path>& inputs);
 
   /// Removes what was not published.
@@ -40,6 +45,7 @@ class OutputFile {
   [[nodiscard]] const std::string& name() const noexcept { return name_; }
 
  private:
+  void open_part(mode_t mode);
   [[noreturn]] void fail(const char* what) const;
 
   std::string name_;              // for messages
