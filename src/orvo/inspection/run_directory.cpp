@@ -1,8 +1,12 @@
 #include "orvo/inspection/run_directory.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/file.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <iostream>
 #include <string_view>
 
@@ -49,28 +53,61 @@ bool is_stamp(std::string_view name) {
       [](char c, char shape) { return shape == '0' ? c >= '0' && c <= '9' : c == shape; });
 }
 
+/// Whether a start of the tool has locked the folder, which ends with it. Asks for a lock beside
+/// others of its kind: two that ask do not find each other.
+bool is_held(const fs::path& directory) {
+  const int descriptor = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  const bool held =
+      descriptor >= 0 && flock(descriptor, LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+  close(descriptor);
+  return held;
+}
+
+/// Names count up with time.
+std::vector<fs::path> starts_in(const fs::path& root) {
+  std::vector<fs::path> found;
+  std::error_code error;
+  for (const fs::directory_entry& entry : fs::directory_iterator(root, error)) {
+    if (is_stamp(entry.path().filename().string()) && entry.is_directory(error)) {
+      found.push_back(entry.path());
+    }
+  }
+  std::sort(found.begin(), found.end());
+  return found;
+}
+
+/// The last of `starts`, whatever became of it: an older run is no answer for it.
+fs::path newest_of(const std::vector<fs::path>& starts) {
+  const fs::path& newest = starts.back();
+  const bool running = is_held(newest);  // the report is its last work: looked for after this
+  if (running || !is_file(newest / kReportName)) {
+    const auto older = std::find_if(starts.rbegin() + 1, starts.rend(), [](const fs::path& start) {
+      return is_file(start / kReportName);
+    });
+    throw timing::Error(
+        OT_ERR_NOT_FOUND,
+        fmt::format("the newest run, {:?}, {}; name its folder to look at it, or an older one's{}",
+                    newest.string(), why_no_report(running),
+                    older == starts.rend() ? "" : fmt::format(": {:?}", older->string())));
+  }
+  std::cerr << fmt::format("ortime: newest run: {:?}\n", newest.string());
+  return newest;
+}
+
 /// The run directory that `directory` is, or the newest one in it.
 fs::path run_directory_in(const fs::path& directory) {
   if (is_run(directory)) {
     return directory;
   }
-  fs::path newest;
-  std::error_code error;
-  for (const fs::directory_entry& entry : fs::directory_iterator(directory, error)) {
-    const std::string name = entry.path().filename().string();
-    if (is_stamp(name) && name > newest.filename().string() && is_run(entry.path())) {
-      newest = entry.path();
-    }
-  }
-  if (newest.empty()) {
+  const std::vector<fs::path> starts = starts_in(directory);
+  if (starts.empty()) {
     throw timing::Error(OT_ERR_NOT_FOUND,
                         fmt::format("{:?} holds neither {} nor a recording nor run directories: "
                                     "a run directory is what the verification has printed after "
                                     "\"Output: \"",
                                     directory.string(), kReportName));
   }
-  std::cerr << fmt::format("ortime: newest run: {:?}\n", newest.string());
-  return newest;
+  return newest_of(starts);
 }
 
 /// Where the recordings are looked for first: beside the report, but for a published copy in the
@@ -120,6 +157,7 @@ RunDirectory load_run(const fs::path& path) {
   const bool is_directory = fs::is_directory(named, error);
   dir.path = is_directory ? run_directory_in(named) : named.parent_path();
   dir.report = is_directory ? dir.path / kReportName : named;
+  dir.running = is_directory && is_held(dir.path);
   if (is_directory && !is_file(dir.report)) {
     dir.report.clear();
     for (const fs::path& recording : recordings_in(dir.path)) {

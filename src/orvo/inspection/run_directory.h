@@ -10,9 +10,15 @@
 
 namespace orvo::inspection {
 
+/// Goes on after the run's name.
+inline const char* why_no_report(bool running) {
+  return running ? "is still running" : "left no report: it was stopped, or an error ended it";
+}
+
 struct RunDirectory {
   std::filesystem::path path;    ///< absolute, without links
-  std::filesystem::path report;  ///< the JSON report; empty where an error ended the verification
+  std::filesystem::path report;  ///< the JSON report; empty where there is none
+  bool running = false;          ///< the verification had not ended
 
   // Of the report; without one they mean nothing.
   bool pass = false;
@@ -34,8 +40,8 @@ struct RunDirectory {
 [[nodiscard]] bool names_run(const std::filesystem::path& path);
 
 /// The run that `path` stands for: a run directory, a JSON report, or an output root, for its
-/// newest run. Says on standard error what a user may not expect: which run was taken of a root,
-/// and that recordings lie elsewhere.
+/// newest run, which must have left a report. Says on standard error what a user may not expect:
+/// which run was taken of a root, and that recordings lie elsewhere.
 [[nodiscard]] RunDirectory load_run(const std::filesystem::path& path);
 
 /// Throws when the recording of `run` is not there, and says where it was looked for.

@@ -230,9 +230,11 @@ RunFindings look_into_run(const RunDirectory& dir, const RunResult& reported,
 
 Verdict verdict_of(const RunDirectory& dir, const std::vector<RunFindings>& runs) {
   if (!dir.ended()) {
-    return {"none", "No verdict: the run did not end",
-            "There is no report: the verification was stopped, or an error ended it. This is what "
-            "it had recorded until then."};
+    return {
+        "none",
+        dir.running ? "No verdict: the run is still running" : "No verdict: the run did not end",
+        fmt::format("The verification {}. This is what it has recorded.",
+                    why_no_report(dir.running))};
   }
   const auto failed = std::count_if(runs.begin(), runs.end(),
                                     [](const RunFindings& run) { return !run.shown.pass; });
