@@ -125,7 +125,11 @@ Payload byte 68 535, after the timestamp at 115.7 ms: locked bits=16 drop_bytes=
 raw_bytes=5193.
 """)
         self.assertEqual(self.ortime("verify . --chunk_bytes=4096"), 2)
+        self.assertEqual(self.err, "")
         self.assertEqual(self.ortime("verify ."), 3)  # what follows a lost lock depends on the pieces
+        self.assertTrue(self.err.startswith(
+            "ortime: run 1: only 68509 of 145258 payload bytes decoded: the rest was not judged\n"),
+            self.err)
         self.report = {}
         self.add_run(43_400, f"{JUMP.format(7400)};{LOST_LOCK}", "--capture-s=0.1")
         self.assertIn("<p>1 of 1\u00A0lost lock not marked.</p>", self.page(7400))  # amid damage
@@ -134,7 +138,8 @@ raw_bytes=5193.
     # lost events; two whose recordings were replaced, by times that step back and by an event that is
     # early; and one without any.
     def test_all_is_as_it_was_looked_at(self):
-        settings = "--packed-bits=22 --min-tags-per-channel=10"
+        needed = "--min-tags-per-channel=10"
+        settings = "--packed-bits=22 " + needed
         self.add_run(24, "clock_ps=14315125600000", settings)
         self.add_run(24, "lose=2:1@8,3:2@14;rate_error_ppm=3:300;jitter_ps=3000", settings)
         for sim in "", "", "silent=0":
@@ -144,15 +149,29 @@ raw_bytes=5193.
             self.write_tags([(channel, int(1e12 + n * PERIOD_PS + channel * 100))
                              for n in periods for channel in (3, 2)], recording(run), mode="internal")
         self.report["channel_mask"] = 12
-        page = self.page(24, "--title='Odd_& even'")
+        page = self.page(24, "--title='Odd_& even' " + needed)
         self.assert_golden("report.html", page)
         numbers = (self.here / "page.json").read_text()
         self.assert_golden("report.json", re.sub(r'("(?:channel|columns|[a-z]+_histogram)":)', r"\n\1",
                                                  numbers))
         self.ortime("info " + " ".join(map(recording, range(1, 6))))
         self.assert_golden("info.txt", self.out)
-        self.ortime("verify .")
+        self.ortime("verify . " + needed)
         self.assert_golden("verify.txt", self.out + self.err)
+
+    def test_guesses_no_setting(self):
+        for given, periods, status in (("--min-tags-per-channel=5", 20, 0),
+                                       ("--min-tags-per-channel=300", 100, 2),
+                                       ("--tolerance-ppm=0.0024", 100, 0)):
+            self.report = {}
+            self.add_run(periods, "", given + " --channel-mask=3")
+            for words, expected, look in ("", 3, "doubt: PASS, but"), (given, status, "pass: PASS\n"):
+                with self.subTest(given, words=words):
+                    self.assertEqual(self.ortime("verify . " + words), expected)
+                    said = self.err + findings_of(self.page(periods, words))
+                    self.assertEqual(said.count("made with another --min-tags-per-channel or --tolerance-"),
+                                     0 if words else 2, said)
+                    self.assertIn("fail: FAIL\n" if status else look, said)
 
     def test_folds_what_passed(self):
         for _ in range(13):
@@ -202,6 +221,10 @@ raw_bytes=5193.
                       "the report says: payload_bytes 7660 reported, 7641 now; ", findings)
         self.assertEqual(page.count('class="advice"'), 1)
         self.assertEqual(page.count("<figure>"), 2)
+        for file in self.here.glob("*.ortime"):
+            file.unlink()
+        findings = findings_of(self.page())
+        self.assertTrue(findings.startswith("doubt: PASS, but 3 of 3 recordings are missing\n"), findings)
 
     def test_without_a_report_there_is_no_verdict(self):
         self.add_run(PERIODS, "rate_error_ppm=0:5000,1:-5000")

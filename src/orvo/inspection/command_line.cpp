@@ -177,6 +177,17 @@ void require_rate_of_file(const VerifyOptions& options) {
   }
 }
 
+void add_settings(CLI::App* command, GivenSettings& given) {
+  add(command, "--tolerance-ppm", given.tolerance_ppm, "X",
+      "Largest accepted rate error of a channel [that of the\n"
+      "report, which has three decimals of it; or 25]")
+      ->check(number_from(0, "a number of at least 0"));
+  add(command, "--min-tags-per-channel", given.min_tags_per_channel, "N",
+      "Fewest timestamps a channel needs to pass, which no\n"
+      "report holds [64]")
+      ->transform(integer<std::uint64_t>());
+}
+
 void add_verify(CLI::App& program, VerifyOptions& options) {
   CLI::App* const command = program.add_subcommand(
       "verify",
@@ -194,15 +205,8 @@ void add_verify(CLI::App& program, VerifyOptions& options) {
       "the divider nearest to it")
       ->check(number_from(std::numeric_limits<double>::denorm_min(), "a number greater than 0"))
       ->excludes(divider);
-  add(command, "--tolerance-ppm", options.tolerance_ppm, "X",
-      "Largest accepted rate error of a channel [that of the\n"
-      "report, or 25]")
-      ->check(number_from(0, "a number of at least 0"));
-  add(command, "--min-tags-per-channel", options.min_tags_per_channel, "N",
-      "Fewest timestamps a channel needs to pass [64, or what\n"
-      "the verdicts of the report need]")
-      ->transform(integer<std::uint64_t>());
-  add(command, "--channel-mask", options.channel_mask, "MASK",
+  add_settings(command, options.given);
+  add(command, "--channel-mask", options.given.channel_mask, "MASK",
       "Bit c set: channel c counts; 0x0F, 0b1111 or 15; 0 for\n"
       "all four [that of the report or the stream file]")
       ->transform(CLI::Validator(
@@ -228,6 +232,7 @@ void add_report(CLI::App& program, ReportOptions& options) {
              "What the page shows as data: results, deviations over\n"
              "time, histograms");
   add(command, "--title", options.title, "TEXT", "Such as which instrument, which bench");
+  add_settings(command, options.given);
   command->footer(
       "Examples:\n"
       "  ortime report -o report.html logs/verification/overflow_frequency\n"

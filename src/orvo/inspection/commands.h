@@ -9,6 +9,8 @@
 #include <variant>
 #include <vector>
 
+#include "orvo/verification/evaluation.h"
+
 namespace orvo::inspection {
 
 // Exit statuses; 0 and 2 mean what they mean for the tool that records.
@@ -40,6 +42,24 @@ struct TagsOptions {
   std::uint64_t chunk_bytes = 1 << 20;
 };
 
+/// How recordings are judged; what is not given is that of the report, of the stream file's header,
+/// or the tool's default.
+struct GivenSettings {
+  std::optional<double> tolerance_ppm = std::nullopt;
+  std::optional<std::uint64_t> min_tags_per_channel = std::nullopt;
+  std::optional<std::uint8_t> channel_mask = std::nullopt;
+
+  [[nodiscard]] bool any() const { return tolerance_ppm || min_tags_per_channel || channel_mask; }
+  /// `settings` but for what is given.
+  [[nodiscard]] verification::EvaluationSettings over(
+      verification::EvaluationSettings settings) const {
+    settings.tolerance_ppm = tolerance_ppm.value_or(settings.tolerance_ppm);
+    settings.min_tags_per_channel = min_tags_per_channel.value_or(settings.min_tags_per_channel);
+    settings.channel_mask = channel_mask.value_or(settings.channel_mask);
+    return settings;
+  }
+};
+
 struct VerifyOptions {
   std::filesystem::path path;  ///< a stream file, "-", or a run
 
@@ -48,11 +68,7 @@ struct VerifyOptions {
   std::optional<std::uint32_t> divider = std::nullopt;  ///< of the calibration source
   std::optional<double> requested_hz = std::nullopt;
 
-  // Where they are not given: of the report, of the stream file's header, or the tool's defaults.
-  std::optional<double> tolerance_ppm = std::nullopt;
-  std::optional<std::uint64_t> min_tags_per_channel = std::nullopt;
-  std::optional<std::uint8_t> channel_mask = std::nullopt;
-
+  GivenSettings given;
   bool json = false;  ///< one document instead of text
   std::uint64_t chunk_bytes = 1 << 20;
 };
@@ -62,6 +78,7 @@ struct ReportOptions {
   std::filesystem::path output;  ///< the page; empty: none
   std::filesystem::path json;    ///< its numbers, likewise
   std::string title;             ///< on the page; may be empty
+  GivenSettings given;           ///< those of the run that its report rounds or does not hold
   std::uint64_t chunk_bytes = 1 << 20;
 };
 

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <nlohmann/json.hpp>
 
 namespace orvo::inspection {
@@ -66,6 +67,13 @@ std::vector<Difference> differences(const verification::RunResult& reported,
             numbers_of(decoded.channels[c]));
   }
   return found;
+}
+
+const char* options_behind(const std::vector<Difference>& differences) {
+  const bool verdicts_alone =
+      std::all_of(differences.begin(), differences.end(),
+                  [](const Difference& difference) { return difference.name.ends_with("pass"); });
+  return verdicts_alone ? "--min-tags-per-channel or --tolerance-ppm" : "--chunk-bytes";
 }
 
 }  // namespace orvo::inspection

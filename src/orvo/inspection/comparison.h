@@ -40,4 +40,8 @@ struct Difference {
                                                   const verification::RunResult& decoded,
                                                   bool with_verdicts);
 
+/// Options that may explain what differs, given as they were in the run: where it is verdicts
+/// alone, those of settings that a report rounds or does not hold.
+[[nodiscard]] const char* options_behind(const std::vector<Difference>& differences);
+
 }  // namespace orvo::inspection

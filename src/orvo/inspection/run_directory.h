@@ -23,10 +23,9 @@ struct RunDirectory {
   // Of the report; without one they mean nothing.
   bool pass = false;
   double capture_s = 0;  ///< of every run
-  /// What the report does not hold is taken from its verdicts: the number of timestamps that a
-  /// channel needs, and further digits of the tolerance.
+  /// The tolerance to three decimals; the number of timestamps that a channel needs is in no
+  /// report.
   verification::EvaluationSettings settings;
-  std::string settings_note;  ///< says what was taken so; empty where nothing had to be
 
   /// As reported, to the digits that the report has; without a report, those that have left a
   /// recording, with nothing else filled. `stream_file` is where the recording is now: in `path`,

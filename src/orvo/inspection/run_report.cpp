@@ -1,8 +1,6 @@
 #include <fmt/format.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <cmath>
 #include <cstring>
 #include <fstream>
 #include <iterator>
@@ -20,11 +18,9 @@ namespace {
 
 using nlohmann::json;
 using verification::ChannelResult;
-using verification::EvaluationSettings;
 using verification::kChannels;
 
-constexpr std::size_t kMaxFileBytes = 4 << 20;     // more than two thousand runs
-constexpr double kToleranceRounding_ppm = 0.0005;  // a report holds three decimals
+constexpr std::size_t kMaxFileBytes = 4 << 20;  // more than two thousand runs
 
 [[noreturn]] void refuse(const json& value, const std::string& what) {
   throw json::other_error::create(501, what, &value);
@@ -145,62 +141,6 @@ void fill(const json& report, RunDirectory& dir) {
   }
 }
 
-bool verdicts_follow_from(const EvaluationSettings& settings,
-                          const std::vector<ChannelResult>& channels) {
-  return std::all_of(channels.begin(), channels.end(), [&](const ChannelResult& channel) {
-    return channel.pass == (channel.count >= settings.min_tags_per_channel &&
-                            std::abs(channel.ppm_error) <= settings.tolerance_ppm);
-  });
-}
-
-/// Settings that give the report's verdicts, where those that it holds do not and others do.
-void infer_settings(RunDirectory& dir) {
-  std::vector<ChannelResult> channels;
-  for (const verification::RunResult& run : dir.runs) {
-    channels.insert(channels.end(), run.channels.begin(), run.channels.end());
-  }
-  EvaluationSettings settings = dir.settings;
-  if (verdicts_follow_from(settings, channels)) {
-    return;
-  }
-  std::string taken;
-  // The minimum lies above the counts that failed although their rates were right, and not above
-  // those that passed.
-  std::uint64_t least = 0;
-  std::uint64_t most = std::numeric_limits<std::uint64_t>::max();
-  for (const ChannelResult& channel : channels) {
-    if (channel.pass) {
-      most = std::min(most, channel.count);
-    } else if (std::abs(channel.ppm_error) < settings.tolerance_ppm - kToleranceRounding_ppm) {
-      least = std::max(least, channel.count + 1);
-    }
-  }
-  settings.min_tags_per_channel = std::min(std::max(settings.min_tags_per_channel, least), most);
-  if (settings.min_tags_per_channel != dir.settings.min_tags_per_channel) {
-    taken += fmt::format(" min_tags_per_channel={}", settings.min_tags_per_channel);
-  }
-  if (!verdicts_follow_from(settings, channels)) {
-    // The tolerance lies between the errors that passed and those that failed, within what is
-    // reported as it.
-    double passed_ppm = settings.tolerance_ppm - kToleranceRounding_ppm;
-    double failed_ppm = settings.tolerance_ppm + kToleranceRounding_ppm;
-    for (const ChannelResult& channel : channels) {
-      const double error_ppm = std::abs(channel.ppm_error);
-      if (channel.pass) {
-        passed_ppm = std::max(passed_ppm, error_ppm);
-      } else if (channel.count >= settings.min_tags_per_channel) {
-        failed_ppm = std::min(failed_ppm, error_ppm);
-      }
-    }
-    settings.tolerance_ppm = (passed_ppm + failed_ppm) / 2;
-    taken += fmt::format(" tolerance_ppm={:.6f}", settings.tolerance_ppm);
-  }
-  if (verdicts_follow_from(settings, channels)) {
-    dir.settings = settings;
-    dir.settings_note = "taken from the verdicts of the report, which does not hold it:" + taken;
-  }
-}
-
 }  // namespace
 
 void read_report(RunDirectory& dir) {
@@ -208,7 +148,6 @@ void read_report(RunDirectory& dir) {
   quote_tolerance(text);
   try {
     fill(parse_foreign_json(text), dir);
-    infer_settings(dir);
   } catch (const json::exception& error) {
     throw timing::Error(OT_ERR_FORMAT,
                         fmt::format("{:?}: {}", dir.report.string(), words_of(error)));

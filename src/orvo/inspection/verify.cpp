@@ -5,12 +5,14 @@
 #include <iostream>
 #include <limits>
 #include <nlohmann/json.hpp>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "orvo/inspection/commands.h"
 #include "orvo/inspection/comparison.h"
+#include "orvo/inspection/lock_history.h"
 #include "orvo/inspection/run_directory.h"
 #include "orvo/inspection/stream_input.h"
 #include "orvo/timing/error.h"
@@ -28,6 +30,7 @@ struct Judgement {
   std::vector<NamedNumber> numbers;  // of the run, those that are known
   std::vector<Difference> differences;
   std::string error;  // why it could not be judged; empty: it was
+  std::string gap;    // how much was decoded, where that is not all of it or nearly so
 };
 
 std::string text_of(const std::vector<NamedNumber>& numbers) {
@@ -64,6 +67,12 @@ class Output {
       return;
     }
     pass_ = pass_ && judgement.run.pass;
+    if (!judgement.gap.empty()) {
+      std::cerr << fmt::format("ortime: run {}: {}\n", runs.size(), judgement.gap);
+    }
+    if (!judgement.differences.empty()) {
+      explanations_.insert(options_behind(judgement.differences));
+    }
     for (const Difference& difference : judgement.differences) {
       disagree(fmt::format("run {}: ", runs.size()), difference);
     }
@@ -97,9 +106,9 @@ class Output {
     }
     if (disagreements_ != 0) {
       std::cerr << fmt::format(
-          "ortime: recordings and report disagree in {} numbers: was one of them changed, or made "
-          "with another --chunk-bytes?\n",
-          disagreements_);
+          "ortime: recordings and report disagree in {} numbers: was one of them changed{}{}?\n",
+          disagreements_, explanations_.empty() ? "" : ", or made with another ",
+          fmt::join(explanations_, ", "));
     }
     return unjudged_ != 0        ? kExitError
            : disagreements_ != 0 ? kExitDisagreement
@@ -146,18 +155,10 @@ class Output {
   bool json_;
   Json document_;
   std::size_t disagreements_ = 0;
+  std::set<std::string> explanations_;  // what may be behind them
   std::size_t unjudged_ = 0;
   bool pass_ = true;
 };
-
-/// What the options say otherwise, on top of `settings`.
-EvaluationSettings chosen_settings(EvaluationSettings settings, const VerifyOptions& options) {
-  settings.tolerance_ppm = options.tolerance_ppm.value_or(settings.tolerance_ppm);
-  settings.min_tags_per_channel =
-      options.min_tags_per_channel.value_or(settings.min_tags_per_channel);
-  settings.channel_mask = options.channel_mask.value_or(settings.channel_mask);
-  return settings;
-}
 
 /// The divider that was given, or the one whose frequency is nearest to the one asked for.
 std::uint32_t divider_of(const VerifyOptions& options) {
@@ -172,22 +173,36 @@ std::uint32_t divider_of(const VerifyOptions& options) {
                                                                                       : below);
 }
 
+/// Says how much of the payload was decoded, where more than its ends were not.
+std::string gap_in(const timing::StreamFileReader& reader, const LockHistory& locks) {
+  constexpr std::uint64_t kWorthAWord = 10;  // a tenth
+  const std::uint64_t read = reader.read_bytes() - reader.payload_start_bytes();
+  const std::uint64_t decoded = read - reader.undecoded_bytes() - locks.skipped_bytes();
+  return read - decoded <= read / kWorthAWord
+             ? ""
+             : fmt::format("only {} of {} payload bytes decoded: the rest was not judged", decoded,
+                           read);
+}
+
 /// The recording of `reported`, which has at least its divider and its stream file.
 Judgement judged_again(const RunResult& reported, const EvaluationSettings& settings,
                        StreamInput& input, std::uint64_t chunk_bytes) {
   input.require_decodable();
   verification::TagStatistics recorded;
+  LockHistory locks;
+  input.reader.on_lock_event = [&](const timing::LockEvent& event) { locks.add(event); };
   input.read(chunk_bytes, [&](std::span<const timing::TimeTag> tags) { recorded.add(tags); });
   Judgement judgement;
   judgement.run = judge_again(reported, recorded, input.payload_bytes(), settings);
   judgement.numbers = numbers_of(judgement.run);
+  judgement.gap = gap_in(input.reader, locks);
   return judgement;
 }
 
 int verify_file(const VerifyOptions& options) {
   StreamInput input(options.path);
   const EvaluationSettings settings =
-      chosen_settings(verification::settings_of(input.reader.header()), options);
+      options.given.over(verification::settings_of(input.reader.header()));
   const RunResult named = {.requested_hz = options.requested_hz.value_or(0),
                            .divider = divider_of(options),
                            .stream_file = options.path,
@@ -206,16 +221,12 @@ int verify_run(const VerifyOptions& options) {
   const RunDirectory dir = load_run(options.path);
   if (!dir.ended()) {
     throw timing::Error(OT_ERR_NOT_FOUND,
-                        fmt::format("{:?} has no report, because an error ended the run: judge its "
-                                    "recordings with 'ortime verify --requested-hz F FILE'",
-                                    dir.path.string()));
+                        fmt::format("{:?} {}; judge its recordings with 'ortime verify "
+                                    "--requested-hz F FILE'",
+                                    dir.path.string(), why_no_report(dir.running)));
   }
-  const bool same_judgement =
-      !options.tolerance_ppm && !options.min_tags_per_channel && !options.channel_mask;
-  if (same_judgement && !dir.settings_note.empty()) {
-    std::cerr << "ortime: " << dir.settings_note << '\n';
-  }
-  const EvaluationSettings settings = chosen_settings(dir.settings, options);
+  const bool same_judgement = !options.given.any();
+  const EvaluationSettings settings = options.given.over(dir.settings);
   Output output(settings, options.json);
   for (const RunResult& reported : dir.runs) {
     Judgement judgement;

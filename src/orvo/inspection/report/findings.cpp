@@ -157,8 +157,9 @@ void look_at_locks(RunFindings& run) {
 void compare(const RunDirectory& dir, const RunResult& reported, RunFindings& run) {
   const RunResult decoded =
       judge_again(reported, run.recording->tags, run.recording->payload_bytes, dir.settings);
+  const std::vector<Difference> found = differences(reported, decoded, true);
   Words words;
-  for (const Difference& difference : differences(reported, decoded, true)) {
+  for (const Difference& difference : found) {
     words.push_back(fmt::format("{} {} reported, {} now", difference.name, difference.reported,
                                 difference.decoded));
   }
@@ -174,9 +175,10 @@ void compare(const RunDirectory& dir, const RunResult& reported, RunFindings& ru
       fmt::format(": the recording, which the charts show, does not decode to what the report "
                   "says: {}.",
                   fmt::join(words, "; ")));
-  run.advice.emplace_back(
-      "Where recording and report differ, one of the files has changed, or the verification read "
-      "in pieces of another size: try --chunk-bytes with its chunk_bytes.");
+  run.advice.push_back(fmt::format(
+      "Where recording and report differ, one of the files has changed, or the run was made with "
+      "another {}.",
+      options_behind(found)));
 }
 
 RunFindings look_into_run(const RunDirectory& dir, const RunResult& reported,
@@ -245,6 +247,18 @@ Verdict verdict_of(const RunDirectory& dir, const std::vector<RunFindings>& runs
                                : fmt::format("{} of {} runs failed:", failed, runs.size())};
   }
   Verdict verdict = {"pass", "PASS", ""};
+  const auto unread = std::count_if(runs.begin(), runs.end(),
+                                    [](const RunFindings& run) { return !run.recording; });
+  const auto unreadable = std::count_if(runs.begin(), runs.end(), [](const RunFindings& run) {
+    std::error_code error;
+    return !run.recording && std::filesystem::exists(run.shown.stream_file, error);
+  });
+  if (unread != 0) {
+    verdict.look = "doubt";
+    verdict.headline = fmt::format("PASS, but {} of {} {} {}", unread,
+                                   counted(runs.size(), "recording"), unread == 1 ? "is" : "are",
+                                   unreadable == 0 ? "missing" : "missing or unreadable");
+  }
   double largest_ppm = -1;
   double least_ps = std::numeric_limits<double>::infinity();
   for (std::size_t i = 0; i < runs.size(); ++i) {
@@ -264,7 +278,7 @@ Verdict verdict_of(const RunDirectory& dir, const std::vector<RunFindings>& runs
       verdict.look = "doubt";
       verdict.headline = fmt::format("PASS, but only {} of {} decoded", time_text(least_ps, 3),
                                      capture_text(dir, 3));
-    } else if (runs[i].differs && verdict.headline == "PASS") {
+    } else if (runs[i].differs && std::isinf(least_ps)) {
       verdict.look = "doubt";
       verdict.headline = "PASS, but the recordings say otherwise";
     }

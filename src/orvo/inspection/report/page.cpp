@@ -99,8 +99,7 @@ Json facts_of(const RunDirectory& dir, const std::vector<RunFindings>& runs) {
                          {"needed", grouped(s.min_tags_per_channel)},
                          {"channels", channels},
                          {"bits", s.packed_bits},
-                         {"quantum", s.packed_quantum_ps},
-                         {"note", dir.settings_note}};
+                         {"quantum", s.packed_quantum_ps}};
   }
   return facts;
 }

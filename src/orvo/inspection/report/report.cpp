@@ -16,7 +16,8 @@ namespace orvo::inspection {
 
 int run(const ReportOptions& options) {
   unsetenv("ORVO_PACKED_DEBUG");  // the page has the lock history
-  const RunDirectory dir = load_run(options.path);
+  RunDirectory dir = load_run(options.path);
+  dir.settings = options.given.over(dir.settings);
   std::vector<std::filesystem::path> inputs;
   if (dir.ended()) {
     inputs.push_back(dir.report);
