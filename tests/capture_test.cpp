@@ -8,6 +8,7 @@
 #include <random>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "orvo/timing/device/capture_queue.h"
 #include "orvo/timing/device/device.h"
@@ -42,6 +43,15 @@ class Capture : public testing::Test {
     return device.stream_to_file_for(path, duration, mode, format, 0xFF, 3, 1000, 12, 4,
                                      timing::Transport::usb, chunk_bytes, 0);
   }
+  /// Again until the time was enough for all of `reads`.
+  std::uint64_t run_through(const std::vector<ScriptedDriver::Read>& reads) {
+    for (Seconds duration = std::chrono::milliseconds(20);; duration *= 2) {
+      driver.take_calls();
+      driver.reads = reads;
+      const std::uint64_t captured = run(duration);
+      if (driver.reads.empty()) return captured;
+    }
+  }
   std::string error() {
     return error_of([&] { run(kUntilFailure); });
   }
@@ -60,15 +70,9 @@ class Capture : public testing::Test {
 
 TEST_F(Capture, ReadsBecomeThePayloadInOrder) {
   const std::string full(4096, 'x');
-  std::uint64_t captured = 0;
-  Seconds duration = std::chrono::milliseconds(20);
-  do {  // until the time was enough for all reads
-    driver.take_calls();
-    driver.reads = {
-        {OT_OK, "ten bytes."}, {OT_OK, ""}, {-3, "no data"}, {OT_OK, full}, {OT_OK, "z"}};
-    captured = run(duration *= 2);
-  } while (!driver.reads.empty() && duration < kUntilFailure);
-  EXPECT_EQ(captured, 4107u);
+  EXPECT_EQ(run_through(
+                {{OT_OK, "ten bytes."}, {OT_OK, ""}, {-3, "no data"}, {OT_OK, full}, {OT_OK, "z"}}),
+            4107u);
   EXPECT_EQ(device.stream_state.reads, 3u);
   EXPECT_EQ(payload_of(path), "ten bytes." + full + "z");
   EXPECT_EQ(driver.take_calls(), kSetUp + kRead + kRead + kRead + kRead + kRead + "stop 1; ");
@@ -141,9 +145,19 @@ TEST_F(Capture, FailureIsToldBeforeTheStreamIsAbandoned) {
   EXPECT_EQ(device.stream_state.payload_bytes, 0u);  // of the present stream
 }
 
+TEST_F(Capture, WhatNothingFollowsIsInTheFileAtOnce) {
+  driver.reads = {{OT_OK, "first"}, {OT_OK, " and last"}};
+  EXPECT_THROW(
+      device.capture({.path = path,
+                      .duration = std::chrono::seconds(20),
+                      .interrupted = [&] { return payload_of(path) == "first and last"; }}),
+      timing::Interrupted);
+  EXPECT_TRUE(driver.take_calls().ends_with("stop 0; "));
+}
+
 TEST_F(Capture, WriterFailureStopsTheStreamAndIsToldInsteadOfALaterOne) {
-  path = "/dev/full";
-  chunk_bytes = 2 << 20;  // more than the file's own buffer
+  const FileSizeLimit limit(4096);  // more than the header
+  chunk_bytes = 1 << 20;
   const std::string chunk(chunk_bytes, 'x');
   for (const bool fails_later : {false, true}) {
     driver.reads.assign(fails_later ? 1 : 8, {OT_OK, chunk});
@@ -153,6 +167,9 @@ TEST_F(Capture, WriterFailureStopsTheStreamAndIsToldInsteadOfALaterOne) {
     EXPECT_TRUE(calls.ends_with("stop 0; ")) << calls;
     EXPECT_EQ(calls.find("stop 1"), std::string::npos) << calls;
   }
+  const std::string failed = "StreamFileWriter: payload write failed [-2]";
+  EXPECT_EQ(error_of([&] { run_through({{OT_OK, chunk}}); }), failed);  // the last of the file
+  EXPECT_TRUE(driver.take_calls().ends_with("/0; stop 1; "));
 }
 
 // Two threads that come and go as they like: chunks and pauses of random sizes, the end or a
@@ -182,7 +199,7 @@ TEST(CaptureQueue, LosesNothingAndAlwaysEnds) {
             throw timing::Error(9, "disk on fire");
           }
           written.append(reinterpret_cast<const char*>(chunk->bytes.data()), chunk->used);
-          queue.recycle(std::move(*chunk));
+          static_cast<void>(queue.recycle(std::move(*chunk)));
         }
       } catch (...) {
         queue.fail(std::current_exception());

@@ -8,6 +8,7 @@
 #include <fstream>
 #include <stdexcept>
 #include <utility>
+#include <vector>
 
 #include "support/decoding.h"
 #include "support/error_of.h"
@@ -71,13 +72,40 @@ TEST_F(StreamFiles, WriterFramesHeaderAndPayload) {
   EXPECT_EQ(error_of([&] { writer.write(nullptr, 1); }), "StreamFileWriter: null data [-1]");
   writer.write(bytes.data(), bytes.size());
   writer.write(bytes.data(), 4);
-  writer = timing::StreamFileWriter();  // writes out what is buffered
+  writer = timing::StreamFileWriter();  // writes out what is gathered
   EXPECT_EQ(read_file(path), front + std::string((3 << 20) + 7, 'x'));
   writer.open(path, header);  // truncates
   writer.open(scratch.file("other"), header);
   EXPECT_EQ(read_file(path), front);
   reader.open(path);
   EXPECT_EQ(reader.header().application, header.application);
+}
+
+TEST_F(StreamFiles, WriterGathersAMebibyteAndReportsWhatFails) {
+  const Bytes piece(8192, 'x');
+  writer.open(path, {});
+  const std::uint64_t front = std::filesystem::file_size(path);
+  std::vector<std::uint64_t> sizes = {0};
+  for (std::uint64_t written = 0; written < 4 << 20; written += piece.size()) {
+    writer.write(piece.data(), piece.size());
+    const std::uint64_t size = std::filesystem::file_size(path) - front;
+    if (size != sizes.back()) sizes.push_back(size);
+  }
+  EXPECT_EQ(sizes, (std::vector<std::uint64_t>{0, 1 << 20, 2 << 20, 3 << 20}));
+  writer.flush();
+  EXPECT_EQ(std::filesystem::file_size(path) - front, 4U << 20);
+
+  const std::string failed = "StreamFileWriter: payload write failed [-2]";
+  const FileSizeLimit limit(1 << 20);
+  for (const bool closes : {false, true}) {
+    writer.open(path, {});
+    writer.write(piece.data(), piece.size());
+    const std::uint64_t more = (1 << 20) - front - piece.size() + 1;
+    writer.write(Bytes(more).data(), more);
+    EXPECT_EQ(error_of([&] { closes ? writer.close() : writer.flush(); }), failed);
+    EXPECT_EQ(error_of([&] { writer.close(); }), "no error");  // told already
+  }
+  EXPECT_EQ(std::filesystem::file_size(path), 1U << 20);
 }
 
 TEST_F(StreamFiles, WriterOpensAllOrNothing) {
@@ -91,10 +119,8 @@ TEST_F(StreamFiles, WriterOpensAllOrNothing) {
   const std::string missing = scratch.file("missing/file");
   EXPECT_EQ(open_error(missing, 0), "StreamFileWriter: cannot open " + missing + " [-2]");
   EXPECT_EQ(write_error(), not_open);
-  EXPECT_EQ(open_error("/dev/full", 2 << 20), "StreamFileWriter: failed to write header [-2]");
+  EXPECT_EQ(open_error("/dev/full", 0), "StreamFileWriter: failed to write header [-2]");
   EXPECT_EQ(write_error(), not_open);
-  EXPECT_EQ(open_error("/dev/full", 0), "no error");  // waits in the buffer
-  EXPECT_EQ(write_error(), "no error");
 }
 
 // What is refused leaves nothing of the earlier file.

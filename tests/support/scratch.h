@@ -1,8 +1,10 @@
 // A directory for one test, and whole files in and out of it.
 #pragma once
 
+#include <sys/resource.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -32,6 +34,23 @@ class ScratchDirectory {
 
  private:
   std::filesystem::path path_;
+};
+
+/// While one lives, no file grows beyond `bytes`, as on a disk that is full.
+class FileSizeLimit {
+ public:
+  explicit FileSizeLimit(rlim_t bytes) {
+    std::signal(SIGXFSZ, SIG_IGN);
+    getrlimit(RLIMIT_FSIZE, &before_);
+    const rlimit limit = {bytes, before_.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &limit);
+  }
+  ~FileSizeLimit() { setrlimit(RLIMIT_FSIZE, &before_); }
+  FileSizeLimit(const FileSizeLimit&) = delete;
+  FileSizeLimit& operator=(const FileSizeLimit&) = delete;
+
+ private:
+  rlimit before_ = {};
 };
 
 inline void write_file(const std::string& path, std::string_view bytes) {

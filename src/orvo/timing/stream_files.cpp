@@ -9,7 +9,7 @@
 namespace orvo::timing {
 namespace {
 
-constexpr std::size_t kWriteBufferBytes = 1 << 20;  // holds writes below 1,024 bytes together
+constexpr std::uint64_t kGatheredBytes = 1 << 20;  // most that one write to the system gathers
 constexpr std::uint64_t kHeaderLimitBytes = std::uint64_t{1} << 32;  // its length has 32 bits
 
 /// Of files from before the container had its present name; otherwise the same.
@@ -25,6 +25,7 @@ constexpr std::uint64_t kReservedTags = 65'536;
 
 constexpr const char* kWriter = "StreamFileWriter";
 constexpr const char* kReader = "StreamFileReader";
+constexpr const char* kPayloadFailed = "payload write failed";
 
 std::array<char, 4> to_little_endian(std::uint32_t value) {
   return {static_cast<char>(value), static_cast<char>(value >> 8), static_cast<char>(value >> 16),
@@ -69,22 +70,21 @@ std::string read_header_text(std::ifstream& file) {
 
 }  // namespace
 
-StreamFileWriter::~StreamFileWriter() { close(); }
+StreamFileWriter::~StreamFileWriter() { static_cast<void>(end_file()); }
 
 StreamFileWriter& StreamFileWriter::operator=(StreamFileWriter&& other) noexcept {
-  close();  // writes out what the old buffer holds, before it goes
-  write_buffer_ = std::move(other.write_buffer_);
+  static_cast<void>(end_file());
+  gathered_ = std::move(other.gathered_);
   file_ = std::move(other.file_);
   header_ = std::move(other.header_);
   return *this;
 }
 
 void StreamFileWriter::open(const std::string& path, const StreamFileHeader& header) {
-  close();
+  static_cast<void>(end_file());
   header_ = header;
-  write_buffer_.assign(kWriteBufferBytes, 0);
-  // A file stream takes a buffer only while it is closed.
-  file_.rdbuf()->pubsetbuf(write_buffer_.data(), static_cast<std::streamsize>(kWriteBufferBytes));
+  gathered_.reserve(kGatheredBytes);
+  file_.rdbuf()->pubsetbuf(nullptr, 0);  // no buffer but ours, which is written when we say so
   file_.open(path, std::ios::out | std::ios::trunc | std::ios::binary);
   if (!file_) {
     throw Error(OT_ERR_IO, kWriter, "cannot open " + path);
@@ -94,12 +94,11 @@ void StreamFileWriter::open(const std::string& path, const StreamFileHeader& hea
   if (text.size() >= kHeaderLimitBytes) {
     throw Error(OT_ERR_ARGUMENT, kWriter, "header is too large");
   }
-  file_.clear();
   const std::array<char, 4> length = to_little_endian(static_cast<std::uint32_t>(text.size()));
-  file_.write(kStreamFileMagic.data(), kStreamFileMagic.size());
-  file_.write(length.data(), length.size());
-  file_.write(text.data(), static_cast<std::streamsize>(text.size()));
-  if (!file_) {
+  std::string front(kStreamFileMagic.data(), kStreamFileMagic.size());
+  front.append(length.data(), length.size()).append(text);
+  file_.clear();
+  if (!file_.write(front.data(), static_cast<std::streamsize>(front.size()))) {
     throw Error(OT_ERR_IO, kWriter, "failed to write header");
   }
 }
@@ -111,16 +110,48 @@ void StreamFileWriter::write(const std::uint8_t* data, std::uint64_t size) {
   if (data == nullptr && size != 0) {
     throw Error(OT_ERR_ARGUMENT, kWriter, "null data");
   }
-  file_.write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
-  if (!file_) {
-    throw Error(OT_ERR_IO, kWriter, "payload write failed");
+  if (size > kGatheredBytes - gathered_.size()) {
+    flush();
+  }
+  if (file_.is_open() && size < kGatheredBytes) {
+    gathered_.insert(gathered_.end(), data, data + size);
+  } else {
+    write_now(data, size);
   }
 }
 
-void StreamFileWriter::close() noexcept {
-  if (file_.is_open()) {
-    file_.close();  // a failure only marks the stream as failed
+void StreamFileWriter::flush() {
+  if (!gathered_.empty()) {
+    write_now(gathered_.data(), gathered_.size());
+    gathered_.clear();
   }
+}
+
+void StreamFileWriter::write_now(const std::uint8_t* data, std::uint64_t size) {
+  if (!file_.write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size))) {
+    throw Error(OT_ERR_IO, kWriter, kPayloadFailed);
+  }
+}
+
+void StreamFileWriter::close() {
+  if (!end_file()) {
+    throw Error(OT_ERR_IO, kWriter, kPayloadFailed);
+  }
+}
+
+/// Writes out what is gathered and closes. False: that failed, and nothing had failed before.
+bool StreamFileWriter::end_file() noexcept {
+  if (!file_.is_open()) {
+    return true;
+  }
+  const bool failed_before = !file_;
+  try {
+    flush();
+  } catch (...) {  // shows in the state of the stream
+  }
+  gathered_.clear();
+  file_.close();
+  return file_.good() || failed_before;
 }
 
 struct StreamFileReader::File {

@@ -45,18 +45,24 @@ class StreamFileWriter {
   /// Whether write() can succeed: after an open() and no failure since.
   [[nodiscard]] bool is_open() const { return file_.is_open() && file_.good(); }
 
-  /// Appends `size` bytes to the payload. From 1,024 bytes on they pass to the system at once, as
-  /// the standard library's stream does it: a failed write is thus reported by the write() that
-  /// met it, where bytes collected in the buffer would fail unseen in close(). A null `data` is
-  /// allowed for no bytes. Before any open() and after close(), the first bytes fail with
-  /// OT_ERR_IO, all later ones with OT_ERR_NOT_OPEN.
+  /// Appends `size` bytes to the payload. Up to a mebibyte is gathered and passes to the system as
+  /// one write: with what no longer fits, with flush() or with close(), whichever comes first; the
+  /// call that meets a failure reports it. A null `data` is allowed for no bytes. Before any open()
+  /// and after close(), the first bytes fail with OT_ERR_IO, all later ones with OT_ERR_NOT_OPEN.
   void write(const std::uint8_t* data, std::uint64_t size);
 
-  /// Writes out what is buffered and closes. A failure is not reported.
-  void close() noexcept;
+  /// Writes out what is gathered.
+  void flush();
+
+  /// Writes out what is gathered and closes, also when that fails. Reports no failure twice. The
+  /// destructor, an assignment and open() close without a report.
+  void close();
 
  private:
-  std::vector<char> write_buffer_;  // outlives the stream that uses it
+  void write_now(const std::uint8_t* data, std::uint64_t size);
+  [[nodiscard]] bool end_file() noexcept;
+
+  std::vector<std::uint8_t> gathered_;  // part of the payload that the system has not got yet
   std::ofstream file_;
   StreamFileHeader header_;
 };

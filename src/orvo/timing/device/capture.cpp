@@ -58,7 +58,9 @@ class WriterThread {
       while (auto chunk = queue_.pop()) {
         file_.write(chunk->bytes.data(), chunk->used);
         written_bytes_ += chunk->used;
-        queue_.recycle(std::move(*chunk));
+        if (!queue_.recycle(std::move(*chunk))) {
+          file_.flush();
+        }
       }
       file_.close();
     } catch (...) {

@@ -73,13 +73,14 @@ std::optional<CaptureChunk> CaptureQueue::pop() {
   return chunk;
 }
 
-void CaptureQueue::recycle(CaptureChunk&& chunk) {
+bool CaptureQueue::recycle(CaptureChunk&& chunk) {
   chunk.bytes.resize(chunk_bytes_);
   chunk.used = std::min(chunk.used, chunk_bytes_);
   const std::lock_guard lock(mutex_);
   if (!done_) {
     spare_.push_back(std::move(chunk));
   }
+  return !chunks_.empty();
 }
 
 void CaptureQueue::fail(std::exception_ptr error) {

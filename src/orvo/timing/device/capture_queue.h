@@ -49,8 +49,8 @@ class CaptureQueue {
   /// Writer: the oldest chunk; waits for one. Nothing: the queue is finished and empty.
   [[nodiscard]] std::optional<CaptureChunk> pop();
 
-  /// Writer: a written chunk, for take_spare().
-  void recycle(CaptureChunk&& chunk);
+  /// Writer: a written chunk, for take_spare(). Whether the next one waits already.
+  [[nodiscard]] bool recycle(CaptureChunk&& chunk);
 
   /// Writer: it failed and takes no more chunks.
   void fail(std::exception_ptr error);
