@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -74,6 +75,40 @@ TEST_F(Reports, AWaitForALockEndsByItsLimitOrASignal) {
     }
   };
   EXPECT_EXIT(wait(), testing::ExitedWithCode(3), "");
+}
+
+// Wherever the disk is full, a part of a report is an error, and no part of one is published.
+TEST_F(Reports, AreWholeOrAnError) {
+  const std::string text(64, 'x'), publish = "could not publish " + dir_.string() + "/";
+  write("small", "s");
+  write("large", text);
+  const struct {
+    std::string file, error;
+    std::function<void()> write;
+  } cases[] = {
+      {"csv", "could not write overflow CSV output", [&] { write_csv(dir_ / "csv", {{}}); }},
+      {"json", "could not write overflow JSON output",
+       [&] { write_json_report(dir_ / "json", {}, {{}}, true); }},
+      {"text", "could not write text output", [&] { write_text_file(dir_ / "text", text); }},
+      {"latest.csv", publish + "latest.csv: File too large",
+       [&] { publish_latest(dir_, dir_ / "large", dir_ / "small", "s"); }},
+      {"latest.json", publish + "latest.json: File too large",
+       [&] { publish_latest(dir_, dir_ / "small", dir_ / "large", "s"); }},
+      {"latest_summary.txt", "could not write text output",
+       [&] { publish_latest(dir_, dir_ / "small", dir_ / "small", text); }},
+  };
+  for (const auto& c : cases) {
+    c.write();
+    const std::string whole = read(c.file);
+    ASSERT_GE(whole.size(), text.size());
+    for (std::size_t size = 1; size <= whole.size(); ++size) {
+      const bool fits = size == whole.size(), stays = fits || !c.file.starts_with("latest");
+      const tests::FileSizeLimit limit(size);
+      ASSERT_EQ(tests::error_of(c.write), fits ? "no error" : c.error + " [-2]") << size;
+      ASSERT_EQ(fs::exists(dir_ / c.file), stays) << c.file << size;
+      ASSERT_EQ(read(c.file), stays ? whole.substr(0, size) : "");
+    }
+  }
 }
 
 TEST_F(Reports, FailuresNameTheOutput) {

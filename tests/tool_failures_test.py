@@ -1,14 +1,17 @@
 """The real tool when something fails: each call of the driver, and the disk at any byte.
 
-ORVO_EVERY_BYTE tries each size of files; without it a sample of about forty is tried."""
+ORVO_EVERY_BYTE tries each size of files; without it those around the end of each file."""
 
+import itertools
 import os
 
 from support.programs import TOOL, ProgramTest, calls_in, payload_of
 
 CAPTURE = "FMPXFSR?T"
 # Whatever was recorded of the two runs passes.
-TWO_RUNS = TOOL + "--output-root=out --frequencies-hz=10000,20000 --min-tags-per-channel=0 "
+RUN = TOOL + "--output-root=out --min-tags-per-channel=0 "
+TWO_RUNS = RUN + "--frequencies-hz=10000,20000 "
+SLOW_RUN = RUN + "--frequencies-hz=1000 "
 
 
 class ToolFailures(ProgramTest):
@@ -49,29 +52,35 @@ class ToolFailures(ProgramTest):
                     self.assertEqual((self.root / "latest.json").exists(), not label)
                     self.assertEqual((self.run_dir() / "overflow_frequency.csv").exists(), not label)
 
-    # A recording of 150 bytes waits in a buffer, and its reports fail unseen: what was written shows.
-    def test_full_disk_at_any_byte_of_a_recording_and_its_reports(self):
-        every = "ORVO_EVERY_BYTE" in os.environ
-        for size in range(2300) if every else (*range(13), *range(13, 2300, 97)):
-            with self.subTest(size):
-                self.remove_outputs()
-                tool = self.start(f"prlimit --fsize={size} {TWO_RUNS} --capture-s=0.02",
-                                  "pace=bytes:150").finish()
-                stem = self.run_dir() / "overflow_frequency"
-                recording = stem.with_name(stem.name + "_01.ortime")
-                message = ("StreamFileReader: truncated magic\n" if size < 8 else
-                           "stream file: truncated header length\n" if size < 12 else
-                           "" if payload_of(recording) is not None else
-                           "StreamFileReader: truncated JSON header\n")
-                self.assertEqual(tool.err, message)
-                self.assertEqual(tool.status, 1 if message else 0)
-                self.assertLessEqual(recording.stat().st_size, size)
-                self.assertRegex(calls_in(tool.ledger), rf"^DLOI({CAPTURE}){{1,2}}C\.$")
-                if not message:
-                    begin = tool.out.index("Orvo timing packed-delta")
-                    summary = tool.out[begin:tool.out.index("latest_summary=")]
-                    self.assertEqual(stem.with_suffix(".summary.txt").read_text(), summary[:size])
-                    for report in ".csv", ".json":
-                        text = stem.with_suffix(report).read_text()
-                        self.assertEqual((self.root / f"latest{report}").read_text(), text)
-                        self.assertTrue(len(text) == size or text.endswith(('"\n', "}\n")), text)
+    # Files fill one after the other: the first one that is larger than the limit is missed.
+    def test_full_disk_at_any_byte_of_any_file(self):
+        for runs, sim in (TWO_RUNS, "pace=bytes:150"), (SLOW_RUN, "pace=ps:50000000000"):
+            command = runs + "--capture-s=0.01 "
+            self.remove_outputs()
+            self.run_whole(command, sim)
+            recordings = sorted(self.run_dir().glob("*.ortime"))
+            header = recordings[0].stat().st_size - len(payload_of(recordings[0]))
+            files = [(file.name, file.stat().st_size, "StreamFileWriter: payload write failed\n")
+                     for file in recordings]
+            for end, what in (".csv", "overflow CSV"), (".json", "overflow JSON"), (".summary.txt", "text"):
+                file = self.run_dir() / f"overflow_frequency{end}"
+                files.append((file.name, file.stat().st_size, f"could not write {what} output\n"))
+            most = max(size for _, size, _ in files)
+            limits = {at - below for at in (header, *(size for _, size, _ in files)) for below in (0, 1)}
+            for limit in range(most + 1) if "ORVO_EVERY_BYTE" in os.environ else {0, *limits}:
+                with self.subTest(sim + runs, limit=limit):
+                    self.remove_outputs()
+                    tool = self.run_whole(f"prlimit --fsize={limit} {command}", sim)
+                    whole = list(itertools.takewhile(lambda file: file[1] <= limit, files))
+                    name, _, message = files[len(whole)] if len(whole) < len(files) else ("", 0, "")
+                    calls = f"({CAPTURE}){{{min(len(whole), len(recordings))}}}"
+                    if limit < header:
+                        message, calls = "StreamFileWriter: failed to write header\n", "FMPXF"
+                    elif name.endswith(".ortime"):
+                        calls += "FMPXFSR?[TZ]"  # one stop
+                    self.assertEqual((tool.err, tool.status), (message, 1 if message else 0))
+                    self.assertRegex(calls_in(tool.ledger), rf"^DLOI{calls}C\.$")
+                    there = {file.name: file.stat().st_size for file in self.run_dir().iterdir()}
+                    self.assertEqual(there, {file: size for file, size, _ in whole} |
+                                     ({name: limit} if message else {}))
+                    self.assertEqual((self.root / "latest.json").exists(), not message)

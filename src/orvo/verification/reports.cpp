@@ -6,6 +6,7 @@
 #include <iostream>
 #include <sstream>
 #include <system_error>
+#include <utility>
 
 #include "orvo/timing/error.h"
 #include "orvo/timing/json_text.h"
@@ -17,6 +18,7 @@ namespace {
 constexpr const char* kLatestCsv = "latest.csv";
 constexpr const char* kLatestJson = "latest.json";
 constexpr const char* kLatestSummary = "latest_summary.txt";
+constexpr const char* kTextNotOpened = "could not open text output";
 
 const char* true_or_false(bool value) { return value ? "true" : "false"; }
 
@@ -29,7 +31,20 @@ std::ofstream open_report(const std::filesystem::path& path, const char* failure
   return file;
 }
 
+/// Closes `file`; throws timing::Error with `failure_message` unless all of it was written.
+void close_report(std::ofstream& file, const char* failure_message) {
+  file.close();
+  if (!file) {
+    throw timing::Error(OT_ERR_IO, failure_message);
+  }
+}
+
 const char* one_or_zero(bool value) { return value ? "1" : "0"; }
+
+void write_text(std::ofstream file, const std::string& text) {
+  file << text;
+  close_report(file, "could not write text output");
+}
 
 void write_csv_row(std::ostream& out, const RunResult& run, std::size_t channel) {
   const ChannelResult& result = run.channels[channel];
@@ -133,6 +148,7 @@ void write_csv(const std::filesystem::path& csv_path, const std::vector<RunResul
       write_csv_row(out, run, channel);
     }
   }
+  close_report(out, "could not write overflow CSV output");
 }
 
 void write_json_report(const std::filesystem::path& json_path, const Config& config,
@@ -149,6 +165,7 @@ void write_json_report(const std::filesystem::path& json_path, const Config& con
   }
   out << "  ]\n"
       << "}\n";
+  close_report(out, "could not write overflow JSON output");
 }
 
 std::string format_summary(const std::filesystem::path& run_dir,
@@ -179,13 +196,17 @@ std::string format_summary(const std::filesystem::path& run_dir,
 }
 
 void write_text_file(const std::filesystem::path& path, const std::string& text) {
-  open_report(path, "could not open text output") << text;
+  write_text(open_report(path, kTextNotOpened), text);
 }
 
 void copy_file_checked(const std::filesystem::path& from, const std::filesystem::path& to) {
   std::error_code error;
   std::filesystem::remove(to, error);  // a link would be written through
   std::filesystem::copy_file(from, to, std::filesystem::copy_options::overwrite_existing, error);
+  if (error) {
+    std::error_code ignored;
+    std::filesystem::remove(to, ignored);  // a part of it
+  }
   throw_if(error, "could not publish ", to);
 }
 
@@ -199,7 +220,14 @@ void publish_latest(const std::filesystem::path& output_root, const std::filesys
   const DirectoryLock one_start_at_a_time(output_root, std::chrono::seconds(10));
   copy_file_checked(csv_path, output_root / kLatestCsv);
   copy_file_checked(json_path, output_root / kLatestJson);
-  write_text_file(output_root / kLatestSummary, summary_text);
+  const std::filesystem::path summary_path = output_root / kLatestSummary;
+  std::ofstream summary = open_report(summary_path, kTextNotOpened);
+  try {
+    write_text(std::move(summary), summary_text);
+  } catch (const timing::Error&) {
+    std::filesystem::remove(summary_path, error);
+    throw;
+  }
 }
 
 }  // namespace orvo::verification

@@ -1,8 +1,8 @@
 // The reports of a whole verification and their publication as the latest results.
 //
 // Threads: no state; one thread at a time for each folder. Errors: timing::Error with OT_ERR_IO for
-// a file that cannot be opened or published; a failing write to an opened file goes unreported.
-// Files written before a failure stay.
+// a file that cannot be opened, written to its last byte or published. Files written before a
+// failure stay, and a part of a report in its run directory; a part of a published one is removed.
 #pragma once
 
 #include <filesystem>
@@ -43,7 +43,8 @@ void write_json_report(const std::filesystem::path& json_path, const Config& con
 /// Replaces the content of `path`.
 void write_text_file(const std::filesystem::path& path, const std::string& text);
 
-/// Removes `to`, also where it is a link or an empty folder, then copies `from` there.
+/// Removes `to`, also where it is a link or an empty folder, then copies `from` there. What a
+/// failed copy has left is removed.
 void copy_file_checked(const std::filesystem::path& from, const std::filesystem::path& to);
 
 /// Makes latest.csv, latest.json and latest_summary.txt in `output_root`, created where missing.
