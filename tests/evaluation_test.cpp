@@ -31,6 +31,9 @@ TEST(Evaluation, OverflowIsRequiredWhereOneRecordCannotCarryThePeriod) {
         << c.divider << ' ' << +c.packed_bits;
   }
   EXPECT_EQ(derive_rates(0, {}).expected_decoded_hz, 0);
+  timing::StreamFileHeader raw;  // whose records carry any period
+  raw.stream_format = timing::Format::raw64;
+  EXPECT_FALSE(derive_rates(30978, settings_of(raw)).overflow_required);
 }
 
 TEST(Evaluation, ChannelStatisticsAndVerdict) {

@@ -37,6 +37,7 @@ TEST(InterruptionDeathTest, OnlyASecondInterruptEndsTheProcessAtOnce) {
       {{SIGTERM, SIGINT, kPause, SIGINT}, SIGINT, "^$"},
   };
   const auto take = [](const std::vector<int>& signals) {
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) std::signal(signal, SIG_DFL);
     {
       const verification::InterruptionWatch watch;
       for (const int signal : signals) {
