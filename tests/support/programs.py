@@ -1,6 +1,7 @@
 """The real programs, run as a shell runs them: what they say, and what they leave."""
 
 import contextlib
+import math
 import os
 import pathlib
 import re
@@ -8,6 +9,7 @@ import select
 import shutil
 import subprocess
 import tempfile
+import time
 import unittest
 
 TOOL = "ot-simulated ot_verify_overflow_frequency "  # to be followed by its arguments
@@ -46,16 +48,25 @@ class Process:
         """Stops reading what it says there."""
         os.close(self.pipes.pop(name))
 
-    def run_until(self, condition):
-        """Takes in what it says until the condition holds (True) or it has ended (False)."""
+    def run_until(self, condition, limit_s=60):
+        """Takes in what it says until the condition holds (True), it has ended or the time is over
+        (False)."""
+        end = time.monotonic() + limit_s
         while not condition():
-            if not self.pipes:
+            if not self.pipes or time.monotonic() > end:
                 return False
             self.take_in()
         return True
 
+    def run_until_still(self):
+        """Takes in what it says until its ledger stays as it is for a while."""
+        before = None
+        while before != self.ledger:
+            before = self.ledger
+            self.run_until(lambda: False, 0.3)
+
     def finish(self):
-        self.run_until(lambda: False)
+        self.run_until(lambda: False, math.inf)
         code = self.child.wait()
         self.status = 128 - code if code < 0 else code
         self.err = self.err.replace("liborvo_timing.so.0: simulated instrument; "
@@ -98,6 +109,11 @@ def lines_with(text, start):
 
 def stream_file(header, payload=b""):
     return b"ORTIME1\n" + len(header).to_bytes(4, "little") + header + payload
+
+
+def got_in(ledger):
+    """Bytes that the driver's reads have delivered."""
+    return sum(map(int, re.findall(r"^ot_read_stream_bytes .* got=(\d+) status=0", ledger, re.M)))
 
 
 def payload_of(file):
@@ -159,12 +175,19 @@ class ProgramTest(unittest.TestCase):
         self.assertLess(len(found), 2)
         return found[0] if found else None
 
+    def coming_run_dirs(self):
+        """Makes the directories of starts within the next minute."""
+        now = time.time()
+        for second in range(60):
+            run_dir = self.root / time.strftime("%Y%m%d_%H%M%S", time.localtime(now + second))
+            run_dir.mkdir(parents=True)
+            yield run_dir
+
     def remove_outputs(self):
         shutil.rmtree(self.root, ignore_errors=True)
 
     def assert_recorded(self, ledger):
         """The recordings hold what the streams have delivered."""
-        delivered = re.findall(r"^ot_read_stream_bytes .* got=(\d+) status=0", ledger, re.M)
         run_dir = self.run_dir()
         recorded = [len(payload_of(file)) for file in run_dir.glob("*.ortime")] if run_dir else []
-        self.assertEqual(sum(recorded), sum(map(int, delivered)))
+        self.assertEqual(sum(recorded), got_in(ledger))

@@ -47,8 +47,8 @@ class Interrupted : public std::exception {
   [[nodiscard]] const char* what() const noexcept override { return "interrupted"; }
 };
 
-/// Asked before each read of a capture or a file; once it returns true, the work ends with
-/// Interrupted. May be empty.
+/// Asked before each read of a capture or a file, and every 10 ms while a capture waits for the
+/// disk; once it returns true, the work ends with Interrupted. May be empty.
 using InterruptionCheck = std::function<bool()>;
 
 inline void throw_if(const InterruptionCheck& interrupted) {

@@ -93,7 +93,7 @@ void read_stream(Device& device, const CaptureRequest& request, detail::CaptureQ
     ++device.stream_state.reads;
     device.stream_state.payload_bytes += got;
     chunk.set_used(got);
-    queue.push(std::move(chunk));
+    queue.push(std::move(chunk), request.interrupted);
     chunk = queue.take_spare();
   }
 }

@@ -1,12 +1,16 @@
 #include "orvo/timing/device/capture_queue.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <utility>
 
-#include "orvo/timing/error.h"
-
 namespace orvo::timing::detail {
+namespace {
+
+constexpr std::chrono::milliseconds kLookAgain(10);  // whether a wait for room is interrupted
+
+}  // namespace
 
 void CaptureChunk::set_used(std::size_t count) {
   if (count > bytes.size()) {
@@ -29,10 +33,15 @@ CaptureChunk CaptureQueue::take_spare() {
   return {std::vector<std::uint8_t>(chunk_bytes_), 0};
 }
 
-void CaptureQueue::push(CaptureChunk&& chunk) {
+void CaptureQueue::push(CaptureChunk&& chunk, const InterruptionCheck& interrupted) {
+  bool stopped = false;
   {
     std::unique_lock lock(mutex_);
-    not_full_.wait(lock, [&] { return done_ || has_room(); });
+    while (!stopped && !not_full_.wait_for(lock, kLookAgain, [&] { return done_ || has_room(); })) {
+      lock.unlock();
+      stopped = interrupted && interrupted();
+      lock.lock();
+    }
     if (error_ != nullptr) {
       std::rethrow_exception(error_);
     }
@@ -42,6 +51,9 @@ void CaptureQueue::push(CaptureChunk&& chunk) {
     chunks_.push_back(std::move(chunk));
   }
   not_empty_.notify_one();
+  if (stopped) {
+    throw Interrupted();
+  }
 }
 
 void CaptureQueue::finish() {

@@ -13,6 +13,8 @@
 #include <optional>
 #include <vector>
 
+#include "orvo/timing/error.h"
+
 namespace orvo::timing::detail {
 
 /// A read buffer and how much of it is filled: a short read costs nothing to take back.
@@ -36,9 +38,10 @@ class CaptureQueue {
   /// Reader: an empty chunk of full size, a written one where there is one.
   [[nodiscard]] CaptureChunk take_spare();
 
-  /// Reader: hands a filled chunk over; waits while the queue is full. Throws the writer's
+  /// Reader: hands a filled chunk over; waits while the queue is full. Where `interrupted` says so
+  /// meanwhile, it is queued beyond the limit, and Interrupted is thrown. Throws the writer's
   /// failure, or "writer stopped" where the queue was finished without one.
-  void push(CaptureChunk&& chunk);
+  void push(CaptureChunk&& chunk, const InterruptionCheck& interrupted = {});
 
   /// Reader: nothing more will come.
   void finish();

@@ -53,7 +53,7 @@ struct CaptureRequest {
   Transport transport = Transport::usb;
   std::uint64_t chunk_bytes = 1 << 20;  ///< of one read; raised to 4096
   std::uint64_t queue_chunks = 128;     ///< reads that may wait for the disk; raised to 2
-  InterruptionCheck interrupted = {};   ///< asked before each read
+  InterruptionCheck interrupted = {};   ///< asked before each read, and while the queue is full
 };
 
 /// The driver library's own rate, at which a device is opened with ot_open_serial.
