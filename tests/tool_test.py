@@ -203,19 +203,17 @@ ot_stop_stream_mode k=1 thread=1 stop_flag=1 status=0
                 self.assertEqual(sorted(os.listdir(self.folder)), ['o"u\\t', SETTINGS])
 
     def test_waits_for_a_start_of_the_same_second(self):
-        now = time.time()
-        others = []
-        for second in range(60):  # of the next minute
-            folder = self.root / stamp(now + second)
-            folder.mkdir(parents=True)
-            others.append(os.open(folder, os.O_RDONLY))
-            fcntl.flock(others[-1], fcntl.LOCK_EX)
+        others = [os.open(folder, os.O_RDONLY) for folder in self.coming_run_dirs()]
+        for other in others:
+            fcntl.flock(other, fcntl.LOCK_EX)
         tool = self.start(TOOL + "--min-tags-per-channel=0", SIM)
-        self.assertTrue(tool.run_until(lambda: tool.has_open(self.root)))
+        self.assertTrue(tool.run_until(lambda: tool.err, 20))
         self.assertEqual(tool.ledger, "")
         for other in others:
             os.close(other)
         self.assertEqual(tool.finish().status, 0, tool.err)
+        used = lines_with(tool.out, "Output: ")[len("Output: "):]
+        self.assertEqual(tool.err, "waiting for another program that uses " + used)
 
     def test_numbers_its_recordings(self):
         frequencies = "2e4,2e4,2e4,2e4,2e4,2e4,2e4,2e4,2e4,1e4"

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <iostream>
 #include <thread>
 
 #include "orvo/timing/error.h"
@@ -17,14 +18,19 @@ DirectoryLock::DirectoryLock(const std::filesystem::path& directory,
     : descriptor_(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
   // Asked again and again, because a call that waits goes on waiting after a noted signal.
   constexpr std::chrono::milliseconds kPause{10};
-  while (descriptor_ >= 0 && longest_wait > longest_wait.zero() &&
-         flock(descriptor_, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
+  constexpr std::chrono::milliseconds kSilence{1000};
+  for (std::chrono::milliseconds waited{0};
+       descriptor_ >= 0 && waited < longest_wait && flock(descriptor_, LOCK_EX | LOCK_NB) != 0 &&
+       errno == EWOULDBLOCK;
+       waited += kPause) {
     if (interrupted()) {
       close(descriptor_);
       throw timing::Interrupted();
     }
+    if (waited == kSilence) {
+      std::cerr << "waiting for another program that uses " << directory.string() << '\n';
+    }
     std::this_thread::sleep_for(kPause);
-    longest_wait -= kPause;
   }
 }
 

@@ -9,6 +9,7 @@ namespace orvo::verification {
 /// Waits until nobody else holds `directory`, then holds it until destroyed, or until the process
 /// ends. Advisory: only programs that ask for the lock are kept out. After `longest_wait`, and
 /// where a folder cannot be locked, such as on a file system without locks, it is used as it is.
+/// A wait of more than a second is told on standard error.
 ///
 /// Errors: timing::Interrupted when a signal is noted while it waits.
 class DirectoryLock {
