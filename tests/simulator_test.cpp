@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <array>
 #include <bitset>
 #include <cstdint>
 #include <cstdlib>
@@ -128,12 +127,6 @@ TEST(SimulatorSettings, BadOnesAreNamed) {
       EXPECT_NE(std::string(error.what()).find(key), std::string::npos) << text;
     }
   }
-}
-
-TEST(SimulatorSettings, RateErrorsAreInMillionthsOfAPpm) {
-  const Settings settings = parse_settings("rate_error_ppm=0:-24.9,1:-0.000001,3:100000");
-  EXPECT_EQ(settings.rate_error_per_1e12,
-            (std::array<std::int64_t, 4>{-24'900'000, -1, 0, 100'000'000'000}));
 }
 
 class DriverLibrary : public testing::Test {

@@ -6,7 +6,7 @@ import re
 import shutil
 import time
 
-from support.programs import ENVIRONMENT, TOOL, ProgramTest, lines_with
+from support.programs import ENVIRONMENT, TOOL, ProgramTest, lines_with, stamp
 
 # 20 ms of instrument time, which the first reads get at once: the same bytes in every run.
 SIM = "pace=ps:20000000000;"
@@ -86,11 +86,6 @@ def channels_in(summary):
     """Count and verdict of each channel that it shows, such as "201+ 200- "."""
     found = re.findall(r"^  ch. count=(\d+) .*pass=(true|false)$", summary, re.M)
     return "".join(count + ("+ " if passed == "true" else "- ") for count, passed in found)
-
-
-def stamp(seconds):
-    """The name of the folder of a run that starts then."""
-    return time.strftime("%Y%m%d_%H%M%S", time.localtime(seconds))
 
 
 class Tool(ProgramTest):

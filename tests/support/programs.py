@@ -58,13 +58,6 @@ class Process:
             self.take_in()
         return True
 
-    def run_until_still(self):
-        """Takes in what it says until its ledger stays as it is for a while."""
-        before = None
-        while before != self.ledger:
-            before = self.ledger
-            self.run_until(lambda: False, 0.3)
-
     def finish(self):
         self.run_until(lambda: False, math.inf)
         code = self.child.wait()
@@ -109,6 +102,11 @@ def lines_with(text, start):
 
 def stream_file(header, payload=b""):
     return b"ORTIME1\n" + len(header).to_bytes(4, "little") + header + payload
+
+
+def stamp(seconds):
+    """The name of the folder of a run that starts then."""
+    return time.strftime("%Y%m%d_%H%M%S", time.localtime(seconds))
 
 
 def got_in(ledger):
@@ -178,8 +176,7 @@ class ProgramTest(unittest.TestCase):
     def coming_run_dirs(self):
         """Makes the directories of starts within the next minute."""
         now = time.time()
-        for second in range(60):
-            run_dir = self.root / time.strftime("%Y%m%d_%H%M%S", time.localtime(now + second))
+        for run_dir in [self.root / stamp(now + second) for second in range(60)]:
             run_dir.mkdir(parents=True)
             yield run_dir
 

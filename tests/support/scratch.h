@@ -37,20 +37,16 @@ class ScratchDirectory {
 };
 
 /// While one lives, no file grows beyond `bytes`, as on a disk that is full.
-class FileSizeLimit {
- public:
+struct FileSizeLimit {
   explicit FileSizeLimit(rlim_t bytes) {
     std::signal(SIGXFSZ, SIG_IGN);
-    getrlimit(RLIMIT_FSIZE, &before_);
-    const rlimit limit = {bytes, before_.rlim_max};
+    getrlimit(RLIMIT_FSIZE, &before);
+    const rlimit limit = {bytes, before.rlim_max};
     setrlimit(RLIMIT_FSIZE, &limit);
   }
-  ~FileSizeLimit() { setrlimit(RLIMIT_FSIZE, &before_); }
-  FileSizeLimit(const FileSizeLimit&) = delete;
-  FileSizeLimit& operator=(const FileSizeLimit&) = delete;
+  ~FileSizeLimit() { setrlimit(RLIMIT_FSIZE, &before); }
 
- private:
-  rlimit before_ = {};
+  rlimit before = {};
 };
 
 inline void write_file(const std::string& path, std::string_view bytes) {
