@@ -9,6 +9,7 @@ import signal
 import sys
 import tempfile
 import threading
+import time
 import unittest
 from concurrent.futures import ThreadPoolExecutor
 
@@ -92,6 +93,21 @@ class Recordings(unittest.TestCase):
         self.assertTrue(ot.judge(fast, 310, channel_mask=0b1011).passed)
         self.assertTrue(ot.judge(fast, 310, tolerance_ppm=41).passed)
         self.assertFalse(ot.judge(self.file, 310, min_tags_per_channel=10**6).passed)
+
+    # A timer's signal early in its processor time, as Ctrl-C: it ends then, not when all is decoded.
+    def test_judging_can_be_interrupted(self):
+        def seconds_until(interruption_s):
+            signal.setitimer(signal.ITIMER_PROF, interruption_s)
+            before = time.process_time()
+            try:
+                ot.judge(self.file, 310, chunk_bytes=1)
+            except KeyboardInterrupt:
+                pass
+            return time.process_time() - before
+
+        signal.signal(signal.SIGPROF, signal.default_int_handler)
+        whole_s = seconds_until(0)
+        self.assertLess(seconds_until(whole_s / 20), whole_s / 2)
 
     def test_recordings_are_looked_for_beside_the_report_first(self):
         copy = self.folder / "copy"
