@@ -184,6 +184,7 @@ void write_recording(const std::string& path, std::span<const std::uint8_t> payl
   timing::StreamFileWriter writer;
   writer.open(path, header);
   writer.write(payload.data(), payload.size());
+  writer.close();
 }
 
 }  // namespace orvo::benchmarks
