@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <fstream>
+#include <memory>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -14,6 +15,7 @@
 #include <vector>
 
 #include "orvo/simulator/device.h"
+#include "orvo/simulator/driver.h"
 #include "orvo/simulator/settings.h"
 #include "orvo/timing/device/ot_api.h"
 #include "support/instrument.h"
@@ -113,8 +115,9 @@ TEST(SimulatedStream, BeginsWithTheLastBitsOfARecord) {
 
 TEST(SimulatorSettings, BadOnesAreNamed) {
   std::istringstream texts(
-      "speed=1 seed= seed=1x rate_error_ppm=4:1 rate_error_ppm=1:0.1234567 jitter_ps=1000000001 "
-      "silent= silent=7 lose=1:2 lose=1:1000000001@0 bit_phase=34 clock_ps=14315125997568 "
+      "speed=1 seed= seed=1x rate_error_ppm=4:1 rate_error_ppm=1:0.1234567 "
+      "rate_error_ppm=1:-100000.000001 jitter_ps=1000000001 silent= silent=1, silent=7 lose=1:2 "
+      "lose=1:1000000001@0 bit_phase=34 clock_ps=14315125997568 "
       "damage=bend@3 pace=fast pace=bytes: pace=bytes:0 pace=ps:9223372036854775808 "
       "external_hz=1,2,3 external_hz=5000001,1,1,1 noise_bytes=16777217 ledger= "
       "fail=ot_last_error:1:-1 fail=ot_open:0:-1 fail=ot_open:1:0 fail=ot_open:1:-2:sometimes");
@@ -131,6 +134,14 @@ TEST(SimulatorSettings, BadOnesAreNamed) {
 
 class DriverLibrary : public testing::Test {
  protected:
+  ~DriverLibrary() override { reload(); }
+
+  /// As at the end of the process, and the loading of the library by the next one.
+  static void reload() {
+    Driver& driver = Driver::instance();
+    std::destroy_at(&driver);
+    std::construct_at(&driver);
+  }
   void set_up(const std::string& settings) {
     ::setenv("ORVO_SIM", (settings + ";ledger=" + scratch_.file("ledger")).c_str(), 1);
   }
@@ -206,66 +217,58 @@ TEST_F(DriverLibrary, ClockGoesOnFromOneOpeningToTheNext) {
   }
 }
 
-// Each in a process of its own, from the state before this one uses the library.
-using DriverLibraryDeathTest = DriverLibrary;
-
-TEST_F(DriverLibraryDeathTest, FailsOnCommandAndComplainsOfMisuse) {
-  const auto use = [this] {
-    set_up(
-        "pace=bytes:1000;fail=ot_open:1:-4:effect;fail=ot_stop_stream_mode:2:-2;"
-        "fail=ot_start_stream_mode:1:7:effect:detail=too: hot");
-    EXPECT_EQ(ot_open(&dev_, "sim:0", 9600), OT_ERR_FORMAT);
-    EXPECT_EQ(dev_, nullptr);
-    ASSERT_EQ(ot_open(&dev_, "sim:0", 9600), OT_OK);
-    EXPECT_EQ(ot_start_stream_mode(dev_, 0, 0), 7);
-    EXPECT_STREQ(ot_last_error(dev_), "too: hot");
-    EXPECT_EQ(ot_set_stream_channel_mask(dev_, 1), OT_OK) << "the stream still runs";
-    EXPECT_EQ(misuses(), "");
-    std::uint8_t byte = 0;
-    std::uint64_t got = 0;
-    EXPECT_EQ(ot_read_stream_bytes(dev_, &byte, 1, &got, 1), OT_ERR_NOT_OPEN);
-    EXPECT_EQ(ot_stop_stream_mode(dev_, 1), OT_ERR_NOT_OPEN);
-    EXPECT_EQ(ot_start_stream_mode(dev_, 0, 0), OT_OK);
-    EXPECT_EQ(ot_set_stream_channel_mask(dev_, 1), kBusy);
-    ot_identity identity{};
-    std::thread([&] { EXPECT_EQ(ot_identify(dev_, &identity), OT_OK); }).join();
-    EXPECT_EQ(ot_stop_stream_mode(dev_, 1), OT_ERR_IO);  // commanded
-    EXPECT_EQ(ot_stop_stream_mode(dev_, 1), OT_OK);      // and not with flag 0
-    EXPECT_EQ(ot_start_stream_mode(dev_, 0, 0), OT_OK);
-    EXPECT_EQ(ot_close(dev_), OT_OK);
-    EXPECT_EQ(ot_close(dev_), OT_ERR_NOT_OPEN);
-    EXPECT_EQ(misuses(),
-              "ot_read_stream_bytes ot_stop_stream_mode ot_set_stream_channel_mask ot_identify "
-              "ot_stop_stream_mode ot_close ot_close ");
-    std::exit(HasFailure() ? 1 : 0);
-  };
-  EXPECT_EXIT(use(), testing::ExitedWithCode(0), "");
+TEST_F(DriverLibrary, FailsOnCommandAndComplainsOfMisuse) {
+  set_up(
+      "pace=bytes:1000;fail=ot_open:1:-4:effect;fail=ot_stop_stream_mode:2:-2;"
+      "fail=ot_start_stream_mode:1:7:effect:detail=too: hot");
+  EXPECT_EQ(ot_open(&dev_, "sim:0", 9600), OT_ERR_FORMAT);
+  EXPECT_EQ(dev_, nullptr);
+  ASSERT_EQ(ot_open(&dev_, "sim:0", 9600), OT_OK);
+  EXPECT_EQ(ot_start_stream_mode(dev_, 0, 0), 7);
+  EXPECT_STREQ(ot_last_error(dev_), "too: hot");
+  EXPECT_EQ(ot_set_stream_channel_mask(dev_, 1), OT_OK) << "the stream still runs";
+  EXPECT_EQ(misuses(), "");
+  std::uint8_t byte = 0;
+  std::uint64_t got = 0;
+  EXPECT_EQ(ot_read_stream_bytes(dev_, &byte, 1, &got, 1), OT_ERR_NOT_OPEN);
+  EXPECT_EQ(ot_stop_stream_mode(dev_, 1), OT_ERR_NOT_OPEN);
+  EXPECT_EQ(ot_start_stream_mode(dev_, 0, 0), OT_OK);
+  EXPECT_EQ(ot_set_stream_channel_mask(dev_, 1), kBusy);
+  ot_identity identity{};
+  std::thread([&] { EXPECT_EQ(ot_identify(dev_, &identity), OT_OK); }).join();
+  EXPECT_EQ(ot_stop_stream_mode(dev_, 1), OT_ERR_IO);  // commanded
+  EXPECT_EQ(ot_stop_stream_mode(dev_, 1), OT_OK);      // and not with flag 0
+  EXPECT_EQ(ot_start_stream_mode(dev_, 0, 0), OT_OK);
+  EXPECT_EQ(ot_close(dev_), OT_OK);
+  EXPECT_EQ(ot_close(dev_), OT_ERR_NOT_OPEN);
+  EXPECT_EQ(misuses(),
+            "ot_read_stream_bytes ot_stop_stream_mode ot_set_stream_channel_mask ot_identify "
+            "ot_stop_stream_mode ot_close ot_close ");
 }
 
-TEST_F(DriverLibraryDeathTest, ComplainsAtTheEndOfWhatWasNotGivenBack) {
-  const auto end = [this] {
-    set_up("");
-    ot_discovery_list* list = nullptr;
-    std::exit(ot_discover(&list) + ot_open(&dev_, "sim:0", 9600));
-  };
-  EXPECT_EXIT(end(), testing::ExitedWithCode(0), "");
+TEST_F(DriverLibrary, ComplainsAtTheEndOfWhatWasNotGivenBack) {
+  set_up("");
+  ot_discovery_list* list = nullptr;
+  EXPECT_EQ(ot_discover(&list), OT_OK);
+  EXPECT_EQ(ot_open(&dev_, "sim:0", 9600), OT_OK);
+  reload();
   EXPECT_TRUE(tests::read_file(scratch_.file("ledger"))
                   .ends_with("misuse end: an instrument was not closed\n"
                              "misuse end: a discovery list was not freed\nend misuses=2\n"));
 }
 
-TEST_F(DriverLibraryDeathTest, SaysOnceThatItIsSimulatedAndThatItsLedgerEnds) {
-  const auto open_thrice = [this] {
-    ::setenv("ORVO_SIM", "ledger=/dev/full;fail=ot_open:1:-4", 1);
-    int status = ot_open(&dev_, "sim:0", 9600) - OT_ERR_FORMAT;
-    for (int k = 0; k < 2; ++k) status |= ot_open(&dev_, "sim:0", 9600) | ot_close(dev_);
-    std::exit(status);
-  };
-  EXPECT_EXIT(
-      open_thrice(), testing::ExitedWithCode(0),
-      testing::Eq(
-          "ORVO_SIM: cannot write the ledger '/dev/full', which ends here\n"
-          "liborvo_timing.so.0: simulated instrument; results say nothing about a real one\n"));
+TEST_F(DriverLibrary, SaysOnceThatItIsSimulatedAndThatItsLedgerEnds) {
+  ::setenv("ORVO_SIM", "ledger=/dev/full;fail=ot_open:1:-4", 1);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(ot_open(&dev_, "sim:0", 9600), OT_ERR_FORMAT);
+  for (int k = 0; k < 2; ++k) {
+    ASSERT_EQ(ot_open(&dev_, "sim:0", 9600), OT_OK);
+    EXPECT_EQ(ot_close(dev_), OT_OK);
+    dev_ = nullptr;
+  }
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "ORVO_SIM: cannot write the ledger '/dev/full', which ends here\n"
+            "liborvo_timing.so.0: simulated instrument; results say nothing about a real one\n");
 }
 
 }  // namespace

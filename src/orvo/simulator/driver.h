@@ -69,6 +69,7 @@ namespace orvo::simulator {
 class Driver {
  public:
   static Driver& instance();
+  Driver() = default;
   ~Driver();
   Driver(const Driver&) = delete;
   Driver& operator=(const Driver&) = delete;
@@ -93,8 +94,6 @@ class Driver {
   std::vector<std::thread::id> threads;             ///< in the order of first calls
 
  private:
-  Driver() = default;
-
   [[nodiscard]] bool any_open() const;
   [[nodiscard]] std::vector<ot_discovery_list::Entry> attached() const;
 

@@ -1,4 +1,6 @@
 // What all parts of the simulated instrument share: channels, time line, events, random numbers.
+//
+// Threads: a ClockReading belongs to one thread; the rest is for any.
 #pragma once
 
 #include <cstdint>

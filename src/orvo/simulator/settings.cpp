@@ -50,16 +50,19 @@ std::string_view take_before(std::string_view& rest, char separator) {
 
 /// In millionths of a ppm: a decimal number from -100000 to 100000, of at most six decimals.
 std::int64_t parse_ppm(std::string_view text) {
+  constexpr std::uint64_t kMillionths = 1'000'000;
+  constexpr std::uint64_t kMaxPpm = 100'000;
   const bool negative = !text.empty() && text.front() == '-';
   if (negative) text.remove_prefix(1);
   const bool has_decimals = text.find('.') != std::string_view::npos;
-  std::uint64_t value = parse_uint(take(text, '.'), 0, 100000) * 1000000;
+  std::uint64_t value = parse_uint(take(text, '.'), 0, kMaxPpm) * kMillionths;
   if (has_decimals) {
     if (text.empty() || text.size() > 6) throw BadValue{};
     std::string decimals(text);
     decimals.resize(6, '0');
-    value += parse_uint(decimals, 0, 999999);
+    value += parse_uint(decimals, 0, kMillionths - 1);
   }
+  if (value > kMaxPpm * kMillionths) throw BadValue{};
   return negative ? -static_cast<std::int64_t>(value) : static_cast<std::int64_t>(value);
 }
 
@@ -101,12 +104,12 @@ void set_external_hz(Settings& settings, std::string_view value) {
 }
 
 void set_pace(Settings& settings, std::string_view value) {
-  const std::string_view kind = take(value, ':');
-  if (kind == "real" && value.empty()) {
+  if (value == "real") {
     settings.pace = Pace::real_time;
     settings.end = kNever;
     return;
   }
+  const std::string_view kind = take_before(value, ':');
   if (kind != "bytes" && kind != "ps") throw BadValue{};
   settings.pace = kind == "bytes" ? Pace::unpaced_bytes : Pace::unpaced_ps;
   settings.end = parse_uint(value, 1, kNever >> 1);
@@ -161,9 +164,8 @@ using Apply = void (*)(Settings&, std::string_view);
 
 template <Apply apply_item>
 void for_each_item(Settings& settings, std::string_view list) {
-  do {
-    apply_item(settings, take(list, ','));
-  } while (!list.empty());
+  while (list.find(',') != std::string_view::npos) apply_item(settings, take(list, ','));
+  apply_item(settings, list);
 }
 
 struct Key {
