@@ -1,6 +1,8 @@
 // Delta32 records: four bytes, big-endian, each with the time since the channel's previous event.
 // A marker word and the two halves of a base time anchor the next event. Where a word does not fit,
 // the synchronisation is lost and the next marker searched.
+//
+// Threads: a decoder belongs to the one thread that feeds it.
 #pragma once
 
 #include <array>

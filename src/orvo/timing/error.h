@@ -1,4 +1,6 @@
 // The exceptions of the timing layer; the tool throws Error for its own files too.
+//
+// Threads: an exception is a value, and may pass from one thread to another.
 #pragma once
 
 #include <cstddef>

@@ -1,5 +1,7 @@
 // Raw64 records: eight bytes, big-endian, in one of two layouts. Nothing marks where they begin, so
 // eight bytes that are no valid record are scanned byte by byte.
+//
+// Threads: a decoder belongs to the one thread that feeds it.
 #pragma once
 
 #include <array>

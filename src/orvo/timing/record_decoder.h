@@ -1,5 +1,5 @@
-// What a record decoder is: bytes from one buffer, tags into another, one class a record format.
-// A new format is a class of this kind and one line in make_record_decoder().
+// What a record decoder is: bytes from one buffer, tags into another, one class per record format.
+// make_record_decoder() knows them all.
 //
 // Threads: each object belongs to one thread. Ownership: each buffer owns its storage, which is
 // reused from chunk to chunk and never shrinks. None can be copied or moved.
@@ -80,7 +80,7 @@ class RecordDecoder {
   RecordDecoder& operator=(const RecordDecoder&) = delete;
 
   /// Removes the whole records from the front of `input` and returns their tags, valid until the
-  /// next feed. The same input buffer comes with every call.
+  /// next feed. Every call must pass the same input buffer.
   virtual std::span<const TimeTag> feed(InputBuffer& input) = 0;
 
   /// Of the last feed; formats without a lock have none.

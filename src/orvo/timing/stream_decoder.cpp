@@ -7,30 +7,21 @@
 
 namespace orvo::timing {
 
-bool StreamDecoder::decodes(const StreamFileHeader& header) {
-  switch (header.stream_format) {
-    case Format::raw64:
-    case Format::delta32:
-      return true;
-    case Format::packed_delta:
-      return PackedDeltaDecoder::decodes(header);
-  }
-  return false;
-}
-
 std::unique_ptr<RecordDecoder> make_record_decoder(const StreamFileHeader& header) {
-  if (!StreamDecoder::decodes(header)) {
-    return nullptr;
-  }
   switch (header.stream_format) {
     case Format::raw64:
       return std::make_unique<Raw64Decoder>(header);
     case Format::delta32:
       return std::make_unique<Delta32Decoder>();
     case Format::packed_delta:
-      return std::make_unique<PackedDeltaDecoder>(header);
+      return PackedDeltaDecoder::decodes(header) ? std::make_unique<PackedDeltaDecoder>(header)
+                                                 : nullptr;
   }
   return nullptr;
+}
+
+bool StreamDecoder::decodes(const StreamFileHeader& header) {
+  return make_record_decoder(header) != nullptr;
 }
 
 StreamDecoder::StreamDecoder(const StreamFileHeader& header)

@@ -17,8 +17,8 @@ constexpr std::array<char, 8> kLegacyMagic = {'O', 'T', 'S', 'T', 'R', 'M', '1',
 /// A header is read in pieces, from this size on and doubling, so that a damaged length cannot ask
 /// for much more memory than the file has bytes.
 constexpr std::size_t kHeaderPieceBytes = 1 << 16;
-/// A chunk is read in pieces of this size, so that a chunk larger than the file costs no more
-/// memory than the file.
+/// A chunk is read in pieces of this size, so that memory follows what the file holds, not what is
+/// asked for.
 constexpr std::uint64_t kPieceBytes = 16 << 20;
 /// Most tags for which room is reserved before one is there.
 constexpr std::uint64_t kReservedTags = 65'536;

@@ -11,6 +11,7 @@ namespace orvo::verification {
 /// where a folder cannot be locked, such as on a file system without locks, it is used as it is.
 /// A wait of more than a second is told on standard error.
 ///
+/// Threads: belongs to the main thread, like the signals that end its wait.
 /// Errors: timing::Interrupted when a signal is noted while it waits.
 class DirectoryLock {
  public:

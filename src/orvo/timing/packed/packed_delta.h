@@ -1,5 +1,7 @@
 // Packed-delta records: the instrument's compact format. This class takes the alignment lock,
 // judges each batch, and gives the lock up; the records themselves are decoded by records.h.
+//
+// Threads: a decoder belongs to the one thread that feeds it.
 #pragma once
 
 #include <cstdint>
