@@ -88,15 +88,17 @@ TEST(SimulatedStream, DecodesExactlyForDaysInTheSameMemory) {
   expect_exact({.duration_ps = kSecondPs / 10});  // all buffers have their size then
   const long before_kib = max_rss_kib();
   std::uint64_t events = expect_exact({.duration_ps = factor * kSecondPs * 5 / 2});
+  const std::uint64_t hours_ps = factor * 7200 * kSecondPs;
   for (const unsigned bits : {8U, 16U, 24U, 31U}) {
-    const std::uint64_t hours_ps = factor * 7200 * kSecondPs;
     events += expect_exact({.bits = bits, .divider = 30'978'261, .duration_ps = hours_ps});
     events += expect_exact({.bits = bits,
                             .mode = Mode::external,
                             .duration_ps = hours_ps,
                             .sim = "external_hz=30,10,5,2"});
   }
-  std::cout << events << " events, +" << max_rss_kib() - before_kib << " KiB\n";
+  std::cout << events << " events, eight streams of " << 2 * factor << " hours with "
+            << hours_ps / kWrapPs << " turns of the clock each, +" << max_rss_kib() - before_kib
+            << " KiB\n";
   EXPECT_LT(max_rss_kib() - before_kib, 4096);  // room for a sanitizer
 }
 
@@ -134,6 +136,7 @@ std::vector<Tags> decode(const timing::StreamFileHeader& header, std::span<const
 
 // What comes before a cut is a prefix, and the rest follows without a gap.
 TEST(DamagedRecording, CutAnywhereAndInAnyChunksGivesTheSameTags) {
+  std::size_t ways = 0;
   for (const Instrument& recording : recordings(kWrapPs - 5'000'000)) {  // the clock wraps early
     const Bytes payload = recording.bytes();
     const std::size_t size = payload.size();
@@ -147,9 +150,11 @@ TEST(DamagedRecording, CutAnywhereAndInAnyChunksGivesTheSameTags) {
           tags.insert(tags.end(), some.begin(), some.end());
         }
         ASSERT_EQ(tags, whole) << cut << " bytes, then " << bytes << " a chunk";
+        ++ways;
       }
     }
   }
+  std::cout << ways << " ways of cutting into chunks\n";
 }
 
 // The fault shows with the next syncs, one chunk later at the latest; the chunk after that brings
@@ -159,6 +164,7 @@ TEST(DamagedRecording, AFlippedBitCostsAPackedRecordingThreeChunks) {
     return a.channel == b.channel &&
            (a.time_ps - b.time_ps) % static_cast<std::int64_t>(kWrapPs) == 0;
   };
+  std::size_t flips = 0;
   for (const Instrument& recording : recordings(1'000'000'000'000)) {
     if (recording.format != Format::packed_delta) continue;
     Bytes payload = recording.bytes();
@@ -176,8 +182,10 @@ TEST(DamagedRecording, AFlippedBitCostsAPackedRecordingThreeChunks) {
             << recording.bits << " bits, bit " << bit;
       }
       payload[bit / 8] ^= flipped;
+      ++flips;
     }
   }
+  std::cout << flips << " flips\n";
 }
 
 }  // namespace

@@ -5,8 +5,11 @@
 // verdict is certain where the true error is L or more away from the tolerance.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <bit>
+#include <cmath>
 #include <cstdint>
+#include <iostream>
 #include <string>
 
 #include "orvo/verification/evaluation.h"
@@ -33,7 +36,8 @@ std::string ppm_text(std::int64_t per_1e12) {
 // fails; no rate shows the event that each loses before its first timestamp. 2 and 3 lose as many
 // events as pass, and one more.
 TEST(Verdict, IsTrueUpToTheLimits) {
-  std::uint64_t seed = 0;
+  std::uint64_t seed = 0, verdicts = 0, with_losses = 0;
+  double most_off_ppm = 0;
   for (const std::uint32_t divider : {30978U, 3098U, 310U}) {  // 1, 10 and 100 kHz
     for (const unsigned quantum_ps : {1U, 8U, 12U, 4096U}) {
       for (const std::uint64_t jitter_ps : {0U, 3U, 1000U}) {
@@ -63,13 +67,18 @@ TEST(Verdict, IsTrueUpToTheLimits) {
           // 19 periods of the perfect source are divider * 613272 ps.
           const Wide perfect = (Wide{channel.count} - 1) * divider * 613272;
           const Wide span = (Wide{channel.last_ps} - channel.first_ps) * 19;
-          EXPECT_NEAR(channel.ppm_error,
-                      1e-6 * static_cast<double>((perfect - span) * 1'000'000'000'000 / span),
-                      2e-6);
+          const double exact_ppm =
+              1e-6 * static_cast<double>((perfect - span) * 1'000'000'000'000 / span);
+          most_off_ppm = std::max(most_off_ppm, std::abs(channel.ppm_error - exact_ppm));
+          ++verdicts;
+          with_losses += c != 2 || allowed > 0 ? 1 : 0;
         }
       }
     }
   }
+  EXPECT_LE(most_off_ppm, 2e-6);
+  std::cout << verdicts << " verdicts, " << with_losses << " of them with lost events, within "
+            << most_off_ppm << " ppm of exact arithmetic\n";
 }
 
 }  // namespace

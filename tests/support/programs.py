@@ -149,6 +149,12 @@ class ProgramTest(unittest.TestCase):
         self.folder = pathlib.Path(tempfile.mkdtemp(prefix="orvo_test_")).resolve()
         self.addCleanup(shutil.rmtree, self.folder)
         self.root = self.folder / "out"  # of the tool's outputs
+        self.cases = 0
+        self.addCleanup(lambda: print(f"{self.id()}: cases: {self.cases or 1}"))
+
+    def subTest(self, *arguments, **parameters):  # unittest's own, counted
+        self.cases += 1
+        return super().subTest(*arguments, **parameters)
 
     def start(self, command, sim=""):
         process = Process(self.folder, command, sim)
