@@ -202,11 +202,5 @@ TEST_F(StreamFiles, LargeChunksAndAFileThatGrows) {
   EXPECT_EQ(next(1), "0:7 ");
 }
 
-TEST_F(StreamFiles, ReadingIsInterrupted) {
-  open_tags(9);
-  reader.interrupted = [] { return true; };
-  EXPECT_THROW(static_cast<void>(reader.next_tags(1, 1)), timing::Interrupted);
-}
-
 }  // namespace
 }  // namespace orvo::tests
