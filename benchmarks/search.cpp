@@ -26,7 +26,7 @@ Figures measure(const Bytes& bytes, unsigned delta_bits, unsigned channel_mask) 
   buffer.append(bytes);
   const timing::detail::PackedFormat format(header);
   const auto search = [&] {
-    benchmark::DoNotOptimize(timing::detail::probe_packed_alignment(buffer.bytes(), format));
+    benchmark::DoNotOptimize(timing::detail::probe_packed_alignment(buffer, format));
   };
   tests::PlainDecoder plain(header);
   plain.input_buffer = bytes;

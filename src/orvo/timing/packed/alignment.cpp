@@ -1,120 +1,401 @@
 #include "orvo/timing/packed/alignment.h"
 
 #include <algorithm>
-#include <array>
+#include <bit>
 #include <tuple>
 
-#include "orvo/timing/packed/record_grid.h"
-#include "orvo/timing/packed/turning_points.h"
+#include "orvo/timing/big_endian.h"
 
 namespace orvo::timing::detail {
 namespace {
 
-AlignmentCandidate candidate_of(const AlignmentParse& parse, std::uint64_t begin,
-                                const PackedFormat& format) {
-  const std::uint64_t first_record = parse.was_reset() ? parse.restart : begin;
-  AlignmentCandidate candidate{
-      .drop_bytes = first_record / 8, .bit_offset = first_record % 8, .min = UINT64_MAX};
-  for (unsigned c = 0; c < 4; ++c) {
-    if (format.active(c)) {
-      const std::uint64_t count = parse.counts[c];
-      candidate.synced += count > 0 ? 1 : 0;
-      candidate.min = std::min(candidate.min, count);
-      candidate.max = std::max(candidate.max, count);
-      candidate.total += count;
+/// The bits from `position` on, at the top of the word: at least 57 of them, and all 64 if
+/// `position` is a multiple of 8.
+std::uint64_t word_at(const std::uint8_t* data, std::uint64_t position) {
+  return load_big_endian_64(data + position / 8) << (position % 8);
+}
+
+// Of the record at the top of a word.
+unsigned channel_of(std::uint64_t record) { return static_cast<unsigned>(record >> 62); }
+bool is_flagged(std::uint64_t record) { return (record >> 61 & 1) != 0; }
+/// The flag and the payload are all ones.
+bool starts_sync(std::uint64_t record, const PackedFormat& format) {
+  return ~record << 2 >> (63 - format.bits) == 0;
+}
+
+/// The data records of each channel from `begin` to `end`, two out of each word.
+ChannelCounts count_data(const std::uint8_t* data, std::uint64_t begin, std::uint64_t end,
+                         std::uint64_t width) {
+  std::array<std::uint64_t, 8> kinds{};  // by channel and flag
+  std::uint64_t position = begin;
+  for (; position + width < end; position += 2 * width) {
+    const std::uint64_t records = word_at(data, position);
+    ++kinds[records >> 61];
+    ++kinds[records << width >> 61];
+  }
+  if (position < end) {
+    ++kinds[word_at(data, position) >> 61];
+  }
+  return {kinds[0], kinds[2], kinds[4], kinds[6]};
+}
+
+// --- One parse ---
+
+/// What a parse has found: which channels sync, and how many data records they have. It
+/// reconstructs no times.
+struct Parse {
+  /// What is known of the other parses that read the record with which this one began.
+  enum class Others {
+    any,
+    same_course,  ///< all stand where this one does and have been reset, if at another record
+    same,         ///< all have this one's state
+  };
+
+  std::uint64_t next = 0;     ///< position of the next record
+  std::uint64_t restart = 0;  ///< position after the record that last reset the parse; 0 for none
+  Others others = Others::any;
+  bool has_sync = false;  ///< a whole one since the last reset
+  unsigned sync_records_left = 0;
+  unsigned sync_channel = 0;
+  unsigned pending_channel = kNoChannel;  ///< the last sync anchors the next data record of this
+  /// Data records from the one that a channel's first sync anchors. A channel with any is synced.
+  ChannelCounts counts{};
+  ChannelCounts data{};  ///< all data records since the first whole sync
+
+  static constexpr unsigned kNoChannel = 4;
+
+  void take(std::uint64_t record, const PackedFormat& format);
+  void add_data(unsigned channel, std::uint64_t records);
+  void reset(std::uint64_t record, const PackedFormat& format);
+};
+
+/// The rule of one record. `next` is already the position after it.
+inline void Parse::take(std::uint64_t record, const PackedFormat& format) {
+  const unsigned channel = channel_of(record);
+  const bool in_sync = sync_records_left > 0;
+  if (!format.active(channel) || (in_sync && (channel != sync_channel || is_flagged(record)))) {
+    reset(record, format);
+  } else if (in_sync) {
+    if (--sync_records_left == 0) {
+      has_sync = true;
+      pending_channel = channel;
+    }
+  } else if (starts_sync(record, format)) {
+    sync_records_left = format.sync_records;
+    sync_channel = channel;
+  } else if (!is_flagged(record)) {
+    add_data(channel, 1);
+  }
+}
+
+inline void Parse::add_data(unsigned channel, std::uint64_t records) {
+  if (!has_sync || records == 0) {
+    return;
+  }
+  data[channel] += records;
+  if (pending_channel == channel) {
+    pending_channel = kNoChannel;
+    counts[channel] += records;
+  } else if (counts[channel] > 0) {
+    counts[channel] += records;
+  }
+}
+
+/// A record of an inactive channel resets every parse. One that breaks a sync does not reset those
+/// that were reset where the sync starts. These have met nothing since, and if the record itself
+/// starts no sync, they go on as this one.
+inline void Parse::reset(std::uint64_t record, const PackedFormat& format) {
+  if (!format.active(channel_of(record)) || others != Others::any) {
+    others = Others::same;
+  } else if (!starts_sync(record, format)) {
+    others = Others::same_course;
+  }
+  if (has_sync) {
+    *this = {.next = next, .others = others};
+  }
+  restart = next;
+  sync_records_left = 0;
+}
+
+// --- Turning points ---
+
+/// The first word of 128 bits shifted left by `shift`, 1 to 63.
+std::uint64_t shifted(std::uint64_t word, std::uint64_t following, unsigned shift) {
+  return word << shift | following >> (64 - shift);
+}
+
+/// Whether a byte of the word is all ones. May also say so if a byte lacks only its last bit.
+bool has_byte_of_ones(std::uint64_t word) {
+  constexpr std::uint64_t kLastBits = 0x0101010101010101;
+  return ((~word - kLastBits) & word & kLastBits << 7) != 0;
+}
+
+/// The positions of `word` at which a record would start a sync: two bits of channel, then ones.
+std::uint64_t sync_starts(std::uint64_t word, std::uint64_t following, const PackedFormat& format) {
+  constexpr unsigned kOnesWithWholeByte = 15;  // wherever they begin
+  const unsigned ones = format.bits + 1;
+  if (ones >= kOnesWithWholeByte && !has_byte_of_ones(word) && !has_byte_of_ones(following)) {
+    return 0;
+  }
+  // A bit of `word` says whether a run of at least `length` ones begins there; so does a bit of
+  // `following`, as far as the run ends inside it. No record of `word` reaches its last 30 bits.
+  for (unsigned length = 1; length < ones;) {
+    const unsigned more = std::min(length, ones - length);
+    word &= shifted(word, following, more);
+    following &= following << more;
+    length += more;
+  }
+  return shifted(word, following, 2);
+}
+
+/// The positions of `word` at which a record would be of a channel that is not active.
+std::uint64_t inactive_records(std::uint64_t word, std::uint64_t following,
+                               const PackedFormat& format) {
+  const std::uint64_t low = shifted(word, following, 1);  // bits of the channel
+  std::uint64_t records = 0;
+  for (unsigned channel = 0; channel < 4; ++channel) {
+    if (!format.active(channel)) {
+      records |= ((channel & 2) != 0 ? word : ~word) & ((channel & 1) != 0 ? low : ~low);
     }
   }
-  return candidate;
+  return records;
 }
+
+/// The positions at which a record would start a sync or be of a channel that is not active: only
+/// these change what a parse does that is not in a sync. An object takes 128 KiB.
+class TurningPoints {
+ public:
+  /// Finds those whose record ends at or before bit `end`, which is at most 8 * kSearchedBytes.
+  TurningPoints(const std::uint8_t* data, std::uint64_t end, const PackedFormat& format);
+
+  /// The first at `position` or a number of records later. If there is none, the position after the
+  /// last whole record.
+  [[nodiscard]] std::uint64_t next(std::uint64_t position) const;
+
+ private:
+  struct Word {
+    std::uint64_t points;  ///< one bit for each of 64 positions, the first most significant
+    std::uint64_t next;    ///< index of the next word that has any
+  };
+
+  unsigned width_;
+  std::uint64_t end_;
+  std::uint64_t grid_bits_ = 0;  ///< the first bit of a word, and those records later
+  std::array<Word, kSearchedBytes / 8 + 1> words_;
+};
+
+TurningPoints::TurningPoints(const std::uint8_t* data, std::uint64_t end,
+                             const PackedFormat& format)
+    : width_(format.width), end_(end) {
+  for (unsigned bit = 0; bit < 64; bit += width_) {
+    grid_bits_ |= std::uint64_t{1} << (63 - bit);
+  }
+  const std::uint64_t positions = end - width_ + 1;
+  std::uint64_t next = (positions + 63) / 64;
+  words_[next] = {~std::uint64_t{0}, next};  // ends every search
+  std::uint64_t following = word_at(data, 64 * next);
+  for (std::uint64_t index = next; index-- > 0;) {
+    const std::uint64_t word = word_at(data, 64 * index);
+    std::uint64_t points = sync_starts(word, following, format);
+    if (format.active_channels < 4) {
+      points |= inactive_records(word, following, format);
+    }
+    if (positions - 64 * index < 64) {
+      points &= ~(~std::uint64_t{0} >> (positions - 64 * index));
+    }
+    words_[index] = {points, next};
+    next = points != 0 ? index : next;
+    following = word;
+  }
+}
+
+inline std::uint64_t TurningPoints::next(std::uint64_t position) const {
+  std::uint64_t index = position / 64;
+  std::uint64_t points = words_[index].points & grid_bits_ >> position % 64;
+  while (points == 0) {
+    index = words_[index].next;
+    const auto skipped = static_cast<std::uint32_t>(64 * index - position);
+    points = words_[index].points & grid_bits_ >> (width_ - 1 - (skipped - 1) % width_);
+  }
+  const std::uint64_t point = 64 * index + static_cast<unsigned>(std::countl_zero(points));
+  return point + width_ <= end_ ? point : end_ - (end_ - position) % width_;
+}
+
+// --- All parses ---
 
 /// Each byte offset has a span of bytes, and a parse begins at every bit shift in it. Two parses
 /// that begin at one bit, but in different spans, differ only in where they end, and the first span
-/// ends first. So one parse a bit is read to the end of the first span, for a whole grid at once,
-/// and from there to the end of one span after the other.
+/// ends first. So one parse a bit is read to the end of the first span, and from there to the end
+/// of one span after the other.
+///
+/// In the first span all parses of a grid, which are a multiple of the record width apart, are
+/// worked out together. Out of its first record or sync, a parse goes on as the one that begins
+/// where it stands, because a reset makes it forget everything and ordinary records mean nothing
+/// without a sync. Most need not even begin: see Parse::Others.
 class Search {
  public:
-  Search(std::span<const std::uint8_t> buffer, const PackedFormat& format);
+  Search(const InputBuffer& buffer, const PackedFormat& format);
 
-  [[nodiscard]] AlignmentSearch run();
+  [[nodiscard]] std::optional<Alignment> run();
 
  private:
   static constexpr unsigned kMaxWidth = PackedFormat::kMaxBits + 3;
 
-  void read_grid(unsigned grid, const TurningPoints& turning_points);
-  void offer(const AlignmentCandidate& candidate);
+  void read_grid(std::uint64_t grid);
+  [[nodiscard]] Parse parse_from(std::uint64_t begin, std::uint64_t known_end) const;
+  [[nodiscard]] Parse known_after(const Parse& parse) const;
+  void read_record(Parse& parse) const;
+  void offer(const Parse& parse, std::uint64_t begin);
 
   [[nodiscard]] std::uint64_t end_of_span(std::size_t offset) const {
     return 8 * std::uint64_t{std::min(offset + kSearchedBytes, buffer_bytes_)};
   }
 
   const PackedFormat& format_;
+  const std::uint8_t* const data_;
   const std::size_t buffer_bytes_;
   const std::size_t last_offset_;
-  const BitView bits_;
-  std::array<AlignmentParse, 8 * kLastOffset + kMaxWidth> parses_;  ///< by the bit of the begin
-  AlignmentSearch best_;
+  const std::uint64_t last_record_;  ///< where the last one that fits in the first span begins
+  const TurningPoints turning_points_;
+  /// By the bit of the begin, and one more of each grid.
+  std::array<Parse, 8 * kLastOffset + 2 * kMaxWidth> parses_;
+  std::optional<Alignment> best_;
 };
 
-Search::Search(std::span<const std::uint8_t> buffer, const PackedFormat& format)
+Search::Search(const InputBuffer& buffer, const PackedFormat& format)
     : format_(format),
+      data_(buffer.data()),
       buffer_bytes_(buffer.size()),
       last_offset_(std::min(format.active_channels == 1 ? kLastOffsetOneChannel : kLastOffset,
                             buffer_bytes_ - 1)),
-      bits_(buffer.first(end_of_span(last_offset_) / 8)) {}
+      last_record_(end_of_span(0) - format.width),
+      turning_points_(data_, end_of_span(0), format) {}
 
-AlignmentSearch Search::run() {
+std::optional<Alignment> Search::run() {
   const unsigned width = format_.width;
-  const TurningPoints turning_points(bits_, end_of_span(0), format_);
-  for (unsigned grid = 0; grid < width && grid + width <= end_of_span(0); ++grid) {
-    read_grid(grid, turning_points);
+  for (unsigned grid = 0; grid < width && grid <= last_record_; ++grid) {
+    read_grid(grid);
   }
   for (std::size_t offset = 0; offset <= last_offset_; ++offset) {
     const std::uint64_t end = end_of_span(offset);
     for (std::uint64_t begin = 8 * offset; begin < 8 * offset + width; ++begin) {
       if (begin + width <= end) {
-        parses_[begin].read_to(end, bits_, format_);
-        offer(candidate_of(parses_[begin], begin, format_));
+        while (parses_[begin].next + width <= end) {
+          read_record(parses_[begin]);
+        }
+        offer(parses_[begin], begin);
       }
     }
-  }
-  if (best_.found) {
-    best_.rejected.reset();
   }
   return best_;
 }
 
-/// Reads all parses of the grid to the end of the first span.
-void Search::read_grid(unsigned grid, const TurningPoints& turning_points) {
+/// Reads the parses of a grid to the end of the first span, as far as a record fits there.
+void Search::read_grid(std::uint64_t grid) {
   const std::uint64_t width = format_.width;
-  const std::uint64_t begins_end = 8 * last_offset_ + width;  // after the last bit shift
-  RecordGrid records(bits_, format_, turning_points, grid, end_of_span(0));
-  for (std::uint64_t n = (begins_end - grid + width - 1) / width; n-- > 0;) {
-    const std::uint64_t begin = grid + n * width;
-    parses_[begin] = records.outcome_from(begin);
+  const std::uint64_t bits = std::min(8 * last_offset_ + width, last_record_ + 1) - grid;
+  const std::uint64_t begins_end = grid + (bits + width - 1) / width * width;
+  const std::uint64_t records = (end_of_span(0) - begins_end) / width;
+  Parse late;
+  for (int eighths = 3; eighths >= 0 && late.others != Parse::Others::same; --eighths) {
+    late = parse_from(begins_end + (records - (records >> 3 * eighths)) * width, 0);
+  }
+  parses_[begins_end] = late;
+  for (std::uint64_t begin = begins_end; begin > grid;) {
+    begin -= width;
+    parses_[begin] = late.others == Parse::Others::same ? late : parse_from(begin, begins_end);
   }
 }
 
+/// To the end of the first span. Parses that begin later, up to `known_end`, are known.
+Parse Search::parse_from(std::uint64_t begin, std::uint64_t known_end) const {
+  Parse parse{.next = begin};
+  while (parse.next <= last_record_) {
+    do {
+      read_record(parse);
+    } while (parse.sync_records_left > 0 && parse.next <= last_record_);
+    if (parse.sync_records_left == 0 && parse.next <= known_end) {
+      return known_after(parse);
+    }
+    const std::uint64_t point = turning_points_.next(parse.next);
+    if (parse.has_sync) {
+      const ChannelCounts data = count_data(data_, parse.next, point, format_.width);
+      for (unsigned c = 0; c < 4; ++c) {
+        parse.add_data(c, data[c]);
+      }
+    }
+    parse.next = point;
+  }
+  return parse;
+}
+
+/// The outcome of `parse` after its first record or sync.
+Parse Search::known_after(const Parse& parse) const {
+  Parse outcome = parses_[parse.next];
+  if (outcome.restart != 0) {
+    return outcome;
+  }
+  outcome.restart = parse.restart;
+  if (parse.has_sync) {
+    const std::uint64_t point = turning_points_.next(parse.next);
+    const ChannelCounts data = count_data(data_, parse.next, point, format_.width);
+    for (unsigned c = 0; c < 4; ++c) {
+      outcome.data[c] += data[c];
+    }
+    // The sync anchors the first data record of its channel, but only before the next sync.
+    const unsigned channel = parse.pending_channel;
+    if (data[channel] > 0) {
+      outcome.counts[channel] = outcome.data[channel];
+    } else if (!outcome.has_sync) {
+      outcome.pending_channel = channel;
+    }
+    outcome.has_sync = true;
+  }
+  return outcome;
+}
+
+void Search::read_record(Parse& parse) const {
+  const std::uint64_t record = word_at(data_, parse.next);
+  parse.next += format_.width;
+  parse.take(record, format_);
+}
+
 /// Among equals the first one offered wins.
-void Search::offer(const AlignmentCandidate& candidate) {
-  if (candidate.synced < format_.required_synced) {
+void Search::offer(const Parse& parse, std::uint64_t begin) {
+  const ChannelTally data(parse.counts, format_);
+  if (data.present < format_.required_synced) {
     return;
   }
-  const bool refused = format_.balanced && kMaxImbalance * candidate.min < candidate.max;
-  const auto rank = [refused](const AlignmentCandidate& c) {
-    return std::tuple(c.synced, refused ? 0 : c.min, c.total);
+  const std::uint64_t first_record = parse.restart != 0 ? parse.restart : begin;
+  const Alignment alignment{.accepted = !format_.balanced || data.max <= kMaxImbalance * data.min,
+                            .drop_bytes = first_record / 8,
+                            .bit_offset = first_record % 8,
+                            .data = data};
+  const auto rank = [](const Alignment& a) {
+    return std::tuple(a.accepted, a.data.present, a.accepted ? a.data.min : 0, a.data.total);
   };
-  std::optional<AlignmentCandidate>& best = refused ? best_.rejected : best_.found;
-  if (!best || rank(candidate) > rank(*best)) {
-    best = candidate;
+  if (!best_ || rank(alignment) > rank(*best_)) {
+    best_ = alignment;
   }
 }
 
 }  // namespace
 
-AlignmentSearch probe_packed_alignment(std::span<const std::uint8_t> buffer,
-                                       const PackedFormat& format) {
-  if (buffer.empty() || !format.valid()) {
-    return {};
+ChannelTally::ChannelTally(const ChannelCounts& counts, const PackedFormat& format) {
+  for (unsigned c = 0; c < 4; ++c) {
+    if (format.active(c)) {
+      present += counts[c] > 0 ? 1U : 0U;
+      min = std::min(min, counts[c]);
+      max = std::max(max, counts[c]);
+      total += counts[c];
+    }
+  }
+}
+
+std::optional<Alignment> probe_packed_alignment(const InputBuffer& buffer,
+                                                const PackedFormat& format) {
+  if (!format.valid() || 8 * buffer.size() < format.width) {
+    return std::nullopt;
   }
   return Search(buffer, format).run();
 }

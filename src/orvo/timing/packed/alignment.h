@@ -1,12 +1,13 @@
 // The search for the bit at which packed-delta records begin, and the numbers in the lock's rules.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
-#include <span>
 
 #include "orvo/timing/packed/format.h"
+#include "orvo/timing/record_decoder.h"
 
 namespace orvo::timing::detail {
 
@@ -26,25 +27,30 @@ inline constexpr std::size_t kKeptBytes = 4'096;      ///< of one longer than kS
 inline constexpr std::uint64_t kMinJudgedTags = 4'096;
 inline constexpr std::uint64_t kMaxBatchImbalance = 8;
 
-/// A place from which records parse into syncs and data, and how well the channels did.
-struct AlignmentCandidate {
-  std::uint64_t drop_bytes = 0;  ///< whole bytes before the first record
-  std::uint64_t bit_offset = 0;  ///< 0 to 7, within the next byte
-  unsigned synced = 0;           ///< channels
-  std::uint64_t min = 0;         ///< data records of the least active channel
-  std::uint64_t max = 0;         ///< data records of the most active channel
-  std::uint64_t total = 0;       ///< data records
+using ChannelCounts = std::array<std::uint64_t, 4>;
+
+/// What the active channels have of something.
+struct ChannelTally {
+  ChannelTally(const ChannelCounts& counts, const PackedFormat& format);
+
+  unsigned present = 0;            ///< channels that have any
+  std::uint64_t min = UINT64_MAX;  ///< of the least active channel
+  std::uint64_t max = 0;           ///< of the most active channel
+  std::uint64_t total = 0;
 };
 
-struct AlignmentSearch {
-  std::optional<AlignmentCandidate> found;
-  /// If nothing was found: the best candidate among those refused for imbalance.
-  std::optional<AlignmentCandidate> rejected;
+/// A place from which records parse into syncs and data.
+struct Alignment {
+  bool accepted;             ///< false: refused, because its channels are out of balance
+  std::uint64_t drop_bytes;  ///< whole bytes before the first record
+  std::uint64_t bit_offset;  ///< 0 to 7, within the next byte
+  ChannelTally data;         ///< data records of the synced channels
 };
 
 /// Searches the front of `buffer`: every byte offset up to the last one, and there every bit shift
-/// up to a record's width. Takes about 160 KiB of stack and no other memory.
-[[nodiscard]] AlignmentSearch probe_packed_alignment(std::span<const std::uint8_t> buffer,
-                                                     const PackedFormat& format);
+/// up to a record's width. Returns the best alignment, which is a refused one only if none is
+/// accepted. Takes about 190 KiB of stack and no other memory.
+[[nodiscard]] std::optional<Alignment> probe_packed_alignment(const InputBuffer& buffer,
+                                                              const PackedFormat& format);
 
 }  // namespace orvo::timing::detail

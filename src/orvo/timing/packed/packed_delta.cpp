@@ -13,32 +13,30 @@ namespace {
 
 constexpr unsigned kMaxDebugLines = 200;  // of one decoder
 
-LockEvent rejection(const detail::AlignmentCandidate& candidate) {
+LockEvent rejection(const detail::Alignment& alignment) {
   return {.kind = LockEvent::Kind::rejected_alignment,
-          .drop_bytes = candidate.drop_bytes,
-          .bit_offset = candidate.bit_offset,
-          .synced = candidate.synced,
-          .min = candidate.min,
-          .max = candidate.max,
-          .total = candidate.total};
+          .drop_bytes = alignment.drop_bytes,
+          .bit_offset = alignment.bit_offset,
+          .synced = alignment.data.present,
+          .min = alignment.data.min,
+          .max = alignment.data.max,
+          .total = alignment.data.total};
 }
 
 /// Set when the lock is false: one alignment syncs every channel of the calibration source, and
 /// then all of them carry the same rate.
 std::optional<LockEvent> imbalance(const detail::PackedBatch& batch,
                                    const detail::PackedFormat& format) {
-  LockEvent event{.kind = LockEvent::Kind::imbalanced, .min = UINT64_MAX};
-  for (unsigned c = 0; c < 4; ++c) {
-    if (format.active(c)) {
-      event.min = std::min(event.min, batch.channel_tags[c]);
-      event.max = std::max(event.max, batch.channel_tags[c]);
-      event.total += batch.channel_tags[c];
-    }
+  const detail::ChannelTally tags(batch.channel_tags, format);
+  if (!format.balanced || tags.total < detail::kMinJudgedTags ||
+      tags.min * detail::kMaxBatchImbalance >= tags.max) {
+    return std::nullopt;
   }
-  event.records = batch.records;
-  const bool judged = format.balanced && event.total >= detail::kMinJudgedTags;
-  const bool imbalanced = event.min * detail::kMaxBatchImbalance < event.max;
-  return judged && imbalanced ? std::optional(event) : std::nullopt;
+  return LockEvent{.kind = LockEvent::Kind::imbalanced,
+                   .min = tags.min,
+                   .max = tags.max,
+                   .total = tags.total,
+                   .records = batch.records};
 }
 
 }  // namespace
@@ -80,29 +78,29 @@ std::span<const TimeTag> PackedDeltaDecoder::feed(InputBuffer& input) {
 }
 
 bool PackedDeltaDecoder::take_lock(InputBuffer& input) {
-  const detail::AlignmentSearch search = detail::probe_packed_alignment(input.bytes(), format_);
-  if (!search.found) {
-    if (search.rejected) {
-      report(input, rejection(*search.rejected));
-    }
-    if (input.size() >= detail::kReportedBytes) {
-      LockEvent event{.kind = LockEvent::Kind::no_alignment, .buffer_bytes = input.size()};
-      if (input.size() > detail::kSearchedBytes) {
-        event.drop_bytes = input.size() - detail::kKeptBytes;
-        input.keep_back(detail::kKeptBytes);
-      }
-      report(input, event);
-    }
-    return false;
+  const std::optional<detail::Alignment> best = detail::probe_packed_alignment(input, format_);
+  if (best && best->accepted) {
+    input.remove_front(best->drop_bytes);
+    locked_ = true;
+    bit_offset_ = best->bit_offset;
+    report(input, {.kind = LockEvent::Kind::locked,
+                   .drop_bytes = best->drop_bytes,
+                   .bit_offset = bit_offset_,
+                   .buffer_bytes = input.size()});
+    return true;
   }
-  input.remove_front(search.found->drop_bytes);
-  locked_ = true;
-  bit_offset_ = search.found->bit_offset;
-  report(input, {.kind = LockEvent::Kind::locked,
-                 .drop_bytes = search.found->drop_bytes,
-                 .bit_offset = bit_offset_,
-                 .buffer_bytes = input.size()});
-  return true;
+  if (best) {
+    report(input, rejection(*best));
+  }
+  if (input.size() >= detail::kReportedBytes) {
+    LockEvent event{.kind = LockEvent::Kind::no_alignment, .buffer_bytes = input.size()};
+    if (input.size() > detail::kSearchedBytes) {
+      event.drop_bytes = input.size() - detail::kKeptBytes;
+      input.keep_back(detail::kKeptBytes);
+    }
+    report(input, event);
+  }
+  return false;
 }
 
 void PackedDeltaDecoder::consume_packed_records(InputBuffer& input, std::uint64_t count) {
