@@ -176,22 +176,21 @@ TEST(PackedSameness, SkippedMeansPortableKernelOnly) {
   if (!has_both) GTEST_SKIP() << "portable kernel only: the processor has no AVX-512 with VBMI";
 }
 
-// Where later spans see more, the last byte offset is the one to begin from.
+// Where later spans see more, the last byte offset is the one to begin from. A sync anchors the
+// next data of its channel, also where only later spans have it, but not after another sync.
 TEST(PackedSameness, LockSearchByHand) {
-  // A sync that another follows before any data anchors none of it, even where the first span ends
-  // after both and only later spans have the data.
-  const Bytes syncs =
-      Bytes(kSync0.begin(), kSync0.end() - 1) + Bytes(kSync1.begin(), kSync1.end() - 1);
+  const Bytes before(20, 0x40), sync0(kSync0.begin(), kSync0.end() - 1);
+  const Bytes late_data0 = Bytes(65'500, 0x40) + Bytes(60, 0x00);
   const struct {
     timing::Mode mode;
     std::uint8_t mask;
     Bytes bytes;
     const char* event;
   } cases[] = {
-      {timing::Mode::external, 3,
-       Bytes(65'536 - syncs.size()) + syncs + Bytes(10, 0x00) + Bytes(20, 0x40) +
-           Bytes(syncs.begin(), syncs.begin() + 10) + Bytes(24, 0x00),
-       "locked bits=5 drop_bytes=64 bit_offset=0 raw_bytes=65536"},
+      {timing::Mode::external, 3, before + kSync1 + sync0 + late_data0,
+       "locked bits=5 drop_bytes=20 bit_offset=0 raw_bytes=65581"},
+      {timing::Mode::external, 3, before + sync0 + kSync1 + late_data0,
+       "no alignment bits=5 width=8 raw_bytes=65601"},
       {timing::Mode::internal, 1, Bytes(99) + kSync0 + Bytes(65'600),
        "locked bits=5 drop_bytes=16 bit_offset=0 raw_bytes=65694"},
       {timing::Mode::internal, 3, kSync0 + kSync1 + Bytes(9),

@@ -23,23 +23,15 @@ bool starts_sync(std::uint64_t record, const PackedFormat& format) {
   return ~record << 2 >> (63 - format.bits) == 0;
 }
 
-/// The data records of each channel from `begin` to `end`, two out of each word.
+/// The data records of each channel from `begin` to `end`.
 ChannelCounts count_data(const std::uint8_t* data, std::uint64_t begin, std::uint64_t end,
                          std::uint64_t width) {
   std::array<std::uint64_t, 8> kinds{};  // by channel and flag
-  std::uint64_t position = begin;
-  for (; position + width < end; position += 2 * width) {
-    const std::uint64_t records = word_at(data, position);
-    ++kinds[records >> 61];
-    ++kinds[records << width >> 61];
-  }
-  if (position < end) {
+  for (std::uint64_t position = begin; position < end; position += width) {
     ++kinds[word_at(data, position) >> 61];
   }
   return {kinds[0], kinds[2], kinds[4], kinds[6]};
 }
-
-// --- One parse ---
 
 /// What a parse has found: which channels sync, and how many data records they have. It
 /// reconstructs no times.
@@ -57,125 +49,130 @@ struct Parse {
   bool has_sync = false;  ///< a whole one since the last reset
   unsigned sync_records_left = 0;
   unsigned sync_channel = 0;
-  unsigned pending_channel = kNoChannel;  ///< the last sync anchors the next data record of this
-  /// Data records from the one that a channel's first sync anchors. A channel with any is synced.
-  ChannelCounts counts{};
-  ChannelCounts data{};  ///< all data records since the first whole sync
+  unsigned pending_channel = PackedFormat::kNoChannel;  ///< the last sync anchors its next data
+  ChannelCounts data{};                                 ///< data records since the first whole sync
+  ChannelCounts counts{};  ///< those from a channel's first anchored one on; with any it is synced
 
-  static constexpr unsigned kNoChannel = 4;
-
-  void take(std::uint64_t record, const PackedFormat& format);
-  void add_data(unsigned channel, std::uint64_t records);
-  void reset(std::uint64_t record, const PackedFormat& format);
-};
-
-/// The rule of one record. `next` is already the position after it.
-inline void Parse::take(std::uint64_t record, const PackedFormat& format) {
-  const unsigned channel = channel_of(record);
-  const bool in_sync = sync_records_left > 0;
-  if (!format.active(channel) || (in_sync && (channel != sync_channel || is_flagged(record)))) {
-    reset(record, format);
-  } else if (in_sync) {
-    if (--sync_records_left == 0) {
-      has_sync = true;
-      pending_channel = channel;
+  void read_record(const std::uint8_t* bytes, const PackedFormat& format) {
+    const std::uint64_t record = word_at(bytes, next);
+    const unsigned channel = channel_of(record);
+    const bool in_sync = sync_records_left > 0;
+    next += format.width;
+    if (!format.active(channel) || (in_sync && (channel != sync_channel || is_flagged(record)))) {
+      reset(record, format);
+    } else if (in_sync) {
+      if (--sync_records_left == 0) {
+        has_sync = true;
+        pending_channel = channel;
+      }
+    } else if (starts_sync(record, format)) {
+      sync_records_left = format.sync_records;
+      sync_channel = channel;
+    } else if (!is_flagged(record)) {
+      add_data(channel, 1);
     }
-  } else if (starts_sync(record, format)) {
-    sync_records_left = format.sync_records;
-    sync_channel = channel;
-  } else if (!is_flagged(record)) {
-    add_data(channel, 1);
   }
-}
 
-inline void Parse::add_data(unsigned channel, std::uint64_t records) {
-  if (!has_sync || records == 0) {
-    return;
+  void add_data(unsigned channel, std::uint64_t records) {
+    if (has_sync && records > 0) {
+      const bool anchored = counts[channel] > 0 || channel == pending_channel;
+      counts[channel] += anchored ? records : 0;
+      data[channel] += records;
+      pending_channel = channel == pending_channel ? PackedFormat::kNoChannel : pending_channel;
+    }
   }
-  data[channel] += records;
-  if (pending_channel == channel) {
-    pending_channel = kNoChannel;
-    counts[channel] += records;
-  } else if (counts[channel] > 0) {
-    counts[channel] += records;
-  }
-}
 
-/// A record of an inactive channel resets every parse. One that breaks a sync does not reset those
-/// that were reset where the sync starts. These have met nothing since, and if the record itself
-/// starts no sync, they go on as this one.
-inline void Parse::reset(std::uint64_t record, const PackedFormat& format) {
-  if (!format.active(channel_of(record)) || others != Others::any) {
-    others = Others::same;
-  } else if (!starts_sync(record, format)) {
-    others = Others::same_course;
+  /// A record of an inactive channel resets every parse. One that breaks a sync does not reset
+  /// those that were reset where the sync starts. These have met nothing since, and if the record
+  /// itself starts no sync, they go on as this one.
+  void reset(std::uint64_t record, const PackedFormat& format) {
+    if (!format.active(channel_of(record)) || others != Others::any) {
+      others = Others::same;
+    } else if (!starts_sync(record, format)) {
+      others = Others::same_course;
+    }
+    if (has_sync) {
+      *this = {.next = next, .others = others};
+    }
+    restart = next;
+    sync_records_left = 0;
   }
-  if (has_sync) {
-    *this = {.next = next, .others = others};
-  }
-  restart = next;
-  sync_records_left = 0;
-}
-
-// --- Turning points ---
-
-/// The first word of 128 bits shifted left by `shift`, 1 to 63.
-std::uint64_t shifted(std::uint64_t word, std::uint64_t following, unsigned shift) {
-  return word << shift | following >> (64 - shift);
-}
+};
 
 /// Whether a byte of the word is all ones. May also say so if a byte lacks only its last bit.
 bool has_byte_of_ones(std::uint64_t word) {
-  constexpr std::uint64_t kLastBits = 0x0101010101010101;
-  return ((~word - kLastBits) & word & kLastBits << 7) != 0;
+  return ((~word - 0x0101010101010101) & word & 0x8080808080808080) != 0;
 }
 
-/// The positions of `word` at which a record would start a sync: two bits of channel, then ones.
-std::uint64_t sync_starts(std::uint64_t word, std::uint64_t following, const PackedFormat& format) {
-  constexpr unsigned kOnesWithWholeByte = 15;  // wherever they begin
-  const unsigned ones = format.bits + 1;
-  if (ones >= kOnesWithWholeByte && !has_byte_of_ones(word) && !has_byte_of_ones(following)) {
-    return 0;
+/// The positions of `word` at which a record would start a sync or be of a channel that is not
+/// active. One bit for each position, the first most significant.
+std::uint64_t points_of(std::uint64_t word, std::uint64_t following, const PackedFormat& format) {
+  std::uint64_t points = 0;
+  for (unsigned channel = 0; format.active_channels < 4 && channel < 4; ++channel) {
+    if (!format.active(channel)) {
+      const std::uint64_t low = word << 1 | following >> 63;
+      points |= ((channel & 2) != 0 ? word : ~word) & ((channel & 1) != 0 ? low : ~low);
+    }
   }
-  // A bit of `word` says whether a run of at least `length` ones begins there; so does a bit of
-  // `following`, as far as the run ends inside it. No record of `word` reaches its last 30 bits.
+  const unsigned ones = format.bits + 1;
+  if (ones >= 15 && !has_byte_of_ones(word) && !has_byte_of_ones(following)) {
+    return points;  // so many ones have a whole byte among them, wherever they begin
+  }
+  // A sync start is two bits of channel, the flag and payload of ones. A bit of `word` says whether
+  // a run of at least `length` ones begins there; so does a bit of `following`, as far as the run
+  // ends inside it. No record of `word` reaches its last 30 bits.
   for (unsigned length = 1; length < ones;) {
     const unsigned more = std::min(length, ones - length);
-    word &= shifted(word, following, more);
+    word &= word << more | following >> (64 - more);
     following &= following << more;
     length += more;
   }
-  return shifted(word, following, 2);
+  return points | word << 2 | following >> 62;
 }
 
-/// The positions of `word` at which a record would be of a channel that is not active.
-std::uint64_t inactive_records(std::uint64_t word, std::uint64_t following,
-                               const PackedFormat& format) {
-  const std::uint64_t low = shifted(word, following, 1);  // bits of the channel
-  std::uint64_t records = 0;
-  for (unsigned channel = 0; channel < 4; ++channel) {
-    if (!format.active(channel)) {
-      records |= ((channel & 2) != 0 ? word : ~word) & ((channel & 1) != 0 ? low : ~low);
-    }
-  }
-  return records;
-}
-
-/// The positions at which a record would start a sync or be of a channel that is not active: only
-/// these change what a parse does that is not in a sync. An object takes 128 KiB.
+/// All such positions: only there does a parse that is not in a sync change what it does next. An
+/// object takes 128 KiB.
 class TurningPoints {
  public:
   /// Finds those whose record ends at or before bit `end`, which is at most 8 * kSearchedBytes.
-  TurningPoints(const std::uint8_t* data, std::uint64_t end, const PackedFormat& format);
+  TurningPoints(const std::uint8_t* data, std::uint64_t end, const PackedFormat& format)
+      : width_(format.width), end_(end) {
+    for (unsigned bit = 0; bit < 64; bit += width_) {
+      grid_bits_ |= std::uint64_t{1} << (63 - bit);
+    }
+    const std::uint64_t positions = end - width_ + 1;
+    std::uint64_t next = (positions + 63) / 64;
+    words_[next] = {~std::uint64_t{0}, next};  // ends every search
+    std::uint64_t following = word_at(data, 64 * next);
+    for (std::uint64_t index = next; index-- > 0;) {
+      const std::uint64_t word = word_at(data, 64 * index);
+      words_[index] = {points_of(word, following, format), next};
+      if (positions - 64 * index < 64) {
+        words_[index].points &= ~(~std::uint64_t{0} >> (positions - 64 * index));
+      }
+      next = words_[index].points != 0 ? index : next;
+      following = word;
+    }
+  }
 
   /// The first at `position` or a number of records later. If there is none, the position after the
   /// last whole record.
-  [[nodiscard]] std::uint64_t next(std::uint64_t position) const;
+  [[nodiscard]] std::uint64_t next(std::uint64_t position) const {
+    std::uint64_t index = position / 64;
+    std::uint64_t points = words_[index].points & grid_bits_ >> position % 64;
+    while (points == 0) {
+      index = words_[index].next;
+      const auto skipped = static_cast<std::uint32_t>(64 * index - position);
+      points = words_[index].points & grid_bits_ >> (width_ - 1 - (skipped - 1) % width_);
+    }
+    const std::uint64_t point = 64 * index + static_cast<unsigned>(std::countl_zero(points));
+    return point + width_ <= end_ ? point : end_ - (end_ - position) % width_;
+  }
 
  private:
   struct Word {
-    std::uint64_t points;  ///< one bit for each of 64 positions, the first most significant
-    std::uint64_t next;    ///< index of the next word that has any
+    std::uint64_t points;
+    std::uint64_t next;  ///< index of the next word that has any
   };
 
   unsigned width_;
@@ -184,54 +181,14 @@ class TurningPoints {
   std::array<Word, kSearchedBytes / 8 + 1> words_;
 };
 
-TurningPoints::TurningPoints(const std::uint8_t* data, std::uint64_t end,
-                             const PackedFormat& format)
-    : width_(format.width), end_(end) {
-  for (unsigned bit = 0; bit < 64; bit += width_) {
-    grid_bits_ |= std::uint64_t{1} << (63 - bit);
-  }
-  const std::uint64_t positions = end - width_ + 1;
-  std::uint64_t next = (positions + 63) / 64;
-  words_[next] = {~std::uint64_t{0}, next};  // ends every search
-  std::uint64_t following = word_at(data, 64 * next);
-  for (std::uint64_t index = next; index-- > 0;) {
-    const std::uint64_t word = word_at(data, 64 * index);
-    std::uint64_t points = sync_starts(word, following, format);
-    if (format.active_channels < 4) {
-      points |= inactive_records(word, following, format);
-    }
-    if (positions - 64 * index < 64) {
-      points &= ~(~std::uint64_t{0} >> (positions - 64 * index));
-    }
-    words_[index] = {points, next};
-    next = points != 0 ? index : next;
-    following = word;
-  }
-}
-
-inline std::uint64_t TurningPoints::next(std::uint64_t position) const {
-  std::uint64_t index = position / 64;
-  std::uint64_t points = words_[index].points & grid_bits_ >> position % 64;
-  while (points == 0) {
-    index = words_[index].next;
-    const auto skipped = static_cast<std::uint32_t>(64 * index - position);
-    points = words_[index].points & grid_bits_ >> (width_ - 1 - (skipped - 1) % width_);
-  }
-  const std::uint64_t point = 64 * index + static_cast<unsigned>(std::countl_zero(points));
-  return point + width_ <= end_ ? point : end_ - (end_ - position) % width_;
-}
-
-// --- All parses ---
-
 /// Each byte offset has a span of bytes, and a parse begins at every bit shift in it. Two parses
 /// that begin at one bit, but in different spans, differ only in where they end, and the first span
-/// ends first. So one parse a bit is read to the end of the first span, and from there to the end
-/// of one span after the other.
+/// ends first. So each bit has one parse, read to the end of the first span and from there to the
+/// ends of the later ones.
 ///
-/// In the first span all parses of a grid, which are a multiple of the record width apart, are
-/// worked out together. Out of its first record or sync, a parse goes on as the one that begins
-/// where it stands, because a reset makes it forget everything and ordinary records mean nothing
-/// without a sync. Most need not even begin: see Parse::Others.
+/// In the first span all parses of a grid, which begin multiples of the record width apart, are
+/// worked out together. After its first record or sync, a parse goes on as the one that begins
+/// there, because a reset makes it forget everything, and ordinary records count only after a sync.
 class Search {
  public:
   Search(const InputBuffer& buffer, const PackedFormat& format);
@@ -239,12 +196,9 @@ class Search {
   [[nodiscard]] std::optional<Alignment> run();
 
  private:
-  static constexpr unsigned kMaxWidth = PackedFormat::kMaxBits + 3;
-
   void read_grid(std::uint64_t grid);
   [[nodiscard]] Parse parse_from(std::uint64_t begin, std::uint64_t known_end) const;
   [[nodiscard]] Parse known_after(const Parse& parse) const;
-  void read_record(Parse& parse) const;
   void offer(const Parse& parse, std::uint64_t begin);
 
   [[nodiscard]] std::uint64_t end_of_span(std::size_t offset) const {
@@ -258,7 +212,7 @@ class Search {
   const std::uint64_t last_record_;  ///< where the last one that fits in the first span begins
   const TurningPoints turning_points_;
   /// By the bit of the begin, and one more of each grid.
-  std::array<Parse, 8 * kLastOffset + 2 * kMaxWidth> parses_;
+  std::array<Parse, 8 * kLastOffset + 2 * (PackedFormat::kMaxBits + 3)> parses_;
   std::optional<Alignment> best_;
 };
 
@@ -281,7 +235,7 @@ std::optional<Alignment> Search::run() {
     for (std::uint64_t begin = 8 * offset; begin < 8 * offset + width; ++begin) {
       if (begin + width <= end) {
         while (parses_[begin].next + width <= end) {
-          read_record(parses_[begin]);
+          parses_[begin].read_record(data_, format_);
         }
         offer(parses_[begin], begin);
       }
@@ -290,7 +244,8 @@ std::optional<Alignment> Search::run() {
   return best_;
 }
 
-/// Reads the parses of a grid to the end of the first span, as far as a record fits there.
+/// Reads the parses of a grid to the end of the first span, if a record fits there. Often one from
+/// near the end stands for all, and otherwise one from where the last of them stop.
 void Search::read_grid(std::uint64_t grid) {
   const std::uint64_t width = format_.width;
   const std::uint64_t bits = std::min(8 * last_offset_ + width, last_record_ + 1) - grid;
@@ -312,7 +267,7 @@ Parse Search::parse_from(std::uint64_t begin, std::uint64_t known_end) const {
   Parse parse{.next = begin};
   while (parse.next <= last_record_) {
     do {
-      read_record(parse);
+      parse.read_record(data_, format_);
     } while (parse.sync_records_left > 0 && parse.next <= last_record_);
     if (parse.sync_records_left == 0 && parse.next <= known_end) {
       return known_after(parse);
@@ -332,11 +287,8 @@ Parse Search::parse_from(std::uint64_t begin, std::uint64_t known_end) const {
 /// The outcome of `parse` after its first record or sync.
 Parse Search::known_after(const Parse& parse) const {
   Parse outcome = parses_[parse.next];
-  if (outcome.restart != 0) {
-    return outcome;
-  }
-  outcome.restart = parse.restart;
-  if (parse.has_sync) {
+  outcome.restart = outcome.restart != 0 ? outcome.restart : parse.restart;
+  if (outcome.restart == 0 && parse.has_sync) {
     const std::uint64_t point = turning_points_.next(parse.next);
     const ChannelCounts data = count_data(data_, parse.next, point, format_.width);
     for (unsigned c = 0; c < 4; ++c) {
@@ -352,12 +304,6 @@ Parse Search::known_after(const Parse& parse) const {
     outcome.has_sync = true;
   }
   return outcome;
-}
-
-void Search::read_record(Parse& parse) const {
-  const std::uint64_t record = word_at(data_, parse.next);
-  parse.next += format_.width;
-  parse.take(record, format_);
 }
 
 /// Among equals the first one offered wins.
@@ -380,17 +326,6 @@ void Search::offer(const Parse& parse, std::uint64_t begin) {
 }
 
 }  // namespace
-
-ChannelTally::ChannelTally(const ChannelCounts& counts, const PackedFormat& format) {
-  for (unsigned c = 0; c < 4; ++c) {
-    if (format.active(c)) {
-      present += counts[c] > 0 ? 1U : 0U;
-      min = std::min(min, counts[c]);
-      max = std::max(max, counts[c]);
-      total += counts[c];
-    }
-  }
-}
 
 std::optional<Alignment> probe_packed_alignment(const InputBuffer& buffer,
                                                 const PackedFormat& format) {

@@ -1,7 +1,6 @@
 // The search for the bit at which packed-delta records begin, and the numbers in the lock's rules.
 #pragma once
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -11,13 +10,12 @@
 
 namespace orvo::timing::detail {
 
-// Limits of imbalance are ratios of the most to the least active channel.
-
 // The search of a buffer without a lock.
 inline constexpr std::size_t kSearchedBytes = 65'536;     ///< parsed from each byte offset
 inline constexpr std::size_t kLastOffset = 64;            ///< byte offset, several active channels
 inline constexpr std::size_t kLastOffsetOneChannel = 16;  ///< byte offset, one active channel
-inline constexpr std::uint64_t kMaxImbalance = 2;
+inline constexpr std::uint64_t kMaxImbalance =
+    2;  ///< ratio of the most to the least active channel
 
 // A buffer in which the search found nothing.
 inline constexpr std::size_t kReportedBytes = 4'096;  ///< a shorter one waits for more bytes
@@ -26,18 +24,6 @@ inline constexpr std::size_t kKeptBytes = 4'096;      ///< of one longer than kS
 // A batch of tags that was decoded with a lock.
 inline constexpr std::uint64_t kMinJudgedTags = 4'096;
 inline constexpr std::uint64_t kMaxBatchImbalance = 8;
-
-using ChannelCounts = std::array<std::uint64_t, 4>;
-
-/// What the active channels have of something.
-struct ChannelTally {
-  ChannelTally(const ChannelCounts& counts, const PackedFormat& format);
-
-  unsigned present = 0;            ///< channels that have any
-  std::uint64_t min = UINT64_MAX;  ///< of the least active channel
-  std::uint64_t max = 0;           ///< of the most active channel
-  std::uint64_t total = 0;
-};
 
 /// A place from which records parse into syncs and data.
 struct Alignment {

@@ -1,7 +1,9 @@
-// The packed-delta record format of one stream: what follows from its header alone.
+// The packed-delta record format of one stream: what follows from its header alone, and the counts
+// of its channels.
 #pragma once
 
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <cstdint>
 
@@ -17,6 +19,7 @@ struct PackedFormat {
   static constexpr unsigned kDefaultBits = 16;
   static constexpr unsigned kDefaultQuantumPs = 8;
   static constexpr unsigned kAllChannels = 0x0F;
+  static constexpr unsigned kNoChannel = 4;
   /// In external mode: the inputs may be quiet, and two channels show enough.
   static constexpr unsigned kMinSyncedExternal = 2;
 
@@ -54,6 +57,27 @@ struct PackedFormat {
   unsigned required_synced;  ///< channels that an alignment must sync
   bool internal;             ///< from the calibration source: steps are limited, channels balanced
   bool balanced;             ///< all active channels carry the same rate
+};
+
+using ChannelCounts = std::array<std::uint64_t, 4>;
+
+/// What the active channels have of something.
+struct ChannelTally {
+  ChannelTally(const ChannelCounts& counts, const PackedFormat& format) {
+    for (unsigned c = 0; c < counts.size(); ++c) {
+      if (format.active(c)) {
+        present += counts[c] > 0 ? 1U : 0U;
+        min = std::min(min, counts[c]);
+        max = std::max(max, counts[c]);
+        total += counts[c];
+      }
+    }
+  }
+
+  unsigned present = 0;            ///< channels that have any
+  std::uint64_t min = UINT64_MAX;  ///< of the least active channel
+  std::uint64_t max = 0;           ///< of the most active channel
+  std::uint64_t total = 0;
 };
 
 }  // namespace orvo::timing::detail

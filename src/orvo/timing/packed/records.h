@@ -21,7 +21,7 @@ class RecordGroups;
 struct PackedBatch {
   std::uint64_t records = 0;  ///< consumed, a dropped one included
   std::size_t tags = 0;
-  std::array<std::uint64_t, 4> channel_tags{};
+  ChannelCounts channel_tags{};
   std::optional<LockEvent> drop;  ///< why the lock is lost, when it is
 };
 

@@ -87,7 +87,7 @@ PackedRules::Outcome PackedRules::take_anchored(unsigned channel, std::uint64_t 
     }
   }
   last_ps = signed_next_ps;
-  state_.pending_sync_channel = PackedState::kNoChannel;
+  state_.pending_sync_channel = PackedFormat::kNoChannel;
   state_.pending_sync_time_ps = 0;
   return Outcome::tag;
 }

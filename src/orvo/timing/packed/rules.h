@@ -28,8 +28,8 @@ struct PackedState {
   std::uint64_t sync_value = 0;
   unsigned sync_bits = 0;  ///< of `sync_value`, assembled so far
 
-  static constexpr unsigned kNoChannel = 4;
-  unsigned pending_sync_channel = kNoChannel;  ///< its next data record counts from the sync
+  unsigned pending_sync_channel =
+      PackedFormat::kNoChannel;  ///< its next data record counts from the sync
   std::uint64_t pending_sync_time_ps = 0;
 };
 
