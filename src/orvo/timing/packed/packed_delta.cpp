@@ -1,6 +1,5 @@
 #include "orvo/timing/packed/packed_delta.h"
 
-#include <algorithm>
 #include <cstdlib>
 #include <iostream>
 #include <optional>
