@@ -49,6 +49,41 @@ struct RunResult {
   std::array<ChannelResult, kChannels> channels;  ///< index is the channel number
 };
 
+// What reports have of a result, each value by its name there: calls `visit(name, value)`, for a
+// number with digits after the point `visit(name, value, digits)`. In the order of the JSON report;
+// a report column begins here. Of results that are not constant, values may be set.
+
+/// The source's part of a run: a CSV row begins with it.
+template <typename Run, typename Visit>
+void visit_source(Run& run, Visit&& visit) {
+  visit("requested_hz", run.requested_hz, 3);
+  visit("effective_hz", run.effective_hz, 3);
+  visit("expected_decoded_hz", run.expected_decoded_hz, 3);
+  visit("divider", run.divider);
+  visit("overflow_required", run.overflow_required);
+}
+
+/// All of a run but its channels.
+template <typename Run, typename Visit>
+void visit_run(Run& run, Visit&& visit) {
+  visit_source(run, visit);
+  visit("pass", run.pass);
+  visit("stream_file", run.stream_file);
+  visit("payload_bytes", run.payload_bytes);
+  visit("decoded_tags", run.decoded_tags);
+}
+
+/// All of a channel but its number.
+template <typename Channel, typename Visit>
+void visit_channel(Channel& channel, Visit&& visit) {
+  visit("count", channel.count);
+  visit("first_ps", channel.first_ps);
+  visit("last_ps", channel.last_ps);
+  visit("measured_hz", channel.measured_hz, 9);
+  visit("ppm_error", channel.ppm_error, 6);
+  visit("pass", channel.pass);
+}
+
 /// What a verdict depends on besides the timestamps and the divider.
 struct EvaluationSettings {
   std::uint8_t channel_mask = 0x0F;         ///< bit c: channel c counts; 0 means all four

@@ -6,6 +6,7 @@
 #include <iostream>
 #include <sstream>
 #include <system_error>
+#include <type_traits>
 #include <utility>
 
 #include "orvo/timing/error.h"
@@ -39,7 +40,14 @@ void close_report(std::ofstream& file, const char* failure_message) {
   }
 }
 
-const char* one_or_zero(bool value) { return value ? "1" : "0"; }
+void write_csv_heading(std::ostream& out) {
+  const auto put_name = [&](const char* name, const auto&...) { out << name << ','; };
+  const RunResult none;
+  visit_source(none, put_name);
+  put_name("channel");
+  visit_channel(none.channels[0], put_name);
+  out << "stream_file\n";
+}
 
 void write_text(std::ofstream file, const std::string& text) {
   file << text;
@@ -47,13 +55,13 @@ void write_text(std::ofstream file, const std::string& text) {
 }
 
 void write_csv_row(std::ostream& out, const RunResult& run, std::size_t channel) {
-  const ChannelResult& result = run.channels[channel];
-  out << Fixed{run.requested_hz, 3} << ',' << Fixed{run.effective_hz, 3} << ','
-      << Fixed{run.expected_decoded_hz, 3} << ',' << run.divider << ','
-      << one_or_zero(run.overflow_required) << ',' << channel << ',' << result.count << ','
-      << result.first_ps << ',' << result.last_ps << ',' << Fixed{result.measured_hz, 9} << ','
-      << Fixed{result.ppm_error, 6} << ',' << one_or_zero(result.pass) << ",\""
-      << run.stream_file.string() << "\"\n";
+  const auto put = [&](const char*, const auto& value, int decimals = 0) {
+    out << std::fixed << std::setprecision(decimals) << value << ',';  // true as 1
+  };
+  visit_source(run, put);
+  out << channel << ',';
+  visit_channel(run.channels[channel], put);
+  out << '"' << run.stream_file.string() << "\"\n";
 }
 
 void write_json_settings(std::ostream& out, const Config& config) {
@@ -66,28 +74,31 @@ void write_json_settings(std::ostream& out, const Config& config) {
       << "  \"tolerance_ppm\":" << Fixed{config.tolerance_ppm, 3} << ",\n";
 }
 
+/// What a visit of a result's values calls to write each as a member, after `before`.
+auto json_members(std::ostream& out, const char* before, const char* between) {
+  return [&out, before, between](const char* name, const auto& value, int decimals = 0) mutable {
+    using Value = std::remove_cvref_t<decltype(value)>;
+    out << std::exchange(before, between) << '"' << name << "\":";
+    if constexpr (std::is_same_v<Value, bool>) {
+      out << true_or_false(value);
+    } else if constexpr (std::is_same_v<Value, std::filesystem::path>) {
+      out << '"' << timing::detail::json_escape(value.string()) << '"';
+    } else {
+      out << std::fixed << std::setprecision(decimals) << value;
+    }
+  };
+}
+
 void write_json_channel(std::ostream& out, std::size_t channel, const ChannelResult& result) {
-  out << "        {\"channel\":" << channel << ",\"count\":" << result.count
-      << ",\"first_ps\":" << result.first_ps << ",\"last_ps\":" << result.last_ps
-      << ",\"measured_hz\":" << Fixed{result.measured_hz, 9}
-      << ",\"ppm_error\":" << Fixed{result.ppm_error, 6}
-      << ",\"pass\":" << true_or_false(result.pass) << '}'
-      << (channel + 1 < kChannels ? ",\n" : "\n");
+  out << "        {\"channel\":" << channel;
+  visit_channel(result, json_members(out, ",", ","));
+  out << '}' << (channel + 1 < kChannels ? ",\n" : "\n");
 }
 
 void write_json_run(std::ostream& out, const RunResult& run) {
-  out << "    {\n"
-      << "      \"requested_hz\":" << Fixed{run.requested_hz, 3} << ",\n"
-      << "      \"effective_hz\":" << Fixed{run.effective_hz, 3} << ",\n"
-      << "      \"expected_decoded_hz\":" << Fixed{run.expected_decoded_hz, 3} << ",\n"
-      << "      \"divider\":" << run.divider << ",\n"
-      << "      \"overflow_required\":" << true_or_false(run.overflow_required) << ",\n"
-      << "      \"pass\":" << true_or_false(run.pass) << ",\n"
-      << "      \"stream_file\":\"" << timing::detail::json_escape(run.stream_file.string())
-      << "\",\n"
-      << "      \"payload_bytes\":" << run.payload_bytes << ",\n"
-      << "      \"decoded_tags\":" << run.decoded_tags << ",\n"
-      << "      \"channels\":[\n";
+  out << "    {";
+  visit_run(run, json_members(out, "\n      ", ",\n      "));
+  out << ",\n      \"channels\":[\n";
   for (std::size_t channel = 0; channel < kChannels; ++channel) {
     write_json_channel(out, channel, run.channels[channel]);
   }
@@ -141,8 +152,7 @@ void write_reports(const std::filesystem::path& output_root, const std::filesyst
 
 void write_csv(const std::filesystem::path& csv_path, const std::vector<RunResult>& results) {
   std::ofstream out = open_report(csv_path, "could not open overflow CSV output");
-  out << "requested_hz,effective_hz,expected_decoded_hz,divider,overflow_required,channel,count,"
-         "first_ps,last_ps,measured_hz,ppm_error,pass,stream_file\n";
+  write_csv_heading(out);
   for (const RunResult& run : results) {
     for (std::size_t channel = 0; channel < kChannels; ++channel) {
       write_csv_row(out, run, channel);
