@@ -4,8 +4,11 @@ import json
 import os
 import random
 import re
+import shutil
+import subprocess
 
 from support.ortime import LOST_LOCK, OrtimeTest
+from support.programs import ENVIRONMENT, shell
 
 
 class InspectionFiles(OrtimeTest):
@@ -18,10 +21,10 @@ class InspectionFiles(OrtimeTest):
                 ("'\x1b[2J' x", r"'\x1b[2J' is no command"),
                 ("info --chunk-bytes 99999999999999999999 x", "is not an integer from 1 to 1073741824"),
                 ("tags x --channel 4",
-                 "--channel: '4' is not an integer from 0 to 3\nTry 'ortime tags --help'"),
+                 "--channels: '4' is not an integer from 0 to 3\nTry 'ortime tags --help'"),
                 ("tags x --format npy", "npy needs a file"),
                 ("tags x -o t.npz", "'t.npz': ends neither in .csv nor in .npy"),
-                ("tags x -o t.csv --format npy", "ends otherwise than --format"),
+                ("tags x -o t.csv --format npy", "does not match --format"),
                 ("tags x --from-ps 5 --to-ps 5", "must be greater than --from-ps"),
                 ("tags f --run 1", "--run: needs a run directory"),
                 ("verify f", "'f': is a stream file"),
@@ -30,7 +33,6 @@ class InspectionFiles(OrtimeTest):
                 ("verify f --divider 4294967296", "from 1 to 4294967295"),
                 ("verify f --requested-hz nan", "'nan' is not a number greater than 0"),
                 ("verify f --divider 3 --tolerance-ppm nan", "of at least 0"),
-                ("verify f --divider 3 --channel-mask 16", "not in range 0 to 15"),
                 ("report x", "--output or --json is required"),
                 ("report x -o ''", "the name is empty"),
                 *((f"report x -o {outputs}", "needs a file of its own") for outputs in (
@@ -51,6 +53,7 @@ class InspectionFiles(OrtimeTest):
         self.assertEqual(self.tags("t.csv", "--to-ps 258 --channel 0 --channel 3,0"),
                          b"channel,time_ps\n0,5\n0,5\n")
         self.assertEqual(self.tags("t.csv", "--from-ps 258"), b"channel,time_ps\n3,258\n")
+        self.assertEqual(self.tags("t.csv", "--to-ps 7"), b"channel,time_ps\n0,5\n0,5\n")
         text = (b"{'descr': [('channel', '|u1'), ('time_ps', '<i8')], 'fortran_order': False, "
                 b"'shape': (2,), }")
         self.assertEqual(self.tags("t.NPY", "--from-ps 6 --to-ps 259"),
@@ -62,8 +65,23 @@ class InspectionFiles(OrtimeTest):
             f"{channel},{time_ps}\n" for channel, time_ps in many))
         self.assertEqual(len(self.tags("t.npy")), 128 + 9 * 200_000)
         (self.here / "a.ortime").rename(self.here / "tags")  # called like a command
-        self.assertEqual(self.ortime("tags --channel 1 tags"), 0)
+        self.assertEqual(self.ortime("tags --channels 1 tags"), 0)
         self.assertTrue(self.out.startswith("channel,time_ps\n1,1000\n1,5000\n"))
+        (self.here / "tags").rename(self.here / "--tags_1")
+        done = shell("""bash -c 'trap "" PIPE; ortime tags -- --tags_1 | head -n 2; echo ${PIPESTATUS[0]}'""",
+                     self.here)
+        self.assertEqual((done.stdout, done.stderr), ("channel,time_ps\n0,0\n141\n", ""))
+
+    def test_a_terminal_is_left_as_it_was(self):
+        self.write_tags([(0, 5)])
+        ours, theirs = os.openpty()
+        self.addCleanup(os.close, ours)
+        with open(theirs, "wb") as terminal:
+            subprocess.run([shutil.which("ortime", path=ENVIRONMENT["PATH"]), "info", "a.ortime"], cwd=self.here,
+                           stderr=terminal, stdout=subprocess.DEVNULL, check=True)
+        shown = os.read(ours, 10_000).decode()
+        self.assertIn("100 %  0 of 0 MB", shown)
+        self.assertTrue(shown.endswith("\r\x1b[K"), shown)
 
     def test_outputs_are_whole_or_absent_and_never_inputs(self):
         self.write_tags([(0, 5)])
@@ -118,24 +136,28 @@ class InspectionFiles(OrtimeTest):
                         application="\x7F[31m\xff\xc2\x9b \xc3\xbc\n")
         self.assertEqual(self.ortime("info a.ortime --chunk-bytes 8"), 0)
         self.assertIn('\n  application="\\x7f[31m\\xff\\x9b ü\\n"\n', self.out)
-        self.assertTrue(self.out.endswith("""
-decodable=true
-tags=5
+        self.assertIn("""
 undecoded_bytes=0
-channels:
-  channel=0 tags=4 first_ps=10 last_ps=40 span_ps=30 rate_hz=100000000000.000000 \
-shortest_interval_ps=-10 longest_interval_ps=30
-  channel=1 tags=1 first_ps=1 last_ps=1 span_ps=0
-  channel=2 tags=0
-  channel=3 tags=0
-"""), self.out)
+decoded_bytes=40
+judged:
+  payload_bytes=40
+  decoded_tags=5
+  channels:
+    channel=0 count=4 first_ps=10 last_ps=40 measured_hz=100000000000.000000000 judged=true
+    channel=1 count=1 judged=true
+    channel=2 count=0 judged=true
+    channel=3 count=0 judged=true
+""", self.out)
+        self.assertIn("  channel=0 intervals=3 shortest_interval_ps=-10 longest_interval_ps=30 ", self.out)
+        self.assertIn('words="time goes back once, by 10 ps at the most"\n', self.out)
         (self.here / "bad").write_text("no stream file")
         self.assertEqual(self.ortime("info --json bad a.ortime"), 1)
         self.assertEqual(self.err, 'ortime: "bad": not an Orvo timing stream file\n')
-        bad, good = json.loads(self.out)["files"]
+        bad, good = json.loads(self.out)["recordings"]
         self.assertEqual(bad["error"], '"bad": not an Orvo timing stream file')
         self.assertEqual(good["channels"][0]["shortest_interval_ps"], -10)
-        self.assertIsNone(good["channels"][1]["rate_hz"])
+        self.assertIsNone(good["judged"]["channels"][1]["measured_hz"])
+        self.assertIsNone(good["judged"]["pass"])
 
     def test_locks_are_dated_by_the_tag_before(self):
         self.add_run(4000, LOST_LOCK)
@@ -162,7 +184,7 @@ detail="locked bits=16 drop_bytes=24 bit_offset=2 raw_bytes=5193"
         channels = re.findall(r"  ch(.) count=(\d+ first_ps=\d+ last_ps=\d+ )", self.out)
         self.assertEqual(len(channels), 4)
         for channel, numbers in channels:
-            self.assertIn(f"  channel={channel} tags={numbers}", info)
+            self.assertIn(f"  channel={channel} count={numbers}", info)
 
     def test_skew_is_that_of_the_nearest_event(self):
         for skew_ps in 248, -248, 3_000_000, -3_000_000:

@@ -18,33 +18,41 @@ class Verify(OrtimeTest):
 
     def test_judges_a_stream_file(self):
         file = recording(1)
-        self.assertEqual(self.ortime(f"verify {file} --divider 01000 --channel_mask 0B11"), 0)
+        self.assertEqual(self.ortime(f"verify {file} --divider 01000 --channels 1,0"), 0)
         self.assertEqual(self.out, f"""tolerance_ppm=25
 min_tags_per_channel=64
-channel_mask=0x03
+channel_mask=3
+packed_delta_bits=16
+packed_delta_quantum_ps=8
+origin:
+  tolerance_ppm="default"
+  min_tags_per_channel="default"
+  channel_mask="option"
+  packed_delta_bits="header"
+  packed_delta_quantum_ps="header"
 run effective_hz=30978.261 expected_decoded_hz=30981.359 divider=1000 overflow_required=true \
-payload_bytes=1449 decoded_tags=300 pass=true
+pass=true payload_bytes=1449 decoded_tags=300
   stream_file="{file}"
   ch0 count=100 first_ps=1000000000160 last_ps=1003195470056 measured_hz=30981.358993219 \
-ppm_error=-0.000395 pass=true
+ppm_error=-0.000395 pass=true judged=true
   ch1 count=100 first_ps=1000000000416 last_ps=1003195470304 measured_hz=30981.359070782 \
-ppm_error=0.002108 pass=true
+ppm_error=0.002108 pass=true judged=true
   ch2 count=100 first_ps=1000000000600 last_ps=1003195790072 measured_hz=30978.260885891 \
 ppm_error=-99.999473 pass=false judged=false
-  ch3 count=0 first_ps=0 last_ps=0 measured_hz=0.000000000 ppm_error=0.000000 pass=false judged=false
+  ch3 count=0 pass=false judged=false
 pass=true
 """)
         for options, status, said in (
-                ("--divider 1000", 2, "channel_mask=0x07\n"),
+                ("--divider 1000", 2, "channel_mask=7\n"),
                 ("--divider 1000 --tolerance-ppm 101", 0, "tolerance_ppm=101\n"),
                 ("--divider 1000 --tolerance-ppm 0", 2, "tolerance_ppm=0\n"),
                 ("--divider 1005 --tolerance-ppm inf", 0, "tolerance_ppm=inf\n"),
-                ("--divider 1000 --channel-mask 3 --min-tags-per-channel 101", 2, "channel=101\n"),
+                ("--divider 1000 --channels 0,1 --min-tags-per-channel 101", 2, "channel=101\n"),
                 (f"--divider 1000 --min-tags-per-channel {2**64 - 1}", 2, f"={2**64 - 1}\n"),
-                ("--divider 1001 --channel-mask 3", 2, " ppm_error=999.999604 pass=false\n"),
+                ("--divider 1001 --channels 0,1", 2, " ppm_error=999.999604 pass=false "),
                 # 1000.27 and 1000.59 times slower than the source.
-                ("--requested-hz 30970 --channel-mask 3", 0, "run requested_hz=30970.000 "),
-                ("--requested-hz 30960 --channel-mask 3", 2, " divider=1001 "),
+                ("--requested-hz 30970 --channels 0,1", 0, "run requested_hz=30970.000 "),
+                ("--requested-hz 30960 --channels 0,1", 2, " divider=1001 "),
                 ("--requested-hz 1e300", 2, " divider=1 "),
                 ("--requested-hz 1e-300", 2, " divider=4294967295 ")):
             with self.subTest(options):
@@ -56,14 +64,15 @@ pass=true
         self.assertEqual(self.ortime("verify ."), 2)  # for channels 2 and 3
         self.assertEqual(self.err, "")
         self.assertTrue(self.out.endswith("\npass=false\n"))
-        self.assertEqual(self.ortime("verify . --channel-mask 3"), 0)
-        self.assertEqual(self.err, "")  # another judgement was asked for
+        for given, status in ("--channels 0,1", 0), ("--min-tags-per-channel 101", 2):
+            self.assertEqual(self.ortime("verify . " + given), status)
+            self.assertEqual(self.err, "")  # another judgement was asked for
         self.add_run(99, SLOW, "--channel-mask=7")
         (self.here / recording(2)).replace(self.here / recording(1))
         self.report["runs"].pop()
         self.report["channel_mask"] = 15
         self.save_report()
-        for mask in "", " --channel-mask 3":  # although all that counts has passed
+        for mask in "", " --channels 0,1":  # although all that counts has passed
             self.assertEqual(self.ortime("verify ." + mask), 3)
             self.assertTrue(self.err.startswith(
                 "ortime: run 1: payload_bytes=1435 differs from the report: 1449\n"
@@ -78,7 +87,7 @@ pass=true
             verdict["pass"] = True
         self.save_report()
         self.assertEqual(self.ortime("verify ."), 3)
-        self.assertTrue(self.err.startswith(
+        self.assertIn((
             "ortime: run 1: pass=false differs from the report: true\n"
             "ortime: run 1: ch2 pass=false differs from the report: true\n"
             "ortime: run 1: ch3 pass=false differs from the report: true\n"
@@ -91,38 +100,51 @@ pass=true
                                {**run, "stream_file": "damaged.ortime"}]
         (self.here / "damaged.ortime").write_text("plain text")
         self.save_report()
-        self.assertEqual(self.ortime("verify . --channel-mask 3"), 1)
-        self.assertTrue(self.err.startswith('ortime: run 1: recording "lost.ortime" is missing: '))
+        self.assertEqual(self.ortime("verify ."), 1)
+        self.assertNotIn("disagree", self.err)
+        self.assertEqual(self.ortime("verify . --channels 0,1"), 1)
+        missing = 'recording "lost.ortime" is missing: '
+        self.assertTrue(self.err.startswith("ortime: run 1: " + missing))
         self.assertIn('\nortime: run 3: "./damaged.ortime": not an Orvo timing stream file', self.err)
         self.assertIn("\n  ch0 count=100 ", self.out)
         self.assertTrue(self.out.endswith("\npass=false unjudged=2\n"), self.out)
         self.assertEqual(self.ortime("tags ."), 1)
         self.assertIn('"." holds 3 recordings: choose one with --run N', self.err)
+        self.assertEqual(self.ortime("tags . --run 4"), 1)
+        self.assertIn('there is no recording 4: "." has 3', self.err)
+        self.assertEqual(self.ortime("tags . --run 3"), 1)
+        self.assertIn('"./damaged.ortime": not an Orvo timing stream file', self.err)
+        self.assertEqual(self.ortime("info ."), 1)
+        self.assertTrue(self.err.startswith("ortime: " + missing))
         run["decoded_tags"] = 301  # another status, if all could be judged
         self.save_report()
-        self.assertEqual(self.ortime("verify . --channel-mask 3 --json"), 1)
+        self.assertEqual(self.ortime("verify . --channels 0,1 --json"), 1)
         document = json.loads(self.out)
-        lost, judged, _ = document.pop("runs")
+        lost, judged, _ = document["recordings"]
         self.assertIn("error", lost)
         self.assertEqual(judged["differences"], [
-            {"name": "decoded_tags", "reported": 301, "decoded": 300}])
-        self.assertEqual(judged["channels"][2], {**run["channels"][2], "judged": False})
-        self.assertEqual(document, {"tolerance_ppm": 25.0, "min_tags_per_channel": 64,
-                                    "channel_mask": 3, "unjudged": 2, "disagreements": 1,
-                                    "pass": False})
+            {"channel": None, "name": "decoded_tags", "reported": 301, "judged": 300}])
+        channel = judged["judged"]["channels"][2]
+        self.assertAlmostEqual(channel.pop("ppm_error"), run["channels"][2].pop("ppm_error"), delta=1e-6)
+        self.assertAlmostEqual(channel.pop("measured_hz"), run["channels"][2].pop("measured_hz"), delta=1e-9)
+        self.assertEqual(channel, {**run["channels"][2], "judged": False})
+        self.assertEqual((document["schema"], document["settings"]["channel_mask"]), (1, 3))
+        self.assertEqual(document["settings"]["origin"]["channel_mask"], "option")
+        verdict = document["verdict"]
+        self.assertEqual([verdict[name] for name in ("pass", "reported_pass", "unjudged", "disagreements")],
+                         [False, False, 2, 1])
 
     def test_says_what_was_taken_for_an_odd_header(self):
         whole = (self.here / recording(1)).read_bytes()
         end = whole.index(b"}}") + 2
         header, payload = whole[12:end].decode(), whole[end:]
         for old, new, status, warning in (
-                (header, "", 2, "is empty; taken: channel_mask=15 delta_bits=16 "),
-                (header, "[7]", 2, "is no JSON object; taken: channel_mask=15 delta_bits=16 "),
-                ("orvo_timing_raw_stream_capture", "other", 0,
-                 "is that of another kind of file; read all the same"),
-                ('"schema_version":1', '"schema_version":2', 0,
-                 "has schema_version 2, not 1; read all the same"),
-                ('"channel_mask"', '"mask"', 2, "is incomplete; taken: channel_mask=")):
+                (header, "", 2, "is incomplete; taken: stream_format=packed_delta mode=external "
+                 "channel_mask=15 delta_bits=16 quantum_ps=8\n"),
+                ("orvo_timing_raw_stream_capture", "other", 0, "is that of another kind or version of file"),
+                ('"schema_version":1', '"schema_version":2', 0, "is that of another kind or version of file"),
+                ('"channel_mask":7', '"channel_mask":23', 0, "is incomplete; taken: channel_mask=7\n"),
+                ('"channel_mask"', '"mask"', 2, "is incomplete; taken: channel_mask=15\n")):
             with self.subTest(new):
                 (self.here / "odd").write_bytes(
                     stream_file(header.replace(old, new).encode(), payload))
@@ -133,8 +155,8 @@ pass=true
     def test_takes_no_width_and_no_quantum_for_the_usual(self):
         self.write_stream("usual", payload_of(self.here / recording(1)), mode="internal", channel_mask=7,
                           packed_delta_config={"delta_bits": 0, "quantum_ps": 0})
-        self.assertEqual(self.ortime("verify usual --divider 1000 --channel-mask 3"), 0)
-        self.assertIn("overflow_required=true payload_bytes=1449 decoded_tags=300 pass=true", self.out)
+        self.assertEqual(self.ortime("verify usual --divider 1000 --channels 0,1"), 0)
+        self.assertIn("overflow_required=true pass=true payload_bytes=1449 decoded_tags=300", self.out)
 
     def test_refuses_what_cannot_be_judged(self):
         self.write_stream("undecodable", packed_delta_config={"delta_bits": 99, "quantum_ps": 8})

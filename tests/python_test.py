@@ -1,6 +1,8 @@
 """Recordings in Python: the numbers of ortime and of the tool, as arrays that own what they show."""
 
 import ast
+import json
+import math
 import os
 import pathlib
 import re
@@ -75,24 +77,33 @@ class Recordings(unittest.TestCase):
 
     def test_verdicts_are_those_of_the_tool(self):
         for name, run in self.runs.items():
-            verification = ot.load_run(run)
+            reported = ot.load_run(run)
+            again = ot.verify(run)
             # Of the shifted one only the beginning is decoded.
-            self.assertEqual(verification.passed, name in ("good", "shifted"), name)
-            for reported in verification.runs:
-                judged = ot.judge(reported.recording.path, np.uint32(reported.divider))
-                self.assertEqual(
-                    (judged.passed, judged.overflow_required, judged.decoded_tags),
-                    (reported.passed, reported.overflow_required, reported.decoded_tags))
-                for ours, theirs in zip(judged.channels, reported.channels, strict=True):
-                    self.assertEqual((ours.count, ours.first_ps, ours.last_ps, ours.passed),
-                                     (theirs.count, theirs.first_ps, theirs.last_ps, theirs.passed))
-                    self.assertAlmostEqual(ours.ppm_error, theirs.ppm_error, delta=1e-6)
-        self.assertEqual([c.passed for c in ot.load_run(self.runs["failing"]).runs[1].channels],
+            self.assertEqual((reported.passed, again.passed), 2 * (name in ("good", "shifted"),), name)
+            self.assertEqual(again.verdict.disagreements, 0)
+            report = json.loads((run / "overflow_frequency.json").read_text())["runs"]
+            for loaded, judged, there in zip(reported.recordings, again.recordings, report, strict=True):
+                for name in there.keys() - {"pass", "stream_file", "channels"}:
+                    self.assertEqual(getattr(loaded.reported, name), there[name])
+                channels = [{name: getattr(channel, name) for name in there["channels"][0].keys() - {"pass"}}
+                            for channel in loaded.reported.channels]
+                self.assertEqual(channels, [{name: value for name, value in channel.items() if name != "pass"}
+                                            for channel in there["channels"]])
+                one = ot.judge(loaded.stream_file, np.uint32(loaded.reported.divider))
+                self.assertEqual((one.passed, one.overflow_required, one.decoded_tags),
+                                 (there["pass"], there["overflow_required"], there["decoded_tags"]))
+                for ours, theirs in zip(one.channels, judged.judged.channels, strict=True):
+                    self.assertEqual((ours.count, ours.first_ps, ours.last_ps, ours.passed, ours.ppm_error),
+                                     (theirs.count, theirs.first_ps, theirs.last_ps, theirs.passed,
+                                      theirs.ppm_error))
+        failing = self.runs["failing"]
+        self.assertEqual([c.passed for c in ot.load_run(failing).recordings[1].reported.channels],
                          [True, True, False, True])
-        fast = self.runs["failing"] / self.file.name
-        self.assertTrue(ot.judge(fast, 310, channel_mask=0b1011).passed)
-        self.assertTrue(ot.judge(fast, 310, tolerance_ppm=41).passed)
-        self.assertFalse(ot.judge(self.file, 310, min_tags_per_channel=10**6).passed)
+        for given, passed in ({"channel_mask": 0b1011}, True), ({"tolerance_ppm": 41}, True), \
+                ({"tolerance_ppm": 41, "min_tags_per_channel": 10**6}, False), ({}, False):
+            self.assertIs(ot.judge(failing / self.file.name, 310, **given).passed, passed)
+            self.assertIs(ot.verify(failing, **given).passed, passed)
 
     # A timer's signal early in its processor time, as Ctrl-C: it ends then, not when all is decoded.
     def test_judging_can_be_interrupted(self):
@@ -109,13 +120,23 @@ class Recordings(unittest.TestCase):
         whole_s = seconds_until(0)
         self.assertLess(seconds_until(whole_s / 20), whole_s / 2)
 
-    def test_recordings_are_looked_for_beside_the_report_first(self):
+    def test_a_run_is_whatever_ortime_takes(self):
+        root = self.folder / "inf"
+        shell(f"{TOOL} --frequencies-hz=1000 --capture-s=0.1 --tolerance-ppm=inf --output-root='{root}'",
+              sim="pace=ps:120000000000")
+        run_dir = next(path for path in root.iterdir() if path.is_dir())
+        for path in root, run_dir, root / "latest.json", str(run_dir / "overflow_frequency.json"):
+            run = ot.load_run(path)
+            self.assertEqual(run.run_directory, str(run_dir))
+            self.assertEqual((run.passed, run.settings.tolerance_ppm), (True, math.inf))
+            self.assertEqual(run.recordings[0].stream_file, str(run_dir / "overflow_frequency_01.ortime"))
         copy = self.folder / "copy"
-        shutil.copytree(self.runs["good"], copy)
-        first, second = (run.recording.path for run in ot.load_run(copy).runs)
-        self.assertEqual([first, second], [copy / first.name, copy / second.name])
-        first.unlink()
-        self.assertEqual(ot.load_run(copy).runs[0].recording.path, self.runs["good"] / first.name)
+        shutil.copytree(run_dir, copy)
+        self.assertTrue(ot.verify(copy).recordings[0].stream_file.startswith(str(copy)))
+        (copy / "overflow_frequency.json").unlink()  # as an error leaves it
+        run = ot.load_run(copy)
+        self.assertEqual((run.passed, run.report, run.recordings[0].reported), (None, None, None))
+        self.assertEqual(run.recordings[0].header.mode, "internal")
 
     def test_headers_are_those_of_ortime(self):
         descriptors = os.listdir("/proc/self/fd")
@@ -162,9 +183,11 @@ class Recordings(unittest.TestCase):
                 (FileNotFoundError, "no/such", lambda: ot.Recording("no/such")),
                 (ot.FormatError, "", lambda: ot.Recording(text)),
                 (ot.FormatError, "", ot.Recording(undecodable).tags),
-                (ot.FormatError, "no report", lambda: ot.load_run(text)),
-                (ot.FormatError, "no report", lambda: ot.load_run(foreign)),
-                (FileNotFoundError, "", lambda: ot.load_run(self.folder)),
+                (ot.FormatError, "parse error", lambda: ot.load_run(text)),
+                (ot.FormatError, "foreign.json.*verification", lambda: ot.load_run(foreign)),
+                (FileNotFoundError, "no/such", lambda: ot.load_run("no/such")),
+                (ot.Error, "neither", lambda: ot.verify(self.folder)),
+                (ValueError, "min_tags", lambda: ot.verify(self.runs["good"], min_tags_per_channel=-1)),
                 (ValueError, "max_tags", lambda: ot.Recording(self.file).blocks(0)),
                 (TypeError, "chunk_bytes", lambda: ot.Recording(self.file, chunk_bytes=1.5)),
                 (ValueError, "divider", lambda: ot.judge(self.file, 0)),

@@ -51,17 +51,27 @@ CLI::Validator number_from(double min, const char* wanted) {
 /// What is foreign in it is escaped with the rest of an error's words.
 std::string quoted(const std::filesystem::path& path) { return '\'' + path.string() + '\''; }
 
-/// 0b0101, which the library does not read, as a decimal number.
-std::string without_binary(const std::string& text) {
-  const bool is_binary = (text.starts_with("0b") || text.starts_with("0B")) && text.size() > 2 &&
-                         text.size() < 32 && text.find_first_not_of("01", 2) == std::string::npos;
-  return is_binary ? std::to_string(std::stoul(text.substr(2), nullptr, 2)) : text;
-}
-
 template <typename Value>
 CLI::Option* add(CLI::App* command, const char* names, Value& value, const char* type,
                  const char* help) {
   return command->add_option(names, value, help)->type_name(type);
+}
+
+/// Channels 0 to 3 as a mask.
+template <typename Mask>
+void add_channels(CLI::App* command, Mask& mask, const char* help) {
+  const auto set = [&mask](const std::vector<unsigned>& channels) {
+    unsigned bits = 0;
+    for (const unsigned channel : channels) {
+      bits |= 1U << channel;
+    }
+    mask = static_cast<std::uint8_t>(bits);
+  };
+  command->add_option_function<std::vector<unsigned>>("--channels,--channel", set, help)
+      ->type_name("N[,N]")
+      ->transform(integer(0U, 3U))
+      ->delimiter(',')
+      ->allow_extra_args(false);
 }
 
 /// An empty name, such as that of an unset variable in a shell, is no name.
@@ -80,17 +90,16 @@ void add_info(CLI::App& program, InfoOptions& options) {
       "Stream files (.ortime), or a run for all of its\n"
       "recordings. With any that cannot be read the status is 1")
       ->required();
-  command->add_flag("--json", options.json, "One JSON document, {\"files\": [...]}");
+  command->add_flag("--json", options.json, "One JSON document, {\"recordings\": [...]}");
   command->footer(
       "Examples:\n"
       "  ortime info overflow_frequency_01.ortime\n"
-      "  ortime info --json logs/verification/overflow_frequency | jq '.files[].channels'");
+      "  ortime info --json logs/verification/overflow_frequency | jq '.recordings[].channels'");
 }
 
 struct TagsWords {
   TagsOptions options;
   std::string format;
-  std::vector<unsigned> channels;
 };
 
 TagFormat format_of(const TagsWords& words) {
@@ -100,9 +109,9 @@ TagFormat format_of(const TagsWords& words) {
   const bool is_known = ending == ".csv" || ending == ".npy";
   if (is_known ? !words.format.empty() && ending != '.' + words.format
                : !ending.empty() && words.format.empty()) {
-    throw CLI::ValidationError(quoted(words.options.output),
-                               is_known ? "ends otherwise than --format"
-                                        : "ends neither in .csv nor in .npy: add --format");
+    throw CLI::ValidationError(
+        quoted(words.options.output),
+        is_known ? "does not match --format" : "ends neither in .csv nor in .npy: add --format");
   }
   return ending == ".npy" || words.format == "npy" ? TagFormat::npy : TagFormat::csv;
 }
@@ -120,11 +129,6 @@ TagsOptions meant_by(const TagsWords& words) {
   if (options.run != 0 && !names_run(options.path)) {
     throw CLI::ValidationError("--run", "needs a run directory instead of a stream file");
   }
-  unsigned mask = 0;
-  for (const unsigned channel : words.channels) {
-    mask |= 1U << channel;
-  }
-  options.channel_mask = mask == 0 ? options.channel_mask : static_cast<std::uint8_t>(mask);
   return options;
 }
 
@@ -148,10 +152,7 @@ void add_tags(CLI::App& program, TagsWords& words) {
   add_output(command, "-o,--output", options.output,
              "Output [-, standard output]; a file appears when it is\n"
              "whole");
-  add(command, "--channel", words.channels, "N[,N]", "Only tags of these channels, 0 to 3")
-      ->transform(integer(0U, 3U))
-      ->delimiter(',')
-      ->allow_extra_args(false);
+  add_channels(command, options.channel_mask, "Only tags of these channels, 0 to 3");
   add(command, "--from-ps", options.from_ps, "T", "Only tags at T picoseconds or later")
       ->transform(integer<std::int64_t>());
   add(command, "--to-ps", options.to_ps, "T", "Only tags before T picoseconds, T itself left out")
@@ -206,16 +207,9 @@ void add_verify(CLI::App& program, VerifyOptions& options) {
       ->check(number_from(std::numeric_limits<double>::denorm_min(), "a number greater than 0"))
       ->excludes(divider);
   add_settings(command, options.given);
-  add(command, "--channel-mask", options.given.channel_mask, "MASK",
-      "Bit c set: channel c counts; 0x0F, 0b1111 or 15; 0 for\n"
-      "all four [that of the report or the stream file]")
-      ->transform(CLI::Validator(
-          [](std::string& text) {
-            text = without_binary(text);
-            return std::string();
-          },
-          ""))
-      ->check(CLI::Range(0U, 0x0FU));
+  add_channels(command, options.given.channel_mask,
+               "Only these channels count [those of the report or the\n"
+               "stream file]");
   command->add_flag("--json", options.json, "One JSON document instead of lines");
   command->footer(
       "Examples:\n"
@@ -279,6 +273,20 @@ std::vector<std::string> with_hyphens(int argc, const char* const* argv) {
 }
 
 }  // namespace
+
+void say(const std::string& words) {
+  if (!words.empty()) {
+    std::cerr << "ortime: " << words << std::endl;
+  }
+}
+
+RunDirectory opened(const std::filesystem::path& path) {
+  RunDirectory dir = names_run(path) ? load_run(path) : RunDirectory();
+  for (const std::string& note : dir.notes) {
+    say(note);
+  }
+  return dir;
+}
 
 Command parse_command_line(int argc, const char* const* argv) {
   CLI::App program("Looks into what ot_verify_overflow_frequency has recorded, offline.", "ortime");

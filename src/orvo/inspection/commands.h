@@ -9,7 +9,7 @@
 #include <variant>
 #include <vector>
 
-#include "orvo/verification/evaluation.h"
+#include "orvo/inspection/facts.h"
 
 namespace orvo::inspection {
 
@@ -40,24 +40,6 @@ struct TagsOptions {
   std::optional<std::int64_t> from_ps;  ///< the first time that is wanted
   std::optional<std::int64_t> to_ps;    ///< the first time after it that is not
   std::uint64_t chunk_bytes = 1 << 20;
-};
-
-/// How recordings are judged; what is not given is that of the report, of the stream file's header,
-/// or the tool's default.
-struct GivenSettings {
-  std::optional<double> tolerance_ppm = std::nullopt;
-  std::optional<std::uint64_t> min_tags_per_channel = std::nullopt;
-  std::optional<std::uint8_t> channel_mask = std::nullopt;
-
-  [[nodiscard]] bool any() const { return tolerance_ppm || min_tags_per_channel || channel_mask; }
-  /// `settings` but for what is given.
-  [[nodiscard]] verification::EvaluationSettings over(
-      verification::EvaluationSettings settings) const {
-    settings.tolerance_ppm = tolerance_ppm.value_or(settings.tolerance_ppm);
-    settings.min_tags_per_channel = min_tags_per_channel.value_or(settings.min_tags_per_channel);
-    settings.channel_mask = channel_mask.value_or(settings.channel_mask);
-    return settings;
-  }
 };
 
 struct VerifyOptions {
@@ -97,6 +79,12 @@ struct ReportOptions {
 /// Writes one self-contained page, its numbers as JSON, or both, whatever the verdict. kExitError
 /// where a recording could not be read, which standard error and the page say.
 [[nodiscard]] int run(const ReportOptions& options);
+
+/// To standard error, unless it is empty.
+void say(const std::string& words);
+
+/// The run that `path` names; an empty one where it names a stream file. Says what is to be known.
+[[nodiscard]] RunDirectory opened(const std::filesystem::path& path);
 
 /// What a command line asks for; or the status to end with, when help or the version has been shown
 /// on standard output (kExitSuccess) or an error on standard error (kExitUsage).

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <bit>
 #include <cmath>
-#include <nlohmann/json.hpp>
 #include <utility>
 
 namespace orvo::inspection {
@@ -107,17 +106,6 @@ std::vector<Bin> TickCounts::bins(double tick_ps, double offset_ps) const {
   return bins;
 }
 
-void to_json(nlohmann::ordered_json& json, const Bin& bin) { json = {bin.value_ps, bin.count}; }
-
-void to_json(nlohmann::ordered_json& json, const Spread& spread) {
-  if (spread.count != 0) {
-    json = {{"count", spread.count},
-            {"mean_ps", spread.mean_ps},
-            {"median_ps", spread.median_ps},
-            {"standard_deviation_ps", spread.deviation_ps}};
-  }
-}
-
 void IntervalSummary::add(const IntervalSummary& other) {
   intervals += other.intervals;
   shortest = other.shortest.interval_ps < shortest.interval_ps ? other.shortest : shortest;
@@ -127,6 +115,7 @@ void IntervalSummary::add(const IntervalSummary& other) {
   with_overflow += other.with_overflow;
   gaps += other.gaps;
   missing_events += other.missing_events;
+  extra_events += other.extra_events;
   backward_steps += other.backward_steps;
 }
 
@@ -296,6 +285,9 @@ void IntervalAnalysis::account(std::size_t channel, std::uint64_t interval_ps, s
                              .squares = weight * deviation_ps * deviation_ps};
   summary.with_overflow = interval > settings_.largest_plain_ps ? count : 0;
   summary.backward_steps = interval < 0 ? count : 0;
+  if (settings_.constant_rate && interval >= 0 && 2 * interval <= lane.expected_ps) {
+    summary.extra_events = count;
+  }
   if (settings_.constant_rate && interval >= kGapPeriods * lane.expected_ps) {
     const double missing = std::round(interval / lane.expected_ps) - 1;
     summary.gaps = count;

@@ -9,7 +9,6 @@
 #include <cstdint>
 #include <limits>
 #include <map>
-#include <nlohmann/json_fwd.hpp>
 #include <span>
 #include <vector>
 
@@ -34,10 +33,6 @@ struct Spread {
 /// Of the values less than `limit_ps` away from 0; `bins` ascend.
 [[nodiscard]] Spread spread_of(std::span<const Bin> bins,
                                double limit_ps = std::numeric_limits<double>::infinity());
-
-// As documents: [value, count]; an object, or null where there are none.
-void to_json(nlohmann::ordered_json& json, const Bin& bin);
-void to_json(nlohmann::ordered_json& json, const Spread& spread);
 
 /// How often which number of ticks occurs; those from 1,024 on to ten binary digits.
 class TickCounts {
@@ -78,6 +73,7 @@ struct IntervalSummary {
   std::uint64_t with_overflow = 0;
   std::uint64_t gaps = 0;            ///< intervals of 1.5 expected ones and more
   std::uint64_t missing_events = 0;  ///< that would fill the gaps
+  std::uint64_t extra_events = 0;    ///< intervals of half an expected one and less, from 0 on
   std::uint64_t backward_steps = 0;  ///< intervals below 0
 
   void add(const IntervalSummary& other);

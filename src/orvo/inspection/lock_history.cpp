@@ -1,10 +1,46 @@
 #include "orvo/inspection/lock_history.h"
 
+#include <fmt/format.h>
+
 #include <numeric>
 
+#include "orvo/inspection/text.h"
+
 namespace orvo::inspection {
+namespace {
 
 using Kind = timing::LockEvent::Kind;
+
+struct Words {
+  const char* name;
+  const char* sentence;  // {} is the channel
+};
+
+/// By kind.
+constexpr Words kWords[LockHistory::kKinds] = {
+    {"locked", "records begin here"},
+    {"no_alignment", "no place found where records could begin"},
+    {"rejected_alignment", "a place refused, because its channels differ too much"},
+    {"inactive_channel", "place lost: a record of channel {}, which is outside the mask"},
+    {"overflow_in_sync", "place lost: an overflow of channel {} interrupts a sync"},
+    {"sync_channel_mismatch", "place lost: a record of channel {} interrupts a sync"},
+    {"nonmonotonic_sync", "place lost: a sync sets channel {} back by more than 1 µs"},
+    {"implausible_sync_delta", "place lost: a sync sets channel {} on by a second or more"},
+    {"implausible_delta", "place lost: channel {} steps by more than a second"},
+    {"imbalanced", "place lost: one channel has more than eight times the events of another"}};
+
+}  // namespace
+
+const char* name_of(Kind kind) { return kWords[static_cast<std::size_t>(kind)].name; }
+
+std::string words_for(const timing::LockEvent& event) {
+  std::string words = fmt::format(
+      fmt::runtime(kWords[static_cast<std::size_t>(event.kind)].sentence), event.channel);
+  if (event.drop_bytes != 0) {
+    words += ", " + counted(event.drop_bytes, "byte") + " skipped before";
+  }
+  return words;
+}
 
 void LockHistory::add(const timing::LockEvent& event) {
   ++counts_[static_cast<std::size_t>(event.kind)];

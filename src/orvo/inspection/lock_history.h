@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <optional>
 #include <span>
+#include <string>
 #include <vector>
 
 #include "orvo/timing/lock_event.h"
@@ -46,5 +47,10 @@ class LockHistory {
   std::array<std::uint64_t, kKinds> counts_ = {};
   std::uint64_t skipped_bytes_ = 0;
 };
+
+/// "no_alignment".
+[[nodiscard]] const char* name_of(timing::LockEvent::Kind kind);
+/// What happened, in a sentence without its end.
+[[nodiscard]] std::string words_for(const timing::LockEvent& event);
 
 }  // namespace orvo::inspection

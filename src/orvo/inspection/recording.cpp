@@ -173,27 +173,7 @@ void take_channels(const IntervalAnalysis& analysis, Recording& recording) {
   }
 }
 
-}  // namespace
-
-double longest_capture_ps(double capture_s) {
-  return capture_s > 0
-             ? (kCaptureReach * capture_s + kCaptureSlack_s) * timing::kPicosecondsPerSecond
-             : kInfinite;
-}
-
-Recording read_recording(const std::filesystem::path& path, const RecordingOptions& options) {
-  Recording recording;
-  StreamInput input(path, [&](const timing::LockEvent& event) { recording.locks.add(event); });
-  recording.header = input.reader.header();
-  recording.header_bytes = input.reader.payload_start_bytes();
-  recording.file_bytes = input.file_bytes();
-  recording.payload_bytes = input.payload_bytes();
-  recording.warning = input.warning();
-  recording.decodable = timing::StreamDecoder::decodes(recording.header);
-  recording.divider = options.divider;
-  recording.reference =
-      reference_of(recording.header, options.channel_mask.value_or(recording.header.channel_mask));
-
+void read_intervals(StreamInput& input, const RecordingOptions& options, Recording& recording) {
   std::optional<IntervalAnalysis> analysis;
   std::vector<TimeTag> first_tags;
   const auto begin = [&] {
@@ -216,9 +196,43 @@ Recording read_recording(const std::filesystem::path& path, const RecordingOptio
     begin();
   }
   analysis->finish();
-  recording.undecoded_bytes = input.reader.undecoded_bytes();
   take_channels(*analysis, recording);
   take_columns(*analysis, options, recording);
+}
+
+}  // namespace
+
+double longest_capture_ps(double capture_s) {
+  return capture_s > 0
+             ? (kCaptureReach * capture_s + kCaptureSlack_s) * timing::kPicosecondsPerSecond
+             : kInfinite;
+}
+
+Recording read_recording(const std::filesystem::path& path, const RecordingOptions& options) {
+  Recording recording;
+  StreamInput input(path, [&](const timing::LockEvent& event) { recording.locks.add(event); });
+  input.reader.interrupted = options.interrupted;
+  input.shows_progress = options.shows_progress;
+  recording.header = input.reader.header();
+  recording.header_bytes = input.reader.payload_start_bytes();
+  recording.file_bytes = input.file_bytes();
+  recording.payload_bytes = input.payload_bytes();
+  recording.warning = input.warning();
+  recording.problem = input.problem();
+  recording.divider = options.divider;
+  recording.reference =
+      reference_of(recording.header, options.channel_mask.value_or(recording.header.channel_mask));
+  if (recording.problem.empty() && options.depth == Depth::counts) {
+    input.read(options.chunk_bytes,
+               [&](std::span<const TimeTag> tags) { recording.tags.add(tags); });
+  } else if (recording.problem.empty() && options.depth == Depth::intervals) {
+    read_intervals(input, options, recording);
+  }
+  if (options.depth != Depth::header && recording.problem.empty()) {
+    recording.read_bytes = input.reader.read_bytes() - recording.header_bytes;
+    recording.payload_bytes = recording.read_bytes;
+  }
+  recording.undecoded_bytes = input.reader.undecoded_bytes();
   return recording;
 }
 

@@ -18,11 +18,17 @@
 
 namespace orvo::inspection {
 
+/// How much of a recording is wanted: its header and sizes; what a verdict needs, too; or all.
+enum class Depth { header, counts, intervals };
+
 struct RecordingOptions {
-  std::uint64_t chunk_bytes = 1 << 20;  ///< read at a time; packed-delta locks depend on it
-  std::uint32_t divider = 0;            ///< of the calibration source; 0: unknown
-  double capture_s = 0;                 ///< how long was recorded; 0: unknown
-  std::size_t columns = 1000;           ///< the most that are wanted
+  Depth depth = Depth::intervals;
+  std::uint64_t chunk_bytes = 1 << 20;         ///< read at a time; packed-delta locks depend on it
+  std::uint32_t divider = 0;                   ///< of the calibration source; 0: unknown
+  double capture_s = 0;                        ///< how long was recorded; 0: unknown
+  std::size_t columns = 1000;                  ///< the most that are wanted
+  timing::InterruptionCheck interrupted = {};  ///< asked before each chunk is read
+  bool shows_progress = true;                  ///< on standard error, where it is a terminal
   std::optional<std::uint8_t> channel_mask = {};  ///< channels that are judged; else the header's
 };
 
@@ -47,9 +53,10 @@ struct Recording {
   std::uint64_t header_bytes = 0;           ///< of the file, before its payload
   std::optional<std::uint64_t> file_bytes;  ///< none for a pipe, like the next
   std::optional<std::uint64_t> payload_bytes;
-  std::uint64_t undecoded_bytes = 0;  ///< left over at the end
+  std::uint64_t read_bytes = 0;       ///< of the payload
+  std::uint64_t undecoded_bytes = 0;  ///< of these, left over at the end
   std::string warning;                ///< about its header; empty where there is none
-  bool decodable = false;             ///< the header describes records that can be decoded
+  std::string problem;                ///< why its tags cannot be decoded; empty: they can
   LockHistory locks;
   verification::TagStatistics tags;
 
@@ -67,10 +74,22 @@ struct Recording {
   Columns columns;  ///< in it, as many as were wanted or nearly half as many
   std::int64_t column_ps = 0;
 
+  /// Bytes of the payload that became tags.
+  [[nodiscard]] std::uint64_t decoded_bytes() const {
+    return read_bytes - std::min(read_bytes, undecoded_bytes + locks.skipped_bytes());
+  }
   [[nodiscard]] bool has_intervals() const {
     return std::any_of(channels.begin(), channels.end(), [](const ChannelRecording& channel) {
       return channel.intervals.intervals != 0;
     });
+  }
+  /// Frees what is large, once it has been shown.
+  void forget_series() {
+    columns.clear();
+    for (ChannelRecording& channel : channels) {
+      channel.deviations.clear();
+      channel.skews.clear();
+    }
   }
   /// Whether there is something to show of a channel: it was recorded.
   [[nodiscard]] bool shows(std::size_t channel) const {

@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <iostream>
 #include <string_view>
 
 #include "orvo/timing/error.h"
@@ -90,7 +89,6 @@ fs::path newest_of(const std::vector<fs::path>& starts) {
                     newest.string(), why_no_report(running),
                     older == starts.rend() ? "" : fmt::format(": {:?}", older->string())));
   }
-  std::cerr << fmt::format("ortime: newest run: {:?}\n", newest.string());
   return newest;
 }
 
@@ -132,10 +130,9 @@ void find_recordings(RunDirectory& dir) {
     }
   }
   if (elsewhere != 0) {
-    std::cerr << fmt::format(
-        "ortime: {} of {} recordings are not in {:?}: read where they were "
-        "recorded, {:?}\n",
-        elsewhere, dir.runs.size(), dir.path.string(), where.string());
+    dir.notes.push_back(
+        fmt::format("{} of {} recordings are not in {:?}: read where they were recorded, {:?}",
+                    elsewhere, dir.runs.size(), dir.path.string(), where.string()));
   }
 }
 
@@ -155,8 +152,15 @@ RunDirectory load_run(const fs::path& path) {
                         fmt::format("cannot open {:?}: {}", path.string(), error.message()));
   }
   const bool is_directory = fs::is_directory(named, error);
+  if (!is_directory && named.extension() == ".ortime") {
+    throw timing::Error(OT_ERR_ARGUMENT,
+                        fmt::format("{:?} is a recording: name its run", path.string()));
+  }
   dir.path = is_directory ? run_directory_in(named) : named.parent_path();
   dir.report = is_directory ? dir.path / kReportName : named;
+  if (is_directory && dir.path != named) {
+    dir.notes.push_back(fmt::format("newest run: {:?}", dir.path.string()));
+  }
   dir.running = is_directory && is_held(dir.path);
   if (is_directory && !is_file(dir.report)) {
     dir.report.clear();

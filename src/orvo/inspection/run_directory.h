@@ -20,6 +20,9 @@ struct RunDirectory {
   std::filesystem::path report;  ///< the JSON report; empty where there is none
   bool running = false;          ///< the verification had not ended
 
+  /// What a user may not expect: which run was taken of a root, that recordings lie elsewhere.
+  std::vector<std::string> notes;
+
   // Of the report; without one they mean nothing.
   bool pass = false;
   double capture_s = 0;  ///< of every run
@@ -39,8 +42,7 @@ struct RunDirectory {
 [[nodiscard]] bool names_run(const std::filesystem::path& path);
 
 /// The run that `path` stands for: a run directory, a JSON report, or an output root, for its
-/// newest run, which must have left a report. Says on standard error what a user may not expect:
-/// which run was taken of a root, and that recordings lie elsewhere.
+/// newest run, which must have left a report.
 [[nodiscard]] RunDirectory load_run(const std::filesystem::path& path);
 
 /// Throws when the recording of `run` is not there, and says where it was looked for.

@@ -1,15 +1,15 @@
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
-#include <iterator>
 #include <limits>
 #include <nlohmann/json.hpp>
 #include <string_view>
+#include <type_traits>
 #include <utility>
 
-#include "orvo/inspection/foreign_json.h"
 #include "orvo/inspection/run_directory.h"
 #include "orvo/timing/error.h"
 
@@ -17,10 +17,9 @@ namespace orvo::inspection {
 namespace {
 
 using nlohmann::json;
-using verification::ChannelResult;
 using verification::kChannels;
 
-constexpr std::size_t kMaxFileBytes = 4 << 20;  // more than two thousand runs
+constexpr std::size_t kMaxFileBytes = 64 << 20;  // more than sixty thousand runs
 
 [[noreturn]] void refuse(const json& value, const std::string& what) {
   throw json::other_error::create(501, what, &value);
@@ -39,7 +38,7 @@ std::string text_of(const std::filesystem::path& path) {
   }
   if (size > kMaxFileBytes) {
     throw timing::Error(OT_ERR_FORMAT,
-                        fmt::format("{:?} is too large: more than 4 MiB", path.string()));
+                        fmt::format("{:?} is too large: more than 64 MiB", path.string()));
   }
   std::string text(size, '\0');
   file.read(text.data(), static_cast<std::streamsize>(size));
@@ -47,25 +46,55 @@ std::string text_of(const std::filesystem::path& path) {
   return text;
 }
 
-/// The tool reports an infinite tolerance, for which JSON has no word, as `inf`; likewise `nan`. In
-/// quotes it can be read.
-void quote_tolerance(std::string& text) {
-  constexpr std::string_view kKey = "\"tolerance_ppm\":";
-  const std::size_t key = text.find(kKey);
-  const std::size_t begin = key == std::string::npos ? text.size() : key + kKey.size();
-  for (const std::string_view word : {"inf,", "-inf,", "nan,", "-nan,"}) {
-    if (std::string_view(text).substr(begin).starts_with(word)) {
-      text.insert(begin + word.size() - 1, 1, '"').insert(begin, 1, '"');
-      return;
+/// The characters for the parser: each byte one, so that text in any encoding, or in none, can be
+/// read. Numbers that JSON has no word for, as the tool writes an infinite tolerance, as strings.
+std::u16string characters_of(std::string_view text) {
+  std::u16string characters;
+  characters.reserve(text.size());
+  const auto put = [&](std::string_view bytes) {
+    characters.append(reinterpret_cast<const unsigned char*>(bytes.data()),
+                      reinterpret_cast<const unsigned char*>(bytes.data()) + bytes.size());
+  };
+  bool in_string = false;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const std::string_view rest = text.substr(i);
+    const auto is_next = [&](std::string_view word) { return rest.starts_with(word); };
+    const std::size_t word = in_string                            ? 0
+                             : is_next("inf") || is_next("nan")   ? 3
+                             : is_next("-inf") || is_next("-nan") ? 4
+                                                                  : 0;
+    if (word != 0) {
+      put('"' + std::string(rest.substr(0, word)) + '"');
+      i += word - 1;
+    } else if (in_string && rest.size() > 1 && rest.front() == '\\') {
+      put(rest.substr(0, 2));
+      ++i;
+    } else {
+      put(rest.substr(0, 1));
+      in_string = in_string != (rest.front() == '"');
     }
   }
+  return characters;
 }
 
-double tolerance_of(const json& value) {
-  return value == "inf"      ? std::numeric_limits<double>::infinity()
-         : value == "-inf"   ? -std::numeric_limits<double>::infinity()
-         : value.is_string() ? std::numeric_limits<double>::quiet_NaN()
-                             : value.get<double>();
+/// The bytes of a string of such a document. Characters that stand for no byte stay as they are.
+std::string bytes_of(std::string_view characters) {
+  std::string bytes;
+  for (std::size_t i = 0; i < characters.size(); ++i) {
+    const auto lead = static_cast<unsigned char>(characters[i]);
+    const bool high = lead == 0xC2 || lead == 0xC3;
+    bytes += high ? static_cast<char>(lead << 6 | (characters[++i] & 0x3F)) : characters[i];
+  }
+  return bytes;
+}
+
+/// What `error` says, fit for a terminal, without the library's name and number for it.
+std::string words_of(const std::exception& error) {
+  std::string words = error.what();
+  words.erase(0, words.find("] ") + 2);
+  const auto is_foreign = [](char c) { return static_cast<unsigned char>(c) >= 0x80; };
+  std::replace_if(words.begin(), words.end(), is_foreign, '?');
+  return words;
 }
 
 template <typename Integer>
@@ -88,38 +117,46 @@ std::filesystem::path path_of(const json& value) {
   return text;
 }
 
-ChannelResult channel_of(const json& channel, std::size_t number) {
-  if (integer_of<std::size_t>(channel.at("channel")) != number) {
-    refuse(channel.at("channel"), fmt::format("is not {}", number));
-  }
-  return {.count = integer_of<std::uint64_t>(channel.at("count")),
-          .first_ps = integer_of<std::int64_t>(channel.at("first_ps")),
-          .last_ps = integer_of<std::int64_t>(channel.at("last_ps")),
-          .measured_hz = channel.at("measured_hz").get<double>(),
-          .ppm_error = channel.at("ppm_error").get<double>(),
-          .pass = channel.at("pass").get<bool>()};
+double number_of(const json& value) {
+  constexpr double kInfinite = std::numeric_limits<double>::infinity();
+  return value == "inf"      ? kInfinite
+         : value == "-inf"   ? -kInfinite
+         : value.is_string() ? std::numeric_limits<double>::quiet_NaN()
+                             : value.get<double>();
 }
 
-verification::RunResult run_of(const json& run) {
-  verification::RunResult result = {
-      .requested_hz = run.at("requested_hz").get<double>(),
-      .effective_hz = run.at("effective_hz").get<double>(),
-      .expected_decoded_hz = run.at("expected_decoded_hz").get<double>(),
-      .divider = integer_of<std::uint32_t>(run.at("divider")),
-      .stream_file = path_of(run.at("stream_file")),
-      .payload_bytes = integer_of<std::uint64_t>(run.at("payload_bytes")),
-      .decoded_tags = integer_of<std::uint64_t>(run.at("decoded_tags")),
-      .overflow_required = run.at("overflow_required").get<bool>(),
-      .pass = run.at("pass").get<bool>(),
-      .channels = {}};
-  const json& channels = run.at("channels");
+/// What a visit calls to set each value it visits.
+auto from(const json& object) {
+  return [&object](const char* name, auto& value, int = 0) {
+    using Value = std::remove_cvref_t<decltype(value)>;
+    const json& member = object.at(name);
+    if constexpr (std::is_same_v<Value, bool>) {
+      value = member.get<bool>();
+    } else if constexpr (std::is_same_v<Value, double>) {
+      value = member.get<double>();
+    } else if constexpr (std::is_same_v<Value, std::filesystem::path>) {
+      value = path_of(member);
+    } else {
+      value = integer_of<Value>(member);
+    }
+  };
+}
+
+verification::RunResult run_of(const json& object) {
+  verification::RunResult run;
+  visit_run(run, from(object));
+  const json& channels = object.at("channels");
   if (channels.size() != kChannels) {
     refuse(channels, fmt::format("has not {} elements", kChannels));
   }
   for (std::size_t number = 0; number < kChannels; ++number) {
-    result.channels[number] = channel_of(channels.at(number), number);
+    const json& channel = channels.at(number);
+    if (integer_of<std::size_t>(channel.at("channel")) != number) {
+      refuse(channel.at("channel"), fmt::format("is not {}", number));
+    }
+    visit_channel(run.channels[number], from(channel));
   }
-  return result;
+  return run;
 }
 
 void fill(const json& report, RunDirectory& dir) {
@@ -130,7 +167,7 @@ void fill(const json& report, RunDirectory& dir) {
   dir.capture_s = report.at("capture_s").get<double>();
   dir.settings = {
       .channel_mask = integer_of<std::uint8_t>(report.at("channel_mask")),
-      .tolerance_ppm = tolerance_of(report.at("tolerance_ppm")),
+      .tolerance_ppm = number_of(report.at("tolerance_ppm")),
       .packed_bits = integer_of<std::uint8_t>(report.at("packed_delta_bits")),
       .packed_quantum_ps = integer_of<std::uint16_t>(report.at("packed_delta_quantum_ps"))};
   for (const json& run : report.at("runs").get_ref<const json::array_t&>()) {
@@ -144,10 +181,9 @@ void fill(const json& report, RunDirectory& dir) {
 }  // namespace
 
 void read_report(RunDirectory& dir) {
-  std::string text = text_of(dir.report);
-  quote_tolerance(text);
+  const std::string text = text_of(dir.report);
   try {
-    fill(parse_foreign_json(text), dir);
+    fill(json::parse(characters_of(text)), dir);
   } catch (const json::exception& error) {
     throw timing::Error(OT_ERR_FORMAT,
                         fmt::format("{:?}: {}", dir.report.string(), words_of(error)));

@@ -9,70 +9,14 @@
 #include <cmath>
 #include <cstring>
 #include <iostream>
-#include <nlohmann/json.hpp>
+#include <new>
 #include <string_view>
 #include <utility>
 
-#include "orvo/inspection/foreign_json.h"
 #include "orvo/timing/error.h"
 #include "orvo/timing/stream_decoder.h"
 
 namespace orvo::inspection {
-namespace {
-
-using nlohmann::json;
-
-constexpr std::size_t kMaxHeaderBytes = 1 << 20;  // the tool writes a few hundred
-
-/// `error` with the name of the file instead of that of the reader.
-timing::Error error_in(const std::string& name, const timing::Error& error) {
-  return {error.status(), error.reason().starts_with("cannot open")
-                              ? fmt::format("cannot open {}: {}", name, std::strerror(errno))
-                              : fmt::format("{}: {}", name, error.reason())};
-}
-
-/// The header as JSON, an object without members where it is none; `odd` says what is odd about it.
-json document_of(const std::string& text, std::string& odd) {
-  json document;
-  try {
-    if (text.size() <= kMaxHeaderBytes) {
-      document = parse_foreign_json(text);
-    }
-  } catch (const json::exception&) {
-  }
-  if (!document.is_object()) {
-    odd = text.empty() ? "is empty" : "is no JSON object";
-    return json::object();
-  }
-  if (document["file_type"] != "orvo_timing_raw_stream_capture") {
-    odd = "is that of another kind of file";
-  } else if (document["schema_version"] != 1) {
-    odd = fmt::format("has schema_version {}, not 1", document["schema_version"].dump());
-  }
-  return document;
-}
-
-/// The members that say how to decode, where the header does not hold what was taken for them.
-std::string taken_for(json document, const timing::StreamFileHeader& header) {
-  const json members = {{"stream_format", name_of(header.stream_format)},
-                        {"mode", name_of(header.mode)},
-                        {"channel_mask", header.channel_mask},
-                        {"delta_bits", header.delta_bits},
-                        {"quantum_ps", header.quantum_ps}};
-  if (json& packed = document["packed_delta_config"]; packed.is_object()) {
-    document.update(json(packed));
-  }
-  std::string taken;
-  for (const auto& [name, value] : members.items()) {
-    if (document[name] != value) {
-      taken +=
-          fmt::format(" {}={}", name, value.is_string() ? value.get<std::string>() : value.dump());
-    }
-  }
-  return taken;
-}
-
-}  // namespace
 
 StreamInput::StreamInput(std::filesystem::path path, timing::LockListener on_lock_event)
     : name_(path == "-" ? "standard input" : fmt::format("{:?}", path.string())) {
@@ -86,36 +30,41 @@ StreamInput::StreamInput(std::filesystem::path path, timing::LockListener on_loc
   }
   if (std::filesystem::is_regular_file(status)) {
     file_bytes_ = std::filesystem::file_size(path, error);
+    if (file_bytes_ == 0U) {
+      throw timing::Error(OT_ERR_FORMAT, name_ + " is no recording: it is empty");
+    }
+  }
+  if (access(path.c_str(), R_OK) != 0) {  // the reader does not say why it cannot open
+    throw timing::Error(OT_ERR_IO, fmt::format("cannot open {}: {}", name_, std::strerror(errno)));
   }
   reader.on_lock_event = std::move(on_lock_event);
+  named([&] { reader.open(path.string()); });
+}
+
+/// What fails in `work` says in which file.
+template <typename Work>
+void StreamInput::named(const Work& work) const {
   try {
-    reader.open(path.string());
-  } catch (const timing::Error& failure) {
-    throw error_in(name_, failure);
-  }
-  if (const std::string words = warning(); !words.empty()) {
-    std::cerr << "ortime: " << words << '\n';
+    work();
+  } catch (const timing::Error& error) {
+    const bool ours = error.operation().empty();  // names its file
+    throw ours ? error : timing::Error(error.status(), name_, error.reason());
+  } catch (const std::bad_alloc&) {
+    throw timing::Error(OT_ERR_IO, name_ + ": not enough memory");
   }
 }
 
 std::string StreamInput::warning() const {
-  std::string odd;
-  const std::string taken = taken_for(document_of(reader.header_text(), odd), reader.header());
-  if (odd.empty() && taken.empty()) {
-    return "";
-  }
-  return fmt::format("{}: its header {}; {}", name_, odd.empty() ? "is incomplete" : odd,
-                     taken.empty() ? "read all the same" : "taken:" + taken);
+  const std::string remark = reader.header_remark();
+  return remark.empty() ? "" : name_ + ": its header " + remark;
 }
 
-void StreamInput::require_decodable() const {
+std::string StreamInput::problem() const {
   const timing::StreamFileHeader& header = reader.header();
-  if (!timing::StreamDecoder::decodes(header)) {
-    throw timing::Error(
-        OT_ERR_FORMAT, fmt::format("{}: its header describes records that cannot be decoded: {} of "
-                                   "{} bits",
-                                   name_, name_of(header.stream_format), header.delta_bits));
-  }
+  return timing::StreamDecoder::decodes(header)
+             ? ""
+             : fmt::format("{}: its header describes records that cannot be decoded: {} of {} bits",
+                           name_, name_of(header.stream_format), header.delta_bits);
 }
 
 void StreamInput::read(std::uint64_t chunk_bytes,
@@ -129,18 +78,19 @@ void StreamInput::read(std::uint64_t chunk_bytes,
   };
   const Clock::time_point start = Clock::now();
   Clock::time_point next_draw = start;
+  const auto show = [&](std::span<const timing::TimeTag> tags) {
+    action(tags);
+    if (const Clock::time_point now = Clock::now(); now >= next_draw) {
+      next_draw = now + std::chrono::milliseconds(100);
+      draw(progress_line(reader.read_bytes(), file_bytes_,
+                         std::chrono::duration<double>(now - start).count()));
+    }
+  };
   try {
-    reader.for_each_batch(chunk_bytes, [&](std::span<const timing::TimeTag> tags) {
-      action(tags);
-      if (const Clock::time_point now = Clock::now(); now >= next_draw) {
-        next_draw = now + std::chrono::milliseconds(100);
-        draw(progress_line(reader.read_bytes(), file_bytes_,
-                           std::chrono::duration<double>(now - start).count()));
-      }
-    });
-  } catch (const timing::Error& error) {
+    named([&] { reader.for_each_batch(chunk_bytes, show); });
+  } catch (const std::exception&) {
     draw("");
-    throw error.operation().empty() ? error : error_in(name_, error);  // ours names its file
+    throw;
   }
   draw("");
 }

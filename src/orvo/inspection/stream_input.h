@@ -17,14 +17,14 @@ namespace orvo::inspection {
 class StreamInput {
  public:
   /// Opens the file at `path`, which may be a pipe, or "-" for standard input; `on_lock_event` as
-  /// StreamFileReader's. Says on standard error what warning() says.
+  /// StreamFileReader's.
   explicit StreamInput(std::filesystem::path path, timing::LockListener on_lock_event = {});
 
   /// What is odd about the header and what was taken instead, one line; empty for a header as the
   /// tool writes it.
   [[nodiscard]] std::string warning() const;
-  /// Throws where the header describes records that cannot be decoded.
-  void require_decodable() const;
+  /// Why the payload cannot be decoded, likewise; empty: it can.
+  [[nodiscard]] std::string problem() const;
 
   /// Hands all tags to `action`, some at a time in decoding order, reading `chunk_bytes` at a time.
   void read(std::uint64_t chunk_bytes,
@@ -38,6 +38,9 @@ class StreamInput {
   bool shows_progress = true;  ///< where standard error is a terminal
 
  private:
+  template <typename Work>
+  void named(const Work& work) const;
+
   std::string name_;  // for messages
   std::optional<std::uint64_t> file_bytes_;
 };

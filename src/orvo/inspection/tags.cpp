@@ -85,12 +85,16 @@ std::filesystem::path recording_of(const TagsOptions& options) {
   if (!names_run(options.path)) {
     return options.path;
   }
-  const RunDirectory dir = load_run(options.path);
+  const RunDirectory dir = opened(options.path);
   const std::size_t runs = dir.runs.size();
-  if (options.run > runs || (options.run == 0 && runs > 1)) {
-    throw timing::Error(OT_ERR_ARGUMENT,
-                        fmt::format("{:?} holds {} recording{}: choose one with --run N",
-                                    dir.path.string(), runs, runs == 1 ? "" : "s"));
+  if (options.run > runs) {
+    throw timing::Error(OT_ERR_ARGUMENT, fmt::format("there is no recording {}: {:?} has {}",
+                                                     options.run, dir.path.string(), runs));
+  }
+  if (options.run == 0 && runs > 1) {
+    throw timing::Error(
+        OT_ERR_ARGUMENT,
+        fmt::format("{:?} holds {} recordings: choose one with --run N", dir.path.string(), runs));
   }
   const verification::RunResult& run = dir.runs[options.run == 0 ? 0 : options.run - 1];
   require_recording(dir, run);
@@ -102,7 +106,10 @@ std::filesystem::path recording_of(const TagsOptions& options) {
 int run(const TagsOptions& options) {
   const std::filesystem::path recording = recording_of(options);
   StreamInput input(recording);
-  input.require_decodable();
+  say(input.warning());
+  if (const std::string problem = input.problem(); !problem.empty()) {
+    throw timing::Error(OT_ERR_FORMAT, problem);
+  }
   OutputFile output(options.output, {recording == "-" ? "/dev/stdin" : recording});
   input.shows_progress = !output.is_terminal();
   if (options.format == TagFormat::csv) {

@@ -19,11 +19,10 @@
 #include <utility>
 #include <vector>
 
+#include "orvo/python/calls.h"
 #include "orvo/timing/stream_decoder.h"
 #include "orvo/timing/stream_files.h"
 #include "orvo/verification/evaluation.h"
-
-namespace py = pybind11;
 
 namespace orvo::python {
 namespace {
@@ -31,42 +30,7 @@ namespace {
 using timing::LockEvent;
 using timing::TimeTag;
 
-constexpr std::uint64_t kMost = INT64_MAX;  // of what is counted
-constexpr int kBlockTags = 1 << 14;         // by default: 256 KiB, which stays in a cache
-
-/// `value` of the argument `name`; throws TypeError unless it is an integer, NumPy's included, and
-/// ValueError unless it lies between the limits.
-std::uint64_t checked(const char* name, const py::object& value, std::uint64_t least,
-                      std::uint64_t most) {
-  const auto integer = py::reinterpret_steal<py::object>(PyNumber_Index(value.ptr()));
-  if (!integer) {
-    PyErr_Clear();
-    throw py::type_error(std::string(name) + " must be an integer");
-  }
-  const auto number = PyLong_AsUnsignedLongLong(integer.ptr());
-  if (PyErr_Occurred() != nullptr || number < least || number > most) {
-    PyErr_Clear();
-    throw py::value_error(std::string(name) + " must be " + std::to_string(least) + " to " +
-                          std::to_string(most));
-  }
-  return number;
-}
-
-/// Ctrl-C, noticed in the main thread.
-bool interrupted() {
-  const py::gil_scoped_acquire lock;
-  return PyErr_CheckSignals() != 0;
-}
-
-template <typename Work>
-auto without_lock(const Work& work) {
-  try {
-    const py::gil_scoped_release released;
-    return work();
-  } catch (const timing::Interrupted&) {
-    throw py::error_already_set();  // of interrupted()
-  }
-}
+constexpr int kBlockTags = 1 << 14;  // by default: 256 KiB, which stays in a cache
 
 /// The array owns the tags. They lie in it as in memory: see PYBIND11_NUMPY_DTYPE below.
 py::array array_of(std::vector<TimeTag>&& tags) {
@@ -401,6 +365,28 @@ void define_errors(py::module_& module) {
 }
 
 }  // namespace
+
+std::uint64_t checked(const char* name, const py::object& value, std::uint64_t least,
+                      std::uint64_t most) {
+  const auto integer = py::reinterpret_steal<py::object>(PyNumber_Index(value.ptr()));
+  if (!integer) {
+    PyErr_Clear();
+    throw py::type_error(std::string(name) + " must be an integer");
+  }
+  const auto number = PyLong_AsUnsignedLongLong(integer.ptr());
+  if (PyErr_Occurred() != nullptr || number < least || number > most) {
+    PyErr_Clear();
+    throw py::value_error(std::string(name) + " must be " + std::to_string(least) + " to " +
+                          std::to_string(most));
+  }
+  return number;
+}
+
+bool interrupted() {
+  const py::gil_scoped_acquire lock;
+  return PyErr_CheckSignals() != 0;
+}
+
 }  // namespace orvo::python
 
 PYBIND11_MODULE(_native, module) {
@@ -412,6 +398,7 @@ PYBIND11_MODULE(_native, module) {
   define_header(module);
   define_lock_events(module);
   define_recording(module);
+  define_facts(module);
   module.def("judge", judge, py::arg("path"), py::arg("divider"), py::arg("channel_mask"),
              py::arg("tolerance_ppm"), py::arg("min_tags_per_channel"), py::arg("chunk_bytes"));
 }

@@ -156,7 +156,7 @@ bool StreamFileWriter::end_file() noexcept {
 
 struct StreamFileReader::File {
   std::ifstream stream;
-  std::string header_text;
+  std::string header_remark;
   StreamFileHeader header;
   std::uint64_t payload_start_bytes = 0;
   std::uint64_t payload_read_bytes = 0;
@@ -176,9 +176,9 @@ void StreamFileReader::open(const std::string& path) {
   if (!file->stream) {
     throw Error(OT_ERR_IO, kReader, "cannot open " + path);
   }
-  file->header_text = read_header_text(file->stream);
-  file->header = detail::stream_header_from_json(file->header_text);
-  file->payload_start_bytes = kStreamFileMagic.size() + 4 + file->header_text.size();
+  const std::string text = read_header_text(file->stream);
+  file->header = detail::stream_header_from_json(text, file->header_remark);
+  file->payload_start_bytes = kStreamFileMagic.size() + 4 + text.size();
   file_ = std::move(file);
 }
 
@@ -192,12 +192,8 @@ const StreamFileHeader& StreamFileReader::header() const noexcept {
   return file_->header;
 }
 
-const std::string& StreamFileReader::header_text() const noexcept {
-  static const std::string kNone;
-  if (file_ == nullptr) {
-    return kNone;
-  }
-  return file_->header_text;
+std::string StreamFileReader::header_remark() const {
+  return file_ != nullptr ? file_->header_remark : "";
 }
 
 std::uint64_t StreamFileReader::payload_start_bytes() const noexcept {

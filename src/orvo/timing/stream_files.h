@@ -84,8 +84,9 @@ class StreamFileReader {
   // Of the open file; defaults and 0 without one.
 
   [[nodiscard]] const StreamFileHeader& header() const noexcept;
-  /// The text that header() was read from.
-  [[nodiscard]] const std::string& header_text() const noexcept;
+  /// Half a sentence about what is odd about the header's text and what header() has instead, such
+  /// as "is incomplete; taken: channel_mask=15"; empty for one as a StreamFileWriter writes it.
+  [[nodiscard]] std::string header_remark() const;
   /// Bytes of the file before its payload.
   [[nodiscard]] std::uint64_t payload_start_bytes() const noexcept;
   /// Bytes of the file read so far, those before the payload included.

@@ -46,6 +46,10 @@ Format format_from(std::string_view name) {
   return Format::raw64;
 }
 
+Mode mode_from(std::string_view name) {
+  return name == "internal" ? Mode::internal : Mode::external;
+}
+
 Transport transport_from(std::string_view name) {
   if (name == "usb") return Transport::usb;
   if (name == "usb_async" || name == "usb-async" || name == "usbasync") return Transport::usb_async;
@@ -78,6 +82,9 @@ std::string utc_now() {
 
 std::string fitting_raw64_tag_format(Mode mode) { return mode == Mode::internal ? "raw_cf" : "ps"; }
 
+constexpr std::string_view kFileType = "orvo_timing_raw_stream_capture";
+constexpr unsigned kSchemaVersion = 1;
+
 void append_string_member(std::string& json, const char* key, std::string_view value) {
   json += '"';
   json += key;
@@ -103,7 +110,9 @@ std::string stream_header_to_json(StreamFileHeader header) {
   if (header.raw64_tag_format.empty()) {
     header.raw64_tag_format = fitting_raw64_tag_format(header.mode);
   }
-  std::string json = R"({"file_type":"orvo_timing_raw_stream_capture","schema_version":1,)";
+  std::string json = "{";
+  append_string_member(json, "file_type", kFileType);
+  append_number_member(json, "schema_version", kSchemaVersion, ',');
   append_string_member(json, "created_utc", header.created_utc);
   append_string_member(json, "application", header.application);
   append_string_member(json, "device_product", header.device_product);
@@ -123,13 +132,23 @@ std::string stream_header_to_json(StreamFileHeader header) {
 }
 
 StreamFileHeader stream_header_from_json(std::string_view text) {
+  std::string odd;
+  return stream_header_from_json(text, odd);
+}
+
+StreamFileHeader stream_header_from_json(std::string_view text, std::string& odd) {
   StreamFileHeader header;
-  if (auto name = json_find_string(text, "stream_format")) {
-    header.stream_format = format_from(to_lower(std::move(*name)));
-  }
-  if (auto name = json_find_string(text, "mode")) {
-    header.mode = to_lower(std::move(*name)) == "internal" ? Mode::internal : Mode::external;
-  }
+  std::string taken;  // what the text does not have so
+  const auto note_unless = [&](bool there, const char* key, const std::string& value) {
+    taken += there ? "" : std::string(" ") + key + '=' + value;
+  };
+  const auto read_name = [&](const char* key, auto& field, const auto& from_name) {
+    const auto name = json_find_string(text, key);
+    field = name ? from_name(to_lower(*name)) : field;
+    note_unless(name == name_of(field), key, name_of(field));
+  };
+  read_name("stream_format", header.stream_format, format_from);
+  read_name("mode", header.mode, mode_from);
   if (auto name = json_find_string(text, "stream_transport")) {
     header.stream_transport = transport_from(to_lower(std::move(*name)));
   }
@@ -146,20 +165,26 @@ StreamFileHeader stream_header_from_json(std::string_view text) {
   read_text("device_serial", header.device_serial);
   read_text("device_port", header.device_port);
 
-  const auto read_number = [&](const char* key, auto& field) {
-    if (const auto value = json_find_uint(text, key)) {
-      field = static_cast<std::remove_reference_t<decltype(field)>>(*value);
-    }
+  const auto read_number = [&](const char* key, auto& field, std::uint64_t mask) {
+    const auto value = json_find_uint(text, key);
+    field = static_cast<std::remove_reference_t<decltype(field)>>(value.value_or(field) & mask);
+    note_unless(value == field, key, std::to_string(field));
   };
-  read_number("channel_mask", header.channel_mask);
-  header.channel_mask &= 0x0F;
-  read_number("tdl_index", header.tdl_index);
-  read_number("delta_bits", header.delta_bits);
-  read_number("quantum_ps", header.quantum_ps);
+  read_number("channel_mask", header.channel_mask, 0x0F);
+  read_number("delta_bits", header.delta_bits, UINT8_MAX);
+  read_number("quantum_ps", header.quantum_ps, UINT16_MAX);
+  if (const auto value = json_find_uint(text, "tdl_index")) {
+    header.tdl_index = static_cast<std::uint8_t>(*value);
+  }
 
   if (header.raw64_tag_format.empty()) {
     header.raw64_tag_format = fitting_raw64_tag_format(header.mode);
   }
+  const bool foreign = json_find_string(text, "file_type") != kFileType ||
+                       json_find_uint(text, "schema_version") != kSchemaVersion;
+  odd = !taken.empty() ? "is incomplete; taken:" + taken
+        : foreign      ? "is that of another kind or version of file; read all the same"
+                       : "";
   return header;
 }
 

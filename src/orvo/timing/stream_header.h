@@ -44,5 +44,9 @@ namespace detail {
 /// Reads any text: a field whose key is missing or unreadable keeps its default.
 [[nodiscard]] StreamFileHeader stream_header_from_json(std::string_view text);
 
+/// The same; `odd` becomes half a sentence about what is not as stream_header_to_json() writes it,
+/// such as "is incomplete; taken: channel_mask=15", where that concerns decoding; else it is empty.
+[[nodiscard]] StreamFileHeader stream_header_from_json(std::string_view text, std::string& odd);
+
 }  // namespace detail
 }  // namespace orvo::timing

@@ -9,7 +9,7 @@
 
 #include "orvo/inspection/report/scale.h"
 #include "orvo/inspection/report/svg.h"
-#include "orvo/inspection/report/text.h"
+#include "orvo/inspection/text.h"
 #include "orvo/timing/instrument_time.h"
 
 namespace orvo::inspection {

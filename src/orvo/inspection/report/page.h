@@ -1,23 +1,21 @@
-// What was found in a run as documents: for people and for programs. No state; any thread may call.
+// The facts about a run as a page for people. No state; any thread may call.
 #pragma once
 
-#include <nlohmann/json_fwd.hpp>
 #include <string>
+#include <vector>
 
-#include "orvo/inspection/report/findings.h"
+#include "orvo/inspection/document.h"
+#include "orvo/inspection/report/figure.h"
 
 namespace orvo::inspection {
 
-struct Labels {
-  std::string title;  ///< may be empty
-  std::string made;   ///< when
-};
+/// From here on a page has less of each run, so that it is read and small enough to be mailed:
+/// fewer columns in a chart, and one row in the table for a run that passed.
+inline constexpr std::size_t kManyRuns = 12;
 
-/// report.html filled: one self-contained document. Strings of unknown origin are text in it.
-[[nodiscard]] std::string page_of(const Findings& findings, const Labels& labels);
-
-/// The numbers: results, and of each channel the deviations by column of time and by value, and the
-/// skew. Strings are as the files have them.
-[[nodiscard]] nlohmann::ordered_json data_of(const Findings& findings, const Labels& labels);
+/// report.html filled with a whole document: one self-contained file. Strings of unknown origin are
+/// text in it. `figures` has one for each recording, empty where there is nothing to draw.
+[[nodiscard]] std::string page_of(const Json& document, const Facts& facts, const Summary& summary,
+                                  const std::vector<Figure>& figures);
 
 }  // namespace orvo::inspection

@@ -2,29 +2,33 @@
 
 #include <cstdlib>
 #include <ctime>
-#include <iostream>
-#include <nlohmann/json.hpp>
 #include <optional>
-#include <vector>
 
 #include "orvo/inspection/commands.h"
 #include "orvo/inspection/output_file.h"
 #include "orvo/inspection/report/page.h"
-#include "orvo/inspection/run_directory.h"
 
 namespace orvo::inspection {
+namespace {
 
-int run(const ReportOptions& options) {
-  unsetenv("ORVO_PACKED_DEBUG");  // the page has the lock history
-  RunDirectory dir = load_run(options.path);
-  dir.settings = options.given.over(dir.settings);
-  std::vector<std::filesystem::path> inputs;
-  if (dir.ended()) {
-    inputs.push_back(dir.report);
-  }
+std::vector<std::filesystem::path> inputs_of(const RunDirectory& dir) {
+  std::vector<std::filesystem::path> inputs = {dir.report};
   for (const verification::RunResult& run : dir.runs) {
     inputs.push_back(run.stream_file);
   }
+  return inputs;
+}
+
+}  // namespace
+
+int run(const ReportOptions& options) {
+  unsetenv("ORVO_PACKED_DEBUG");  // the page has the lock history
+  RunDirectory dir = opened(options.path);
+  if (dir.path.empty()) {
+    dir = load_run(options.path);  // which says what is wrong
+  }
+  Facts facts = facts_about(std::move(dir), options.given);
+  const std::vector<std::filesystem::path> inputs = inputs_of(facts.dir);
   std::optional<OutputFile> page;
   if (!options.output.empty()) {
     page.emplace(options.output, inputs);
@@ -34,24 +38,44 @@ int run(const ReportOptions& options) {
     data.emplace(options.json, inputs);
   }
 
-  const Findings findings = look_into(dir, options.chunk_bytes);
   int status = kExitSuccess;
-  for (std::size_t i = 0; i < findings.runs.size(); ++i) {
-    if (!findings.runs[i].recording) {
-      std::cerr << "ortime: run " << i + 1 << ": " << findings.runs[i].problem << '\n';
+  Json document = document_of(facts);
+  document.update(
+      {{"title", options.title},
+       {"made", fmt::format("{:%Y-%m-%d %H:%M} UTC", fmt::gmtime(std::time(nullptr)))}});
+  Json recordings = Json::array();
+  std::vector<Figure> figures;
+  std::vector<Json> series;
+  const RecordingOptions look = {.chunk_bytes = options.chunk_bytes,
+                                 .columns = facts.dir.runs.size() > kManyRuns ? 300U : 1000U};
+  for (const verification::RunResult& run : facts.dir.runs) {
+    RecordingFacts& found = look_into(run, look, facts);
+    const bool drawn = found.judged && found.recording->has_intervals();
+    recordings.push_back(json_of(found, facts, look.depth));
+    figures.push_back(drawn && page ? draw_figure(*found.recording) : Figure());
+    series.push_back(data ? series_json(found) : Json());
+    if (found.recording) {
+      found.recording->forget_series();  // of many runs much
+    }
+    say(found.recording ? found.recording->warning : "");
+    if (!found.error.empty()) {
+      say(fmt::format("run {}: {}", recordings.size(), found.error));
       status = kExitError;
     }
   }
-  const Labels labels = {options.title,
-                         fmt::format("{:%Y-%m-%d %H:%M} UTC", fmt::gmtime(std::time(nullptr)))};
+  const Summary summary = summary_of(facts);
+  document.update({{"settings", settings_json(facts)},
+                   {"verdict", json_of(summary, facts)},
+                   {"recordings", std::move(recordings)}});
   if (page) {
-    page->write(page_of(findings, labels));
+    page->write(page_of(document, facts, summary, figures));
     page->publish();
   }
   if (data) {
-    using Json = nlohmann::ordered_json;
-    data->write(data_of(findings, labels).dump(-1, ' ', false, Json::error_handler_t::replace) +
-                '\n');
+    for (std::size_t i = 0; i < series.size(); ++i) {
+      document["recordings"][i]["series"] = std::move(series[i]);
+    }
+    data->write(text_of(document));
     data->publish();
   }
   return status;

@@ -14,17 +14,15 @@ interpreter's lock. A Recording may be used by several threads, an iterator by o
 from __future__ import annotations
 
 import dataclasses
-import json
 import os
-import pathlib
-from typing import Any
+import types
 
 from . import _native
 from ._native import (
     Error, Format, FormatError, Header, LockEvent, LockKind, Mode, Recording, Transport)
 
-__all__ = ["ChannelResult", "Error", "Format", "FormatError", "Header", "LockEvent", "LockKind",
-           "Mode", "Recording", "RunResult", "Transport", "Verification", "judge", "load_run"]
+__all__ = ["ChannelResult", "Error", "Facts", "Format", "FormatError", "Header", "LockEvent", "LockKind",
+           "Mode", "Recording", "RunResult", "Transport", "judge", "load_run", "verify"]
 
 for _public in (Format, Header, LockEvent, LockKind, Mode, Recording, Transport):
     _public.__module__ = __name__
@@ -32,7 +30,7 @@ for _public in (Format, Header, LockEvent, LockKind, Mode, Recording, Transport)
 
 @dataclasses.dataclass(frozen=True)
 class ChannelResult:
-    """What a recording, or a report about it, says of one channel.
+    """What a recording says of one channel.
 
     count: decoded timestamps. first_ps, last_ps: the smallest and the largest of them, in ps; 0 below
     two. measured_hz: their rate; 0 where there is none. ppm_error: of measured_hz against the
@@ -49,13 +47,11 @@ class ChannelResult:
 
 @dataclasses.dataclass(frozen=True)
 class RunResult:
-    """The verdict on one recording: of judge(), or as a report has it.
+    """The verdict on one recording.
 
     divider, effective_hz: of the calibration source, and the rate that it generates with it.
     expected_decoded_hz: the same rate in the instrument's own time. overflow_required: one record
     cannot carry the expected period. decoded_tags: of all channels. channels: by channel number.
-
-    requested_hz: 0 where no report says it. recording: None where the file is missing, or of judge().
     """
 
     passed: bool
@@ -65,18 +61,6 @@ class RunResult:
     overflow_required: bool
     decoded_tags: int
     channels: tuple[ChannelResult, ChannelResult, ChannelResult, ChannelResult]
-    requested_hz: float = 0.0
-    recording: Recording | None = None
-
-
-@dataclasses.dataclass(frozen=True)
-class Verification:
-    """A run directory: its path, its whole JSON report, and a RunResult for each frequency."""
-
-    path: pathlib.Path
-    passed: bool
-    report: dict[str, Any]
-    runs: tuple[RunResult, ...]
 
 
 def judge(path: str | os.PathLike[str], divider: int, *, channel_mask: int | None = None,
@@ -97,33 +81,45 @@ def judge(path: str | os.PathLike[str], divider: int, *, channel_mask: int | Non
     return RunResult(channels=channels, **result)
 
 
-def load_run(path: str | os.PathLike[str]) -> Verification:
-    """Reads a run directory of the verification tool, or the JSON report in it.
+class Facts(types.SimpleNamespace):
+    """What is known of a run: the document that ortime prints as JSON, its members as attributes.
 
-    A recording is looked for in that directory first, then where the report says it was made.
-
-    Raises OSError where there is no report, FormatError where it is none.
+    docs/facts.md has a table of them. What is an object there is a Facts here, a list is a tuple, and
+    what has no value is None; `pass` is called `passed`.
     """
-    report_path = pathlib.Path(path)
-    if report_path.is_dir():
-        report_path /= "overflow_frequency.json"
-    try:
-        report = json.loads(report_path.read_text(encoding="utf-8", errors="surrogateescape"))
-        runs = tuple(_run_result(run, report_path.parent) for run in report["runs"])
-        return Verification(report_path.parent, report["pass"], report, runs)
-    except (json.JSONDecodeError, KeyError, TypeError) as error:
-        raise FormatError(f"{os.fspath(report_path)} is no report of a verification") from error
 
 
-def _run_result(run, directory):
-    recorded = pathlib.Path(run["stream_file"])
-    found = [file for file in (directory / recorded.name, recorded) if file.is_file()]
-    return _from_report(
-        RunResult, run, channels=tuple(_from_report(ChannelResult, c) for c in run["channels"]),
-        recording=Recording(found[0]) if found else None)
+def load_run(path: str | os.PathLike[str]) -> Facts:
+    """What is known of a run without decoding its recordings.
+
+    path: whatever ortime calls a run: a run directory, a JSON report, latest.json, or a folder of
+    results for its newest run.
+
+    `passed` is what the report claims, None where there is none; verify() looks whether it is so.
+    Each of `recordings` has `reported`, the run as the report has it, and `stream_file`, where its
+    recording is now: Recording(stream_file).
+
+    Raises OSError where there is nothing, FormatError where the report is none, Error else.
+    """
+    os.stat(path)
+    run = _native.load_run(path, Facts)
+    run.passed = run.verdict.reported_passed
+    return run
 
 
-def _from_report(result, values, **others):
-    """A result whose fields are `values` of a report, which has them under the same names."""
-    names = {field.name for field in dataclasses.fields(result)} - {"passed", *others}
-    return result(passed=values["pass"], **{name: values[name] for name in names}, **others)
+def verify(path: str | os.PathLike[str], *, tolerance_ppm: float | None = None,
+           min_tags_per_channel: int | None = None, channel_mask: int | None = None,
+           chunk_bytes: int = 1 << 20) -> Facts:
+    """Judges the recordings of a run again, as ortime verify does, and says what differs.
+
+    path: as for load_run(). The others: as for judge(); None: as the report has it.
+
+    `passed`: all recordings were judged, passed, and are what the report says. Each of `recordings`
+    has `reported`, `judged` and the `differences` of the two.
+
+    Raises what load_run() and judge() raise; a recording that cannot be read has its `error`.
+    """
+    os.stat(path)
+    run = _native.verify(path, tolerance_ppm, min_tags_per_channel, channel_mask, chunk_bytes, Facts)
+    run.passed = run.verdict.passed
+    return run

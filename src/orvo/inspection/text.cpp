@@ -1,10 +1,11 @@
-#include "orvo/inspection/report/text.h"
+#include "orvo/inspection/text.h"
 
 #include <fmt/format.h>
 
 #include <algorithm>
 #include <cmath>
 #include <initializer_list>
+#include <utility>
 
 namespace orvo::inspection {
 namespace {
@@ -84,8 +85,31 @@ std::string signed_time_text(double time_ps) {
 
 std::string hz_text(double rate_hz) { return with_unit(rate_hz, 4, {"Hz", "kHz", "MHz"}); }
 
+std::string ppm_text(double ppm, double limit_ppm) {
+  constexpr int kMostDecimals = 9;
+  int decimals = 1;
+  while (decimals < kMostDecimals && fixed_text(ppm, decimals) == fixed_text(limit_ppm, decimals)) {
+    ++decimals;
+  }
+  return fixed_text(ppm, decimals) + std::string(kUnitSeparator) + "ppm";
+}
+
+std::string times_text(std::uint64_t number) {
+  return number == 1 ? "once" : counted(number, "time");
+}
+
 std::string counted(std::uint64_t number, std::string_view thing) {
   return grouped(number).append(kUnitSeparator).append(thing).append(number == 1 ? "" : "s");
+}
+
+std::string plain_text(std::string text) {
+  for (const auto& [special, plain] :
+       {std::pair(kMinus, "-"), std::pair(kGroupSeparator, " "), std::pair(kUnitSeparator, " ")}) {
+    for (std::size_t at = 0; (at = text.find(special, at)) != std::string::npos;) {
+      text.replace(at, special.size(), plain);
+    }
+  }
+  return text;
 }
 
 }  // namespace orvo::inspection

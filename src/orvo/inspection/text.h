@@ -20,7 +20,14 @@ namespace orvo::inspection {
 [[nodiscard]] std::string signed_time_text(double time_ps);
 /// "100 kHz", "0.4 Hz".
 [[nodiscard]] std::string hz_text(double rate_hz);
+/// An error beyond `limit_ppm`, with as many digits as show that it is.
+[[nodiscard]] std::string ppm_text(double ppm, double limit_ppm);
+/// "once", "2 times".
+[[nodiscard]] std::string times_text(std::uint64_t number);
 /// "1 event", "2 events".
 [[nodiscard]] std::string counted(std::uint64_t number, std::string_view thing);
+
+/// For a terminal: with plain spaces and hyphens.
+[[nodiscard]] std::string plain_text(std::string text);
 
 }  // namespace orvo::inspection

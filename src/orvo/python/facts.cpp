@@ -1,0 +1,106 @@
+// What ortime knows of runs, for Python: its document as objects whose attributes are its members.
+#include <pybind11/stl.h>
+#include <pybind11/stl/filesystem.h>
+
+#include <vector>
+
+#include "orvo/inspection/document.h"
+#include "orvo/python/calls.h"
+
+namespace orvo::python {
+namespace {
+
+namespace fs = std::filesystem;
+using inspection::Depth;
+using inspection::Facts;
+using inspection::Json;
+
+/// Where a member's name ends in a word of the language, it is called otherwise.
+py::str attribute_of(const std::string& name) {
+  return name == "pass" || name == "reported_pass" ? name + "ed" : name;
+}
+
+/// `namespace_type` holds the members of an object;
+py::object object_of(const Json& value, const py::object& namespace_type) {
+  if (value.is_object()) {
+    py::dict members;
+    for (const auto& [name, member] : value.items()) {
+      members[attribute_of(name)] = object_of(member, namespace_type);
+    }
+    return namespace_type(**members);
+  }
+  if (value.is_array()) {
+    py::list elements;
+    for (const Json& element : value) {
+      elements.append(object_of(element, namespace_type));
+    }
+    return py::tuple(elements);
+  }
+  if (value.is_string()) {  // of any encoding, as file names
+    const auto& text = value.get_ref<const std::string&>();
+    return py::reinterpret_steal<py::object>(PyUnicode_DecodeUTF8(
+        text.data(), static_cast<py::ssize_t>(text.size()), "surrogateescape"));
+  }
+  return value.is_boolean()           ? py::object(py::bool_(value.get<bool>()))
+         : value.is_number_unsigned() ? py::object(py::int_(value.get<std::uint64_t>()))
+         : value.is_number_integer()  ? py::object(py::int_(value.get<std::int64_t>()))
+         : value.is_number()          ? py::object(py::float_(value.get<double>()))
+                                      : py::none();
+}
+
+/// The document about the run at `path`, whose recordings are looked into so deep.
+Json document_about(const fs::path& path, const inspection::GivenSettings& given,
+                    const inspection::RecordingOptions& options) {
+  Facts facts = inspection::facts_about(inspection::load_run(path), given);
+  Json document = inspection::document_of(facts);
+  document["settings"] = inspection::settings_json(facts);
+  document["recordings"] = Json::array();
+  for (const verification::RunResult& run : facts.dir.runs) {
+    const auto& found = inspection::look_into(run, options, facts);
+    document["recordings"].push_back(inspection::json_of(found, facts, options.depth));
+  }
+  document["verdict"] = options.depth == Depth::header
+                            ? Json{{"reported_pass", facts.ended() ? Json(facts.dir.pass) : Json()}}
+                            : inspection::json_of(inspection::summary_of(facts), facts);
+  return document;
+}
+
+py::object load(const fs::path& path, const py::object& namespace_type) {
+  return object_of(document_about(path, {}, {.depth = Depth::header}), namespace_type);
+}
+
+py::object verify(const fs::path& path, std::optional<double> tolerance_ppm,
+                  const py::object& min_tags_per_channel, const py::object& channel_mask,
+                  const py::object& chunk_bytes, const py::object& namespace_type) {
+  inspection::GivenSettings given = {.tolerance_ppm = tolerance_ppm};
+  if (tolerance_ppm && !(*tolerance_ppm >= 0)) {
+    throw py::value_error("tolerance_ppm must be 0 or more");
+  }
+  if (!min_tags_per_channel.is_none()) {
+    given.min_tags_per_channel = checked("min_tags_per_channel", min_tags_per_channel, 0, kMost);
+  }
+  if (!channel_mask.is_none()) {
+    given.channel_mask =
+        static_cast<std::uint8_t>(checked("channel_mask", channel_mask, 0, UINT8_MAX));
+  }
+  const auto bytes = checked("chunk_bytes", chunk_bytes, 1, kMost);
+  const Json document = without_lock([&] {
+    return document_about(path, given,
+                          {.depth = Depth::counts,
+                           .chunk_bytes = bytes,
+                           .interrupted = interrupted,
+                           .shows_progress = false});
+  });
+  return object_of(document, namespace_type);
+}
+
+}  // namespace
+
+void define_facts(py::module_& module) {
+  module.def("load_run", load, py::arg("path"), py::arg("namespace_type"));
+  module.def("verify", verify, py::arg("path"), py::arg("tolerance_ppm"),
+             py::arg("min_tags_per_channel"), py::arg("channel_mask"), py::arg("chunk_bytes"),
+             py::arg("namespace_type"));
+}
+
+}  // namespace orvo::python
