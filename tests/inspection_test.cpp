@@ -47,6 +47,8 @@ TEST(Texts, Numbers) {
   EXPECT_EQ(fixed_text(std::nan(""), 2), "–");
   EXPECT_EQ(signed_time_text(10'006'015), "+10.01\u00A0µs");
   EXPECT_EQ(time_text(999'960), "1\u00A0µs");
+  EXPECT_EQ(time_text(999'700'000'000, 3), "1\u00A0s");
+  EXPECT_EQ(short_text(1e9), "1\u00A0G");
 }
 
 }  // namespace

@@ -174,7 +174,7 @@ Json columns_json(const Recording& recording, const ChannelRecording& channel, s
     if (s.intervals != 0) {
       rows.push_back({index * recording.column_ps, s.intervals, channel.deviation_ps(s.shortest),
                       channel.deviation_ps(s.longest),
-                      s.deviations_ps / static_cast<double>(s.intervals)});
+                      s.near.count != 0 ? Json(s.near.mean_ps) : Json()});
     }
   }
   return rows;

@@ -223,10 +223,10 @@ void Look::look_at_failure(std::size_t number) {
   }
   if (const double ppm = std::abs(channel.ppm_error); ppm > settings.tolerance_ppm) {
     Finding& finding = add(Kind::rate, {number});
-    finding.words = fmt::format("{{}} {}, tolerance {:g} ppm",
+    finding.words = fmt::format("{{}} {}, tolerance {} ppm",
                                 channel.ppm_error < 0 ? "slow" : "fast", settings.tolerance_ppm);
     finding.amount = ppm;
-    finding.amount_text = ppm_text(ppm, settings.tolerance_ppm);
+    finding.amount_text = fixed_text(ppm, ppm < 10 ? 3 : 1, settings.tolerance_ppm) + " ppm";
     explain_rate(number, finding);
   }
   if (found_.size() == before) {

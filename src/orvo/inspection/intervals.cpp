@@ -26,11 +26,13 @@ std::size_t bin_of(std::uint64_t ticks) {
          static_cast<std::size_t>((ticks + half) >> shift);
 }
 
-double ticks_of(std::size_t bin) {
+/// What is in a bin, and its width.
+std::pair<double, double> ticks_of(std::size_t bin) {
   if (bin < 2 * kSteps) {
-    return static_cast<double>(bin);
+    return {static_cast<double>(bin), 0};
   }
-  return std::ldexp(static_cast<double>(bin % kSteps + kSteps), static_cast<int>(bin / kSteps) - 1);
+  const double width = std::ldexp(1.0, static_cast<int>(bin / kSteps) - 1);
+  return {static_cast<double>(bin % kSteps + kSteps) * width, width};
 }
 
 bool count_in(CountWindow& window, std::uint64_t value_ps, unsigned tick_shift) {
@@ -54,32 +56,45 @@ void empty(CountWindow& window, unsigned tick_shift, const Take& take) {
 
 }  // namespace
 
-Spread spread_of(std::span<const Bin> bins, double limit_ps) {
-  const auto inside = [&](const Bin& bin) { return std::abs(bin.value_ps) < limit_ps; };
-  Spread spread;
-  double sum = 0;
+// Differences from the mean keep their digits, however large what is summed.
+void Moments::add(const Moments& other) {
+  if (other.count == 0) {
+    return;
+  }
+  const double share = static_cast<double>(other.count) / static_cast<double>(count + other.count);
+  const double apart_ps = other.mean_ps - mean_ps;
+  squares += other.squares + apart_ps * apart_ps * share * static_cast<double>(count);
+  mean_ps += apart_ps * share;
+  count += other.count;
+}
+
+Spread spread_of(const Moments& moments, std::span<const Bin> bins, double limit_ps) {
+  std::uint64_t count = 0;
+  std::vector<Bin> inside;
   for (const Bin& bin : bins) {
-    spread.count += inside(bin) ? bin.count : 0;
-    sum += inside(bin) ? bin.value_ps * static_cast<double>(bin.count) : 0;
-  }
-  if (spread.count == 0) {
-    return spread;
-  }
-  spread.mean_ps = sum / static_cast<double>(spread.count);
-  double squares = 0;
-  std::uint64_t before = 0;
-  for (const Bin& bin : bins) {
-    if (!inside(bin)) {
-      continue;
+    if (std::abs(bin.value_ps) < limit_ps) {
+      inside.push_back(bin);
+      count += bin.count;
     }
-    squares += std::pow(bin.value_ps - spread.mean_ps, 2) * static_cast<double>(bin.count);
-    // The mean of the two in the middle, which are one of an odd number.
-    for (const std::uint64_t middle : {(spread.count - 1) / 2, spread.count / 2}) {
-      spread.median_ps += middle >= before && middle < before + bin.count ? bin.value_ps / 2 : 0;
-    }
-    before += bin.count;
   }
-  spread.deviation_ps = std::sqrt(squares / static_cast<double>(spread.count));
+  if (moments.count == 0 || count == 0) {
+    return {};
+  }
+  Spread spread = {moments.count, moments.mean_ps, 0,
+                   std::sqrt(moments.squares / static_cast<double>(moments.count))};
+  double known_ps = 0;
+  // The mean of the two in the middle, which are one of an odd number.
+  for (const std::uint64_t skipped : {(count - 1) / 2, count / 2}) {
+    std::uint64_t passed = 0;
+    const auto middle = std::find_if(inside.begin(), inside.end(), [&](const Bin& bin) {
+      return (passed += bin.count) > skipped;
+    });
+    spread.median_ps += middle->value_ps / 2;
+    known_ps = middle->width_ps > 0 ? std::pow(10, std::floor(std::log10(middle->width_ps))) : 0;
+  }
+  if (known_ps > 0) {
+    spread.median_ps = std::round(spread.median_ps / known_ps) * known_ps;
+  }
   return spread;
 }
 
@@ -93,15 +108,17 @@ void TickCounts::add(std::int64_t ticks, std::uint64_t count) {
 
 std::vector<Bin> TickCounts::bins(double tick_ps, double offset_ps) const {
   std::vector<Bin> bins;
-  for (std::size_t bin = below_0_.size(); bin-- > 0;) {
-    if (below_0_[bin] != 0) {
-      bins.push_back({offset_ps - tick_ps * ticks_of(bin), below_0_[bin]});
+  const auto take = [&](double sign_ps, std::size_t bin, std::uint64_t count) {
+    if (count != 0) {
+      const auto [ticks, width] = ticks_of(bin);
+      bins.push_back({offset_ps + sign_ps * ticks, count, tick_ps * width});
     }
+  };
+  for (std::size_t bin = below_0_.size(); bin-- > 0;) {
+    take(-tick_ps, bin, below_0_[bin]);
   }
   for (std::size_t bin = 0; bin < others_.size(); ++bin) {
-    if (others_[bin] != 0) {
-      bins.push_back({offset_ps + tick_ps * ticks_of(bin), others_[bin]});
-    }
+    take(tick_ps, bin, others_[bin]);
   }
   return bins;
 }
@@ -110,8 +127,7 @@ void IntervalSummary::add(const IntervalSummary& other) {
   intervals += other.intervals;
   shortest = other.shortest.interval_ps < shortest.interval_ps ? other.shortest : shortest;
   longest = other.longest.interval_ps > longest.interval_ps ? other.longest : longest;
-  deviations_ps += other.deviations_ps;
-  squares += other.squares;
+  near.add(other.near);
   with_overflow += other.with_overflow;
   gaps += other.gaps;
   missing_events += other.missing_events;
@@ -198,14 +214,19 @@ void IntervalAnalysis::finish() {
     leave_column();
   }
   for (Lane& lane : lanes_) {
-    empty(lane.skew_window, settings_.tick_shift, [&](std::uint64_t skew_ps, std::uint64_t times) {
-      tally(lane.skews, static_cast<std::int64_t>(skew_ps) - lane.skew_base_ps, times);
-    });
+    empty(lane.skew_window, settings_.tick_shift,
+          [&](std::uint64_t skew_ps, std::uint64_t times) { tally_skew(lane, skew_ps, times); });
   }
 }
 
 void IntervalAnalysis::tally(TickCounts& counts, std::int64_t value_ps, std::uint64_t count) const {
   counts.add(value_ps >> settings_.tick_shift, count);
+}
+
+void IntervalAnalysis::tally_skew(Lane& lane, std::uint64_t skew_ps, std::uint64_t count) const {
+  const auto skew = static_cast<std::int64_t>(skew_ps);
+  tally(lane.skews, skew - lane.skew_base_ps, count);
+  lane.skew.add({count, static_cast<double>(skew)});
 }
 
 std::vector<Bin> IntervalAnalysis::bins_of(const TickCounts& counts, double offset_ps) const {
@@ -277,12 +298,10 @@ void IntervalAnalysis::account(std::size_t channel, std::uint64_t interval_ps, s
   const std::uint64_t difference_ps = interval_ps - static_cast<std::uint64_t>(lane.base_ps);
   tally(lane.deviations, static_cast<std::int64_t>(difference_ps), count);
   const double deviation_ps = interval - lane.expected_ps;
-  const auto weight = static_cast<double>(count);
-  IntervalSummary summary = {.intervals = count,
-                             .shortest = extreme,
-                             .longest = extreme,
-                             .deviations_ps = weight * deviation_ps,
-                             .squares = weight * deviation_ps * deviation_ps};
+  IntervalSummary summary = {.intervals = count, .shortest = extreme, .longest = extreme};
+  if (std::abs(deviation_ps) < lane.expected_ps / 2) {
+    summary.near = {count, deviation_ps};
+  }
   summary.with_overflow = interval > settings_.largest_plain_ps ? count : 0;
   summary.backward_steps = interval < 0 ? count : 0;
   if (settings_.constant_rate && interval >= 0 && 2 * interval <= lane.expected_ps) {
@@ -315,7 +334,7 @@ bool IntervalAnalysis::pair(Lane& lane, std::uint64_t time_ps, std::uint64_t ref
     open(lane.skew_window, skew_ps, 0, lane.half_ps);
   }
   if (!count_in(lane.skew_window, static_cast<std::uint64_t>(skew_ps), settings_.tick_shift)) {
-    tally(lane.skews, skew_ps - lane.skew_base_ps, 1);
+    tally_skew(lane, static_cast<std::uint64_t>(skew_ps), 1);
   }
   return true;
 }

@@ -21,17 +21,27 @@ namespace orvo::inspection {
 struct Bin {
   double value_ps = 0;
   std::uint64_t count = 0;
+  double width_ps = 0;  ///< 0: all are the value
+};
+
+/// Sums of values as they are, not as bins have them.
+struct Moments {
+  std::uint64_t count = 0;
+  double mean_ps = 0;
+  double squares = 0;  ///< sum of the squares of the distances from the mean
+
+  void add(const Moments& other);
 };
 
 struct Spread {
   std::uint64_t count = 0;  ///< with none, the rest is 0
   double mean_ps = 0;
-  double median_ps = 0;
+  double median_ps = 0;     ///< rounded to what its bin tells
   double deviation_ps = 0;  ///< standard deviation
 };
 
-/// Of the values less than `limit_ps` away from 0; `bins` ascend.
-[[nodiscard]] Spread spread_of(std::span<const Bin> bins,
+/// The median is that of the values less than `limit_ps` away from 0; `bins` ascend.
+[[nodiscard]] Spread spread_of(const Moments& moments, std::span<const Bin> bins,
                                double limit_ps = std::numeric_limits<double>::infinity());
 
 /// How often which number of ticks occurs; those from 1,024 on to ten binary digits.
@@ -68,8 +78,7 @@ struct IntervalSummary {
   std::uint64_t intervals = 0;
   Extreme shortest = {std::numeric_limits<std::int64_t>::max(), 0};
   Extreme longest = {std::numeric_limits<std::int64_t>::min(), 0};
-  double deviations_ps = 0;  ///< their sum
-  double squares = 0;        ///< sum of the deviations' squares
+  Moments near = {};  ///< deviations of less than half an expected interval
   std::uint64_t with_overflow = 0;
   std::uint64_t gaps = 0;            ///< intervals of 1.5 expected ones and more
   std::uint64_t missing_events = 0;  ///< that would fill the gaps
@@ -125,6 +134,7 @@ class IntervalAnalysis {
   [[nodiscard]] std::vector<Bin> skews(std::size_t channel) const {
     return bins_of(lanes_[channel].skews, static_cast<double>(lanes_[channel].skew_base_ps));
   }
+  [[nodiscard]] const Moments& skew(std::size_t channel) const { return lanes_[channel].skew; }
   /// Those that hold tags, at most 2,048.
   [[nodiscard]] const Columns& columns() const noexcept { return columns_; }
   [[nodiscard]] std::int64_t column_ps() const noexcept { return std::int64_t{1} << column_shift_; }
@@ -144,9 +154,11 @@ class IntervalAnalysis {
     CountWindow skew_window;
     std::int64_t skew_base_ps = 0;
     TickCounts skews;  // from their base
+    Moments skew;
   };
 
   void tally(TickCounts& counts, std::int64_t value_ps, std::uint64_t count) const;
+  void tally_skew(Lane& lane, std::uint64_t skew_ps, std::uint64_t count) const;
   [[nodiscard]] std::vector<Bin> bins_of(const TickCounts& counts, double offset_ps) const;
   void open(CountWindow& window, std::int64_t value_ps, std::int64_t expected_ps,
             std::int64_t half_ps) const;

@@ -154,6 +154,9 @@ void take_columns(const IntervalAnalysis& analysis, const RecordingOptions& opti
       recording.channels[channel].intervals.add(column.channels[channel]);
     }
   }
+  for (ChannelRecording& channel : recording.channels) {
+    channel.spread = spread_of(channel.intervals.near, channel.deviations, channel.expected_ps / 2);
+  }
   const auto span =
       static_cast<std::uint64_t>(last_index) - static_cast<std::uint64_t>(counted.begin->first);
   const auto by =
@@ -167,9 +170,8 @@ void take_channels(const IntervalAnalysis& analysis, Recording& recording) {
     recording.tags.add(number, analysis.tags(number));
     ChannelRecording& channel = recording.channels[number];
     channel.deviations = analysis.deviations(number);
-    channel.spread = spread_of(channel.deviations, channel.expected_ps / 2);
     channel.skews = analysis.skews(number);
-    channel.skew = spread_of(channel.skews);
+    channel.skew = spread_of(analysis.skew(number), channel.skews);
   }
 }
 

@@ -117,11 +117,12 @@ std::string largest_error_of(const Facts& facts) {
   }
   const std::size_t runs = facts.recordings.size();
   return fmt::format(
-      "{} passed. The largest rate error of a channel is {} ppm, tolerance {:g} ppm: {}.",
+      "{} passed. The largest rate error of a channel is {} ppm, tolerance {} ppm: {}.",
       runs == 1   ? "The run"
       : runs == 2 ? "Both runs"
                   : "All " + counted(runs, "run"),
-      fixed_text(largest_ppm, 6), facts.settings.tolerance_ppm, place);
+      fixed_text(largest_ppm, 6, facts.settings.tolerance_ppm), facts.settings.tolerance_ppm,
+      place);
 }
 
 /// Of runs that were reported as passed.

@@ -36,8 +36,9 @@ bool shows_zero(std::string_view text) {
 /// To at most `digits` digits, in the first of `units`, each a thousand times the one before, that
 /// keeps the number below a thousand.
 std::string with_unit(double number, int digits, std::initializer_list<std::string_view> units) {
+  const double limit = 1000 - 0.5 * std::pow(10, -std::max(0, digits - 3));  // is shown as 1 000
   const auto* unit = units.begin();
-  for (; unit + 1 != units.end() && std::abs(number) >= 999.95; ++unit) {
+  for (; unit + 1 != units.end() && std::abs(number) >= limit; ++unit) {
     number /= 1000;
   }
   const double magnitude = std::abs(number);
@@ -47,7 +48,7 @@ std::string with_unit(double number, int digits, std::initializer_list<std::stri
     text.erase(text.find_last_not_of('0') + 1);
     text.erase(text.find_last_not_of('.') + 1);
   }
-  return text.append(kUnitSeparator).append(*unit);
+  return unit->empty() ? text : text.append(kUnitSeparator).append(*unit);
 }
 
 }  // namespace
@@ -70,6 +71,16 @@ std::string fixed_text(double number, int decimals) {
   return number < 0 && !shows_zero(digits) ? std::string(kMinus) + digits : digits;
 }
 
+std::string fixed_text(double number, int decimals, double limit) {
+  constexpr int kMostDecimals = 15;
+  const auto shown = [&] { return std::stod(fmt::format("{:.{}f}", number, decimals)); };
+  while (decimals < kMostDecimals && number != limit &&
+         (number < limit ? shown() >= limit : shown() <= limit)) {
+    ++decimals;
+  }
+  return fixed_text(number, decimals);
+}
+
 std::string signed_text(double number, int decimals) {
   const std::string text = fixed_text(number, decimals);
   return number > 0 && !shows_zero(text) ? '+' + text : text;
@@ -85,17 +96,12 @@ std::string signed_time_text(double time_ps) {
 
 std::string hz_text(double rate_hz) { return with_unit(rate_hz, 4, {"Hz", "kHz", "MHz"}); }
 
-std::string ppm_text(double ppm, double limit_ppm) {
-  constexpr int kMostDecimals = 9;
-  int decimals = 1;
-  while (decimals < kMostDecimals && fixed_text(ppm, decimals) == fixed_text(limit_ppm, decimals)) {
-    ++decimals;
-  }
-  return fixed_text(ppm, decimals) + std::string(kUnitSeparator) + "ppm";
-}
-
 std::string times_text(std::uint64_t number) {
   return number == 1 ? "once" : counted(number, "time");
+}
+
+std::string short_text(double number) {
+  return with_unit(number, 3, {"", "k", "M", "G", "T", "P", "E"});
 }
 
 std::string counted(std::uint64_t number, std::string_view thing) {

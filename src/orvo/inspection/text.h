@@ -12,6 +12,8 @@ namespace orvo::inspection {
 [[nodiscard]] std::string grouped(std::uint64_t number);
 [[nodiscard]] std::string grouped(std::int64_t number);
 [[nodiscard]] std::string fixed_text(double number, int decimals);
+/// With more decimals where these do not show on which side of `limit` it is.
+[[nodiscard]] std::string fixed_text(double number, int decimals, double limit);
 /// With a plus before what is above 0.
 [[nodiscard]] std::string signed_text(double number, int decimals);
 
@@ -20,10 +22,10 @@ namespace orvo::inspection {
 [[nodiscard]] std::string signed_time_text(double time_ps);
 /// "100 kHz", "0.4 Hz".
 [[nodiscard]] std::string hz_text(double rate_hz);
-/// An error beyond `limit_ppm`, with as many digits as show that it is.
-[[nodiscard]] std::string ppm_text(double ppm, double limit_ppm);
 /// "once", "2 times".
 [[nodiscard]] std::string times_text(std::uint64_t number);
+/// "10 k", to three digits.
+[[nodiscard]] std::string short_text(double number);
 /// "1 event", "2 events".
 [[nodiscard]] std::string counted(std::uint64_t number, std::string_view thing);
 

@@ -3,8 +3,10 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <iterator>
+#include <limits>
 #include <utility>
 
 #include "orvo/inspection/report/scale.h"
@@ -44,19 +46,25 @@ constexpr const char* kUp = "M-6 0H6L0-9z";
 constexpr const char* kDiamond = "M0-10L5-5L0 0L-5-5z";
 constexpr const char* kCircle = "M-4 0a4 4 0 1 0 8 0a4 4 0 1 0-8 0z";
 
+/// Bins that would touch, as one.
+struct Bar {
+  double y;
+  double low_ps;
+  double high_ps;
+  std::uint64_t count;
+};
+
 /// A run and where its values stand.
 struct Axes {
   explicit Axes(const Recording& recording)
       : run(recording),
         scale(run),
         first_ps(static_cast<double>(run.first_ps)),
-        span_ps(std::max(static_cast<double>(run.last_ps) - first_ps, 1.0)) {
-    for (const ChannelRecording& channel : run.channels) {
-      for (const std::vector<Bin>* bins : {&channel.deviations, &channel.skews}) {
-        for (const Bin& bin : *bins) {
-          largest_count = std::max(largest_count, static_cast<double>(bin.count));
-        }
-      }
+        span_ps(std::max(static_cast<double>(run.last_ps) - first_ps, 1.0)),
+        bar_px(std::clamp(0.8 * (scale.y(0) - scale.y(run.tick_ps)), 2.0, 11.0)) {
+    for (std::size_t i = 0; i < kChannels; ++i) {
+      deviations[i] = bars_of(run.channels[i].deviations, 0);
+      skews[i] = bars_of(run.channels[i].skews, run.channels[i].skew.median_ps);
     }
   }
 
@@ -78,7 +86,25 @@ struct Axes {
   Scale scale;
   double first_ps;
   double span_ps;
-  double largest_count = 10;
+  double bar_px;  // height of a bar
+  std::array<std::vector<Bar>, kChannels> deviations;
+  std::array<std::vector<Bar>, kChannels> skews;
+  double largest_count = 10;  // of a bar
+
+ private:
+  std::vector<Bar> bars_of(std::span<const Bin> bins, double middle_ps) {
+    std::vector<Bar> bars;
+    for (const Bin& bin : bins) {
+      const double y = kTopPx + scale.y(bin.value_ps - middle_ps);
+      if (bars.empty() || bars.back().y - y >= bar_px) {
+        bars.push_back({y, bin.value_ps - bin.width_ps / 2, 0, 0});
+      }
+      bars.back().high_ps = bin.value_ps + bin.width_ps / 2;
+      bars.back().count += bin.count;
+      largest_count = std::max(largest_count, static_cast<double>(bars.back().count));
+    }
+    return bars;
+  }
 };
 
 /// What happened to the whole stream: a line through all rows, and a shape at its head.
@@ -134,17 +160,20 @@ std::string draw_head(const Axes& axes, const std::vector<Mark>& marks) {
   svg.text("title", kTime.left, 12, "start", 0, "deviation over time");
   svg.text("title", kHistogram.left, 12, "start", 0, "counts");
   svg.text("title", kSkew.left, 12, "start", 0, axes.run.reference ? "skew" : "");
+  std::vector<std::string> all;
   for (const Mark& mark : marks) {
     const double x = kTime.width * axes.time_share(mark.time_ps);
+    all.push_back(fmt::format("{}, {}", mark.what, time_text(mark.time_ps - axes.first_ps)));
     svg.line(mark.kind, x, mark.head_px, x, kHeadPx);
-    svg.shape(mark.kind, x, mark.head_px, mark.shape,
-              fmt::format("{}, {}", mark.what, time_text(mark.time_ps - axes.first_ps)));
+    svg.shape(mark.kind, x, mark.head_px, mark.shape, all.back());
   }
-  return svg.element("plot", kHeadPx, "Marks of the whole stream");
+  return svg.element("plot", kHeadPx,
+                     fmt::format("Marks of the whole stream: {}",
+                                 all.empty() ? "none" : fmt::format("{}", fmt::join(all, "; "))));
 }
 
-void draw_frame(Svg& svg, const Axes& axes, const Panel& panel) {
-  for (const double tick : axes.scale.ticks()) {
+void draw_frame(Svg& svg, const Axes& axes, const Panel& panel, bool with_grid) {
+  for (const double tick : with_grid ? axes.scale.ticks() : std::vector<double>()) {
     const double y = kTopPx + axes.scale.y(tick);
     svg.line(tick == 0 ? "zero" : "grid", panel.left, y, panel.left + panel.width, y);
     if (panel.left == 0) {
@@ -173,14 +202,14 @@ bool draw_columns(Svg& svg, const Axes& axes, std::size_t number) {
     ++used;
     const double smallest_ps = channel.deviation_ps(s.shortest);
     const double largest_ps = channel.deviation_ps(s.longest);
-    const auto count = static_cast<double>(s.intervals);
-    const double mean_ps = s.deviations_ps / count;
-    const double spread_ps = std::sqrt(std::max(0.0, s.squares / count - mean_ps * mean_ps));
+    const double spread_ps = s.near.count == 0
+                                 ? std::numeric_limits<double>::infinity()
+                                 : std::sqrt(s.near.squares / static_cast<double>(s.near.count));
     if (largest_ps > smallest_ps) {
       stroke(all, index, largest_ps, smallest_ps);
     }
-    stroke(most, index, std::min(mean_ps + spread_ps, largest_ps),
-           std::max(mean_ps - spread_ps, smallest_ps));
+    stroke(most, index, std::min(s.near.mean_ps + spread_ps, largest_ps),
+           std::max(s.near.mean_ps - spread_ps, smallest_ps));
   }
   svg.layer("all", kTime.width, kTopPx, kPlotPx, all);
   svg.layer(used <= kSparseColumns ? "most sparse" : "most", kTime.width, kTopPx, kPlotPx, most);
@@ -217,35 +246,20 @@ bool draw_extreme(Svg& svg, const Axes& axes, double deviation_ps, std::int64_t 
   return true;
 }
 
-/// Bars where their values are on the row's scale, those that would touch as one.
-void draw_bars(Svg& svg, const Axes& axes, const Panel& panel, std::span<const Bin> bins,
-               double middle_ps, const char* thing) {
-  struct Bar {
-    double y;
-    double first_ps;
-    double last_ps;
-    std::uint64_t count;
-  };
-  const double spacing = axes.scale.y(0) - axes.scale.y(axes.run.tick_ps);
-  const double height = std::clamp(0.8 * spacing, 2.0, 11.0);
-  std::vector<Bar> bars;
-  for (const Bin& bin : bins) {
-    const double y = kTopPx + axes.scale.y(bin.value_ps - middle_ps);
-    if (bars.empty() || bars.back().y - y >= height) {
-      bars.push_back({y, bin.value_ps, bin.value_ps, 0});
-    }
-    bars.back().last_ps = bin.value_ps;
-    bars.back().count += bin.count;
-  }
+/// Bars where their values are on the row's scale: with names if there is room, else on its grid.
+void draw_bars(Svg& svg, const Axes& axes, const Panel& panel, std::span<const Bar> bars,
+               const char* thing) {
+  const bool named = bars.size() <= kMaxNamedBars && axes.bar_px > 8;
+  draw_frame(svg, axes, panel, !named);
   for (const Bar& bar : bars) {
     const double length = panel.width * axes.bar_share(static_cast<double>(bar.count));
-    const std::string first = signed_text(bar.first_ps, 1);
-    const std::string last = signed_text(bar.last_ps, 1);
-    svg.rect("bar", panel.left, bar.y - height / 2, length, height,
-             fmt::format("{}{} ps: {}", first, first == last ? "" : " to " + last,
+    const std::string low = signed_text(bar.low_ps, 1);
+    const std::string high = signed_text(bar.high_ps, 1);
+    svg.rect("bar", panel.left, bar.y - axes.bar_px / 2, length, axes.bar_px,
+             fmt::format("{}{} ps: {}", low, low == high ? "" : " to " + high,
                          counted(bar.count, thing)));
-    if (bars.size() <= kMaxNamedBars && height > 8) {
-      svg.text("bin", panel.left + length, bar.y + 3.5, "start", 4, first);
+    if (named) {
+      svg.text("bin", panel.left + length, bar.y + 3.5, "start", 4, low);
     }
   }
 }
@@ -261,7 +275,7 @@ std::string draw_row(const Axes& axes, const std::vector<Mark>& marks, std::size
     const double x = kTime.width * axes.time_share(mark.time_ps);
     svg.line(mark.kind, x, 0, x, kRowPx);
   }
-  draw_frame(svg, axes, kTime);
+  draw_frame(svg, axes, kTime, intervals.intervals != 0);
   const auto note = [&](const char* kind, bool drawn) {
     if (drawn) {
       kinds.insert(kind);
@@ -279,16 +293,15 @@ std::string draw_row(const Axes& axes, const std::vector<Mark>& marks, std::size
     note("far", draw_extreme(svg, axes, channel.largest_ps(), intervals.longest.time_ps));
     note("far", draw_extreme(svg, axes, channel.smallest_ps(), intervals.shortest.time_ps));
     note("overflow", overflow_varies && draw_overflow(svg, axes, number));
-    draw_frame(svg, axes, kHistogram);
-    draw_bars(svg, axes, kHistogram, channel.deviations, 0, "interval");
+    draw_bars(svg, axes, kHistogram, axes.deviations[number], "interval");
   }
   if (number == axes.run.reference) {
     svg.text("none", kSkew.left, middle_px - 6, "start", 4, "reference");
   } else if (channel.skew.count != 0) {
-    svg.text("channel", kSkew.left, kTopPx - 8, "start", 0,
-             signed_time_text(channel.skew.median_ps));
-    draw_frame(svg, axes, kSkew);
-    draw_bars(svg, axes, kSkew, channel.skews, channel.skew.median_ps, "event");
+    const std::string median = signed_time_text(channel.skew.median_ps);
+    description += ", median skew " + median;
+    svg.text("channel", kSkew.left, kTopPx - 8, "start", 0, median);
+    draw_bars(svg, axes, kSkew, axes.skews[number], "event");
   }
   return svg.element("plot", kRowPx, fmt::format("Channel {}, {}", number, description));
 }
@@ -299,10 +312,7 @@ void draw_count_axis(Svg& svg, const Axes& axes, const Panel& panel, const char*
   for (const double count : {1.0, most}) {
     const double x = panel.left + panel.width * axes.bar_share(count);
     svg.line("frame", x, 0, x, 5);
-    svg.text("tick", x, 17, "middle", 0,
-             count < 1e3   ? fmt::format("{}", count)
-             : count < 1e6 ? fmt::format("{}k", count / 1e3)
-                           : fmt::format("{}M", count / 1e6));
+    svg.text("tick", x, 17, "middle", 0, short_text(count));
   }
   svg.text("axis things", panel.left, 34, "start", 0, things);
 }
@@ -359,7 +369,7 @@ Figure draw_figure(const Recording& recording) {
 }
 
 std::string draw_rate_errors(std::span<const RateMark> marks, double tolerance_ppm) {
-  if (!(tolerance_ppm > 0) || !std::isfinite(tolerance_ppm)) {
+  if (marks.empty() || !(tolerance_ppm > 0) || !std::isfinite(tolerance_ppm)) {
     return {};
   }
   constexpr double kReach = 1.6;  // of the tolerance
@@ -368,14 +378,16 @@ std::string draw_rate_errors(std::span<const RateMark> marks, double tolerance_p
   Svg svg;
   svg.rect("tolerance", x(-tolerance_ppm), 1, 1 / kReach, kHeight - 2, "within the tolerance");
   svg.line("zero", 0.5, 1, 0.5, kHeight - 1);
+  std::vector<std::string> all;
   for (const RateMark& mark : marks) {
+    all.push_back(fmt::format("channel {}: {} ppm", mark.channel, signed_text(mark.ppm, 6)));
     const char* const shape = x(mark.ppm) > 1   ? "M-9-5L0 0L-9 5z"
                               : x(mark.ppm) < 0 ? "M9-5L0 0L9 5z"
                                                 : kCircle;
-    svg.shape(mark.state, std::clamp(x(mark.ppm), 0.0, 1.0), kHeight / 2, shape,
-              signed_text(mark.ppm, 6) + " ppm");
+    svg.shape(mark.state, std::clamp(x(mark.ppm), 0.0, 1.0), kHeight / 2, shape, all.back());
   }
-  return svg.element("rates", kHeight, "rate errors against the tolerance");
+  return svg.element("rates", kHeight,
+                     fmt::format("{}; tolerance ±{} ppm", fmt::join(all, ", "), tolerance_ppm));
 }
 
 }  // namespace orvo::inspection

@@ -2,6 +2,7 @@
 // escape. No state; any thread may call.
 #pragma once
 
+#include <cstddef>
 #include <set>
 #include <span>
 #include <string>
@@ -24,11 +25,13 @@ struct Figure {
 [[nodiscard]] Figure draw_figure(const Recording& recording);
 
 struct RateMark {
+  std::size_t channel = 0;
   double ppm = 0;
   const char* state = "good";  ///< its class: good, bad or unjudged
 };
 
-/// Rate errors against the tolerance, for a cell of a table; nothing for a tolerance of 0.
+/// Rate errors against the tolerance, for a cell of a table; nothing without marks, or for a
+/// tolerance of 0 or one without end.
 [[nodiscard]] std::string draw_rate_errors(std::span<const RateMark> marks, double tolerance_ppm);
 
 }  // namespace orvo::inspection

@@ -38,7 +38,7 @@ constexpr Form kForms[] = {{"ppm_error", 6, true},
 
 std::string number_text(const std::string& name, double value) {
   if (name == "tolerance_ppm" || name == "capture_s") {
-    return fmt::format("{:g}", value);
+    return fmt::format("{}", value);
   }
   const auto* const form = std::find_if(std::begin(kForms), std::end(kForms),
                                         [&](const Form& one) { return name == one.name; });
@@ -123,7 +123,7 @@ Json rows_of(const Facts& facts, const RecordingFacts& run, const Json& numbers)
   for (std::size_t c = 0; c < kChannels; ++c) {
     if (!numbers[c]["ppm_error"].is_null()) {
       const auto row = condensed ? static_cast<std::size_t>(worst - channels.begin()) : c;
-      marks[row].push_back({channels[c].ppm_error, state_of(facts, run, c).name});
+      marks[row].push_back({c, channels[c].ppm_error, state_of(facts, run, c).name});
     }
   }
   Json rows = Json::array();
@@ -136,7 +136,9 @@ Json rows_of(const Facts& facts, const RecordingFacts& run, const Json& numbers)
     row.update({{"state", state},
                 {"verdict", verdict},
                 {"first", rows.empty()},
-                {"rates", draw_rate_errors(marks[c], facts.settings.tolerance_ppm)}});
+                {"rates", run.verdict() == nullptr
+                              ? ""
+                              : draw_rate_errors(marks[c], facts.settings.tolerance_ppm)}});
     rows.push_back(std::move(row));
   }
   return rows;

@@ -60,25 +60,33 @@ class Scale {
         smallest_ps = std::min(smallest_ps, channel.smallest_ps());
         largest_ps = std::max(largest_ps, channel.largest_ps());
       }
+      if (!channel.skews.empty()) {
+        const double median_ps = channel.skew.median_ps;
+        smallest_ps = std::min(smallest_ps, channel.skews.front().value_ps - median_ps);
+        largest_ps = std::max(largest_ps, channel.skews.back().value_ps - median_ps);
+      }
     }
     common_ps = std::max(common_ps, std::min(skew_ps, kSkewReach * common_ps));
     farthest_ps_ = std::max({-smallest_ps, largest_ps, common_ps});
     const bool all_linear = farthest_ps_ <= kLinearReach * common_ps;
     linear_ps_ = all_linear ? farthest_ps_ : round_above(common_ps);
-    top_ = kRoom + std::max(1.0, units(largest_ps));
-    bottom_ = kRoom + std::max(1.0, -units(smallest_ps));
+    top_ = std::max(1.0, units(largest_ps));
+    bottom_ = std::max(1.0, -units(smallest_ps));
   }
 
-  /// From 0 at the top to kHeightPx at the bottom.
+  /// From kRoomPx below the top to kRoomPx above the bottom.
   [[nodiscard]] double y(double value_ps) const {
-    return kHeightPx * std::clamp((top_ - units(value_ps)) / (top_ + bottom_), 0.0, 1.0);
+    const double share = std::clamp((top_ - units(value_ps)) / (top_ + bottom_), 0.0, 1.0);
+    return kRoomPx + (kHeightPx - 2 * kRoomPx) * share;
   }
   [[nodiscard]] bool in_tail(double value_ps) const { return std::abs(value_ps) > linear_ps_; }
 
-  /// Round values, a line of text apart.
+  /// Round values, a line of text apart: 0 and at least one more, as half of what is linear is more
+  /// than a line.
   [[nodiscard]] std::vector<double> ticks() const {
     std::vector<double> ticks = {0};
-    std::vector<double> wanted = {round_below(linear_ps_)};
+    const double round_ps = round_below(linear_ps_);
+    std::vector<double> wanted = {2 * round_ps <= linear_ps_ ? 2 * round_ps : round_ps};
     double decade_ps = round_below(farthest_ps_);
     while (decade_ps > linear_ps_) {
       wanted.push_back(decade_ps);
@@ -98,7 +106,7 @@ class Scale {
 
  private:
   static constexpr double kTextPx = 13;      // a line of text
-  static constexpr double kRoom = 0.2;       // for what touches an end
+  static constexpr double kRoomPx = 6;       // for half of what touches an end
   static constexpr double kTail = 0.9;       // height of a logarithmic part; half the linear: 1
   static constexpr double kSkewReach = 2;    // times the deviations': a drift is not to hide them
   static constexpr double kLinearReach = 8;  // what is no farther is not worth a second scale
