@@ -38,7 +38,7 @@ constexpr Form kForms[] = {{"ppm_error", 6, true},
 
 std::string number_text(const std::string& name, double value) {
   if (name == "tolerance_ppm" || name == "capture_s") {
-    return fmt::format("{}", value);
+    return name == "capture_s" ? fmt::format("{:g}", value) : fmt::format("{}", value);
   }
   const auto* const form = std::find_if(std::begin(kForms), std::end(kForms),
                                         [&](const Form& one) { return name == one.name; });
