@@ -85,7 +85,7 @@ void add_inspection(Table& table) {
   constexpr double kVerify = 1.5;
   constexpr double kInfo = 2.5;
   constexpr double kJittery = 20;
-  constexpr double kReport = 3;
+  constexpr double kReport = 2.5;
   constexpr double kTags = 2;
   add_benchmark("ortime", measure_commands);
   table.add(Speed{"read a recording, 4 x 100 kHz", "ortime", "decode elapsed"});
