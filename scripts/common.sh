@@ -1,9 +1,14 @@
+# shellcheck shell=bash disable=SC2034  # what is set here is used where this is sourced
 # Sourced by the other scripts: what the build needs, installed where it is missing.
 # Everything said here goes to standard error; standard output belongs to what a script runs.
 
 project_dir=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
 read -r -a compiler <<<"${CXX:-c++}"  # with options, as CMake takes it
+if [ -n "${CXX-}" ] && ! command -v "${compiler[0]}" >/dev/null; then
+  echo "CXX is ${compiler[0]}, which is not there: install it, or unset CXX." >&2
+  exit 1
+fi
 
 build_packages=(cmake ninja-build g++)
 inspection_packages=(libcli11-dev libfmt-dev libkainjow-mustache-dev nlohmann-json3-dev)
@@ -46,6 +51,24 @@ found() {
   esac >/dev/null 2>&1
 }
 
+# quietly WHAT COMMAND...: says what is done and, on a terminal, how far ninja has come. The output of
+# the command is shown only where it fails, and is in no file that could be left.
+quietly() {
+  local what=$1 line output=
+  shift
+  printf '%s ...' "$what" >&2
+  while IFS= read -r line || [ -n "$line" ]; do
+    output+=$line$'\n'
+    if [ -t 2 ] && [[ $line =~ ^'['[0-9]+/[0-9]+']' ]]; then
+      printf '\r%s ... %s' "$what" "${BASH_REMATCH[0]}" >&2
+    fi
+  done < <("$@" 2>&1 </dev/null)
+  echo >&2
+  wait $! && return
+  printf '%s' "$output" >&2
+  return 1
+}
+
 # need_packages PACKAGE...: installs as root what is not found, else names the command that does.
 need_packages() {
   local missing=() package
@@ -57,9 +80,12 @@ need_packages() {
     echo "Missing. On Debian, as root: apt-get update && apt-get install -y ${missing[*]}" >&2
     exit 1
   fi
-  echo "Missing; installing: ${missing[*]}" >&2
-  { apt-get update -q && DEBIAN_FRONTEND=noninteractive apt-get install -q -y --no-install-recommends \
-      -o DPkg::Lock::Timeout=60 "${missing[@]}"; } >&2 </dev/null || exit 1
+  quietly "Missing; installing ${missing[*]}" install_packages "${missing[@]}" || exit 1
+}
+
+install_packages() {
+  apt-get update -q && DEBIAN_FRONTEND=noninteractive apt-get install -q -y --no-install-recommends \
+    -o DPkg::Lock::Timeout=60 "$@"
 }
 
 # need_sanitizers: clang with the libraries of its sanitizers, of whatever version it is.
@@ -83,19 +109,30 @@ usable_build_dir() {
   fi
 }
 
-# build PRESET TESTS: configures and builds, with tests (ON) or without (OFF, which needs no
-# GoogleTest); the whole output only where it fails.
-build() {
-  local preset=$1 log
-  usable_build_dir "$project_dir/build/$preset"
-  log=$(mktemp)
-  echo "Building ($preset) ..." >&2
-  if ! { cd "$project_dir" && cmake --preset "$preset" -DORVO_BUILD_TESTS="$2" &&
-         cmake --build --preset "$preset"; } >"$log" 2>&1; then
-    cat "$log" >&2
-    rm -f "$log"
-    echo "The build failed." >&2
+# same_compiler DIR: ends with a sentence where DIR was made by another compiler than CXX names.
+same_compiler() {
+  local dir=$1 made_by
+  made_by=$(sed -n 's/^CMAKE_CXX_COMPILER:[^=]*=//p' "$dir/CMakeCache.txt" 2>/dev/null) || return 0
+  if [ -n "${CXX-}" ] && ! [ "$made_by" -ef "$(command -v "${compiler[0]}")" ]; then
+    echo "$dir was made by $made_by, not ${compiler[0]}: remove it (rm -r '$dir') and start again." >&2
     exit 1
   fi
-  rm -f "$log"
+}
+
+# build PRESET TESTS [TARGET...]: configures, and builds all or the targets, with tests (ON) or without
+# (OFF, which needs no GoogleTest).
+build() {
+  local preset=$1 dir=$project_dir/build/$1
+  usable_build_dir "$dir"
+  case $preset in
+    release | verify | dev | bench) same_compiler "$dir" ;;  # the others bring their own
+  esac
+  quietly "Building ($preset)" build_quietly "$@" && return
+  echo "The build failed." >&2
+  exit 1
+}
+
+build_quietly() {
+  cd "$project_dir" && cmake --preset "$1" -DORVO_BUILD_TESTS="$2" &&
+    cmake --build --preset "$1" ${3:+--target "${@:3}"}
 }
