@@ -20,7 +20,7 @@ std::span<std::uint8_t> InputBuffer::prepare(std::size_t count) {
     return {storage_.get() + tail_, count};
   } else {
     const std::size_t capacity = needed + std::max(needed / 8, used);
-    auto storage = std::make_unique_for_overwrite<std::uint8_t[]>(capacity);
+    auto storage = std::unique_ptr<std::uint8_t[]>(new std::uint8_t[capacity]);  // not filled
     if (used > 0) {
       std::memcpy(storage.get(), data(), used);
     }
@@ -40,7 +40,7 @@ void InputBuffer::append(std::span<const std::uint8_t> bytes) {
 
 TimeTag* TagBuffer::room_for(std::size_t count) {
   if (count > capacity_) {
-    tags_ = std::make_unique_for_overwrite<TimeTag[]>(count);
+    tags_.reset(new TimeTag[count]);  // not filled
     capacity_ = count;
   }
   return tags_.get();
