@@ -224,7 +224,7 @@ ot_stop_stream_mode k=1 thread=1 stop_flag=1 status=0
         (self.folder / "bin" / SETTINGS).touch()
 
         def config_of(program):
-            said = self.run_whole(f"env PATH=.:$PATH ot-simulated {program} --output-root=out",
+            said = self.run_whole(f'env PATH=".:$PATH" ot-simulated {program} --output-root=out',
                                   "instruments=0").out
             return lines_with(said, "Config: ").replace(str(self.folder), "HERE")
 

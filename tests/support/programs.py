@@ -1,5 +1,6 @@
 """The real programs, run as a shell runs them: what they say, and what they leave."""
 
+import codecs
 import contextlib
 import math
 import os
@@ -32,6 +33,7 @@ class Process:
         for end in ends.values():
             os.close(end)
         self.pipes = {name: pipe for name, (pipe, _) in pipes.items()}
+        self.decoders = {name: codecs.getincrementaldecoder("utf-8")("surrogateescape") for name in pipes}
         self.out = self.err = self.ledger = ""
         self.status = None
 
@@ -40,7 +42,7 @@ class Process:
         for pipe in select.select(list(self.pipes.values()), [], [], 0.001)[0]:
             name = next(name for name in self.pipes if self.pipes[name] == pipe)
             block = os.read(pipe, 65536)
-            setattr(self, name, getattr(self, name) + block.decode("latin-1"))
+            setattr(self, name, getattr(self, name) + self.decoders[name].decode(block))
             if not block:
                 self.close(name)
 
@@ -146,7 +148,7 @@ class ProgramTest(unittest.TestCase):
     """A test in a folder of its own."""
 
     def setUp(self):
-        self.folder = pathlib.Path(tempfile.mkdtemp(prefix="orvo_test_")).resolve()
+        self.folder = pathlib.Path(tempfile.mkdtemp(prefix="orvo tést ")).resolve()
         self.addCleanup(shutil.rmtree, self.folder)
         self.root = self.folder / "out"  # of the tool's outputs
         self.cases = 0
