@@ -3,9 +3,33 @@
 set(ORVO_MAINTAINER "The Orvo timing tools' maintainers <maintainers@example.invalid>" CACHE STRING
     "Maintainer that the Debian packages name, with an address")
 
+# A release is what CHANGELOG.md gives a day. What is built between releases comes before the next one,
+# and grows with the commit, or with the build where something is not committed: apt installs it over
+# what was built earlier.
+file(READ "${PROJECT_SOURCE_DIR}/CHANGELOG.md" changelog)
+string(REPLACE "." "[.]" version_pattern "${PROJECT_VERSION}")
+if(changelog MATCHES "## \\[Unreleased\\]")
+  execute_process(COMMAND git -C "${PROJECT_SOURCE_DIR}" diff --quiet HEAD
+                  RESULT_VARIABLE differs OUTPUT_QUIET ERROR_QUIET)
+  if(differs EQUAL 0)
+    execute_process(COMMAND "${CMAKE_COMMAND}" -E env TZ=UTC0 git -C "${PROJECT_SOURCE_DIR}"
+                            log -1 --date=format-local:%Y%m%d.%H%M%S --format=%cd+%h
+                    OUTPUT_VARIABLE built OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
+  else()
+    string(TIMESTAMP built "%Y%m%d.%H%M%S" UTC)
+  endif()
+  set(package_version "${PROJECT_VERSION}~dev${built}")
+  string(SUBSTRING "${built}" 0 8 CPACK_ORVO_DATE)
+elseif(changelog MATCHES "## \\[${version_pattern}\\] - ([0-9]+-[0-9]+-[0-9]+)")
+  set(package_version "${PROJECT_VERSION}")
+  set(CPACK_ORVO_DATE "${CMAKE_MATCH_1}")
+else()
+  message(FATAL_ERROR "CHANGELOG.md has neither an unreleased entry nor a dated one for ${PROJECT_VERSION}")
+endif()
+
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME orvo-timing-tools)
-set(CPACK_PACKAGE_VERSION "${PROJECT_VERSION}")
+set(CPACK_PACKAGE_VERSION "${package_version}")
 set(CPACK_PACKAGE_CONTACT "${ORVO_MAINTAINER}")
 set(CPACK_STRIP_FILES ON)
 set(CPACK_COMPONENTS_ALL tools)

@@ -15,13 +15,8 @@ function(run)
   set(run_output "${output}" PARENT_SCOPE)
 endfunction()
 
-# The packages' own history: the release, on the day that the changelog gives it.
-file(READ "${CPACK_ORVO_CHANGELOG}" changelog)
-string(REPLACE "." "[.]" version_pattern "${CPACK_PACKAGE_VERSION}")
-if(NOT changelog MATCHES "## \\[${version_pattern}\\] - ([0-9]+-[0-9]+-[0-9]+)")
-  message(FATAL_ERROR "CHANGELOG.md has no dated entry for ${CPACK_PACKAGE_VERSION}")
-endif()
-run(date -u -R -d ${CMAKE_MATCH_1})
+# The packages' own history: this version, on the day that it is from.
+run(date -u -R -d "${CPACK_ORVO_DATE}")
 set(date "${run_output}")
 
 foreach(component ${CPACK_COMPONENTS_ALL})
@@ -34,7 +29,7 @@ foreach(component ${CPACK_COMPONENTS_ALL})
   file(WRITE "${doc_dir}/changelog.Debian"
 "${package} (${debian_version}) unstable; urgency=medium
 
-  * Release ${CPACK_PACKAGE_VERSION}; what changed is in changelog.gz.
+  * Version ${CPACK_PACKAGE_VERSION}; what changed is in changelog.gz.
 
  -- ${CPACK_PACKAGE_CONTACT}  ${date}
 ")

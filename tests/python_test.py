@@ -50,6 +50,12 @@ class Recordings(unittest.TestCase):
             self.assertGreater(len(expected), 50)
             np.testing.assert_array_equal(ot.Recording(file, 8192).tags(), expected)
 
+    def test_says_its_version_and_what_it_lacks(self):
+        self.assertEqual(f"ortime {ot.__version__}\n", shell("ortime --version").stdout)
+        no_numpy = "import sys; sys.modules['numpy'] = None; import orvo_timing"
+        self.assertIn(f"orvo_timing needs NumPy, which {sys.executable} cannot import\n",
+                      shell(f'"{sys.executable}" -c "{no_numpy}"').stderr)
+
     def test_blocks_of_any_size_are_the_tags(self):
         def blocks_of(max_tags):
             return list(ot.Recording(str(self.file), chunk_bytes=5000).blocks(max_tags))

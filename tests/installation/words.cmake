@@ -106,7 +106,12 @@ if(ORTIME)
   expect_same("ortime --version" "ortime ${VERSION}\n" "${text}")
 endif()
 
-# The newest entry of the changelog is this version's.
+# The newest entry of the changelog is this version's, or of changes that this version will bring.
 read(text CHANGELOG.md)
 string(REGEX MATCH "\n## +([0-9.]+) " unused "${text}")
-expect_same("CHANGELOG.md" "${CMAKE_MATCH_1}" "${VERSION}")
+set(released "${CMAKE_MATCH_1}")
+if(NOT text MATCHES "\n## +Unreleased ")
+  expect_same("CHANGELOG.md" "${released}" "${VERSION}")
+elseif(NOT VERSION VERSION_GREATER released)
+  message(SEND_ERROR "CHANGELOG.md has changes since ${released}: raise the VERSION of project()")
+endif()

@@ -394,6 +394,7 @@ PYBIND11_MODULE(_native, module) {
   py::options options;
   options.disable_enum_members_docstring();  // which help() would not show
   PYBIND11_NUMPY_DTYPE(TimeTag, channel, time_ps);
+  module.attr("__version__") = ORVO_VERSION;
   define_errors(module);
   define_header(module);
   define_lock_events(module);

@@ -15,14 +15,20 @@ from __future__ import annotations
 
 import dataclasses
 import os
+import sys
 import types
+
+try:
+    import numpy as _numpy
+except ImportError as error:
+    raise ImportError(f"orvo_timing needs NumPy, which {sys.executable} cannot import") from error
 
 from . import _native
 from ._native import (
-    Error, Format, FormatError, Header, LockEvent, LockKind, Mode, Recording, Transport)
+    Error, Format, FormatError, Header, LockEvent, LockKind, Mode, Recording, Transport, __version__)
 
 __all__ = ["ChannelResult", "Error", "Facts", "Format", "FormatError", "Header", "LockEvent", "LockKind",
-           "Mode", "Recording", "RunResult", "Transport", "judge", "load_run", "verify"]
+           "Mode", "Recording", "RunResult", "Transport", "__version__", "judge", "load_run", "verify"]
 
 for _public in (Format, Header, LockEvent, LockKind, Mode, Recording, Transport):
     _public.__module__ = __name__

@@ -5,6 +5,8 @@ from typing import Any, ClassVar
 
 import numpy as np
 
+__version__: str
+
 class Error(Exception):
     status: int
 
