@@ -60,3 +60,10 @@ write_basic_package_version_file("${PROJECT_BINARY_DIR}/installed/orvo_timing-co
 install(FILES "${PROJECT_BINARY_DIR}/installed/orvo_timing-config.cmake"
               "${PROJECT_BINARY_DIR}/installed/orvo_timing-config-version.cmake"
         DESTINATION "${package_dir}")
+
+# The first two of them for pkg-config; a driver would have to be named.
+file(RELATIVE_PATH prefix_from_pkg_config
+     "${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig" "${CMAKE_INSTALL_PREFIX}")
+configure_file(cmake/orvo_timing.pc.in installed/orvo_timing.pc @ONLY)
+install(FILES "${PROJECT_BINARY_DIR}/installed/orvo_timing.pc"
+        DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig")

@@ -13,7 +13,7 @@ fi
 build_packages=(cmake ninja-build g++)
 inspection_packages=(libcli11-dev libfmt-dev libkainjow-mustache-dev nlohmann-json3-dev)
 python_packages=(pybind11-dev python3-dev python3-numpy)
-test_packages=("${build_packages[@]}" "${inspection_packages[@]}" "${python_packages[@]}" libgtest-dev)
+test_packages=("${build_packages[@]}" "${inspection_packages[@]}" "${python_packages[@]}" libgtest-dev pkgconf)
 
 # includes HEADER: whether the compiler finds it, or a prefix that CMake is told to search has it.
 includes() {
@@ -32,7 +32,8 @@ python() {
 # found PACKAGE: whether what that Debian package brings is there, wherever it comes from.
 found() {
   case $1 in
-    cmake | clang-tidy | file) command -v "$1" ;;
+    cmake | clang-format | clang-tidy | file | mypy | shellcheck) command -v "$1" ;;
+    pkgconf) command -v pkg-config ;;
     ninja-build) command -v ninja ;;
     g++) command -v "${compiler[0]}" ;;
     clang) command -v clang++ ;;
