@@ -57,7 +57,7 @@ class RunResult:
 
     divider, effective_hz: of the calibration source, and the rate that it generates with it.
     expected_decoded_hz: the same rate in the instrument's own time. overflow_required: one record
-    cannot carry the expected period. decoded_tags: of all channels. channels: by channel number.
+    cannot carry the expected period. decoded_tags: of all channels. channels: all four, by number.
     """
 
     passed: bool
@@ -66,7 +66,7 @@ class RunResult:
     expected_decoded_hz: float
     overflow_required: bool
     decoded_tags: int
-    channels: tuple[ChannelResult, ChannelResult, ChannelResult, ChannelResult]
+    channels: tuple[ChannelResult, ...]
 
 
 def judge(path: str | os.PathLike[str], divider: int, *, channel_mask: int | None = None,
