@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "orvo/inspection/lock_history.h"
-#include "orvo/inspection/text.h"
 #include "orvo/inspection/stream_input.h"
+#include "orvo/inspection/text.h"
 
 namespace orvo::inspection {
 namespace {

@@ -108,7 +108,7 @@ def load_run(path: str | os.PathLike[str]) -> Facts:
     Raises OSError where there is nothing, FormatError where the report is none, Error else.
     """
     os.stat(path)
-    run = _native.load_run(path, Facts)
+    run: Facts = _native.load_run(path, Facts)
     run.passed = run.verdict.reported_passed
     return run
 
@@ -126,6 +126,7 @@ def verify(path: str | os.PathLike[str], *, tolerance_ppm: float | None = None,
     Raises what load_run() and judge() raise; a recording that cannot be read has its `error`.
     """
     os.stat(path)
-    run = _native.verify(path, tolerance_ppm, min_tags_per_channel, channel_mask, chunk_bytes, Facts)
+    run: Facts = _native.verify(path, tolerance_ppm, min_tags_per_channel, channel_mask, chunk_bytes,
+                                Facts)
     run.passed = run.verdict.passed
     return run
