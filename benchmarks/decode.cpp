@@ -5,7 +5,7 @@
 #include <stdexcept>
 
 #include "kernels.h"
-#include "orvo/timing/record_decoder.h"
+#include "orvo/timing/stream_decoder.h"
 #include "streams.h"
 #include "support/plain_decoder.h"
 #include "topics.h"
@@ -17,9 +17,7 @@ constexpr std::size_t kPlainChunks = 16;
 // Enough for every channel's first sync, and little to search for a lock in.
 constexpr std::size_t kLockBytes = 512;
 
-void append(FastDecoder& decoder, std::span<const std::uint8_t> bytes) {
-  decoder.input_buffer.append(bytes);
-}
+void append(FastDecoder& decoder, std::span<const std::uint8_t> bytes) { decoder.append(bytes); }
 
 void append(tests::PlainDecoder& decoder, std::span<const std::uint8_t> bytes) {
   decoder.input_buffer.insert(decoder.input_buffer.end(), bytes.begin(), bytes.end());

@@ -6,22 +6,29 @@
 #include <string>
 #include <vector>
 
-#include "orvo/timing/packed/packed_delta.h"
+#include "orvo/timing/stream_decoder.h"
 
 namespace orvo::benchmarks {
 
-/// The packed-delta decoder with its input.
+/// The packed-delta decoder by the names of the plain one.
 class FastDecoder {
  public:
-  explicit FastDecoder(const timing::StreamFileHeader& header) : decoder_(header) {}
+  explicit FastDecoder(const timing::StreamFileHeader& header)
+      : decoder_(timing::StreamDecoder::make(header)) {}
 
-  std::span<const timing::TimeTag> feed_packed_delta() { return decoder_.feed(input_buffer); }
-  [[nodiscard]] bool locked() const { return decoder_.locked(); }
-
-  timing::InputBuffer input_buffer;
+  void append(std::span<const std::uint8_t> bytes) { decoder_->append(bytes); }
+  std::span<const timing::TimeTag> feed_packed_delta() {
+    const std::span<const timing::TimeTag> tags = decoder_->feed();
+    for (const timing::LockEvent& event : decoder_->lock_events()) {
+      locked_ = event.kind == timing::LockEvent::Kind::locked;
+    }
+    return tags;
+  }
+  [[nodiscard]] bool locked() const { return locked_; }
 
  private:
-  timing::PackedDeltaDecoder decoder_;
+  std::unique_ptr<timing::StreamDecoder> decoder_;
+  bool locked_ = false;
 };
 
 /// Those that this processor can run, by the names that force them.

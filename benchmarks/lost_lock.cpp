@@ -33,7 +33,7 @@ Figures measure() {
   for (const std::string& kernel : kernels()) {
     const auto decoder = make_decoder(stream.header, kernel);
     figures[kernel] = seconds_per_chunk(stream, kChunks, [&](auto bytes) {
-      decoder->input_buffer.append(bytes);
+      decoder->append(bytes);
       benchmark::DoNotOptimize(decoder->feed_packed_delta().data());
       return decoder->locked();
     });

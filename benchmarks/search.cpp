@@ -4,7 +4,7 @@
 #include <utility>
 
 #include "orvo/timing/packed/alignment.h"
-#include "orvo/timing/record_decoder.h"
+#include "orvo/timing/stream_decoder.h"
 #include "streams.h"
 #include "support/plain_decoder.h"
 #include "topics.h"

@@ -86,11 +86,11 @@ double live_ps_of(const simulator::Settings& settings, const simulator::StreamCo
 /// Counts the tags. Throws unless every chunk decodes and has its wrap.
 void examine(PackedStream& stream) {
   FastDecoder decoder(stream.header);
-  decoder.input_buffer.append(stream.warm_up());
+  decoder.append(stream.warm_up());
   std::int64_t wraps = decoder.feed_packed_delta().back().time_ps / std::int64_t{kWrapPs};
   std::size_t tags = 0;
   for (std::size_t k = 0; k < kChunks; ++k) {
-    decoder.input_buffer.append(stream.chunk(k));
+    decoder.append(stream.chunk(k));
     const auto batch = decoder.feed_packed_delta();
     if (!decoder.locked() || batch.back().time_ps / std::int64_t{kWrapPs} != ++wraps) {
       throw std::logic_error("a stream is not as it should be");

@@ -8,7 +8,7 @@
 #include "kernels.h"
 #include "orvo/timing/packed/record_groups.h"
 #include "orvo/timing/packed/records.h"
-#include "orvo/timing/record_decoder.h"
+#include "orvo/timing/stream_decoder.h"
 #include "streams.h"
 #include "support/plain_decoder.h"
 #include "topics.h"

@@ -35,9 +35,9 @@ std::string decoded(Format format, const char* raw64_tag_format, const Bytes& by
   timing::StreamFileHeader header;
   header.stream_format = format;
   header.raw64_tag_format = raw64_tag_format;
-  timing::StreamDecoder decoder(header);
-  std::string tags = text_of(feed(decoder, bytes));
-  EXPECT_LT(decoder.buffered_bytes(), format == Format::delta32 ? 4U : 8U);
+  const auto decoder = timing::StreamDecoder::make(header);
+  std::string tags = text_of(feed(*decoder, bytes));
+  EXPECT_LT(decoder->buffered_bytes(), format == Format::delta32 ? 4U : 8U);
   return tags;
 }
 

@@ -125,10 +125,10 @@ std::vector<Instrument> recordings(std::uint64_t clock_ps) {
 /// The tags of each chunk, of which the first one has `first_bytes`.
 std::vector<Tags> decode(const timing::StreamFileHeader& header, std::span<const std::uint8_t> rest,
                          std::size_t first_bytes, std::size_t bytes) {
-  timing::StreamDecoder decoder(header);
+  const auto decoder = timing::StreamDecoder::make(header);
   std::vector<Tags> chunks;
   for (std::size_t count = first_bytes; !rest.empty(); count = std::min(bytes, rest.size())) {
-    chunks.push_back(feed(decoder, rest.first(count)));
+    chunks.push_back(feed(*decoder, rest.first(count)));
     rest = rest.subspan(count);
   }
   return chunks;

@@ -3,11 +3,12 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <memory>
 #include <span>
 #include <sstream>
 #include <string>
 
-#include "orvo/timing/packed/packed_delta.h"
+#include "orvo/timing/stream_decoder.h"
 #include "support/decoding.h"
 #include "support/plain_decoder.h"
 
@@ -15,21 +16,22 @@ namespace orvo::tests {
 
 class DecoderPair {
  public:
+  /// `header` must describe packed-delta records that can be decoded.
   explicit DecoderPair(const timing::StreamFileHeader& header)
-      : header_(header), fast_(header), plain_(header) {}
+      : header_(header), fast_(timing::StreamDecoder::make(header)), plain_(header) {}
 
   /// Names what differs after the feed; empty when nothing does.
   std::string feed(std::span<const std::uint8_t> bytes) {
-    input_.append(bytes);
+    fast_->append(bytes);
     plain_.input_buffer.insert(plain_.input_buffer.end(), bytes.begin(), bytes.end());
     const std::size_t events = plain_.log.size();
-    const std::span<const timing::TimeTag> tags = fast_.feed(input_);
+    const std::span<const timing::TimeTag> tags = fast_->feed();
     last_tags = plain_.feed_packed_delta();
-    const std::string lines = lines_of(fast_.lock_events());
+    const std::string lines = lines_of(fast_->lock_events());
     const std::string plain_lines = lines_of(std::span(plain_.log).subspan(events));
     if (lines != plain_lines) return lines + "instead of " + plain_lines;
     if (!std::equal(tags.begin(), tags.end(), last_tags.begin(), last_tags.end())) return "tags";
-    return input_.size() == plain_.input_buffer.size() ? "" : "remaining bytes";
+    return fast_->buffered_bytes() == plain_.input_buffer.size() ? "" : "remaining bytes";
   }
 
   /// The same in chunks of the sizes that `next_bytes` names.
@@ -60,8 +62,7 @@ class DecoderPair {
   }
 
   timing::StreamFileHeader header_;
-  timing::InputBuffer input_;
-  timing::PackedDeltaDecoder fast_;
+  std::unique_ptr<timing::StreamDecoder> fast_;
   PlainDecoder plain_;
 };
 

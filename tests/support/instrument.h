@@ -60,11 +60,11 @@ struct Instrument {
   /// Calls `take` with the tags of the whole stream, decoded in chunks.
   template <typename Take>
   void for_each_batch(std::size_t chunk_bytes, const Take& take) const {
-    timing::StreamDecoder decoder(header());
+    const auto decoder = timing::StreamDecoder::make(header());
     simulator::Stream bytes = stream();
-    while (const auto got = bytes.read(decoder.prepare(chunk_bytes), simulator::kNever - 1)) {
-      decoder.commit(got);
-      take(decoder.feed());
+    while (const auto got = bytes.read(decoder->prepare(chunk_bytes), simulator::kNever - 1)) {
+      decoder->commit(got);
+      take(decoder->feed());
     }
   }
 };

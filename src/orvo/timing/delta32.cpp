@@ -37,22 +37,22 @@ bool is_event(std::uint32_t word) {
 
 }  // namespace
 
-std::span<const TimeTag> Delta32Decoder::feed(InputBuffer& input) {
-  TimeTag* const tags = tags_.room_for(input.size() / kWordBytes);
+std::span<const TimeTag> Delta32Decoder::feed() {
+  TimeTag* const tags = tags_.room_for(input_.size() / kWordBytes);
   TimeTag* end = tags;
   std::size_t position = 0;
   for (;;) {
     if (sync_ == Sync::searching) {
-      if (!find_marker(input, position)) {
+      if (!find_marker(position)) {
         break;
       }
       position = 0;
     }
-    if (input.size() - position < kWordBytes) {
-      input.remove_front(position);
+    if (input_.size() - position < kWordBytes) {
+      input_.remove_front(position);
       break;
     }
-    if (handle_word(detail::load_big_endian_32(input.data() + position), end)) {
+    if (handle_word(detail::load_big_endian_32(input_.data() + position), end)) {
       position += kWordBytes;
     } else {
       // The word stays: the marker may begin inside it, and where a chunk ends must not matter.
@@ -64,16 +64,16 @@ std::span<const TimeTag> Delta32Decoder::feed(InputBuffer& input) {
   return tags_.first(static_cast<std::size_t>(end - tags));
 }
 
-bool Delta32Decoder::find_marker(InputBuffer& input, std::size_t from) {
+bool Delta32Decoder::find_marker(std::size_t from) {
   static constexpr std::array<std::uint8_t, kWordBytes> kMarkerBytes = {0xEB, 0x5A, 0x55, 0xAA};
-  const std::span<const std::uint8_t> bytes = input.bytes();
+  const std::span<const std::uint8_t> bytes = input_.bytes();
   const auto found = std::search(bytes.begin() + static_cast<std::ptrdiff_t>(from), bytes.end(),
                                  kMarkerBytes.begin(), kMarkerBytes.end());
   if (found == bytes.end()) {
-    input.keep_back(std::min(bytes.size(), kWordBytes - 1));
+    input_.keep_back(std::min(bytes.size(), kWordBytes - 1));
     return false;
   }
-  input.remove_front(static_cast<std::size_t>(found - bytes.begin()) + kWordBytes);
+  input_.remove_front(static_cast<std::size_t>(found - bytes.begin()) + kWordBytes);
   expect_base_time();
   return true;
 }

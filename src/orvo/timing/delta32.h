@@ -10,18 +10,18 @@
 #include <cstdint>
 #include <optional>
 
-#include "orvo/timing/record_decoder.h"
+#include "orvo/timing/stream_decoder.h"
 
 namespace orvo::timing {
 
-class Delta32Decoder final : public RecordDecoder {
+class Delta32Decoder final : public StreamDecoder {
  public:
-  std::span<const TimeTag> feed(InputBuffer& input) override;
+  std::span<const TimeTag> feed() override;
 
  private:
   enum class Sync { searching, time_low, time_high, running };  // the word that comes next
 
-  [[nodiscard]] bool find_marker(InputBuffer& input, std::size_t from);
+  [[nodiscard]] bool find_marker(std::size_t from);
   void expect_base_time();
   [[nodiscard]] bool handle_word(std::uint32_t word, TimeTag*& tags);
   [[nodiscard]] bool handle_running(std::uint32_t word, TimeTag*& tags);
@@ -32,7 +32,6 @@ class Delta32Decoder final : public RecordDecoder {
   std::optional<std::uint64_t> base_time_ps_;  // anchors the next event
   std::uint64_t overflow_ = 0;                 // periods of 2^25 ps since the last event
   std::array<std::optional<std::int64_t>, 4> last_time_ps_;  // of each channel
-  TagBuffer tags_;
 };
 
 }  // namespace orvo::timing

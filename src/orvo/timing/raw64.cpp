@@ -67,10 +67,9 @@ Raw64Decoder::Raw64Decoder(const StreamFileHeader& header) {
   }
 }
 
-std::span<const TimeTag> Raw64Decoder::feed(InputBuffer& input) {
-  TimeTag* const tags = tags_.room_for(input.size() / kRecordBytes);
-  return tags_.first(fine_table_.empty() ? decode_ps(input, tags)
-                                         : decode_coarse_fine(input, tags));
+std::span<const TimeTag> Raw64Decoder::feed() {
+  TimeTag* const tags = tags_.room_for(input_.size() / kRecordBytes);
+  return tags_.first(fine_table_.empty() ? decode_ps(tags) : decode_coarse_fine(tags));
 }
 
 std::uint64_t Raw64Decoder::Channel::continued(std::uint64_t time, std::uint64_t wrap) {
@@ -82,9 +81,9 @@ std::uint64_t Raw64Decoder::Channel::continued(std::uint64_t time, std::uint64_t
   return time + epoch;
 }
 
-std::size_t Raw64Decoder::decode_ps(InputBuffer& input, TimeTag* tags) {
+std::size_t Raw64Decoder::decode_ps(TimeTag* tags) {
   TimeTag* end = tags;
-  scan(input, kPsFixedBits, 0, [&](std::uint8_t channel, std::uint64_t record) {
+  scan(input_, kPsFixedBits, 0, [&](std::uint8_t channel, std::uint64_t record) {
     const std::uint64_t time_ps = (record & kPsTimeMask) % detail::kWrapPs;
     *end++ = {channel,
               static_cast<std::int64_t>(channels_[channel].continued(time_ps, detail::kWrapPs))};
@@ -92,9 +91,9 @@ std::size_t Raw64Decoder::decode_ps(InputBuffer& input, TimeTag* tags) {
   return static_cast<std::size_t>(end - tags);
 }
 
-std::size_t Raw64Decoder::decode_coarse_fine(InputBuffer& input, TimeTag* tags) {
+std::size_t Raw64Decoder::decode_coarse_fine(TimeTag* tags) {
   TimeTag* end = tags;
-  scan(input, kCoarseFineFixedBits, kCoarseFineMarker,
+  scan(input_, kCoarseFineFixedBits, kCoarseFineMarker,
        [&](std::uint8_t channel, std::uint64_t record) {
          const std::uint64_t coarse =
              channels_[channel].continued(record >> kCoarseShift & (kCoarseWrap - 1), kCoarseWrap);

@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "orvo/timing/record_decoder.h"
+#include "orvo/timing/stream_decoder.h"
 
 namespace orvo::timing {
 
@@ -24,13 +24,13 @@ inline constexpr std::size_t kFineTableSize = 8192;
 
 }  // namespace detail
 
-class Raw64Decoder final : public RecordDecoder {
+class Raw64Decoder final : public StreamDecoder {
  public:
   /// The layout is coarse and fine counts where the header's raw64_tag_format is "raw_cf" in any
   /// case, picoseconds otherwise.
   explicit Raw64Decoder(const StreamFileHeader& header);
 
-  std::span<const TimeTag> feed(InputBuffer& input) override;
+  std::span<const TimeTag> feed() override;
 
  private:
   struct Channel {
@@ -42,12 +42,11 @@ class Raw64Decoder final : public RecordDecoder {
     std::uint64_t continued(std::uint64_t time, std::uint64_t wrap);
   };
 
-  std::size_t decode_ps(InputBuffer& input, TimeTag* tags);
-  std::size_t decode_coarse_fine(InputBuffer& input, TimeTag* tags);
+  std::size_t decode_ps(TimeTag* tags);
+  std::size_t decode_coarse_fine(TimeTag* tags);
 
   std::vector<std::int64_t> fine_table_;  // of the coarse/fine layout; empty in the other
   std::array<Channel, 4> channels_;
-  TagBuffer tags_;
 };
 
 }  // namespace orvo::timing

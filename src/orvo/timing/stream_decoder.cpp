@@ -1,56 +1,66 @@
 #include "orvo/timing/stream_decoder.h"
 
+#include <algorithm>
+#include <cstring>
+#include <new>
+#include <utility>
+
 #include "orvo/timing/delta32.h"
 #include "orvo/timing/packed/packed_delta.h"
 #include "orvo/timing/raw64.h"
-#include "orvo/timing/record_decoder.h"
 
 namespace orvo::timing {
 
-std::unique_ptr<RecordDecoder> make_record_decoder(const StreamFileHeader& header) {
+std::span<std::uint8_t> InputBuffer::prepare(std::size_t count) {
+  const std::size_t used = size();
+  if (count > SIZE_MAX / 4 - used) {
+    throw std::bad_alloc();
+  }
+  const std::size_t needed = used + count + kSlackBytes;
+  if (head_ >= used && capacity_ >= needed && head_ > 0) {
+    // Moves no more bytes than were consumed since the last move: linear in the bytes received.
+    std::memmove(storage_.get(), data(), used);
+  } else if (capacity_ - head_ >= needed) {
+    return {storage_.get() + tail_, count};
+  } else {
+    const std::size_t capacity = needed + std::max(needed / 8, used);
+    auto storage = std::unique_ptr<std::uint8_t[]>(new std::uint8_t[capacity]);  // not filled
+    if (used > 0) {
+      std::memcpy(storage.get(), data(), used);
+    }
+    storage_ = std::move(storage);
+    capacity_ = capacity;
+  }
+  head_ = 0;
+  tail_ = used;
+  return {storage_.get() + tail_, count};
+}
+
+void InputBuffer::append(std::span<const std::uint8_t> bytes) {
+  const std::span<std::uint8_t> room = prepare(bytes.size());
+  std::copy(bytes.begin(), bytes.end(), room.begin());
+  commit(bytes.size());
+}
+
+TimeTag* TagBuffer::room_for(std::size_t count) {
+  if (count > capacity_) {
+    tags_.reset(new TimeTag[count]);  // not filled
+    capacity_ = count;
+  }
+  return tags_.get();
+}
+
+std::unique_ptr<StreamDecoder> StreamDecoder::make(const StreamFileHeader& header) {
   switch (header.stream_format) {
     case Format::raw64:
       return std::make_unique<Raw64Decoder>(header);
     case Format::delta32:
       return std::make_unique<Delta32Decoder>();
     case Format::packed_delta:
-      return PackedDeltaDecoder::decodes(header) ? std::make_unique<PackedDeltaDecoder>(header)
-                                                 : nullptr;
+      return detail::PackedFormat(header).valid() ? std::make_unique<PackedDeltaDecoder>(header)
+                                                  : nullptr;
   }
   return nullptr;
 }
-
-bool StreamDecoder::decodes(const StreamFileHeader& header) {
-  return make_record_decoder(header) != nullptr;
-}
-
-StreamDecoder::StreamDecoder(const StreamFileHeader& header)
-    : input_(std::make_unique<InputBuffer>()), records_(make_record_decoder(header)) {}
-
-StreamDecoder::~StreamDecoder() = default;
-StreamDecoder::StreamDecoder(StreamDecoder&&) noexcept = default;
-StreamDecoder& StreamDecoder::operator=(StreamDecoder&&) noexcept = default;
-
-void StreamDecoder::append(std::span<const std::uint8_t> bytes) { input_->append(bytes); }
-
-std::span<std::uint8_t> StreamDecoder::prepare(std::size_t count) { return input_->prepare(count); }
-
-void StreamDecoder::commit(std::size_t count) noexcept { input_->commit(count); }
-
-std::span<const TimeTag> StreamDecoder::feed() {
-  if (records_ == nullptr) {
-    return {};
-  }
-  return records_->feed(*input_);
-}
-
-std::span<const LockEvent> StreamDecoder::lock_events() const noexcept {
-  if (records_ == nullptr) {
-    return {};
-  }
-  return records_->lock_events();
-}
-
-std::uint64_t StreamDecoder::buffered_bytes() const noexcept { return input_->size(); }
 
 }  // namespace orvo::timing

@@ -1,7 +1,6 @@
 #include "orvo/timing/stream_files.h"
 
 #include <algorithm>
-#include <optional>
 #include <utility>
 
 #include "orvo/timing/stream_decoder.h"
@@ -160,8 +159,8 @@ struct StreamFileReader::File {
   StreamFileHeader header;
   std::uint64_t payload_start_bytes = 0;
   std::uint64_t payload_read_bytes = 0;
-  std::optional<StreamDecoder> decoder;  // from the first read on
-  std::span<const TimeTag> pending;      // in the decoder's storage
+  std::unique_ptr<StreamDecoder> decoder;  // from the first read on; null: of no known records
+  std::span<const TimeTag> pending;        // in the decoder's storage
 };
 
 StreamFileReader::StreamFileReader() = default;
@@ -205,7 +204,7 @@ std::uint64_t StreamFileReader::read_bytes() const noexcept {
 }
 
 std::uint64_t StreamFileReader::undecoded_bytes() const noexcept {
-  return file_ != nullptr && file_->decoder ? file_->decoder->buffered_bytes() : 0;
+  return file_ != nullptr && file_->decoder != nullptr ? file_->decoder->buffered_bytes() : 0;
 }
 
 std::vector<TimeTag> StreamFileReader::decode_next_tags(unsigned long max_tags,
@@ -242,11 +241,14 @@ std::span<const TimeTag> StreamFileReader::next_tags(std::uint64_t max_tags,
 /// Reads and decodes one chunk; false at the end of the payload.
 bool StreamFileReader::decode_chunk(std::uint64_t chunk_bytes) {
   throw_if(interrupted);
-  if (!file_->decoder) {
-    file_->decoder.emplace(file_->header);
+  if (file_->decoder == nullptr) {
+    file_->decoder = StreamDecoder::make(file_->header);
   }
   if (read_chunk(chunk_bytes) == 0) {
     return false;
+  }
+  if (file_->decoder == nullptr) {
+    return true;
   }
   file_->pending = file_->decoder->feed();
   if (on_lock_event) {
@@ -257,22 +259,27 @@ bool StreamFileReader::decode_chunk(std::uint64_t chunk_bytes) {
   return true;
 }
 
-/// Appends up to `chunk_bytes` of the payload to the decoder's input and returns how many.
+/// Appends up to `chunk_bytes` of the payload to the decoder's input, or passes over them if there
+/// is no decoder, and returns how many.
 std::uint64_t StreamFileReader::read_chunk(std::uint64_t chunk_bytes) {
-  StreamDecoder& decoder = *file_->decoder;
+  StreamDecoder* const decoder = file_->decoder.get();
   std::ifstream& stream = file_->stream;
   std::uint64_t total = 0;
   do {
-    const std::uint64_t piece = std::min(chunk_bytes - total, kPieceBytes);
-    const std::span<std::uint8_t> room = decoder.prepare(static_cast<std::size_t>(piece));
-    stream.read(reinterpret_cast<char*>(room.data()), static_cast<std::streamsize>(piece));
+    const auto piece = static_cast<std::streamsize>(std::min(chunk_bytes - total, kPieceBytes));
+    if (decoder == nullptr) {
+      stream.ignore(piece);
+    } else {
+      const auto room = decoder->prepare(static_cast<std::size_t>(piece));
+      stream.read(reinterpret_cast<char*>(room.data()), piece);
+    }
     if (stream.bad()) {
       throw Error(OT_ERR_IO, kReader, "payload read failed");
     }
     const auto count = static_cast<std::size_t>(stream.gcount());
     total += count;
-    if (decoder.decodes()) {  // otherwise the bytes would only pile up
-      decoder.commit(count);
+    if (decoder != nullptr) {
+      decoder->commit(count);
     }
   } while (total < chunk_bytes && stream);
   stream.clear();  // a short last read is normal, and reading on after the end is allowed

@@ -6,7 +6,7 @@
 #include <optional>
 
 #include "orvo/timing/packed/format.h"
-#include "orvo/timing/record_decoder.h"
+#include "orvo/timing/stream_decoder.h"
 
 namespace orvo::timing::detail {
 

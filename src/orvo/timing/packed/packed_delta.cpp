@@ -40,28 +40,24 @@ std::optional<LockEvent> imbalance(const detail::PackedBatch& batch,
 
 }  // namespace
 
-bool PackedDeltaDecoder::decodes(const StreamFileHeader& header) {
-  return detail::PackedFormat(header).valid();
-}
-
 PackedDeltaDecoder::PackedDeltaDecoder(const StreamFileHeader& header)
     : header_(header), format_(header), groups_(detail::RecordGroups::make(format_)) {}
 
 PackedDeltaDecoder::~PackedDeltaDecoder() = default;
 
-std::span<const TimeTag> PackedDeltaDecoder::feed(InputBuffer& input) {
+std::span<const TimeTag> PackedDeltaDecoder::feed() {
   lock_events_.clear();
-  if (!format_.valid() || !(locked_ || take_lock(input))) {
+  if (!locked_ && !take_lock()) {
     return {};
   }
-  const std::uint64_t bits = 8 * std::uint64_t{input.size()};
+  const std::uint64_t bits = 8 * std::uint64_t{input_.size()};
   const std::uint64_t records = bits < bit_offset_ ? 0 : (bits - bit_offset_) / format_.width;
   if (records == 0) {
     return {};
   }
   const detail::PackedBatch batch = detail::decode_packed_records(
-      input.data(), bit_offset_, records, format_, state_, groups_.get(), tags_.room_for(records));
-  consume_packed_records(input, batch.records);
+      input_.data(), bit_offset_, records, format_, state_, groups_.get(), tags_.room_for(records));
+  consume_packed_records(batch.records);
   std::optional<LockEvent> drop = batch.drop;
   std::size_t tags = batch.tags;
   if (!drop) {
@@ -71,41 +67,41 @@ std::span<const TimeTag> PackedDeltaDecoder::feed(InputBuffer& input) {
   returned_tags_ += tags;
   if (drop) {
     drop_packed_lock();
-    report(input, *drop);
+    report(*drop);
   }
   return tags_.first(tags);
 }
 
-bool PackedDeltaDecoder::take_lock(InputBuffer& input) {
-  const std::optional<detail::Alignment> best = detail::probe_packed_alignment(input, format_);
+bool PackedDeltaDecoder::take_lock() {
+  const std::optional<detail::Alignment> best = detail::probe_packed_alignment(input_, format_);
   if (best && best->accepted) {
-    input.remove_front(best->drop_bytes);
+    input_.remove_front(best->drop_bytes);
     locked_ = true;
     bit_offset_ = best->bit_offset;
-    report(input, {.kind = LockEvent::Kind::locked,
-                   .drop_bytes = best->drop_bytes,
-                   .bit_offset = bit_offset_,
-                   .buffer_bytes = input.size()});
+    report({.kind = LockEvent::Kind::locked,
+            .drop_bytes = best->drop_bytes,
+            .bit_offset = bit_offset_,
+            .buffer_bytes = input_.size()});
     return true;
   }
   if (best) {
-    report(input, rejection(*best));
+    report(rejection(*best));
   }
-  if (input.size() >= detail::kReportedBytes) {
-    LockEvent event{.kind = LockEvent::Kind::no_alignment, .buffer_bytes = input.size()};
-    if (input.size() > detail::kSearchedBytes) {
-      event.drop_bytes = input.size() - detail::kKeptBytes;
-      input.keep_back(detail::kKeptBytes);
+  if (input_.size() >= detail::kReportedBytes) {
+    LockEvent event{.kind = LockEvent::Kind::no_alignment, .buffer_bytes = input_.size()};
+    if (input_.size() > detail::kSearchedBytes) {
+      event.drop_bytes = input_.size() - detail::kKeptBytes;
+      input_.keep_back(detail::kKeptBytes);
     }
-    report(input, event);
+    report(event);
   }
   return false;
 }
 
-void PackedDeltaDecoder::consume_packed_records(InputBuffer& input, std::uint64_t count) {
+void PackedDeltaDecoder::consume_packed_records(std::uint64_t count) {
   const std::uint64_t position = format_.width * count + bit_offset_;
   bit_offset_ = position % 8;
-  input.remove_front(position / 8);
+  input_.remove_front(position / 8);
 }
 
 /// The sub-byte position is forgotten: the next batch searches from the front of what is left.
@@ -115,8 +111,8 @@ void PackedDeltaDecoder::drop_packed_lock() {
   state_ = {};
 }
 
-void PackedDeltaDecoder::report(const InputBuffer& input, LockEvent event) {
-  event.payload_offset_bytes = input.removed();
+void PackedDeltaDecoder::report(LockEvent event) {
+  event.payload_offset_bytes = input_.removed();
   event.tags_before = returned_tags_;
   lock_events_.push_back(event);
   packed_debug_log(event);

@@ -11,7 +11,7 @@
 #include "orvo/timing/packed/alignment.h"
 #include "orvo/timing/packed/format.h"
 #include "orvo/timing/packed/rules.h"
-#include "orvo/timing/record_decoder.h"
+#include "orvo/timing/stream_decoder.h"
 
 namespace orvo::timing {
 
@@ -20,31 +20,25 @@ class RecordGroups;
 struct PackedBatch;
 }  // namespace detail
 
-class PackedDeltaDecoder final : public RecordDecoder {
+class PackedDeltaDecoder final : public StreamDecoder {
  public:
-  /// Whether the header's width of one delta is one that records can have.
-  [[nodiscard]] static bool decodes(const StreamFileHeader& header);
-
+  /// The header's width of one delta is one that records can have.
   explicit PackedDeltaDecoder(const StreamFileHeader& header);
   ~PackedDeltaDecoder() override;
-  PackedDeltaDecoder(const PackedDeltaDecoder&) = delete;
-  PackedDeltaDecoder& operator=(const PackedDeltaDecoder&) = delete;
 
   /// Takes an alignment lock first where none is held. The batch ends where the lock is lost.
-  std::span<const TimeTag> feed(InputBuffer& input) override;
+  std::span<const TimeTag> feed() override;
 
   [[nodiscard]] std::span<const LockEvent> lock_events() const noexcept override {
     return lock_events_;
   }
 
-  [[nodiscard]] bool locked() const noexcept { return locked_; }
-
  private:
-  [[nodiscard]] bool take_lock(InputBuffer& input);
-  void consume_packed_records(InputBuffer& input, std::uint64_t count);
+  [[nodiscard]] bool take_lock();
+  void consume_packed_records(std::uint64_t count);
   void drop_packed_lock();
   /// Every lock taken, alignment rejected and lock dropped passes through here.
-  void report(const InputBuffer& input, LockEvent event);
+  void report(LockEvent event);
   void packed_debug_log(const LockEvent& event);
 
   StreamFileHeader header_;
@@ -52,8 +46,7 @@ class PackedDeltaDecoder final : public RecordDecoder {
   std::unique_ptr<detail::RecordGroups> groups_;
   detail::PackedState state_;
   bool locked_ = false;
-  std::uint64_t bit_offset_ = 0;  // bits of the first byte that are consumed already, 0 to 7
-  TagBuffer tags_;
+  std::uint64_t bit_offset_ = 0;     // bits of the first byte that are consumed already, 0 to 7
   std::uint64_t returned_tags_ = 0;  // of all feeds
   std::vector<LockEvent> lock_events_;
   unsigned debug_lines_ = 0;
