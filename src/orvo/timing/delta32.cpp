@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "orvo/timing/big_endian.h"
+#include "orvo/timing/byte_order.h"
 #include "orvo/timing/instrument_time.h"
 
 namespace orvo::timing {

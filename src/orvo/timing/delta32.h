@@ -31,7 +31,7 @@ class Delta32Decoder final : public StreamDecoder {
   std::uint32_t time_low_ = 0;                 // of the base time being assembled
   std::optional<std::uint64_t> base_time_ps_;  // anchors the next event
   std::uint64_t overflow_ = 0;                 // periods of 2^25 ps since the last event
-  std::array<std::optional<std::int64_t>, 4> last_time_ps_;  // of each channel
+  std::array<std::optional<std::int64_t>, kChannels> last_time_ps_;  // of each channel
 };
 
 }  // namespace orvo::timing

@@ -1,5 +1,8 @@
 #include "orvo/timing/json_text.h"
 
+#include <algorithm>
+#include <cctype>
+
 namespace orvo::timing::detail {
 namespace {
 
@@ -21,6 +24,13 @@ std::optional<std::string_view> find_value(std::string_view text, std::string_vi
 }
 
 }  // namespace
+
+std::string to_lower(std::string text) {
+  std::transform(text.begin(), text.end(), text.begin(), [](char c) {
+    return static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  });
+  return text;
+}
 
 std::string json_escape(std::string_view text) {
   std::string escaped;

@@ -1,4 +1,5 @@
-// Text in and out of a one-line JSON document: not a parser, but a search that takes any text.
+// Text in and out of a one-line JSON document: not a parser, but a search that takes any text; and
+// the fold of case for names out of it.
 // No state: any thread may call.
 #pragma once
 
@@ -8,6 +9,9 @@
 #include <string_view>
 
 namespace orvo::timing::detail {
+
+/// `text` with its ASCII letters in lower case.
+[[nodiscard]] std::string to_lower(std::string text);
 
 /// `text` made safe inside a JSON string; control bytes without a short escape become '?'.
 [[nodiscard]] std::string json_escape(std::string_view text);

@@ -1,11 +1,10 @@
 #include "orvo/timing/raw64.h"
 
 #include <algorithm>
-#include <cctype>
-#include <string_view>
 
-#include "orvo/timing/big_endian.h"
+#include "orvo/timing/byte_order.h"
 #include "orvo/timing/instrument_time.h"
+#include "orvo/timing/json_text.h"
 
 namespace orvo::timing {
 namespace {
@@ -24,13 +23,6 @@ static_assert(kCoarseFineMarker == 0xA5C3ULL << 45);
 constexpr unsigned kCoarseShift = 13;
 constexpr std::uint64_t kFineMask = detail::kFineTableSize - 1;
 constexpr std::uint64_t kCoarseWrap = 1ULL << 32;
-
-bool is_coarse_fine(std::string_view tag_format) {
-  constexpr std::string_view kName = "raw_cf";
-  return std::equal(
-      tag_format.begin(), tag_format.end(), kName.begin(), kName.end(),
-      [](char a, char b) { return std::tolower(static_cast<unsigned char>(a)) == b; });
-}
 
 /// Scans `input` and hands each valid record to `decode`, with its channel; consumes what is done.
 template <typename Decode>
@@ -62,7 +54,7 @@ std::vector<std::int64_t> detail::default_fine_table() {
 }
 
 Raw64Decoder::Raw64Decoder(const StreamFileHeader& header) {
-  if (is_coarse_fine(header.raw64_tag_format)) {
+  if (detail::to_lower(header.raw64_tag_format) == "raw_cf") {
     fine_table_ = detail::default_fine_table();
   }
 }

@@ -46,7 +46,7 @@ class Raw64Decoder final : public StreamDecoder {
   std::size_t decode_coarse_fine(TimeTag* tags);
 
   std::vector<std::int64_t> fine_table_;  // of the coarse/fine layout; empty in the other
-  std::array<Channel, 4> channels_;
+  std::array<Channel, kChannels> channels_;
 };
 
 }  // namespace orvo::timing

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "orvo/timing/byte_order.h"
 #include "orvo/timing/stream_decoder.h"
 
 namespace orvo::timing {
@@ -31,14 +32,6 @@ std::array<char, 4> to_little_endian(std::uint32_t value) {
           static_cast<char>(value >> 24)};
 }
 
-std::uint32_t from_little_endian(const std::array<char, 4>& bytes) {
-  std::uint32_t value = 0;
-  for (std::size_t i = 0; i < bytes.size(); ++i) {
-    value |= std::uint32_t{static_cast<unsigned char>(bytes[i])} << (8 * i);
-  }
-  return value;
-}
-
 std::string read_text(std::ifstream& file, std::size_t length) {
   std::string text;
   while (text.size() < length) {
@@ -64,7 +57,7 @@ std::string read_header_text(std::ifstream& file) {
   if (!file.read(length.data(), length.size())) {
     throw Error(OT_ERR_IO, "stream file", "truncated header length");
   }
-  return read_text(file, from_little_endian(length));
+  return read_text(file, detail::load_little_endian<std::uint32_t>(length.data()));
 }
 
 }  // namespace

@@ -1,7 +1,5 @@
 #include "orvo/timing/stream_header.h"
 
-#include <algorithm>
-#include <cctype>
 #include <chrono>
 #include <ctime>
 #include <type_traits>
@@ -54,13 +52,6 @@ Transport transport_from(std::string_view name) {
   if (name == "usb") return Transport::usb;
   if (name == "usb_async" || name == "usb-async" || name == "usbasync") return Transport::usb_async;
   return Transport::uart;
-}
-
-std::string to_lower(std::string text) {
-  std::transform(text.begin(), text.end(), text.begin(), [](char c) {
-    return static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  });
-  return text;
 }
 
 /// For example 2026-03-14T09:26:53.058979Z.
@@ -122,7 +113,7 @@ std::string stream_header_to_json(StreamFileHeader header) {
   append_string_member(json, "mode", name_of(header.mode));
   append_string_member(json, "stream_transport", name_of(header.stream_transport));
   append_string_member(json, "raw64_tag_format", header.raw64_tag_format);
-  append_number_member(json, "channel_mask", header.channel_mask & 0x0FU, ',');
+  append_number_member(json, "channel_mask", unsigned{header.channel_mask} & kAllChannels, ',');
   append_number_member(json, "tdl_index", header.tdl_index, ',');
   json += R"("packed_delta_config":{)";
   append_number_member(json, "delta_bits", header.delta_bits, ',');
@@ -170,7 +161,7 @@ StreamFileHeader stream_header_from_json(std::string_view text, std::string& odd
     field = static_cast<std::remove_reference_t<decltype(field)>>(value.value_or(field) & mask);
     note_unless(value == field, key, std::to_string(field));
   };
-  read_number("channel_mask", header.channel_mask, 0x0F);
+  read_number("channel_mask", header.channel_mask, kAllChannels);
   read_number("delta_bits", header.delta_bits, UINT8_MAX);
   read_number("quantum_ps", header.quantum_ps, UINT16_MAX);
   if (const auto value = json_find_uint(text, "tdl_index")) {

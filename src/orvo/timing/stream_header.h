@@ -6,6 +6,8 @@
 #include <string>
 #include <string_view>
 
+#include "orvo/timing/time_tag.h"
+
 namespace orvo::timing {
 
 /// Record format of a payload.
@@ -19,14 +21,19 @@ enum class Transport : std::int32_t { uart = 0, usb = 1, usb_async = 2 };
 [[nodiscard]] const char* name_of(Mode mode);
 [[nodiscard]] const char* name_of(Transport transport);
 
+// What the instrument and a header without these fields mean; a packed-delta field of 0 means them.
+inline constexpr std::uint8_t kDefaultDeltaBits = 16;
+inline constexpr std::uint16_t kDefaultQuantumPs = 8;
+
 struct StreamFileHeader {
   Format stream_format = Format::packed_delta;
   Mode mode = Mode::external;
   Transport stream_transport = Transport::usb;
-  std::uint8_t channel_mask = 0x0F;  ///< bit c for channel c, 0 to 3
+  std::uint8_t channel_mask = kAllChannels;  ///< bit c for channel c
   std::uint8_t tdl_index = 0;
-  std::uint8_t delta_bits = 16;         ///< width of one packed delta
-  std::uint16_t quantum_ps = 8;         ///< packed-delta ticks: the largest power of two in it
+  std::uint8_t delta_bits = kDefaultDeltaBits;  ///< width of one packed delta
+  std::uint16_t quantum_ps =
+      kDefaultQuantumPs;                ///< packed-delta ticks: the largest power of two in it
   std::string raw64_tag_format = "ps";  ///< "ps" or "raw_cf" (coarse and fine count)
   std::string created_utc;              ///< empty: filled from the clock when written
   std::string application;

@@ -9,6 +9,8 @@
 #include <system_error>
 #include <utility>
 
+#include "orvo/timing/json_text.h"
+
 namespace orvo::verification {
 namespace {
 
@@ -23,6 +25,38 @@ std::filesystem::path program_dir(const char* program, const std::filesystem::pa
 }
 
 bool is_space(char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; }
+
+/// `text` without the ASCII white space around it.
+std::string trim(std::string_view text) {
+  while (!text.empty() && is_space(text.front())) {
+    text.remove_prefix(1);
+  }
+  while (!text.empty() && is_space(text.back())) {
+    text.remove_suffix(1);
+  }
+  return std::string(text);
+}
+
+/// std::stoul with base 0 (decimal, 0x hexadecimal, leading 0 octal), its exceptions and its
+/// wrapping of negative numbers included; also takes 0b binary where the C library does not.
+unsigned long parse_unsigned(const std::string& text) {
+  std::string_view rest = text;
+  rest.remove_prefix(std::min(rest.find_first_not_of(" \t\n\v\f\r"), rest.size()));
+  const bool negative = rest.starts_with('-');
+  if (negative || rest.starts_with('+')) {
+    rest.remove_prefix(1);
+  }
+  if (!rest.starts_with("0b") && !rest.starts_with("0B")) {
+    return std::stoul(text, nullptr, 0);
+  }
+  rest.remove_prefix(2);
+  const std::string digits(rest.substr(0, rest.find_first_not_of("01")));
+  if (digits.empty()) {
+    return std::stoul(text, nullptr, 0);
+  }
+  const unsigned long magnitude = std::stoul(digits, nullptr, 2);
+  return negative ? 0 - magnitude : magnitude;
+}
 
 /// The positive numbers before the first thing in `text` that is not a number.
 std::vector<double> positive_numbers(std::string text) {
@@ -59,7 +93,8 @@ constexpr Setting kSettings[] = {
     {"frequencies_hz", set_frequencies},
     {"channel_mask",
      [](Config& config, const std::string& value) {
-       config.channel_mask = static_cast<std::uint8_t>(parse_unsigned(value) & 0x0F);
+       config.channel_mask =
+           static_cast<std::uint8_t>(parse_unsigned(value) & timing::kAllChannels);
      }},
     {"tdl_index",
      [](Config& config, const std::string& value) {
@@ -98,40 +133,8 @@ void apply_config_lines(Config& config, std::istream& lines) {
 
 }  // namespace
 
-std::string trim(std::string_view text) {
-  while (!text.empty() && is_space(text.front())) {
-    text.remove_prefix(1);
-  }
-  while (!text.empty() && is_space(text.back())) {
-    text.remove_suffix(1);
-  }
-  return std::string(text);
-}
-
-unsigned long parse_unsigned(const std::string& text) {
-  std::string_view rest = text;
-  rest.remove_prefix(std::min(rest.find_first_not_of(" \t\n\v\f\r"), rest.size()));
-  const bool negative = rest.starts_with('-');
-  if (negative || rest.starts_with('+')) {
-    rest.remove_prefix(1);
-  }
-  if (!rest.starts_with("0b") && !rest.starts_with("0B")) {
-    return std::stoul(text, nullptr, 0);
-  }
-  rest.remove_prefix(2);
-  const std::string digits(rest.substr(0, rest.find_first_not_of("01")));
-  if (digits.empty()) {
-    return std::stoul(text, nullptr, 0);
-  }
-  const unsigned long magnitude = std::stoul(digits, nullptr, 2);
-  return negative ? 0 - magnitude : magnitude;
-}
-
 void apply_config_line(Config& config, std::string key, std::string value) {
-  key = trim(key);
-  std::transform(key.begin(), key.end(), key.begin(), [](char c) {
-    return static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  });
+  key = timing::detail::to_lower(trim(key));
   value = trim(value);
   if (value.empty()) {
     return;

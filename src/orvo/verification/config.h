@@ -6,7 +6,6 @@
 #include <filesystem>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "orvo/verification/evaluation.h"
@@ -26,13 +25,6 @@ struct Config : EvaluationSettings {
 
   bool operator==(const Config&) const = default;
 };
-
-/// `text` without the ASCII white space around it.
-[[nodiscard]] std::string trim(std::string_view text);
-
-/// std::stoul with base 0 (decimal, 0x hexadecimal, leading 0 octal), its exceptions and its
-/// wrapping of negative numbers included; also takes 0b binary where the C library does not.
-[[nodiscard]] unsigned long parse_unsigned(const std::string& text);
 
 /// Sets what `key` names, in any case and with white space around key and value. Unknown keys and
 /// empty values change nothing. A malformed number throws the conversion's own

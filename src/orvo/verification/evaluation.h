@@ -25,7 +25,7 @@ static_assert(kCalibrationBaseHz == 30978260.86956522);
 /// The instrument's clock counts 3333 ps for each 10/3 ns that pass.
 inline constexpr double kDecodedTimestampSecondsPerSecond = 0.9999;
 
-inline constexpr std::size_t kChannels = 4;
+using timing::kChannels;
 
 struct ChannelResult {
   std::uint64_t count = 0;    ///< decoded timestamps
@@ -86,11 +86,11 @@ void visit_channel(Channel& channel, Visit&& visit) {
 
 /// What a verdict depends on besides the timestamps and the divider.
 struct EvaluationSettings {
-  std::uint8_t channel_mask = 0x0F;         ///< bit c: channel c counts; 0 means all four
-  double tolerance_ppm = 25.0;              ///< largest accepted rate error of a channel
+  std::uint8_t channel_mask = timing::kAllChannels;  ///< bit c: channel c counts; 0 means all four
+  double tolerance_ppm = 25.0;                       ///< largest accepted rate error of a channel
   std::uint64_t min_tags_per_channel = 64;  ///< fewest timestamps that a channel needs to pass
-  std::uint8_t packed_bits = 16;            ///< width of one packed delta
-  std::uint16_t packed_quantum_ps = 8;      ///< see timing::StreamFileHeader
+  std::uint8_t packed_bits = timing::kDefaultDeltaBits;         ///< width of one packed delta
+  std::uint16_t packed_quantum_ps = timing::kDefaultQuantumPs;  ///< see timing::StreamFileHeader
 
   bool operator==(const EvaluationSettings&) const = default;
 };

@@ -17,9 +17,6 @@ namespace {
 constexpr std::uint64_t kMinChunkBytes = 4096;
 constexpr std::uint64_t kMinQueueChunks = 2;
 constexpr int kReadTimeoutMs = 20;
-// What the packed-delta configuration is taken to be where the library leaves it open.
-constexpr std::uint8_t kPresetDeltaBits = 16;
-constexpr std::uint16_t kPresetQuantumPs = 8;
 // Arguments of ot_stop_stream_mode.
 constexpr int kStopCompleted = 1;
 constexpr int kStopAbandoned = 0;
@@ -137,7 +134,7 @@ StreamFileHeader Device::configure_stream(const CaptureRequest& request) {
   header.stream_format = request.format;
   header.mode = request.mode;
   header.stream_transport = request.transport;
-  header.channel_mask = request.channel_mask & 0x0F;
+  header.channel_mask = request.channel_mask & kAllChannels;
   header.tdl_index = request.tdl_index;
   header.delta_bits = request.packed_bits;
   header.quantum_ps = request.packed_quantum_ps;
@@ -147,8 +144,8 @@ StreamFileHeader Device::configure_stream(const CaptureRequest& request) {
   detail::check(ot_set_stream_channel_mask(handle, request.channel_mask), "set_stream_channels",
                 handle);
   if (request.format == Format::packed_delta) {
-    header.delta_bits = kPresetDeltaBits;
-    header.quantum_ps = kPresetQuantumPs;
+    header.delta_bits = kDefaultDeltaBits;  // assumed if the library reports nothing
+    header.quantum_ps = kDefaultQuantumPs;
     detail::check(ot_set_packed_delta_config(handle, request.packed_bits, request.packed_quantum_ps,
                                              &header.delta_bits, &header.quantum_ps),
                   "set_packed_delta_config", handle);

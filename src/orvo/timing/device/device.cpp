@@ -6,13 +6,15 @@
 #include <optional>
 #include <utility>
 
+#include "orvo/timing/byte_order.h"
 #include "orvo/timing/device/library_status.h"
 #include "orvo/timing/raw64.h"
 
 namespace orvo::timing {
 namespace {
 
-using FineTables = std::array<std::vector<std::int64_t>, 4>;  // one a channel, in picoseconds
+using FineTables =
+    std::array<std::vector<std::int64_t>, kChannels>;  // one a channel, in picoseconds
 
 constexpr const char* kFineTableFile = "fine_lut.bin";
 constexpr std::uint32_t kMagic = 0x54'55'4C'54;  // "TLUT"
@@ -22,21 +24,12 @@ constexpr std::size_t kEntryBytes = 8;
 constexpr std::size_t kEntriesPerRead = 1U << 13;  // memory follows what the file really holds
 
 template <typename Unsigned>
-Unsigned little_endian(const char* bytes) {
-  Unsigned value = 0;
-  for (std::size_t i = sizeof(Unsigned); i-- > 0;) {
-    value = value << 8 | static_cast<unsigned char>(bytes[i]);
-  }
-  return value;
-}
-
-template <typename Unsigned>
 bool read_little_endian(std::istream& file, Unsigned& value) {
   std::array<char, sizeof(Unsigned)> bytes;
   if (!file.read(bytes.data(), bytes.size())) {
     return false;
   }
-  value = little_endian<Unsigned>(bytes.data());
+  value = detail::load_little_endian<Unsigned>(bytes.data());
   return true;
 }
 
@@ -52,8 +45,8 @@ bool read_table(std::istream& file, std::vector<std::int64_t>& table) {
       return false;
     }
     for (std::size_t i = 0; i < entries; ++i) {
-      table.push_back(
-          static_cast<std::int64_t>(little_endian<std::uint64_t>(block.data() + i * kEntryBytes)));
+      const char* const entry = block.data() + i * kEntryBytes;
+      table.push_back(static_cast<std::int64_t>(detail::load_little_endian<std::uint64_t>(entry)));
     }
   }
   return true;

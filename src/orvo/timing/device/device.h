@@ -45,11 +45,13 @@ struct CaptureRequest {
   std::chrono::duration<double> duration;  ///< from the start of the stream
   Mode mode = Mode::internal;
   Format format = Format::packed_delta;
-  std::uint8_t channel_mask = 0x0F;  ///< bit c for channel c
+  std::uint8_t channel_mask = kAllChannels;
   std::uint8_t tdl_index = 0;
-  double cal_freq_hz = 0;               ///< of the calibration source; internal mode only
-  std::uint8_t packed_bits = 16;        ///< width of one packed delta; packed-delta format only
-  std::uint16_t packed_quantum_ps = 8;  ///< see StreamFileHeader; packed-delta format only
+  double cal_freq_hz = 0;  ///< of the calibration source; internal mode only
+  std::uint8_t packed_bits =
+      kDefaultDeltaBits;  ///< width of one packed delta; packed-delta format only
+  std::uint16_t packed_quantum_ps =
+      kDefaultQuantumPs;  ///< see StreamFileHeader; packed-delta format only
   Transport transport = Transport::usb;
   std::uint64_t chunk_bytes = 1 << 20;  ///< of one read; raised to 4096
   std::uint64_t queue_chunks = 128;     ///< reads that may wait for the disk; raised to 2
@@ -106,7 +108,7 @@ class Device {
   bool owns_handle = false;
   Mode stream_mode = Mode::internal;  ///< of the most recent stream
   /// Fine-time table of each channel, in picoseconds.
-  std::array<std::vector<std::int64_t>, 4> fine_lut;
+  std::array<std::vector<std::int64_t>, kChannels> fine_lut;
   StreamState stream_state;
 
  private:

@@ -4,7 +4,7 @@
 #include <bit>
 #include <tuple>
 
-#include "orvo/timing/big_endian.h"
+#include "orvo/timing/byte_order.h"
 
 namespace orvo::timing::detail {
 namespace {
@@ -108,7 +108,7 @@ bool has_byte_of_ones(std::uint64_t word) {
 /// active. One bit for each position, the first most significant.
 std::uint64_t points_of(std::uint64_t word, std::uint64_t following, const PackedFormat& format) {
   std::uint64_t points = 0;
-  for (unsigned channel = 0; format.active_channels < 4 && channel < 4; ++channel) {
+  for (unsigned channel = 0; format.active_channels < kChannels && channel < kChannels; ++channel) {
     if (!format.active(channel)) {
       const std::uint64_t low = word << 1 | following >> 63;
       points |= ((channel & 2) != 0 ? word : ~word) & ((channel & 1) != 0 ? low : ~low);
@@ -275,7 +275,7 @@ Parse Search::parse_from(std::uint64_t begin, std::uint64_t known_end) const {
     const std::uint64_t point = turning_points_.next(parse.next);
     if (parse.has_sync) {
       const ChannelCounts data = count_data(data_, parse.next, point, format_.width);
-      for (unsigned c = 0; c < 4; ++c) {
+      for (unsigned c = 0; c < kChannels; ++c) {
         parse.add_data(c, data[c]);
       }
     }
@@ -291,7 +291,7 @@ Parse Search::known_after(const Parse& parse) const {
   if (outcome.restart == 0 && parse.has_sync) {
     const std::uint64_t point = turning_points_.next(parse.next);
     const ChannelCounts data = count_data(data_, parse.next, point, format_.width);
-    for (unsigned c = 0; c < 4; ++c) {
+    for (unsigned c = 0; c < kChannels; ++c) {
       outcome.data[c] += data[c];
     }
     // The sync anchors the first data record of its channel, but only before the next sync.

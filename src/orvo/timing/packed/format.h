@@ -16,20 +16,17 @@ namespace orvo::timing::detail {
 struct PackedFormat {
   static constexpr unsigned kMaxBits = 31;
 
-  static constexpr unsigned kDefaultBits = 16;
-  static constexpr unsigned kDefaultQuantumPs = 8;
-  static constexpr unsigned kAllChannels = 0x0F;
-  static constexpr unsigned kNoChannel = 4;
+  static constexpr unsigned kNoChannel = kChannels;
   /// In external mode: the inputs may be quiet, and two channels show enough.
   static constexpr unsigned kMinSyncedExternal = 2;
 
   explicit PackedFormat(const StreamFileHeader& header)
-      : bits(header.delta_bits == 0 ? kDefaultBits : header.delta_bits),
+      : bits(header.delta_bits == 0 ? kDefaultDeltaBits : header.delta_bits),
         width(bits + 3),
         all_ones((std::uint64_t{1} << std::min(bits, kMaxBits)) - 1),
         sync_records((bits + TickCounter::kBits - 1) / bits),
-        quantum_shift(static_cast<unsigned>(
-            std::countr_zero(header.quantum_ps == 0 ? kDefaultQuantumPs : header.quantum_ps + 0U))),
+        quantum_shift(static_cast<unsigned>(std::countr_zero(
+            header.quantum_ps == 0 ? kDefaultQuantumPs + 0U : header.quantum_ps + 0U))),
         counter(quantum_shift),
         active_mask(static_cast<std::uint8_t>(
             header.channel_mask == 0 ? kAllChannels : header.channel_mask & kAllChannels)),
@@ -59,7 +56,7 @@ struct PackedFormat {
   bool balanced;             ///< all active channels carry the same rate
 };
 
-using ChannelCounts = std::array<std::uint64_t, 4>;
+using ChannelCounts = std::array<std::uint64_t, kChannels>;
 
 /// What the active channels have of something.
 struct ChannelTally {

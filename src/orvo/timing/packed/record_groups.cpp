@@ -100,7 +100,7 @@ void plan_sums(HalfPlan& half, std::array<int, kHalfTags> previous) {
 HalfPlan plan_half(std::span<const TagPlace> tags) {
   HalfPlan half;
   half.tags = static_cast<std::uint8_t>(tags.size());
-  std::array<int, 4> last;
+  std::array<int, kChannels> last;
   last.fill(kNone);
   std::array<int, kHalfTags> previous;
   previous.fill(kNone);
@@ -111,7 +111,7 @@ HalfPlan plan_half(std::span<const TagPlace> tags) {
     previous[i] = std::exchange(last[tags[i].channel], static_cast<int>(i));
   }
   plan_sums(half, previous);
-  for (unsigned c = 0; c < 4; ++c) {
+  for (unsigned c = 0; c < kChannels; ++c) {
     if (last[c] != kNone) {
       half.last[c] = static_cast<std::uint64_t>(last[c]);
       half.last_lanes |= static_cast<std::uint8_t>(1U << c);
@@ -215,7 +215,7 @@ ORVO_AVX512 inline TimeTag* emit(const HalfPlan& half, __m512i steps, __m128i qu
 /// Whether all active channels have a time, and the lanes take all that ordinary records can hold.
 bool all_plain(const PackedLanes& lanes, const PackedFormat& format) {
   const std::uint64_t step_limit_ps = std::uint64_t{1} << (2 * format.bits + format.quantum_shift);
-  for (unsigned c = 0; c < 4; ++c) {
+  for (unsigned c = 0; c < kChannels; ++c) {
     if (format.active(c) && (lanes.step_bound_ps[c] < step_limit_ps || lanes.tag_bytes[c] == 0)) {
       return false;
     }
@@ -273,9 +273,9 @@ ORVO_AVX512 void Avx512RecordGroups::take(PackedCursor& cursor, PackedLanes& lan
   const __m512i all_ones = all_lanes(format_.all_ones);
   const __m512i sync_start = all_lanes(2 * format_.all_ones + 1);
 
-  constexpr __mmask8 kChannels = 0x0F;
-  __m512i times = _mm512_maskz_loadu_epi64(kChannels, lanes.time_ps.data());
-  __m512i tags = _mm512_maskz_loadu_epi64(kChannels, lanes.tags.data());
+  constexpr __mmask8 kChannelLanes = kAllChannels;
+  __m512i times = _mm512_maskz_loadu_epi64(kChannelLanes, lanes.time_ps.data());
+  __m512i tags = _mm512_maskz_loadu_epi64(kChannelLanes, lanes.tags.data());
   __m512i payloads_before = _mm512_setzero_si512();
   unsigned before = 0;  // top of the record before; at first one without a flag, whatever it was
   // Local copies, because the compiler must assume that storing a tag may change the cursor.
@@ -308,8 +308,8 @@ ORVO_AVX512 void Avx512RecordGroups::take(PackedCursor& cursor, PackedLanes& lan
   }
   cursor.position = 8 * static_cast<std::uint64_t>(group - cursor.data) + cursor.position % 8;
   cursor.end = end;
-  _mm512_mask_storeu_epi64(lanes.time_ps.data(), kChannels, times);
-  _mm512_mask_storeu_epi64(lanes.tags.data(), kChannels, tags);
+  _mm512_mask_storeu_epi64(lanes.time_ps.data(), kChannelLanes, times);
+  _mm512_mask_storeu_epi64(lanes.tags.data(), kChannelLanes, tags);
   if ((before & 1) != 0) {  // its data record follows the last group
     lanes.overflow[before >> 1] = static_cast<std::uint32_t>(
         _mm_extract_epi32(_mm512_extracti32x4_epi32(payloads_before, 3), 3));

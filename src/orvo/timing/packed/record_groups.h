@@ -16,7 +16,7 @@ namespace orvo::timing::detail {
 /// limit of the rules applies; the bounds reduce that question to one comparison a record, and
 /// leave the record to the rules where they are 0.
 struct PackedLanes {
-  using PerChannel = std::array<std::uint64_t, 4>;
+  using PerChannel = std::array<std::uint64_t, kChannels>;
 
   PerChannel time_ps;
   PerChannel overflow;

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "orvo/timing/big_endian.h"
+#include "orvo/timing/byte_order.h"
 #include "orvo/timing/instrument_time.h"
 #include "orvo/timing/packed/record_groups.h"
 #include "orvo/timing/packed/rules.h"
@@ -18,7 +18,7 @@ std::uint64_t ordinary_bound_ps(const PackedFormat& format) {
 }
 
 void load_lanes(const PackedFormat& format, const PackedState& state, PackedLanes& lanes) {
-  for (unsigned c = 0; c < 4; ++c) {
+  for (unsigned c = 0; c < kChannels; ++c) {
     const PackedState::Channel& channel = state.channels[c];
     const bool for_rules = !format.active(c) || state.sync_chunks_left > 0;
     const bool timed = channel.last_time_ps.has_value();
@@ -33,7 +33,7 @@ void load_lanes(const PackedFormat& format, const PackedState& state, PackedLane
 }
 
 void store_lanes(PackedLanes& lanes, PackedState& state) {
-  for (unsigned c = 0; c < 4; ++c) {
+  for (unsigned c = 0; c < kChannels; ++c) {
     PackedState::Channel& channel = state.channels[c];
     channel.overflow = lanes.overflow[c];
     if (channel.last_time_ps) {
@@ -154,7 +154,7 @@ PackedBatch decode(PackedCursor cursor, const PackedFormat& format, PackedState&
   }
   batch.records = (cursor.position - start.position) / format.width;
   batch.tags = static_cast<std::size_t>(cursor.end - start.end);
-  for (unsigned c = 0; c < 4; ++c) {
+  for (unsigned c = 0; c < kChannels; ++c) {
     batch.channel_tags[c] = lanes.tags[c];
   }
   return batch;

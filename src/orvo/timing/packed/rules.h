@@ -21,7 +21,7 @@ struct PackedState {
     std::optional<std::int64_t> last_time_ps;  ///< a channel's time line starts at its first sync
   };
 
-  std::array<Channel, 4> channels;
+  std::array<Channel, kChannels> channels;
 
   unsigned sync_chunks_left = 0;  ///< records missing from the sync being assembled; 0 if none is
   unsigned sync_channel = 0;

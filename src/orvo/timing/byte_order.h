@@ -1,7 +1,8 @@
-// Values out of a byte stream, most significant bit first.
+// Values out of bytes, in either order.
 #pragma once
 
 #include <bit>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 
@@ -25,7 +26,17 @@ namespace orvo::timing::detail {
   return value;
 }
 
-/// The record of `width` (at most 57) bits at bit `position`. Reads eight bytes.
+template <typename Unsigned>
+[[nodiscard]] Unsigned load_little_endian(const char* bytes) {
+  Unsigned value = 0;
+  for (std::size_t i = sizeof value; i-- > 0;) {
+    value = value << 8 | static_cast<unsigned char>(bytes[i]);
+  }
+  return value;
+}
+
+/// Most significant bit first, the record of `width` (at most 57) bits at bit `position`. Reads
+/// eight bytes.
 [[nodiscard]] inline std::uint64_t record_at(const std::uint8_t* data, std::uint64_t position,
                                              unsigned width) {
   return load_big_endian_64(data + position / 8) << (position % 8) >> (64 - width);
