@@ -1,6 +1,3 @@
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <csignal>
 #include <cstdio>
 #include <exception>
@@ -8,6 +5,7 @@
 #include <variant>
 
 #include "orvo/inspection/commands.h"
+#include "orvo/verification/standard_descriptors.h"
 
 namespace {
 
@@ -15,18 +13,6 @@ namespace inspection = orvo::inspection;
 
 /// Of a command line that has been answered already.
 int run(int status) { return status; }
-
-/// No file opened later becomes a closed standard output or error. Not writable, so that results
-/// for nobody are an error.
-void occupy_standard_descriptors() {
-  int descriptor = -1;
-  do {
-    descriptor = open("/dev/null", O_RDONLY);  // gets the lowest number that is free
-  } while (descriptor >= 0 && descriptor <= STDERR_FILENO);
-  if (descriptor >= 0) {
-    close(descriptor);
-  }
-}
 
 int with_results_written(int status) {
   std::cout.flush();
@@ -40,7 +26,7 @@ int with_results_written(int status) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  occupy_standard_descriptors();
+  orvo::verification::occupy_standard_descriptors(O_RDONLY);  // results for nobody: an error
   std::signal(SIGPIPE, SIG_DFL);  // whoever started us may ignore it: end quietly all the same
   std::signal(SIGXFSZ, SIG_IGN);  // a file that may not grow is an error of the write
   try {

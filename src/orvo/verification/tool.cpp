@@ -1,8 +1,5 @@
 #include "orvo/verification/tool.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <ctime>
@@ -19,6 +16,7 @@
 #include "orvo/verification/directory_lock.h"
 #include "orvo/verification/interruption.h"
 #include "orvo/verification/sequence.h"
+#include "orvo/verification/standard_descriptors.h"
 
 namespace orvo::verification {
 namespace {
@@ -76,18 +74,6 @@ std::string start_stamp() {
   return {text.data(), std::strftime(text.data(), text.size(), "%Y%m%d_%H%M%S", &local)};
 }
 
-/// Opens /dev/null on every closed descriptor 0 to 2, so that no file opened later receives console
-/// output.
-void occupy_standard_descriptors() {
-  int descriptor = -1;
-  do {
-    descriptor = open("/dev/null", O_RDWR);  // gets the lowest number that is free
-  } while (descriptor >= 0 && descriptor <= STDERR_FILENO);
-  if (descriptor >= 0) {
-    close(descriptor);
-  }
-}
-
 int configure_and_verify(int argc, char** argv, const ToolFolders& folders) {
   if (asks_for_help(argc, argv)) {
     std::cout << kHelpText;
@@ -121,7 +107,7 @@ int configure_and_verify(int argc, char** argv, const ToolFolders& folders) {
 }  // namespace
 
 int run_tool(int argc, char** argv, const ToolFolders& folders) {
-  occupy_standard_descriptors();
+  occupy_standard_descriptors(O_RDWR);
   const FailingWrites failing_writes;
   int status = kExitError;
   try {
