@@ -72,10 +72,10 @@ TEST_F(StreamFiles, WriterFramesHeaderAndPayload) {
   EXPECT_EQ(error_of([&] { writer.write(nullptr, 1); }), "StreamFileWriter: null data [-1]");
   writer.write(bytes.data(), bytes.size());
   writer.write(bytes.data(), 4);
-  writer = timing::StreamFileWriter();  // writes out what is gathered
+  writer.open(scratch.file("other"), header);  // writes out what is gathered
   EXPECT_EQ(read_file(path), front + std::string((3 << 20) + 7, 'x'));
   writer.open(path, header);  // truncates
-  writer.open(scratch.file("other"), header);
+  writer.close();
   EXPECT_EQ(read_file(path), front);
   reader.open(path);
   EXPECT_EQ(reader.header().application, header.application);

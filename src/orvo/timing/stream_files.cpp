@@ -64,17 +64,8 @@ std::string read_header_text(std::ifstream& file) {
 
 StreamFileWriter::~StreamFileWriter() { static_cast<void>(end_file()); }
 
-StreamFileWriter& StreamFileWriter::operator=(StreamFileWriter&& other) noexcept {
-  static_cast<void>(end_file());
-  gathered_ = std::move(other.gathered_);
-  file_ = std::move(other.file_);
-  header_ = std::move(other.header_);
-  return *this;
-}
-
 void StreamFileWriter::open(const std::string& path, const StreamFileHeader& header) {
   static_cast<void>(end_file());
-  header_ = header;
   gathered_.reserve(kGatheredBytes);
   file_.rdbuf()->pubsetbuf(nullptr, 0);  // no buffer but ours, which is written when we say so
   file_.open(path, std::ios::out | std::ios::trunc | std::ios::binary);
@@ -82,7 +73,7 @@ void StreamFileWriter::open(const std::string& path, const StreamFileHeader& hea
     throw Error(OT_ERR_IO, kWriter, "cannot open " + path);
   }
   file_.setstate(std::ios::failbit);  // also after an exception: no payload without a header
-  const std::string text = detail::stream_header_to_json(header_);
+  const std::string text = detail::stream_header_to_json(header);
   if (text.size() >= kHeaderLimitBytes) {
     throw Error(OT_ERR_ARGUMENT, kWriter, "header is too large");
   }

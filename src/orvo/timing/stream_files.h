@@ -7,10 +7,9 @@
 //   });
 //
 // Threads: neither class locks; each object belongs to one thread at a time.
-// Ownership: each object owns its file and closes it when destroyed. One that was moved from is not
-// open.
-// Errors: Error with OT_ERR_IO, OT_ERR_FORMAT (no stream file), OT_ERR_NOT_OPEN or OT_ERR_ARGUMENT;
-// reading also Interrupted.
+// Ownership: each object owns its file and closes it when destroyed. A reader that was moved from
+// is not open. Errors: Error with OT_ERR_IO, OT_ERR_FORMAT (no stream file), OT_ERR_NOT_OPEN or
+// OT_ERR_ARGUMENT; reading also Interrupted.
 #pragma once
 
 #include <array>
@@ -35,15 +34,12 @@ class StreamFileWriter {
  public:
   StreamFileWriter() = default;
   ~StreamFileWriter();
-  StreamFileWriter(StreamFileWriter&& other) = default;
-  StreamFileWriter& operator=(StreamFileWriter&& other) noexcept;
+  StreamFileWriter(const StreamFileWriter&) = delete;
+  StreamFileWriter& operator=(const StreamFileWriter&) = delete;
 
   /// Creates or truncates `path` and writes everything before the payload. A file still open is
   /// closed first. After a failure the writer is not open.
   void open(const std::string& path, const StreamFileHeader& header);
-
-  /// Whether write() can succeed: after an open() and no failure since.
-  [[nodiscard]] bool is_open() const { return file_.is_open() && file_.good(); }
 
   /// Appends `size` bytes to the payload. Up to a mebibyte is gathered and passes to the system as
   /// one write: with what no longer fits, with flush() or with close(), whichever comes first; the
@@ -55,7 +51,7 @@ class StreamFileWriter {
   void flush();
 
   /// Writes out what is gathered and closes, also when that fails. Reports no failure twice. The
-  /// destructor, an assignment and open() close without a report.
+  /// destructor and open() close without a report.
   void close();
 
  private:
@@ -64,7 +60,6 @@ class StreamFileWriter {
 
   std::vector<std::uint8_t> gathered_;  // part of the payload that the system has not got yet
   std::ofstream file_;
-  StreamFileHeader header_;
 };
 
 /// Reads a stream file back as timestamps.
