@@ -51,8 +51,7 @@ std::string stream_file_name(unsigned long index) {
 }  // namespace
 
 RunResult run_one(timing::Device& device, const Config& config,
-                  const std::filesystem::path& run_dir, unsigned long index, double requested_hz,
-                  const timing::InterruptionCheck& interrupted) {
+                  const std::filesystem::path& run_dir, unsigned long index, double requested_hz) {
   const std::uint32_t divider = device.set_calibration_freq(requested_hz);
   const std::filesystem::path stream_file = run_dir / stream_file_name(index);
   const std::uint64_t payload_bytes =
@@ -90,8 +89,7 @@ ExitStatus run_verification(const Config& config, const std::filesystem::path& o
   for (std::size_t i = 0; i < config.frequencies_hz.size(); ++i) {
     timing::throw_if(interrupted);
     announce_run(config, i);
-    results.push_back(
-        run_one(device, config, run_dir, i + 1, config.frequencies_hz[i], interrupted));
+    results.push_back(run_one(device, config, run_dir, i + 1, config.frequencies_hz[i]));
     all_pass = all_pass && results.back().pass;
   }
   write_reports(output_root, run_dir, config, results, all_pass);

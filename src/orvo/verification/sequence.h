@@ -22,11 +22,10 @@ enum ExitStatus : int {
 /// the file. Blocks for the capture; the calibration frequency stays set.
 ///
 /// Errors: timing::Error of the driver library, the capture or the reader; timing::Interrupted once
-/// `interrupted` returns true. The stream file stays.
+/// a signal is noted. The stream file stays.
 [[nodiscard]] RunResult run_one(timing::Device& device, const Config& config,
                                 const std::filesystem::path& run_dir, unsigned long index,
-                                double requested_hz,
-                                const timing::InterruptionCheck& interrupted = {});
+                                double requested_hz);
 
 /// Opens the instrument, runs every frequency in order, writes and prints the reports and returns
 /// the exit status. `output_root` and `run_dir` are absolute; `run_dir` exists.
