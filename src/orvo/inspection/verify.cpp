@@ -84,10 +84,11 @@ int finish(const Facts& facts, const Summary& summary) {
 /// The runs to judge: of a report, or a stream file's.
 std::vector<verification::RunResult> runs_of(const Facts& facts, const VerifyOptions& options) {
   if (!names_run(options.path)) {
-    return {{.requested_hz = options.requested_hz.value_or(0),
-             .divider = divider_of(options),
-             .stream_file = options.path,
-             .channels = {}}};
+    verification::RunResult run;
+    run.requested_hz = options.requested_hz.value_or(0);
+    run.divider = divider_of(options);
+    run.stream_file = options.path;
+    return {run};
   }
   if (!facts.ended()) {
     throw timing::Error(OT_ERR_NOT_FOUND,

@@ -40,6 +40,17 @@ ChannelResult judge_channel(const TagStatistics::Channel& tags, double expected_
   return result;
 }
 
+/// Whether the expected time between two events of a channel is more than one record can carry.
+bool overflow_required(double expected_decoded_hz, const EvaluationSettings& settings) {
+  if (!(expected_decoded_hz > 0) || settings.packed_bits < 1 ||
+      settings.packed_bits > kMaxOverflowBits || settings.packed_quantum_ps == 0) {
+    return false;
+  }
+  const auto largest_delta = static_cast<double>((std::uint64_t{1} << settings.packed_bits) - 1);
+  return timing::kPicosecondsPerSecond / expected_decoded_hz >
+         largest_delta * settings.packed_quantum_ps;
+}
+
 }  // namespace
 
 EvaluationSettings settings_of(const timing::StreamFileHeader& header) {
@@ -86,16 +97,6 @@ std::uint64_t TagStatistics::tags() const noexcept {
   return tags;
 }
 
-bool overflow_required(double expected_decoded_hz, const EvaluationSettings& settings) {
-  if (!(expected_decoded_hz > 0) || settings.packed_bits < 1 ||
-      settings.packed_bits > kMaxOverflowBits || settings.packed_quantum_ps == 0) {
-    return false;
-  }
-  const auto largest_delta = static_cast<double>((std::uint64_t{1} << settings.packed_bits) - 1);
-  return timing::kPicosecondsPerSecond / expected_decoded_hz >
-         largest_delta * settings.packed_quantum_ps;
-}
-
 Rates derive_rates(std::uint32_t divider, const EvaluationSettings& settings) {
   if (divider == 0) {
     return {};
@@ -110,11 +111,8 @@ Rates derive_rates(std::uint32_t divider, const EvaluationSettings& settings) {
 RunResult judge(const TagStatistics& statistics, const Rates& rates,
                 const EvaluationSettings& settings) {
   RunResult result;
-  result.effective_hz = rates.effective_hz;
-  result.expected_decoded_hz = rates.expected_decoded_hz;
-  result.divider = rates.divider;
+  static_cast<Rates&>(result) = rates;
   result.decoded_tags = statistics.tags();
-  result.overflow_required = rates.overflow_required;
   result.pass = true;
   for (std::size_t channel = 0; channel < kChannels; ++channel) {
     result.channels[channel] =

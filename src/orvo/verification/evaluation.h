@@ -36,15 +36,19 @@ struct ChannelResult {
   bool pass = false;
 };
 
-struct RunResult {
-  double requested_hz = 0;
-  double effective_hz = 0;         ///< what the calibration source really generates
+/// What the calibration source must produce. All 0 and false for a divider of 0.
+struct Rates {
+  std::uint32_t divider = 0;       ///< as the instrument reported it
+  double effective_hz = 0;         ///< what the source really generates
   double expected_decoded_hz = 0;  ///< the same in the instrument's own time
-  std::uint32_t divider = 0;       ///< of the calibration source, as the instrument reported it
+  bool overflow_required = false;  ///< one record cannot carry the expected period
+};
+
+struct RunResult : Rates {
+  double requested_hz = 0;
   std::filesystem::path stream_file;
   std::uint64_t payload_bytes = 0;
   std::uint64_t decoded_tags = 0;  ///< all of them, also of channels that do not exist
-  bool overflow_required = false;  ///< one record cannot carry the expected period
   bool pass = false;
   std::array<ChannelResult, kChannels> channels;  ///< index is the channel number
 };
@@ -126,19 +130,7 @@ class TagStatistics {
   std::array<Channel, kChannels + 1> channels_;  // the last one takes every other channel
 };
 
-/// What the calibration source must produce. All 0 and false for a divider of 0.
-struct Rates {
-  std::uint32_t divider = 0;
-  double effective_hz = 0;         ///< what the source really generates
-  double expected_decoded_hz = 0;  ///< the same in the instrument's own time
-  bool overflow_required = false;  ///< one record cannot carry the expected period
-};
-
 [[nodiscard]] Rates derive_rates(std::uint32_t divider, const EvaluationSettings& settings);
-
-/// Whether the expected time between two events of a channel is more than one record can carry.
-[[nodiscard]] bool overflow_required(double expected_decoded_hz,
-                                     const EvaluationSettings& settings);
 
 /// Everything that follows from timestamps and rates; the requested frequency, the stream file and
 /// its size stay empty.
