@@ -35,12 +35,20 @@ constexpr StatusText kStatusTexts[] = {
 ot_status open_device(const char* operation, ot_device** out, const char* port,
                       std::optional<int> baud) {
   Call call(operation);
-  if (port != nullptr) call.note("port", port);
-  if (baud) call.note("baud", *baud);
-  if (out != nullptr) call.expect(*out == nullptr, "*out is not preset to null");
+  if (port != nullptr) {
+    call.note("port", port);
+  }
+  if (baud) {
+    call.note("baud", *baud);
+  }
+  if (out != nullptr) {
+    call.expect(*out == nullptr, "*out is not preset to null");
+  }
   call.require(out != nullptr, "null out");
   call.require(port != nullptr, "null port");
-  if (baud && *baud <= 0) call.refuse(OT_ERR_ARGUMENT);
+  if (baud && *baud <= 0) {
+    call.refuse(OT_ERR_ARGUMENT);
+  }
   ot_device* device = nullptr;
   const ot_status status = call.perform([&] { return call.driver().open(device, port); });
   if (out != nullptr && status == OT_OK) {
@@ -68,7 +76,9 @@ const ot_discovery_list::Entry* find_entry(Call& call, const ot_discovery_list* 
                                            std::uint64_t index) {
   call.note("index", index);
   const ot_discovery_list* const found = find_list(call, list);
-  if (found == nullptr) return nullptr;
+  if (found == nullptr) {
+    return nullptr;
+  }
   const bool inside = call.expect(index < found->entries.size(), "index out of range");
   return inside ? &found->entries[index] : nullptr;
 }
@@ -88,7 +98,9 @@ ot_status ot_open_serial(ot_device** out, const char* port) {
 // A close that fails releases the handle all the same.
 ot_status ot_close(ot_device* dev) {
   DeviceCall call(__func__, dev);
-  if (!call.has_device()) return call.finish();
+  if (!call.has_device()) {
+    return call.finish();
+  }
   call.expect(dev->stream != StreamState::running, "closed while a stream is running");
   dev->device.reset();
   return call.finish();
@@ -96,7 +108,9 @@ ot_status ot_close(ot_device* dev) {
 
 ot_status ot_discover(ot_discovery_list** out) {
   Call call(__func__);
-  if (out != nullptr) call.expect(*out == nullptr, "*out is not preset to null");
+  if (out != nullptr) {
+    call.expect(*out == nullptr, "*out is not preset to null");
+  }
   call.require(out != nullptr, "null out");
   ot_discovery_list* list = nullptr;
   const ot_status status = call.perform([&] { return call.driver().discover(list); });
@@ -111,7 +125,9 @@ ot_status ot_discover(ot_discovery_list** out) {
 uint64_t ot_discover_count(ot_discovery_list* list) {
   Call call(__func__);
   const ot_discovery_list* const found = find_list(call, list);
-  if (found == nullptr) return 0;
+  if (found == nullptr) {
+    return 0;
+  }
   call.note("count", found->entries.size());
   return found->entries.size();
 }
@@ -131,13 +147,19 @@ const ot_identity* ot_discover_identity(ot_discovery_list* list, uint64_t index)
 void ot_discover_free(ot_discovery_list* list) {
   Call call(__func__);
   ot_discovery_list* const found = find_list(call, list);
-  if (found != nullptr) found->freed = true;
+  if (found != nullptr) {
+    found->freed = true;
+  }
 }
 
 ot_status ot_identify(ot_device* dev, ot_identity* out) {
   DeviceCall call(__func__, dev);
-  if (!call.has_device()) return call.finish();
-  if (out != nullptr) call.expect(is_zero(*out), "*out is not preset to zero");
+  if (!call.has_device()) {
+    return call.finish();
+  }
+  if (out != nullptr) {
+    call.expect(is_zero(*out), "*out is not preset to zero");
+  }
   call.require(out != nullptr, "null out");
   return call.perform([&](const Device& device) {
     *out = device.identity();
@@ -154,17 +176,23 @@ const char* ot_status_string(ot_status status) {
   Call call(__func__);
   call.note("of", status);
   for (const StatusText& known : kStatusTexts) {
-    if (known.status == status) return known.text;
+    if (known.status == status) {
+      return known.text;
+    }
   }
   return "unknown status";
 }
 
 ot_status ot_set_calibration_freq(ot_device* dev, double freq_hz, uint32_t* divider_out) {
   DeviceCall call(__func__, dev);
-  if (!call.has_device()) return call.finish();
+  if (!call.has_device()) {
+    return call.finish();
+  }
   call.note("freq_hz", freq_hz);
   call.expect_idle();
-  if (divider_out != nullptr) call.expect(*divider_out == 0, "divider is not preset to 0");
+  if (divider_out != nullptr) {
+    call.expect(*divider_out == 0, "divider is not preset to 0");
+  }
   call.require(divider_out != nullptr, "null divider_out");
   return call.perform(
       [&](Device& device) { return device.set_calibration_freq(freq_hz, *divider_out); });
@@ -173,7 +201,9 @@ ot_status ot_set_calibration_freq(ot_device* dev, double freq_hz, uint32_t* divi
 ot_status ot_set_packed_delta_config(ot_device* dev, uint8_t delta_bits, uint16_t quantum_ps,
                                      uint8_t* effective_bits, uint16_t* effective_quantum_ps) {
   DeviceCall call(__func__, dev);
-  if (!call.has_device()) return call.finish();
+  if (!call.has_device()) {
+    return call.finish();
+  }
   call.note("bits", delta_bits);
   call.note("quantum_ps", quantum_ps);
   call.expect_idle();
@@ -191,7 +221,9 @@ ot_status ot_set_packed_delta_config(ot_device* dev, uint8_t delta_bits, uint16_
 
 ot_status ot_set_stream_channel_mask(ot_device* dev, uint8_t mask) {
   DeviceCall call(__func__, dev);
-  if (!call.has_device()) return call.finish();
+  if (!call.has_device()) {
+    return call.finish();
+  }
   call.note("mask", mask);
   call.expect_idle();
   return call.perform([&](Device& device) { return device.set_channel_mask(mask); });
@@ -199,7 +231,9 @@ ot_status ot_set_stream_channel_mask(ot_device* dev, uint8_t mask) {
 
 ot_status ot_set_stream_interface(ot_device* dev, ot_transport transport, ot_format format) {
   DeviceCall call(__func__, dev);
-  if (!call.has_device()) return call.finish();
+  if (!call.has_device()) {
+    return call.finish();
+  }
   call.note("transport", transport);
   call.note("format", format);
   call.expect_idle();
@@ -208,7 +242,9 @@ ot_status ot_set_stream_interface(ot_device* dev, ot_transport transport, ot_for
 
 ot_status ot_start_stream_mode(ot_device* dev, ot_mode mode, uint8_t tdl_index) {
   DeviceCall call(__func__, dev);
-  if (!call.has_device()) return call.finish();
+  if (!call.has_device()) {
+    return call.finish();
+  }
   call.note("mode", mode);
   call.note("tdl_index", tdl_index);
   call.expect_idle();
@@ -224,11 +260,15 @@ ot_status ot_start_stream_mode(ot_device* dev, ot_mode mode, uint8_t tdl_index) 
 ot_status ot_read_stream_bytes(ot_device* dev, uint8_t* buffer, uint64_t capacity, uint64_t* got,
                                int timeout_ms) {
   DeviceCall call(__func__, dev);
-  if (!call.has_device()) return call.finish();
+  if (!call.has_device()) {
+    return call.finish();
+  }
   call.note("capacity", capacity);
   call.note("timeout_ms", timeout_ms);
   const bool has_buffer = buffer != nullptr || capacity == 0;
-  if (got != nullptr) call.expect(*got == 0, "count is not preset to 0");
+  if (got != nullptr) {
+    call.expect(*got == 0, "count is not preset to 0");
+  }
   call.require(got != nullptr && has_buffer, "null buffer or count");
   call.expect(dev->stream == StreamState::running, "no stream is running");
   return call.perform([&](Device& device) {
@@ -240,7 +280,9 @@ ot_status ot_read_stream_bytes(ot_device* dev, uint8_t* buffer, uint64_t capacit
 
 ot_status ot_stop_stream_mode(ot_device* dev, int stop_flag) {
   DeviceCall call(__func__, dev);
-  if (!call.has_device()) return call.finish();
+  if (!call.has_device()) {
+    return call.finish();
+  }
   call.note("stop_flag", stop_flag);
   call.expect(dev->stream != StreamState::idle, "no stream is running");
   call.expect(dev->stream != StreamState::stop_failed || stop_flag == 0,

@@ -8,7 +8,9 @@ namespace {
 /// The number of the calling thread, from 1 in the order of first calls.
 std::size_t thread_number(std::vector<std::thread::id>& threads) {
   const auto found = std::find(threads.begin(), threads.end(), std::this_thread::get_id());
-  if (found != threads.end()) return static_cast<std::size_t>(found - threads.begin()) + 1;
+  if (found != threads.end()) {
+    return static_cast<std::size_t>(found - threads.begin()) + 1;
+  }
   threads.push_back(std::this_thread::get_id());
   return threads.size();
 }
@@ -26,25 +28,33 @@ Call::~Call() {
 void Call::begin(std::string_view operation) {
   const bool loads =
       operation == "ot_discover" || operation.starts_with("ot_open") || driver_.threads.empty();
-  if (loads) driver_.load_settings();
+  if (loads) {
+    driver_.load_settings();
+  }
   const std::uint64_t number = ++driver_.calls[operation];
   const std::size_t thread = thread_number(driver_.threads);
   label_ =
       std::string(operation) + " k=" + std::to_string(number) + " thread=" + std::to_string(thread);
   for (const Failure& failure : driver_.settings().failures) {
     const bool due = failure.always ? number >= failure.call : number == failure.call;
-    if (failure.operation == operation && due) failure_ = &failure;
+    if (failure.operation == operation && due) {
+      failure_ = &failure;
+    }
   }
   expect(thread == 1 || operation == "ot_status_string", "called from a second thread");
 }
 
 bool Call::expect(bool condition, const char* misuse) {
-  if (!condition) guard([&] { driver_.ledger.misuse(label_ + ": " + misuse); });
+  if (!condition) {
+    guard([&] { driver_.ledger.misuse(label_ + ": " + misuse); });
+  }
   return condition;
 }
 
 bool Call::require(bool condition, const char* misuse) {
-  if (!condition) refuse(OT_ERR_ARGUMENT);
+  if (!condition) {
+    refuse(OT_ERR_ARGUMENT);
+  }
   return expect(condition, misuse);
 }
 
@@ -60,7 +70,9 @@ ot_status Call::finish(const Outcome& outcome) {
   }
   // A read that met no data has not failed.
   const bool failed = status != OT_OK && (status != OT_ERR_TIMEOUT || failure_ != nullptr);
-  if (handle_ != nullptr && failed) guard([&] { handle_->last_error = detail; });
+  if (handle_ != nullptr && failed) {
+    guard([&] { handle_->last_error = detail; });
+  }
   note("status", status);
   if (failure_ != nullptr) {
     guard([&] { notes_ += failure_->effect ? " commanded after its effect" : " commanded"; });

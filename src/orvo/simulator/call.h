@@ -53,7 +53,9 @@ class Call {
   ot_status perform(Work work) {
     Outcome outcome;
     const bool takes_effect = failure_ == nullptr || failure_->effect;
-    if (refused_ == OT_OK && takes_effect) guard([&] { outcome = work(); });
+    if (refused_ == OT_OK && takes_effect) {
+      guard([&] { outcome = work(); });
+    }
     return finish(outcome);
   }
 

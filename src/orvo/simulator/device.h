@@ -27,7 +27,9 @@ class InstrumentClock {
 
   /// Calls after the first have no effect.
   void start() {
-    if (!started_) started_ = Host::now();
+    if (!started_) {
+      started_ = Host::now();
+    }
   }
 
   [[nodiscard]] bool paced() const { return paced_; }

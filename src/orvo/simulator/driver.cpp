@@ -1,8 +1,8 @@
 #include "orvo/simulator/driver.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
+#include <iostream>
 #include <stdexcept>
 #include <utility>
 
@@ -42,14 +42,20 @@ Handle* find_in(const std::vector<std::unique_ptr<Handle>>& handles, const Handl
 }  // namespace
 
 bool Ledger::open(const std::string& path) {
-  if (path == path_) return true;
+  if (path == path_) {
+    return true;
+  }
   file_.close();
   file_.clear();
   path_ = path;
   misuses_ = 0;
-  if (path.empty()) return true;
+  if (path.empty()) {
+    return true;
+  }
   file_.open(path);
-  if (file_.is_open()) return true;
+  if (file_.is_open()) {
+    return true;
+  }
   path_.clear();
   return false;
 }
@@ -60,8 +66,10 @@ void Ledger::misuse(const std::string& line) {
 }
 
 void Ledger::write(const std::string& line) {
-  if (!file_.is_open() || file_ << line << std::endl) return;
-  std::fprintf(stderr, "ORVO_SIM: cannot write the ledger '%s', which ends here\n", path_.c_str());
+  if (!file_.is_open() || file_ << line << std::endl) {
+    return;
+  }
+  std::cerr << "ORVO_SIM: cannot write the ledger '" + path_ + "', which ends here\n";
   file_.close();
 }
 
@@ -72,17 +80,23 @@ Driver& Driver::instance() {
 
 Driver::~Driver() {
   for (const auto& device : devices_) {
-    if (device->device) ledger.misuse("end: an instrument was not closed");
+    if (device->device) {
+      ledger.misuse("end: an instrument was not closed");
+    }
   }
   for (const auto& list : lists_) {
-    if (!list->freed) ledger.misuse("end: a discovery list was not freed");
+    if (!list->freed) {
+      ledger.misuse("end: a discovery list was not freed");
+    }
   }
   ledger.end();
 }
 
 void Driver::load_settings() {
   std::string text = environment("ORVO_SIM");
-  if (any_open() || loaded_text_ == text) return;
+  if (any_open() || loaded_text_ == text) {
+    return;
+  }
   settings_good_ = true;
   try {
     settings_ = parse_settings(text);
@@ -90,7 +104,7 @@ void Driver::load_settings() {
       throw std::invalid_argument("bad value of key 'ledger': '" + settings_.ledger + "'");
     }
   } catch (const std::invalid_argument& error) {
-    std::fprintf(stderr, "ORVO_SIM: %s\n", error.what());
+    std::cerr << std::string("ORVO_SIM: ") + error.what() + '\n';
     settings_ = Settings{};
     settings_good_ = false;
   }
@@ -113,14 +127,18 @@ std::vector<ot_discovery_list::Entry> Driver::attached() const {
   const std::string wanted_serial = environment("ORVO_TIMING_USB_SERIAL");
   std::vector<ot_discovery_list::Entry> entries;
   for (std::uint64_t number = 0; number < settings_.instruments; ++number) {
-    if (!wanted_serial.empty() && wanted_serial != serial_of(number)) continue;
+    if (!wanted_serial.empty() && wanted_serial != serial_of(number)) {
+      continue;
+    }
     entries.push_back({"sim:" + std::to_string(number), identity_of(number)});
   }
   return entries;
 }
 
 Outcome Driver::discover(ot_discovery_list*& out) {
-  if (!settings_good_) return {kBadSettings, {}};
+  if (!settings_good_) {
+    return {kBadSettings, {}};
+  }
   lists_.push_back(std::make_unique<ot_discovery_list>());
   lists_.back()->entries = attached();
   out = lists_.back().get();
@@ -128,12 +146,18 @@ Outcome Driver::discover(ot_discovery_list*& out) {
 }
 
 Outcome Driver::open(ot_device*& out, std::string_view port) {
-  if (!settings_good_) return {kBadSettings, {}};
-  if (any_open()) return {kBusy, {}};
+  if (!settings_good_) {
+    return {kBadSettings, {}};
+  }
+  if (any_open()) {
+    return {kBusy, {}};
+  }
   const auto entries = attached();
   const auto entry = std::find_if(entries.begin(), entries.end(),
                                   [port](const auto& e) { return e.port == port; });
-  if (entry == entries.end()) return {OT_ERR_NOT_FOUND, {}};
+  if (entry == entries.end()) {
+    return {OT_ERR_NOT_FOUND, {}};
+  }
   devices_.push_back(std::make_unique<ot_device>());
   devices_.back()->device.emplace(settings_, clock_, entry->identity);
   clock_.start();
@@ -142,10 +166,11 @@ Outcome Driver::open(ot_device*& out, std::string_view port) {
 }
 
 void Driver::say_simulated() {
-  if (said_simulated_) return;
+  if (said_simulated_) {
+    return;
+  }
   said_simulated_ = true;
-  std::fputs("liborvo_timing.so.0: simulated instrument; results say nothing about a real one\n",
-             stderr);
+  std::cerr << "liborvo_timing.so.0: simulated instrument; results say nothing about a real one\n";
 }
 
 }  // namespace orvo::simulator

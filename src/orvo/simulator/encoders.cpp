@@ -66,7 +66,9 @@ std::uint8_t* Delta32Encoder::encode(const Event& event, std::uint8_t* out) {
     out = put_word(kind, payload, out);
   } else {
     const std::uint64_t step = (tick - *last) & kTickMask;
-    if (step > kPayloadMask) out = put_word(kOverflow, step >> kPayloadBits, out);
+    if (step > kPayloadMask) {
+      out = put_word(kOverflow, step >> kPayloadBits, out);
+    }
     out = put_word(kind, step & kPayloadMask, out);
   }
   last = tick;
@@ -93,17 +95,27 @@ std::uint8_t* PackedEncoder::encode(const Event& event, std::uint8_t* out) {
   const std::uint64_t overflow = step >> delta_bits_;
   if (sync_due(channel) || overflow > max_overflow_) [[unlikely]] {
     // A reader takes a sync on the tick of the event before for a step of 0: the next event syncs.
-    if (channel.events_left == 0 || step != 0) return put_sync(event.channel, tick, out);
+    if (channel.events_left == 0 || step != 0) {
+      return put_sync(event.channel, tick, out);
+    }
   }
   channel.tick = tick;
-  if (channel.events_left > 1) --channel.events_left;
-  if (overflow != 0) out = put_overflow(event.channel, overflow, out);
+  if (channel.events_left > 1) {
+    --channel.events_left;
+  }
+  if (overflow != 0) {
+    out = put_overflow(event.channel, overflow, out);
+  }
   return put(event.channel, false, step & all_ones_, out);
 }
 
 std::uint8_t* PackedEncoder::finish(std::uint8_t* out) {
-  if (bits_.missing() >= delta_bits_ + 3) out = put(last_channel_, true, 0, out);
-  if (bits_.missing() != 0) out = bits_.put(0, bits_.missing(), out);
+  if (bits_.missing() >= delta_bits_ + 3) {
+    out = put(last_channel_, true, 0, out);
+  }
+  if (bits_.missing() != 0) {
+    out = bits_.put(0, bits_.missing(), out);
+  }
   return out;
 }
 
@@ -121,7 +133,9 @@ std::uint8_t* PackedEncoder::put_broken_record(unsigned channel, std::uint8_t* o
 }
 
 std::uint8_t* PackedEncoder::put_sync(unsigned channel, std::uint64_t tick, std::uint8_t* out) {
-  if (broken_bits_ != 0) out = put_broken_record(channel, out);
+  if (broken_bits_ != 0) {
+    out = put_broken_record(channel, out);
+  }
   channels_[channel] = {tick, sync_interval_, records_};
   const unsigned chunks = (delta_bits_ + kTickBits - 1) / delta_bits_;
   out = put(channel, true, all_ones_, out);

@@ -66,7 +66,9 @@ class BitWriter {
   std::uint8_t* put(std::uint64_t value, unsigned width, std::uint8_t* out) {
     bits_ |= value << (64 - used_ - width);
     used_ += width;
-    for (unsigned i = 0; i < 8; ++i) out[i] = static_cast<std::uint8_t>(bits_ >> (56 - 8 * i));
+    for (unsigned i = 0; i < 8; ++i) {
+      out[i] = static_cast<std::uint8_t>(bits_ >> (56 - 8 * i));
+    }
     const unsigned whole = used_ / 8;
     bits_ <<= 8 * whole;
     used_ %= 8;

@@ -27,7 +27,7 @@ std::uint64_t skew_ps(std::uint64_t seed, unsigned channel) {
 
 Period calibration_period(std::uint32_t divider, std::int64_t error_per_1e12) {
   // divider * 23 / 712500000 s * 0.9999 * 10^12 ps/s = divider * 613272 / 19 ps
-  return make_period(std::uint64_t{divider} * 613272, 19, error_per_1e12);
+  return make_period(std::uint64_t{divider} * 613'272, 19, error_per_1e12);
 }
 
 Period input_period(std::uint64_t hz, std::int64_t error_per_1e12) {
@@ -38,7 +38,9 @@ EventSource::EventSource(const Settings& settings, const SourceConfig& config) {
   const unsigned selected = (config.channel_mask & 0x0FU) == 0 ? 0x0FU : config.channel_mask;
   for (unsigned number = 0; number < kChannels; ++number) {
     const bool fires = ((selected >> number) & 1U) != 0 && !settings.silent[number];
-    if (fires) set_up(number, settings, config);
+    if (fires) {
+      set_up(number, settings, config);
+    }
     queue_[number] = {channels_[number].next_ps, number};
   }
   const auto earlier = [](const Event& a, const Event& b) { return a.time_ps < b.time_ps; };
@@ -62,12 +64,18 @@ void EventSource::set_up(unsigned number, const Settings& settings, const Source
   channel.jitter_seed = random_at(settings.seed, number);
   channel.nominal_ps = config.start_ps + skew_ps(settings.seed, number);
   for (const Loss& loss : settings.losses) {
-    if (loss.channel == number) channel.losses.push_back(loss);
+    if (loss.channel == number) {
+      channel.losses.push_back(loss);
+    }
   }
   const auto by_place = [](const Loss& a, const Loss& b) { return a.first > b.first; };
   std::sort(channel.losses.begin(), channel.losses.end(), by_place);
-  if (!channel.losses.empty()) channel.next_loss = channel.losses.back().first;
-  if (channel.number == channel.next_loss) skip_losses(channel);
+  if (!channel.losses.empty()) {
+    channel.next_loss = channel.losses.back().first;
+  }
+  if (channel.number == channel.next_loss) {
+    skip_losses(channel);
+  }
   fire(channel);
 }
 

@@ -87,7 +87,9 @@ class EventSource {
 
   static void advance(Channel& channel) {
     step(channel);
-    if (channel.number == channel.next_loss) skip_losses(channel);
+    if (channel.number == channel.next_loss) {
+      skip_losses(channel);
+    }
     fire(channel);
   }
 

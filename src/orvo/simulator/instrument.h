@@ -36,7 +36,9 @@ class ClockReading {
   explicit ClockReading(std::uint64_t start_ps) : base_ps_(start_ps - start_ps % kWrapPs) {}
 
   std::uint64_t at(std::uint64_t time_ps) {
-    if (time_ps - base_ps_ >= kWrapPs) base_ps_ = time_ps - time_ps % kWrapPs;
+    if (time_ps - base_ps_ >= kWrapPs) {
+      base_ps_ = time_ps - time_ps % kWrapPs;
+    }
     return time_ps - base_ps_;
   }
 

@@ -20,13 +20,17 @@ template <typename Number>
 Number parse_number(std::string_view text) {
   Number value = 0;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-  if (error != std::errc{} || end != text.data() + text.size()) throw BadValue{};
+  if (error != std::errc{} || end != text.data() + text.size()) {
+    throw BadValue{};
+  }
   return value;
 }
 
 std::uint64_t parse_uint(std::string_view text, std::uint64_t low, std::uint64_t high) {
   const auto value = parse_number<std::uint64_t>(text);
-  if (value < low || value > high) throw BadValue{};
+  if (value < low || value > high) {
+    throw BadValue{};
+  }
   return value;
 }
 
@@ -44,7 +48,9 @@ std::string_view take(std::string_view& rest, char separator) {
 
 /// As take(), of a text that has the separator.
 std::string_view take_before(std::string_view& rest, char separator) {
-  if (rest.find(separator) == std::string_view::npos) throw BadValue{};
+  if (rest.find(separator) == std::string_view::npos) {
+    throw BadValue{};
+  }
   return take(rest, separator);
 }
 
@@ -53,16 +59,22 @@ std::int64_t parse_ppm(std::string_view text) {
   constexpr std::uint64_t kMillionths = 1'000'000;
   constexpr std::uint64_t kMaxPpm = 100'000;
   const bool negative = !text.empty() && text.front() == '-';
-  if (negative) text.remove_prefix(1);
+  if (negative) {
+    text.remove_prefix(1);
+  }
   const bool has_decimals = text.find('.') != std::string_view::npos;
   std::uint64_t value = parse_uint(take(text, '.'), 0, kMaxPpm) * kMillionths;
   if (has_decimals) {
-    if (text.empty() || text.size() > 6) throw BadValue{};
+    if (text.empty() || text.size() > 6) {
+      throw BadValue{};
+    }
     std::string decimals(text);
     decimals.resize(6, '0');
     value += parse_uint(decimals, 0, kMillionths - 1);
   }
-  if (value > kMaxPpm * kMillionths) throw BadValue{};
+  if (value > kMaxPpm * kMillionths) {
+    throw BadValue{};
+  }
   return negative ? -static_cast<std::int64_t>(value) : static_cast<std::int64_t>(value);
 }
 
@@ -90,7 +102,9 @@ void add_loss(Settings& settings, std::string_view item) {
 
 void add_damage(Settings& settings, std::string_view item) {
   const std::string_view kind = take_before(item, '@');
-  if (kind != "flip" && kind != "drop") throw BadValue{};
+  if (kind != "flip" && kind != "drop") {
+    throw BadValue{};
+  }
   settings.damage.push_back(
       {kind == "flip" ? Damage::Kind::flip : Damage::Kind::drop, parse_uint(item, 0, kNever - 1)});
 }
@@ -110,7 +124,9 @@ void set_pace(Settings& settings, std::string_view value) {
     return;
   }
   const std::string_view kind = take_before(value, ':');
-  if (kind != "bytes" && kind != "ps") throw BadValue{};
+  if (kind != "bytes" && kind != "ps") {
+    throw BadValue{};
+  }
   settings.pace = kind == "bytes" ? Pace::unpaced_bytes : Pace::unpaced_ps;
   settings.end = parse_uint(value, 1, kNever >> 1);
 }
@@ -136,12 +152,16 @@ void add_failure(Settings& settings, std::string_view value) {
   failure.operation = take_before(value, ':');
   const auto* const known = std::find(std::begin(kOperationsWithStatus),
                                       std::end(kOperationsWithStatus), failure.operation);
-  if (known == std::end(kOperationsWithStatus)) throw BadValue{};
+  if (known == std::end(kOperationsWithStatus)) {
+    throw BadValue{};
+  }
   failure.call = parse_uint(take_before(value, ':'), 1, kNever);
   failure.status = parse_number<ot_status>(take(value, ':'));
   // A read can succeed without bytes; another call that did nothing must not report success.
   const bool is_read = failure.operation == "ot_read_stream_bytes";
-  if (failure.status == OT_OK && !is_read) throw BadValue{};
+  if (failure.status == OT_OK && !is_read) {
+    throw BadValue{};
+  }
   constexpr std::string_view kDetail = "detail=";
   while (!value.empty()) {
     if (value.starts_with(kDetail)) {
@@ -149,14 +169,18 @@ void add_failure(Settings& settings, std::string_view value) {
       break;
     }
     const std::string_view word = take(value, ':');
-    if (word != "always" && word != "effect") throw BadValue{};
+    if (word != "always" && word != "effect") {
+      throw BadValue{};
+    }
     (word == "always" ? failure.always : failure.effect) = true;
   }
   settings.failures.push_back(std::move(failure));
 }
 
 void set_ledger(Settings& settings, std::string_view value) {
-  if (value.empty()) throw BadValue{};
+  if (value.empty()) {
+    throw BadValue{};
+  }
   settings.ledger = value;
 }
 
@@ -164,7 +188,9 @@ using Apply = void (*)(Settings&, std::string_view);
 
 template <Apply apply_item>
 void for_each_item(Settings& settings, std::string_view list) {
-  while (list.find(',') != std::string_view::npos) apply_item(settings, take(list, ','));
+  while (list.find(',') != std::string_view::npos) {
+    apply_item(settings, take(list, ','));
+  }
   apply_item(settings, list);
 }
 
@@ -199,7 +225,9 @@ void apply(Settings& settings, std::string_view setting) {
   const std::string name(take(setting, '='));
   const auto* const key = std::find_if(std::begin(kKeys), std::end(kKeys),
                                        [&name](const Key& k) { return k.name == name; });
-  if (key == std::end(kKeys)) throw std::invalid_argument("unknown key '" + name + "'");
+  if (key == std::end(kKeys)) {
+    throw std::invalid_argument("unknown key '" + name + "'");
+  }
   try {
     key->apply(settings, setting);
   } catch (const BadValue&) {
@@ -213,7 +241,9 @@ Settings parse_settings(std::string_view text) {
   Settings settings;
   while (!text.empty()) {
     const std::string_view setting = take(text, ';');
-    if (!setting.empty()) apply(settings, setting);
+    if (!setting.empty()) {
+      apply(settings, setting);
+    }
   }
   const auto by_offset = [](const Damage& a, const Damage& b) { return a.offset < b.offset; };
   std::stable_sort(settings.damage.begin(), settings.damage.end(), by_offset);

@@ -45,7 +45,7 @@ struct Settings {
   std::uint64_t instruments = 1;
   std::array<std::int64_t, kChannels> rate_error_per_1e12{};  ///< millionths of a ppm
   std::uint64_t jitter_ps = 3;
-  std::array<std::uint64_t, kChannels> external_hz{100000, 80000, 60000, 40000};
+  std::array<std::uint64_t, kChannels> external_hz{100'000, 80'000, 60'000, 40'000};
   std::array<bool, kChannels> silent{};
   std::vector<Loss> losses;
   std::optional<std::uint64_t> bit_phase;  ///< unset: from the seed

@@ -34,7 +34,9 @@ class GeneratedPayload final : public Payload {
       out = encoder_.encode(source_.front(), out);
       source_.pop();
     }
-    if (out < full && until_ps >= end_ps_) out = encoder_.finish(out);
+    if (out < full && until_ps >= end_ps_) {
+      out = encoder_.finish(out);
+    }
     return {begin, out};
   }
 
@@ -78,8 +80,12 @@ std::size_t Stream::read(std::span<std::uint8_t> out, std::uint64_t until_ps) {
   out = out.first(static_cast<std::size_t>(std::min<std::uint64_t>(out.size(), bytes_left_)));
   std::size_t done = 0;
   while (done < out.size()) {
-    if (pending_.empty()) pending_ = payload_->next(out.size() - done, until_ps);
-    if (pending_.empty()) break;
+    if (pending_.empty()) {
+      pending_ = payload_->next(out.size() - done, until_ps);
+    }
+    if (pending_.empty()) {
+      break;
+    }
     done += deliver(out.subspan(done));
   }
   bytes_left_ -= done;
@@ -109,7 +115,9 @@ void Stream::damage_next_byte() {
   }
   pending_ = pending_.subspan(1);
   // No later damage of a byte that is dropped.
-  while (next_damage_ < damage_.size() && damage_[next_damage_].offset == offset_) ++next_damage_;
+  while (next_damage_ < damage_.size() && damage_[next_damage_].offset == offset_) {
+    ++next_damage_;
+  }
   ++offset_;
 }
 

@@ -17,9 +17,9 @@ struct Config : EvaluationSettings {
   std::string control_port;  ///< empty: ORVO_TIMING_PORT or the first instrument found
   std::string usb_serial;    ///< not empty: handed to the driver library by environment
   double capture_s = 0.35;   ///< of each frequency run
-  std::vector<double> frequencies_hz = {1000, 10000, 100000};  ///< in run order
+  std::vector<double> frequencies_hz = {1'000, 10'000, 100'000};  ///< in run order
   std::uint8_t tdl_index = 0;
-  std::uint64_t chunk_bytes = 1048576;  ///< one read, from the instrument and from the file
+  std::uint64_t chunk_bytes = 1 << 20;  ///< one read, from the instrument and from the file
   std::uint64_t queue_chunks = 128;     ///< reads that may wait for the disk
   std::optional<std::filesystem::path> output_root;  ///< unset: the tool's default
 

@@ -19,8 +19,8 @@
 namespace orvo::verification {
 
 /// Frequency that the calibration source divides.
-inline constexpr double kCalibrationBaseHz = 712500000.0 / 23.0;
-static_assert(kCalibrationBaseHz == 30978260.86956522);
+inline constexpr double kCalibrationBaseHz = 712'500'000.0 / 23.0;
+static_assert(kCalibrationBaseHz == 30'978'260.86956522);
 
 /// The instrument's clock counts 3333 ps for each 10/3 ns that pass.
 inline constexpr double kDecodedTimestampSecondsPerSecond = 0.9999;
