@@ -79,6 +79,11 @@ TEST(PackedSameness, EveryFeed) {
     for (const timing::LockEvent& event : pair.plain().log) ++kinds[event.kind];
   }
   unsetenv("ORVO_PACKED_KERNEL");
+#if defined(__x86_64__)
+  const timing::detail::PackedFormat format(timing::StreamFileHeader{});
+  EXPECT_TRUE(timing::detail::RecordGroups::make(format)) << "all had the portable kernel";
+  std::cout << "kernels: portable and " ORVO_WIDE_KERNEL "; ";
+#endif
   std::cout << clean << " records of clean streams, " << damaged << " of damaged ones; " << silent
             << " streams without an event, events";
   EXPECT_GT(silent, 0U);
@@ -158,22 +163,6 @@ TEST(PackedSameness, LimitsOfImbalance) {
       EXPECT_TRUE(last.ends_with(c.drop)) << last;
     }
   }
-}
-
-// One of ctest's last lines where all of these tests had one kernel.
-TEST(PackedSameness, SkippedMeansPortableKernelOnly) {
-#if defined(__x86_64__)
-  const bool has_both = __builtin_cpu_supports("avx512vbmi") != 0;
-#else
-  const bool has_both = false;
-#endif
-  const timing::detail::PackedFormat format(byte_header(timing::Mode::internal, 3));
-  for (const char* const kernel : {"portable", ""}) {
-    setenv("ORVO_PACKED_KERNEL", kernel, 1);
-    EXPECT_EQ(timing::detail::RecordGroups::make(format) != nullptr, has_both && *kernel == '\0');
-  }
-  unsetenv("ORVO_PACKED_KERNEL");
-  if (!has_both) GTEST_SKIP() << "portable kernel only: the processor has no AVX-512 with VBMI";
 }
 
 // Where later spans see more, the last byte offset is the one to begin from. A sync anchors the

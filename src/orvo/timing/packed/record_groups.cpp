@@ -13,8 +13,10 @@
 #include <span>
 #include <utility>
 
+#ifndef ORVO_AVX512  // which tests define, with intrinsics of plain loops
 // For each function by itself: the rest of the library must run on any processor.
 #define ORVO_AVX512 __attribute__((target("avx512f,avx512bw,avx512dq,avx512vl,avx512vbmi,bmi2")))
+#endif
 
 namespace orvo::timing::detail {
 namespace {
@@ -148,7 +150,7 @@ GroupPlan make_plan(std::uint64_t pattern, const PackedFormat& format) {
 
 // --- Vectors ---
 
-ORVO_AVX512 inline __m512i load(const void* aligned) { return _mm512_load_si512(aligned); }
+ORVO_AVX512 inline __m512i load(const void* aligned) { return _mm512_loadu_si512(aligned); }
 
 ORVO_AVX512 inline __m512i all_lanes(std::uint64_t value) {
   return _mm512_set1_epi32(static_cast<int>(value));
@@ -159,20 +161,22 @@ ORVO_AVX512 inline __m128i shift_by(unsigned count) {
 }
 
 ORVO_AVX512 inline __m512i add(__m512i values, const HalfPlan::Sum& sum) {
-  return _mm512_mask_add_epi64(values, sum.lanes, values,
-                               _mm512_permutexvar_epi64(load(sum.from.data()), values));
+  return _mm512_add_epi64(values,
+                          _mm512_maskz_permutexvar_epi64(sum.lanes, load(sum.from.data()), values));
 }
 
 /// How sixteen records that begin at some bit of a byte are spread over sixteen lanes. The next
 /// sixteen begin at the same bit again.
 struct Spread {
   ORVO_AVX512 Spread(unsigned first_bit, unsigned width) {
-    const __m512i numbers = _mm512_set_epi32(15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0);
-    const __m512i bits =
-        _mm512_add_epi32(_mm512_mullo_epi32(numbers, all_lanes(width)), all_lanes(first_bit));
+    alignas(64) constexpr std::array<std::uint32_t, kGroupRecords> kNumbers = {
+        0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15};
+    const __m512i bits = _mm512_add_epi32(
+        _mm512_mullo_epi32(load(kNumbers.data()), all_lanes(width)), all_lanes(first_bit));
     shifts = _mm512_and_si512(bits, all_lanes(7));
-    bytes = _mm512_add_epi32(_mm512_mullo_epi32(_mm512_srli_epi32(bits, 3), all_lanes(0x01010101)),
-                             all_lanes(0x00010203));  // four bytes each, the first one highest
+    const __m512i first_bytes = _mm512_srl_epi32(bits, shift_by(3));
+    bytes = _mm512_add_epi32(_mm512_mullo_epi32(first_bytes, all_lanes(0x0101'0101)),
+                             all_lanes(0x0001'0203));  // four bytes each, the first one highest
   }
 
   __m512i bytes;
@@ -182,7 +186,7 @@ struct Spread {
 ORVO_AVX512 inline std::uint64_t pattern_of(__m512i tops, unsigned before) {
   constexpr std::uint64_t kTops = 0x0707'0707'0707'0707;
   const __m128i bytes = _mm512_cvtepi32_epi8(tops);
-  const auto low = static_cast<std::uint64_t>(_mm_cvtsi128_si64(bytes));
+  const auto low = static_cast<std::uint64_t>(_mm_extract_epi64(bytes, 0));
   const auto high = static_cast<std::uint64_t>(_mm_extract_epi64(bytes, 1));
   return _pext_u64(low, kTops) | _pext_u64(high, kTops) << (8 * kTopBits) |
          std::uint64_t{before} << (kGroupRecords * kTopBits);
@@ -199,16 +203,22 @@ ORVO_AVX512 inline TimeTag* emit(const HalfPlan& half, __m512i steps, __m128i qu
   if (half.sums[2].lanes != 0) {
     sums = add(sums, half.sums[2]);
   }
+  constexpr __mmask8 kAllTags = (1U << kHalfTags) - 1;
   const __m512i channels = load(half.channels.data());
-  const __m512i tag_times = _mm512_add_epi64(sums, _mm512_permutexvar_epi64(channels, times));
+  const __m512i tag_times =
+      _mm512_add_epi64(sums, _mm512_maskz_permutexvar_epi64(kAllTags, channels, times));
   // From the sums, not from the times of the tags: the next half waits for one addition only.
   times = _mm512_add_epi64(
       times, _mm512_maskz_permutexvar_epi64(half.last_lanes, load(half.last.data()), sums));
 
-  const __m512i first_four = _mm512_set_epi64(11, 3, 10, 2, 9, 1, 8, 0);
-  const __m512i last_four = _mm512_set_epi64(15, 7, 14, 6, 13, 5, 12, 4);
-  _mm512_storeu_si512(end, _mm512_permutex2var_epi64(channels, first_four, tag_times));
-  _mm512_storeu_si512(end + 4, _mm512_permutex2var_epi64(channels, last_four, tag_times));
+  // Lanes 0 to 7 are those of the channels, 8 to 15 those of the times.
+  alignas(64) static constexpr std::array<std::uint64_t, kHalfTags> kFirstFour = {0, 8,  1, 9,
+                                                                                  2, 10, 3, 11};
+  alignas(64) static constexpr std::array<std::uint64_t, kHalfTags> kLastFour = {4, 12, 5, 13,
+                                                                                 6, 14, 7, 15};
+  _mm512_storeu_si512(end, _mm512_permutex2var_epi64(channels, load(kFirstFour.data()), tag_times));
+  _mm512_storeu_si512(end + 4,
+                      _mm512_permutex2var_epi64(channels, load(kLastFour.data()), tag_times));
   return end + half.tags;
 }
 
@@ -276,7 +286,7 @@ ORVO_AVX512 void Avx512RecordGroups::take(PackedCursor& cursor, PackedLanes& lan
   constexpr __mmask8 kChannelLanes = kAllChannels;
   __m512i times = _mm512_maskz_loadu_epi64(kChannelLanes, lanes.time_ps.data());
   __m512i tags = _mm512_maskz_loadu_epi64(kChannelLanes, lanes.tags.data());
-  __m512i payloads_before = _mm512_setzero_si512();
+  __m512i payloads_before = all_lanes(0);
   unsigned before = 0;  // top of the record before; at first one without a flag, whatever it was
   // Local copies, because the compiler must assume that storing a tag may change the cursor.
   const std::uint8_t* group = cursor.data + cursor.position / 8;
@@ -294,8 +304,8 @@ ORVO_AVX512 void Avx512RecordGroups::take(PackedCursor& cursor, PackedLanes& lan
       break;
     }
     const __m512i payloads = _mm512_and_si512(records, all_ones);
-    const __m512i overflow = _mm512_maskz_sll_epi32(
-        plan->joined, _mm512_alignr_epi32(payloads, payloads_before, kGroupRecords - 1),
+    const __m512i overflow = _mm512_sll_epi32(
+        _mm512_maskz_alignr_epi32(plan->joined, payloads, payloads_before, kGroupRecords - 1),
         payload_bits);
     const __m512i steps = _mm512_or_si512(overflow, payloads);
     end = emit(plan->halves[0], steps, quantum_shift, times, end);
@@ -311,8 +321,9 @@ ORVO_AVX512 void Avx512RecordGroups::take(PackedCursor& cursor, PackedLanes& lan
   _mm512_mask_storeu_epi64(lanes.time_ps.data(), kChannelLanes, times);
   _mm512_mask_storeu_epi64(lanes.tags.data(), kChannelLanes, tags);
   if ((before & 1) != 0) {  // its data record follows the last group
-    lanes.overflow[before >> 1] = static_cast<std::uint32_t>(
-        _mm_extract_epi32(_mm512_extracti32x4_epi32(payloads_before, 3), 3));
+    std::array<std::uint32_t, kGroupRecords> payloads;
+    _mm512_storeu_si512(payloads.data(), payloads_before);
+    lanes.overflow[before >> 1] = payloads.back();
     lanes.step_bound_ps[before >> 1] = 0;
   }
 }
