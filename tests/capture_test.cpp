@@ -135,7 +135,7 @@ TEST_F(Capture, HeaderSaysWhatIsRecordedAlsoInNoTime) {
   EXPECT_TRUE(text().ends_with(R"({"delta_bits":20,"quantum_ps":300}})")) << text();
 }
 
-TEST_F(Capture, FailureIsToldBeforeTheStreamIsAbandoned) {
+TEST_F(Capture, DetailIsAskedBeforeTheStreamIsAbandoned) {
   driver.reads = {{OT_OK, "kept"}, {42, "lost"}};
   EXPECT_EQ(error(), "read_stream_bytes: status text (detail) [42]");
   EXPECT_EQ(driver.take_calls(), kSetUp + kRead + kRead + "last_error; status_string 42; stop 0; ");
@@ -155,7 +155,7 @@ TEST_F(Capture, WhatNothingFollowsIsInTheFileAtOnce) {
   EXPECT_TRUE(driver.take_calls().ends_with("stop 0; "));
 }
 
-TEST_F(Capture, WriterFailureStopsTheStreamAndIsToldInsteadOfALaterOne) {
+TEST_F(Capture, WriterFailureStopsTheStreamAndIsReportedInsteadOfALaterOne) {
   const FileSizeLimit limit(4096);  // more than the header
   chunk_bytes = 1 << 20;
   const std::string chunk(chunk_bytes, 'x');
@@ -172,7 +172,7 @@ TEST_F(Capture, WriterFailureStopsTheStreamAndIsToldInsteadOfALaterOne) {
   EXPECT_TRUE(driver.take_calls().ends_with("/0; stop 1; "));
 }
 
-// A reader that nobody wakes would look for itself up to 10 ms later. One that is interrupted hands
+// A reader that nobody wakes looks for itself, up to 10 ms later. One that is interrupted hands
 // its chunk over all the same.
 TEST(CaptureQueue, AFullOneWakesItsReaderAndSeesAnInterruption) {
   using Clock = std::chrono::steady_clock;

@@ -112,7 +112,7 @@ TEST(Delta32, WordsBecomeTags) {
       {"a time-high bit above 15 loses", "m c1,1 c2,65536 e0,0", ""},
       {"overflow with a base pending loses", "b1000 c0,1 e0,1", ""},
       {"a second marker starts over", "m m c1,1 m c1,2 c2,0 e0,0", "0:2 "},
-      {"a base behind the last event loses", "b1000 e0,0 b1000 e0,0 e0,5", "0:1000 "},
+      {"a base before the last event loses", "b1000 e0,0 b1000 e0,0 e0,5", "0:1000 "},
       {"field 3 is ignored", "b1000 c3,1 e0,0", "0:1000 "},
       {"time-low loses", "b1000 e0,0 c1,1 e0,1 b5000 e0,0", "0:1000 0:5000 "},
       {"the base's own place in 2^41", "b1000 e0,0 c0,65535 e0,33552432 b1000 e0,1",

@@ -1,5 +1,5 @@
-// One call of the driver library, from its begin to its end: counted, recorded in the ledger, and
-// failed where ORVO_SIM says so.
+// One call of the driver library, from its beginning to its end: counted, recorded in the ledger,
+// and failed where ORVO_SIM says so.
 //
 // Threads: a call holds the driver's lock.
 // Errors: no exception leaves a call; one refuses it with the status kNoMemory or OT_ERR_IO.

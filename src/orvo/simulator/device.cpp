@@ -125,7 +125,7 @@ Outcome Device::read(std::span<std::uint8_t> buffer, std::uint64_t& got, int tim
   if (got < buffer.size() && (clock_.paced() || got == 0)) {
     std::this_thread::sleep_until(deadline);
   } else if (clock_.paced()) {
-    // All that fits is known; the read ends when the last of it has happened.
+    // The buffer is full; the read ends when its last event has happened.
     std::this_thread::sleep_until(std::min(deadline, clock_.when(stream_->time_ps())));
   }
   if (got == 0 && !buffer.empty()) {

@@ -2,8 +2,8 @@
 // the other; see docs/stream-format.md for the formats.
 //
 // Threads: an encoder belongs to one thread. Errors: none.
-// encode() appends one event's records to `out` and returns their end; it may write kMaxEventBytes
-// and, beyond them, BitWriter::kSlackBytes. finish() completes the last byte.
+// encode() writes one event's records at `out` and returns their end; it may write kMaxEventBytes
+// and, after them, BitWriter::kSlackBytes. finish() completes the last byte.
 #pragma once
 
 #include <array>

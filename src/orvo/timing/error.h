@@ -17,7 +17,7 @@ namespace orvo::timing {
 /// A failed operation: what() is the complete message, status() the value that caused it.
 class Error : public std::runtime_error {
  public:
-  /// `message` names no operation apart from its text.
+  /// `message` is complete; no operation is recorded.
   Error(ot_status status, const std::string& message)
       : std::runtime_error(message), status_(status) {}
 

@@ -12,7 +12,7 @@ inline constexpr std::uint64_t kCoarsePeriodPs = 3333;  ///< of the coarse clock
 inline constexpr std::uint64_t kWrapPs = kCoarsePeriodPs << 32;
 static_assert(kWrapPs == 14'315'125'997'568);
 
-/// Largest wrap-corrected step that is taken without asking whether the clock could have wrapped.
+/// Largest wrap-corrected step that is accepted without checking that the clock could have wrapped.
 inline constexpr std::uint64_t kUncheckedStepPs = 10'000'000'000;
 /// Largest step that the calibration source can plausibly make.
 inline constexpr std::uint64_t kInternalStepLimitPs = 1'000'000'000'000;
@@ -28,7 +28,7 @@ struct TickCounter {
       : period_ps(std::uint64_t{1} << (kBits + quantum_shift)),
         wrap_excess_ps((kWrapPs + period_ps - 1) / period_ps * period_ps - kWrapPs) {}
 
-  /// The step that follows a channel's last time, without the excess if the clock wrapped in it.
+  /// The step that follows a channel's last time, less the excess if the clock wrapped during it.
   [[nodiscard]] constexpr std::uint64_t corrected_step(std::int64_t last_ps,
                                                        std::uint64_t step_ps) const {
     if (step_ps > wrap_excess_ps) {

@@ -12,7 +12,7 @@ namespace {
 constexpr std::uint64_t kGatheredBytes = 1 << 20;  // most that one write to the system gathers
 constexpr std::uint64_t kHeaderLimitBytes = std::uint64_t{1} << 32;  // its length has 32 bits
 
-/// Of files from before the container had its present name; otherwise the same.
+/// The magic of older files, which are otherwise the same.
 constexpr std::array<char, 8> kLegacyMagic = {'O', 'T', 'S', 'T', 'R', 'M', '1', '\n'};
 /// A header is read in pieces, from this size on and doubling, so that a damaged length cannot ask
 /// for much more memory than the file has bytes.
@@ -20,7 +20,7 @@ constexpr std::size_t kHeaderPieceBytes = 1 << 16;
 /// A chunk is read in pieces of this size, so that memory follows what the file holds, not what is
 /// asked for.
 constexpr std::uint64_t kPieceBytes = 16 << 20;
-/// Most tags for which room is reserved before one is there.
+/// Upper limit on tags reserved in advance.
 constexpr std::uint64_t kReservedTags = 65'536;
 
 constexpr const char* kWriter = "StreamFileWriter";

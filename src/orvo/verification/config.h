@@ -1,4 +1,4 @@
-// The tool's settings: where they come from and the one function through which each reaches them.
+// The tool's settings: where they come from and the one function that sets them.
 // Plain values and functions without state: any thread may call them.
 #pragma once
 

@@ -54,7 +54,7 @@ bool overflow_required(double expected_decoded_hz, const EvaluationSettings& set
 }  // namespace
 
 EvaluationSettings settings_of(const timing::StreamFileHeader& header) {
-  EvaluationSettings settings;  // whose defaults a header's 0 means
+  EvaluationSettings settings;  // a 0 in the header means the default
   settings.channel_mask = header.channel_mask;
   if (header.stream_format != timing::Format::packed_delta) {
     settings.packed_bits = 0;

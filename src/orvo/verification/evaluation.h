@@ -119,7 +119,7 @@ class TagStatistics {
 
   /// Takes tags in any order.
   void add(std::span<const timing::TimeTag> tags);
-  /// Takes what was counted of a channel elsewhere.
+  /// Adds another count of a channel.
   void add(std::size_t channel, const Channel& counted);
 
   /// All tags, also those of channels that do not exist.

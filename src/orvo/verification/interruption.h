@@ -23,10 +23,10 @@ class HandledSignal {
   struct sigaction before_ = {};
 };
 
-/// While one lives, SIGINT, SIGTERM and SIGHUP are noted and end nothing by themselves, however
-/// often they come: a shell and the kernel both report a closed terminal, and timeout(1) sends its
-/// signal twice. Only a second SIGINT ends the process at once, with the stream running; it counts
-/// as a second one from 50 ms after the first on, so that it is a person's second Ctrl-C.
+/// While one lives, SIGINT, SIGTERM and SIGHUP are only noted, however often they come: a shell and
+/// the kernel both report a closed terminal, and timeout(1) sends its signal twice. Only a second
+/// SIGINT ends the process at once, with the stream running. It counts only 50 ms or more after the
+/// first, so that it is a person's second Ctrl-C.
 class InterruptionWatch {
  public:
   InterruptionWatch();

@@ -225,8 +225,8 @@ void publish_latest(const std::filesystem::path& output_root, const std::filesys
   std::error_code error;
   std::filesystem::create_directories(output_root, error);
   throw_if(error, "could not create output root ", output_root);
-  // Other starts hold it for their copies only: whoever holds it longer is none of them, such as a
-  // script that started this tool under a lock on the folder.
+  // Other instances hold it for their copies only. Whoever holds it longer is something else, such as
+  // a script that runs this tool under a lock on the folder.
   const DirectoryLock one_start_at_a_time(output_root, std::chrono::seconds(10));
   copy_file_checked(csv_path, output_root / kLatestCsv);
   copy_file_checked(json_path, output_root / kLatestJson);

@@ -48,7 +48,7 @@ void write_text_file(const std::filesystem::path& path, const std::string& text)
 void copy_file_checked(const std::filesystem::path& from, const std::filesystem::path& to);
 
 /// Makes latest.csv, latest.json and latest_summary.txt in `output_root`, created where missing.
-/// Starts that publish into one folder take turns.
+/// Instances that publish into one folder take turns.
 void publish_latest(const std::filesystem::path& output_root, const std::filesystem::path& csv_path,
                     const std::filesystem::path& json_path, const std::string& summary_text);
 

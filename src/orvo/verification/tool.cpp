@@ -117,7 +117,7 @@ int run_tool(int argc, char** argv, const ToolFolders& folders) {
   } catch (const std::exception& error) {
     std::cerr << error.what() << '\n';
   }
-  std::cout.flush();  // here, where a reader that is gone ends nothing
+  std::cout.flush();  // while SIGPIPE is still ignored
   end_if_interrupted();
   return status;
 }

@@ -8,7 +8,8 @@
 namespace orvo::timing::detail {
 namespace {
 
-constexpr std::chrono::milliseconds kLookAgain(10);  // whether a wait for room is interrupted
+/// How often a wait for room checks whether it is interrupted.
+constexpr std::chrono::milliseconds kLookAgain(10);
 
 }  // namespace
 

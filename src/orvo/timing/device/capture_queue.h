@@ -38,9 +38,9 @@ class CaptureQueue {
   /// Reader: an empty chunk of full size, a written one where there is one.
   [[nodiscard]] CaptureChunk take_spare();
 
-  /// Reader: hands a filled chunk over; waits while the queue is full. Where `interrupted` says so
-  /// meanwhile, it is queued beyond the limit, and Interrupted is thrown. Throws the writer's
-  /// failure, or "writer stopped" where the queue was finished without one.
+  /// Reader: hands a filled chunk over; waits while the queue is full. If `interrupted` returns
+  /// true meanwhile, the chunk is queued beyond the limit, and Interrupted is thrown. Throws the
+  /// writer's failure, or "writer stopped" where the queue was finished without one.
   void push(CaptureChunk&& chunk, const InterruptionCheck& interrupted = {});
 
   /// Reader: nothing more will come.

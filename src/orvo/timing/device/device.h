@@ -92,7 +92,7 @@ class Device {
   /// queued before, unless it was the file that failed. The device stays open.
   std::uint64_t capture(const CaptureRequest& request);
 
-  /// The same with the settings in a row.
+  /// capture() for a caller with its settings as a row of arguments.
   template <class Rep, class Period>
   std::uint64_t stream_to_file_for(const std::string& path,
                                    std::chrono::duration<Rep, Period> duration, Mode mode,

@@ -211,7 +211,7 @@ class Search {
   const std::size_t last_offset_;
   const std::uint64_t last_record_;  ///< where the last one that fits in the first span begins
   const TurningPoints turning_points_;
-  /// By the bit of the begin, and one more of each grid.
+  /// Indexed by start bit; one more for each grid.
   std::array<Parse, 8 * kLastOffset + 2 * (PackedFormat::kMaxBits + 3)> parses_;
   std::optional<Alignment> best_;
 };

@@ -17,7 +17,7 @@ struct PackedFormat {
   static constexpr unsigned kMaxBits = 31;
 
   static constexpr unsigned kNoChannel = kChannels;
-  /// In external mode: the inputs may be quiet, and two channels show enough.
+  /// In external mode: the inputs may be quiet, and two synced channels suffice.
   static constexpr unsigned kMinSyncedExternal = 2;
 
   explicit PackedFormat(const StreamFileHeader& header)
