@@ -171,6 +171,7 @@ TEST(PackedRecords, FollowTheRules) {
        "0:14295125997560 0:17592186044408 ", ""},
       {"20 ms beyond it, to the wrap", kOutside, 1, "s0,1786890749696 d0,0 +0,412132505856",
        "0:14295125997568 0:14315125997568 ", ""},
+      {"a step of the counter's whole period", kInside, 1, "+0,2199023255552", "0:8000 ", ""},
       {"a step back of at most 1 us", kInside, 1, "+0,2199023130552", "0:-992000 ", ""},
       {"a time below zero is far from the wrap", kOutside, 1, "+0,2199023130552 +0,2109632505856",
        "0:-992000 0:16877059054848 ", ""},

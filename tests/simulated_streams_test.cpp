@@ -52,6 +52,8 @@ TEST(SimulatedStream, DecodesExactly) {
     expect_exact({kPacked, bits, quantum_ps, kInside, masks[bits % 5], 15, 80'000'000, phase});
     expect_exact({kPacked, bits, quanta[bits % 3], kOutside, 0, 0, 80'000'000, fast});
   }
+  // 31 MHz: syncs are due on the tick of the event before.
+  expect_exact({kPacked, 16, 32768, kInside, 0, 1, 80'000'000, "sync_interval=4"});
   constexpr std::uint64_t kMinutePs = 60 * kSecondPs;  // the clock wraps four times
   for (const unsigned quantum_ps : {1U, 8U, 24U, 4096U}) {
     for (const unsigned bits : {4U, 9U, 16U, 31U}) {
@@ -73,6 +75,17 @@ TEST(SimulatedStream, DecodesExactly) {
       expect_exact({format, 16, 8, mode, 0, 30978, kMinutePs / 2, slow});
     }
   }
+}
+
+// Four events take 5 KiB, and 256 of each channel would take more than a search looks through.
+TEST(SimulatedStream, SyncsComeAgainInTimeForASearch) {
+  const Instrument slow = {.bits = 8,
+                           .divider = 15'489,  // 2 kHz
+                           .duration_ps = kSecondPs / 80,
+                           .sim = "damage=flip@0,flip@1,flip@2,flip@3,flip@4,flip@5,flip@6,flip@7"};
+  std::size_t tags = 0;
+  slow.for_each_batch(1 << 16, [&](auto batch) { tags += batch.size(); });
+  EXPECT_GT(tags, 40U);
 }
 
 long max_rss_kib() {

@@ -95,6 +95,7 @@ TEST(SimulatedStream, DamageAndNoiseAreExact) {
   for (const std::size_t at : {0U, 90U}) expected[at] = static_cast<std::uint8_t>(~expected[at]);
   expected.erase(expected.begin() + 70);
   EXPECT_EQ(bytes_of("pace=bytes:4999;damage=drop@70,flip@90,flip@0,flip@70"), expected);
+  EXPECT_EQ((tests::Instrument{.mask = 0xF0, .sim = "pace=bytes:5000"}.bytes()), clean);
   const Bytes noisy = bytes_of("pace=bytes:5009;noise_bytes=9;damage=flip@9");
   EXPECT_EQ(noisy[9], static_cast<std::uint8_t>(~clean[0]));
   EXPECT_TRUE(std::equal(noisy.begin() + 10, noisy.end(), clean.begin() + 1, clean.end()));
@@ -236,8 +237,9 @@ TEST_F(DriverLibrary, FailsOnCommandAndComplainsOfMisuse) {
   EXPECT_EQ(ot_set_stream_channel_mask(dev_, 1), kBusy);
   ot_identity identity{};
   std::thread([&] { EXPECT_EQ(ot_identify(dev_, &identity), OT_OK); }).join();
-  EXPECT_EQ(ot_stop_stream_mode(dev_, 1), OT_ERR_IO);  // commanded
-  EXPECT_EQ(ot_stop_stream_mode(dev_, 1), OT_OK);      // and not with flag 0
+  EXPECT_EQ(ot_stop_stream_mode(dev_, 1), OT_ERR_IO);  // commanded, without a text
+  EXPECT_STREQ(ot_last_error(dev_), "");
+  EXPECT_EQ(ot_stop_stream_mode(dev_, 1), OT_OK);  // and not with flag 0
   EXPECT_EQ(ot_start_stream_mode(dev_, 0, 0), OT_OK);
   EXPECT_EQ(ot_close(dev_), OT_OK);
   EXPECT_EQ(ot_close(dev_), OT_ERR_NOT_OPEN);
