@@ -44,9 +44,11 @@ double capture_seconds(const std::string& path, std::uint64_t total_bytes, std::
   prepare_driver(total_bytes, read_bytes);
   std::uint64_t captured = 0;
   const double seconds = processor_seconds_of(RUSAGE_SELF, [&] {
-    captured = device.stream_to_file_for(path, kDuration, timing::Mode::internal,
-                                         timing::Format::packed_delta, 0x0F, 0, 1e6, 16, 8,
-                                         timing::Transport::usb, kChunkBytes, queue_chunks);
+    captured = device.capture({.path = path,
+                               .duration = kDuration,
+                               .cal_freq_hz = 1e6,
+                               .chunk_bytes = kChunkBytes,
+                               .queue_chunks = queue_chunks});
   });
   return seconds * kGiB / static_cast<double>(captured);
 }

@@ -85,7 +85,7 @@ class Device {
   std::uint32_t set_calibration_freq(double freq_hz);
 
   /// Records the raw stream into a new stream file and returns the payload bytes written. Blocks
-  /// for `duration`, which is looked at between reads: a read that waits for data (20 ms) or for
+  /// for `duration`, which is checked between reads: a read that waits for data (20 ms) or for
   /// room in the queue delays the end, and the file is then written to its end.
   ///
   /// After a failure the stream has been stopped if it was started, and the file holds what was
