@@ -14,30 +14,23 @@ namespace {
 
 constexpr int kPause = 0;  // among signals: long enough for a second press of Ctrl-C to count
 
-TEST(Interruption, LeavesAnIgnoredSignalIgnoredAndTheOthersAsTheyWere) {
-  std::signal(SIGHUP, SIG_IGN);  // as nohup(1) does
-  {
-    const verification::InterruptionWatch watch;
-    std::raise(SIGHUP);
-  }
-  EXPECT_FALSE(verification::interrupted());
-  EXPECT_EQ(std::signal(SIGHUP, SIG_DFL), SIG_IGN);
-  EXPECT_EQ(std::signal(SIGTERM, SIG_DFL), SIG_DFL);
-}
-
+// SIGHUP is ignored first where a case says so, as by nohup(1).
 TEST(InterruptionDeathTest, OnlyASecondInterruptEndsTheProcessAtOnce) {
   const struct {
+    bool nohup;
     std::vector<int> signals;
     int ends_by;
     const char* says;
   } cases[] = {
-      {{SIGINT, kPause, SIGTERM, SIGHUP}, SIGINT, "to the end"},
-      {{SIGTERM, SIGTERM, kPause, SIGHUP, SIGHUP, SIGINT}, SIGTERM, "to the end"},
-      {{SIGINT, SIGINT}, SIGINT, "to the end"},  // one press, as timeout(1) sends it
-      {{SIGTERM, SIGINT, kPause, SIGINT}, SIGINT, "^$"},
+      {false, {SIGINT, kPause, SIGTERM, SIGHUP}, SIGINT, "to the end"},
+      {false, {SIGTERM, SIGTERM, kPause, SIGHUP, SIGHUP, SIGINT}, SIGTERM, "to the end"},
+      {false, {SIGINT, SIGINT}, SIGINT, "to the end"},  // one press, as timeout(1) sends it
+      {false, {SIGTERM, SIGINT, kPause, SIGINT}, SIGINT, "^$"},
+      {true, {SIGHUP}, SIGTERM, "to the end, as before"},
   };
-  const auto take = [](const std::vector<int>& signals) {
+  const auto take = [](bool nohup, const std::vector<int>& signals) {
     for (const int signal : {SIGINT, SIGTERM, SIGHUP}) std::signal(signal, SIG_DFL);
+    if (nohup) std::signal(SIGHUP, SIG_IGN);
     {
       const verification::InterruptionWatch watch;
       for (const int signal : signals) {
@@ -47,10 +40,12 @@ TEST(InterruptionDeathTest, OnlyASecondInterruptEndsTheProcessAtOnce) {
       std::cerr << "to the end";
     }
     verification::end_if_interrupted();
+    if (std::signal(SIGHUP, SIG_DFL) == SIG_IGN) std::cerr << ", as before";
+    std::raise(SIGTERM);  // by default once more
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(testing::PrintToString(c.signals));
-    EXPECT_EXIT(take(c.signals), testing::KilledBySignal(c.ends_by), c.says);
+    EXPECT_EXIT(take(c.nohup, c.signals), testing::KilledBySignal(c.ends_by), c.says);
   }
 }
 
