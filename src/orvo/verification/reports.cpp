@@ -128,28 +128,7 @@ void throw_if(const std::error_code& error, const char* failure,
   }
 }
 
-}  // namespace
-
-std::ostream& operator<<(std::ostream& out, Fixed number) {
-  return out << std::fixed << std::setprecision(number.decimals) << number.value;
-}
-
-void write_reports(const std::filesystem::path& output_root, const std::filesystem::path& run_dir,
-                   const Config& config, const std::vector<RunResult>& results, bool all_pass) {
-  const std::filesystem::path csv_path = run_dir / "overflow_frequency.csv";
-  const std::filesystem::path json_path = run_dir / "overflow_frequency.json";
-  write_csv(csv_path, results);
-  write_json_report(json_path, config, results, all_pass);
-  const std::string summary_text =
-      format_summary(run_dir, csv_path, json_path, config, results, all_pass);
-  write_text_file(run_dir / "overflow_frequency.summary.txt", summary_text);
-  publish_latest(output_root, csv_path, json_path, summary_text);
-
-  std::cout << summary_text;
-  std::cout << "latest_summary=" << (output_root / kLatestSummary).string() << '\n';
-  std::cout << "latest_json=" << (output_root / kLatestJson).string() << '\n';
-}
-
+/// One row for each run and channel, also for channels outside the channel mask.
 void write_csv(const std::filesystem::path& csv_path, const std::vector<RunResult>& results) {
   std::ofstream out = open_report(csv_path, "could not open overflow CSV output");
   write_csv_heading(out);
@@ -178,6 +157,7 @@ void write_json_report(const std::filesystem::path& json_path, const Config& con
   close_report(out, "could not write overflow JSON output");
 }
 
+/// Text for people; shows the channels that count.
 std::string format_summary(const std::filesystem::path& run_dir,
                            const std::filesystem::path& csv_path,
                            const std::filesystem::path& json_path, const Config& config,
@@ -209,6 +189,8 @@ void write_text_file(const std::filesystem::path& path, const std::string& text)
   write_text(open_report(path, kTextNotOpened), text);
 }
 
+/// Removes `to`, also where it is a link or an empty folder, then copies `from` there. What a
+/// failed copy has left is removed.
 void copy_file_checked(const std::filesystem::path& from, const std::filesystem::path& to) {
   std::error_code error;
   std::filesystem::remove(to, error);  // a link would be written through
@@ -220,13 +202,35 @@ void copy_file_checked(const std::filesystem::path& from, const std::filesystem:
   throw_if(error, "could not publish ", to);
 }
 
+}  // namespace
+
+std::ostream& operator<<(std::ostream& out, Fixed number) {
+  return out << std::fixed << std::setprecision(number.decimals) << number.value;
+}
+
+void write_reports(const std::filesystem::path& output_root, const std::filesystem::path& run_dir,
+                   const Config& config, const std::vector<RunResult>& results, bool all_pass) {
+  const std::filesystem::path csv_path = run_dir / "overflow_frequency.csv";
+  const std::filesystem::path json_path = run_dir / "overflow_frequency.json";
+  write_csv(csv_path, results);
+  write_json_report(json_path, config, results, all_pass);
+  const std::string summary_text =
+      format_summary(run_dir, csv_path, json_path, config, results, all_pass);
+  write_text_file(run_dir / "overflow_frequency.summary.txt", summary_text);
+  publish_latest(output_root, csv_path, json_path, summary_text);
+
+  std::cout << summary_text;
+  std::cout << "latest_summary=" << (output_root / kLatestSummary).string() << '\n';
+  std::cout << "latest_json=" << (output_root / kLatestJson).string() << '\n';
+}
+
 void publish_latest(const std::filesystem::path& output_root, const std::filesystem::path& csv_path,
                     const std::filesystem::path& json_path, const std::string& summary_text) {
   std::error_code error;
   std::filesystem::create_directories(output_root, error);
   throw_if(error, "could not create output root ", output_root);
-  // Other instances hold it for their copies only. Whoever holds it longer is something else, such as
-  // a script that runs this tool under a lock on the folder.
+  // Other instances hold it for their copies only. Whoever holds it longer is something else, such
+  // as a script that runs this tool under a lock on the folder.
   const DirectoryLock one_start_at_a_time(output_root, std::chrono::seconds(10));
   copy_file_checked(csv_path, output_root / kLatestCsv);
   copy_file_checked(json_path, output_root / kLatestJson);

@@ -27,26 +27,6 @@ std::ostream& operator<<(std::ostream& out, Fixed number);
 void write_reports(const std::filesystem::path& output_root, const std::filesystem::path& run_dir,
                    const Config& config, const std::vector<RunResult>& results, bool all_pass);
 
-/// One row for each run and channel, also for channels outside the channel mask.
-void write_csv(const std::filesystem::path& csv_path, const std::vector<RunResult>& results);
-
-void write_json_report(const std::filesystem::path& json_path, const Config& config,
-                       const std::vector<RunResult>& results, bool all_pass);
-
-/// Text for people; shows the channels that count.
-[[nodiscard]] std::string format_summary(const std::filesystem::path& run_dir,
-                                         const std::filesystem::path& csv_path,
-                                         const std::filesystem::path& json_path,
-                                         const Config& config,
-                                         const std::vector<RunResult>& results, bool all_pass);
-
-/// Replaces the content of `path`.
-void write_text_file(const std::filesystem::path& path, const std::string& text);
-
-/// Removes `to`, also where it is a link or an empty folder, then copies `from` there. What a
-/// failed copy has left is removed.
-void copy_file_checked(const std::filesystem::path& from, const std::filesystem::path& to);
-
 /// Makes latest.csv, latest.json and latest_summary.txt in `output_root`, created where missing.
 /// Instances that publish into one folder take turns.
 void publish_latest(const std::filesystem::path& output_root, const std::filesystem::path& csv_path,
