@@ -7,7 +7,7 @@
 
 #include "kernels.h"
 #include "orvo/simulator/stream.h"
-#include "orvo/timing/big_endian.h"
+#include "orvo/timing/byte_order.h"
 #include "orvo/timing/stream_files.h"
 
 namespace orvo::benchmarks {

@@ -31,7 +31,9 @@ int run(const InfoOptions& options) {
       show(run, facts);
     }
     if (!names_run(path)) {
-      show({.stream_file = path, .channels = {}}, facts);
+      verification::RunResult unreported;
+      unreported.stream_file = path;
+      show(unreported, facts);
     }
   }
   if (options.json) {
