@@ -2,10 +2,16 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cmath>
 #include <cstdint>
 #include <limits>
+#include <string>
 #include <vector>
+
+#include "orvo/timing/stream_files.h"
+#include "support/error_of.h"
+#include "support/scratch.h"
 
 namespace orvo::verification {
 namespace {
@@ -84,6 +90,19 @@ TEST(Evaluation, ChannelStatisticsAndVerdict) {
     EXPECT_EQ(result.pass, c.pass);
     EXPECT_EQ(result.channels[3].count, 0U);
   }
+}
+
+TEST(Evaluation, ARecordingThatLostBytesIsNotJudged) {
+  const tests::ScratchDirectory scratch;
+  const std::string path = scratch.file("recording");
+  timing::StreamFileWriter writer;
+  writer.open(path, {});
+  writer.write(std::array<std::uint8_t, 16>{}.data(), 16);
+  writer.close();
+  EXPECT_EQ(tests::error_of([&] { static_cast<void>(read_tag_statistics(path, 16, 4)); }),
+            "no error");
+  EXPECT_EQ(tests::error_of([&] { static_cast<void>(read_tag_statistics(path, 17, 4)); }),
+            "StreamFileReader: payload is not as long as recorded [-2]");
 }
 
 }  // namespace

@@ -124,13 +124,17 @@ RunResult judge(const TagStatistics& statistics, const Rates& rates,
   return result;
 }
 
-TagStatistics read_tag_statistics(const std::string& path, std::uint64_t chunk_bytes,
+TagStatistics read_tag_statistics(const std::string& path, std::uint64_t payload_bytes,
+                                  std::uint64_t chunk_bytes,
                                   const timing::InterruptionCheck& interrupted) {
   timing::StreamFileReader reader;
   reader.interrupted = interrupted;
   reader.open(path);
   TagStatistics statistics;
   reader.for_each_batch(chunk_bytes, [&](auto tags) { statistics.add(tags); });
+  if (reader.read_bytes() - reader.payload_start_bytes() != payload_bytes) {
+    throw timing::Error(OT_ERR_IO, "StreamFileReader", "payload is not as long as recorded");
+  }
   return statistics;
 }
 

@@ -138,8 +138,11 @@ class TagStatistics {
                               const EvaluationSettings& settings);
 
 /// Decodes the stream file at `path`, reading `chunk_bytes` at a time. Errors: timing::Error of the
-/// reader; timing::Interrupted once `interrupted` returns true.
-[[nodiscard]] TagStatistics read_tag_statistics(const std::string& path, std::uint64_t chunk_bytes,
+/// reader, and where its payload has not `payload_bytes`; timing::Interrupted once `interrupted`
+/// returns true.
+[[nodiscard]] TagStatistics read_tag_statistics(const std::string& path,
+                                                std::uint64_t payload_bytes,
+                                                std::uint64_t chunk_bytes,
                                                 const timing::InterruptionCheck& interrupted = {});
 
 }  // namespace orvo::verification

@@ -195,6 +195,10 @@ void copy_file_checked(const std::filesystem::path& from, const std::filesystem:
   std::error_code error;
   std::filesystem::remove(to, error);  // a link would be written through
   std::filesystem::copy_file(from, to, std::filesystem::copy_options::overwrite_existing, error);
+  // The library's fallback for file systems without sendfile() reports no error for a part.
+  if (!error && std::filesystem::file_size(to, error) != std::filesystem::file_size(from, error)) {
+    error = std::make_error_code(std::errc::io_error);
+  }
   if (error) {
     std::error_code ignored;
     std::filesystem::remove(to, ignored);  // a part of it
@@ -235,6 +239,10 @@ void publish_latest(const std::filesystem::path& output_root, const std::filesys
   copy_file_checked(csv_path, output_root / kLatestCsv);
   copy_file_checked(json_path, output_root / kLatestJson);
   const std::filesystem::path summary_path = output_root / kLatestSummary;
+  if (std::filesystem::is_regular_file(std::filesystem::symlink_status(summary_path, error))) {
+    std::filesystem::remove(summary_path,
+                            error);  // an instance that is late writes into the old one
+  }
   std::ofstream summary = open_report(summary_path, kTextNotOpened);
   try {
     write_text(std::move(summary), summary_text);

@@ -68,9 +68,9 @@ RunResult run_one(timing::Device& device, const Config& config,
                       .chunk_bytes = config.chunk_bytes,
                       .queue_chunks = config.queue_chunks,
                       .interrupted = interrupted});
-  RunResult result =
-      judge(read_tag_statistics(stream_file.string(), config.chunk_bytes, interrupted),
-            derive_rates(divider, config), config);
+  RunResult result = judge(
+      read_tag_statistics(stream_file.string(), payload_bytes, config.chunk_bytes, interrupted),
+      derive_rates(divider, config), config);
   result.requested_hz = requested_hz;
   result.stream_file = stream_file;
   result.payload_bytes = payload_bytes;
