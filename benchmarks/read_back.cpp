@@ -18,8 +18,13 @@ constexpr double kCaptureSeconds = 0.35;  // of each frequency in a default run,
 constexpr double kFrequenciesHz[] = {1000, 10000, 100000};
 constexpr std::uint64_t kReadBytes = 1 << 20;
 
-void read_back(const std::string& path) {
-  if (verification::read_tag_statistics(path, kReadBytes).tags() == 0) {
+struct Written {
+  std::string path;
+  std::uint64_t payload_bytes = 0;
+};
+
+void read_back(const Written& file) {
+  if (verification::read_tag_statistics(file.path, file.payload_bytes, kReadBytes).tags() == 0) {
     throw std::logic_error("a recording has no tags");
   }
 }
@@ -27,15 +32,16 @@ void read_back(const std::string& path) {
 /// The share of the capture time that read-back adds to a default run.
 Figures measure_default_run() {
   static const tests::ScratchDirectory directory;
-  static std::vector<std::string> paths;
-  if (paths.empty()) {
+  static std::vector<Written> files;
+  if (files.empty()) {
     for (const double hz : kFrequenciesHz) {
-      paths.push_back(directory.file("run_" + std::to_string(paths.size())));
-      write_recording(paths.back(), captured_bytes(hz, kCaptureSeconds));
+      const auto bytes = captured_bytes(hz, kCaptureSeconds);
+      files.push_back({directory.file("run_" + std::to_string(files.size())), bytes.size()});
+      write_recording(files.back().path, bytes);
     }
   }
   const auto read_all = [] {
-    for (const std::string& path : paths) read_back(path);
+    for (const Written& file : files) read_back(file);
   };
   read_all();
   return {{"share",

@@ -1,9 +1,13 @@
 """The real tool on the simulated instrument: console, statuses, files, and calls of the driver."""
 
+import contextlib
 import fcntl
 import os
+import pty
 import re
 import shutil
+import struct
+import termios
 import time
 
 from support.programs import ENVIRONMENT, TOOL, ProgramTest, lines_with, stamp
@@ -131,6 +135,29 @@ latest_json=HERE/o"u\\t/latest.json
             self.assertEqual(json[-len(JSON_END):], JSON_END)
         for file in stem.with_suffix(".summary.txt"), self.root / "latest_summary.txt":
             self.assertEqual(shown(file.read_text()), SUMMARY)
+
+    def test_a_long_capture_says_on_a_terminal_how_far_it_is(self):
+        for columns, capture_s, shown in (40, 2.6, True), (0, 2.6, True), (80, 0.5, False):
+            with self.subTest(columns=columns, capture_s=capture_s):
+                self.remove_outputs()
+                child, terminal = pty.fork()
+                if child == 0:
+                    fcntl.ioctl(2, termios.TIOCSWINSZ, struct.pack("4H", 24, columns, 0, 0))
+                    os.chdir(self.folder)
+                    os.execvpe("sh", ["sh", "-c", f"exec {TOOL} --capture-s={capture_s} >out"], ENVIRONMENT)
+                said = b""
+                with contextlib.suppress(OSError):  # how a terminal ends
+                    while block := os.read(terminal, 4096):
+                        said += block
+                os.close(terminal)
+                self.assertEqual(os.waitpid(child, 0)[1], 0)
+                self.assertEqual(b"MB" in said, shown)
+                texts = said.decode().split("\r\n")[1].split("\r\x1b[K") if shown else ["", ""]
+                self.assertEqual((texts[0], texts[-1]), ("", ""))  # gone at the end
+                for text in texts[1:-1]:
+                    self.assertLess(len(text), columns or 80)
+                    self.assertRegex(text, r"^[0-3] of 3 s, \d\.\d MB recorded, \d\.\d MB/s, ")
+                self.assertNotIn("MB", (self.folder / "out").read_text())
 
     def test_judges_each_channel(self):
         every = "201+ 201+ 201+ 201+ "

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "orvo/verification/capture_line.h"
 #include "orvo/verification/interruption.h"
 #include "orvo/verification/reports.h"
 
@@ -48,26 +49,40 @@ std::string stream_file_name(unsigned long index) {
          ".ortime";
 }
 
+/// Records one run and shows how far it is; returns the payload bytes.
+std::uint64_t record(timing::Device& device, const Config& config, const std::string& path,
+                     double requested_hz) {
+  CaptureLine line(config.capture_s, config.queue_chunks);
+  return device.capture({.path = path,
+                         .duration = std::chrono::duration<double>(config.capture_s),
+                         .mode = timing::Mode::internal,
+                         .format = timing::Format::packed_delta,
+                         .channel_mask = config.channel_mask,
+                         .tdl_index = config.tdl_index,
+                         .cal_freq_hz = requested_hz,
+                         .packed_bits = config.packed_bits,
+                         .packed_quantum_ps = config.packed_quantum_ps,
+                         .transport = timing::Transport::usb,
+                         .chunk_bytes = config.chunk_bytes,
+                         .queue_chunks = config.queue_chunks,
+                         .interrupted =
+                             [&] {
+                               const bool now = interrupted();
+                               if (now) {
+                                 line.clear();  // what waits for a slow disk may take a while
+                               }
+                               return now;
+                             },
+                         .progress = [&](const auto& progress) { line.show(progress); }});
+}
+
 }  // namespace
 
 RunResult run_one(timing::Device& device, const Config& config,
                   const std::filesystem::path& run_dir, unsigned long index, double requested_hz) {
   const std::uint32_t divider = device.set_calibration_freq(requested_hz);
   const std::filesystem::path stream_file = run_dir / stream_file_name(index);
-  const std::uint64_t payload_bytes =
-      device.capture({.path = stream_file.string(),
-                      .duration = std::chrono::duration<double>(config.capture_s),
-                      .mode = timing::Mode::internal,
-                      .format = timing::Format::packed_delta,
-                      .channel_mask = config.channel_mask,
-                      .tdl_index = config.tdl_index,
-                      .cal_freq_hz = requested_hz,
-                      .packed_bits = config.packed_bits,
-                      .packed_quantum_ps = config.packed_quantum_ps,
-                      .transport = timing::Transport::usb,
-                      .chunk_bytes = config.chunk_bytes,
-                      .queue_chunks = config.queue_chunks,
-                      .interrupted = interrupted});
+  const std::uint64_t payload_bytes = record(device, config, stream_file.string(), requested_hz);
   RunResult result = judge(
       read_tag_statistics(stream_file.string(), payload_bytes, config.chunk_bytes, interrupted),
       derive_rates(divider, config), config);

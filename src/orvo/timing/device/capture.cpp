@@ -17,6 +17,7 @@ namespace {
 constexpr std::uint64_t kMinChunkBytes = 4096;
 constexpr std::uint64_t kMinQueueChunks = 2;
 constexpr int kReadTimeoutMs = 20;
+constexpr std::chrono::milliseconds kProgressPause(250);  // as often as a person can read it
 // Arguments of ot_stop_stream_mode.
 constexpr int kStopCompleted = 1;
 constexpr int kStopAbandoned = 0;
@@ -75,9 +76,18 @@ class WriterThread {
 void read_stream(Device& device, const CaptureRequest& request, detail::CaptureQueue& queue,
                  detail::CaptureChunk chunk) {
   using SteadyClock = std::chrono::steady_clock;
-  const auto deadline = SteadyClock::now() + request.duration;  // in floating point
-  while (deadline > SteadyClock::now()) {  // false for a duration that is not a number
+  const SteadyClock::time_point start = SteadyClock::now();
+  const auto deadline = start + request.duration;  // in floating point
+  SteadyClock::time_point next_progress = start + kProgressPause;
+  // False for a duration that is not a number.
+  for (auto now = start; deadline > now; now = SteadyClock::now()) {
     throw_if(request.interrupted);
+    if (request.progress && now >= next_progress) {
+      next_progress = now + kProgressPause;
+      request.progress({.elapsed_s = std::chrono::duration<double>(now - start).count(),
+                        .payload_bytes = device.stream_state.payload_bytes,
+                        .waiting_chunks = queue.waiting()});
+    }
     std::uint64_t got = 0;
     const ot_status status = ot_read_stream_bytes(device.handle, chunk.bytes.data(),
                                                   chunk.bytes.size(), &got, kReadTimeoutMs);

@@ -57,6 +57,11 @@ void CaptureQueue::push(CaptureChunk&& chunk, const InterruptionCheck& interrupt
   }
 }
 
+std::uint64_t CaptureQueue::waiting() {
+  const std::lock_guard lock(mutex_);
+  return chunks_.size();
+}
+
 void CaptureQueue::finish() {
   {
     const std::lock_guard lock(mutex_);

@@ -43,6 +43,9 @@ class CaptureQueue {
   /// writer's failure, or "writer stopped" where the queue was finished without one.
   void push(CaptureChunk&& chunk, const InterruptionCheck& interrupted = {});
 
+  /// Reader: how many filled chunks wait for the writer.
+  [[nodiscard]] std::uint64_t waiting();
+
   /// Reader: nothing more will come.
   void finish();
 

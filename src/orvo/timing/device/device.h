@@ -8,6 +8,7 @@
 #include <array>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -39,6 +40,13 @@ struct StreamState {
   std::uint64_t payload_bytes = 0;
 };
 
+/// How far a running capture is.
+struct CaptureProgress {
+  double elapsed_s = 0;              ///< since the stream started
+  std::uint64_t payload_bytes = 0;   ///< read
+  std::uint64_t waiting_chunks = 0;  ///< reads that wait for the disk
+};
+
 /// What a capture records, how, and where.
 struct CaptureRequest {
   std::string path;                        ///< of the stream file; truncated if it exists
@@ -56,6 +64,8 @@ struct CaptureRequest {
   std::uint64_t chunk_bytes = 1 << 20;  ///< of one read; raised to 4096
   std::uint64_t queue_chunks = 128;     ///< reads that may wait for the disk; raised to 2
   InterruptionCheck interrupted = {};   ///< asked before each read, and while the queue is full
+  /// Called between reads by the calling thread, at most four times a second. May be empty.
+  std::function<void(const CaptureProgress&)> progress = {};
 };
 
 /// The driver library's own rate, at which a device is opened with ot_open_serial.
