@@ -23,6 +23,11 @@ struct Written {
   std::uint64_t payload_bytes = 0;
 };
 
+Written write(const std::string& path, std::span<const std::uint8_t> payload) {
+  write_recording(path, payload);
+  return {path, payload.size()};
+}
+
 void read_back(const Written& file) {
   if (verification::read_tag_statistics(file.path, file.payload_bytes, kReadBytes).tags() == 0) {
     throw std::logic_error("a recording has no tags");
@@ -35,9 +40,8 @@ Figures measure_default_run() {
   static std::vector<Written> files;
   if (files.empty()) {
     for (const double hz : kFrequenciesHz) {
-      const auto bytes = captured_bytes(hz, kCaptureSeconds);
-      files.push_back({directory.file("run_" + std::to_string(files.size())), bytes.size()});
-      write_recording(files.back().path, bytes);
+      files.push_back(write(directory.file("run_" + std::to_string(files.size())),
+                            captured_bytes(hz, kCaptureSeconds)));
     }
   }
   const auto read_all = [] {
@@ -45,7 +49,7 @@ Figures measure_default_run() {
   };
   read_all();
   return {{"share",
-           seconds_per_call(read_all) / (kCaptureSeconds * static_cast<double>(paths.size()))}};
+           seconds_per_call(read_all) / (kCaptureSeconds * static_cast<double>(files.size()))}};
 }
 
 double status_kilobytes(const std::string& key) {
@@ -56,22 +60,21 @@ double status_kilobytes(const std::string& key) {
   throw std::runtime_error("no " + key + " in /proc/self/status");
 }
 
-/// By how much reading the file at `path` raises what the process holds, at the most.
-double peak_growth_kilobytes(const std::string& path) {
+/// By how much reading `file` raises what the process holds, at the most.
+double peak_growth_kilobytes(const Written& file) {
   malloc_trim(0);
   std::ofstream("/proc/self/clear_refs") << "5";  // the peak is what there is now
   const double before = status_kilobytes("VmHWM:");
-  read_back(path);
+  read_back(file);
   return status_kilobytes("VmHWM:") - before;
 }
 
 Figures measure_memory() {
   const tests::ScratchDirectory directory;
   const std::span<const std::uint8_t> payload = packed_stream(StreamKind::mhz1).bytes;
-  write_recording(directory.file("short"), payload.first(payload.size() / 8));
-  write_recording(directory.file("long"), payload);
-  return {{"short", peak_growth_kilobytes(directory.file("short"))},
-          {"long", peak_growth_kilobytes(directory.file("long"))}};
+  return {{"short", peak_growth_kilobytes(
+                        write(directory.file("short"), payload.first(payload.size() / 8)))},
+          {"long", peak_growth_kilobytes(write(directory.file("long"), payload))}};
 }
 
 }  // namespace
