@@ -123,7 +123,8 @@ TagsOptions meant_by(const TagsWords& words) {
   if (options.format == TagFormat::npy && options.output == "-") {
     throw CLI::ValidationError("--format", "npy needs a file: add -o FILE.npy");
   }
-  if (options.from_ps && options.to_ps && *options.from_ps >= *options.to_ps) {
+  timing::TagFilter& wanted = options.wanted;
+  if (wanted.from_ps && wanted.to_ps && *wanted.from_ps >= *wanted.to_ps) {
     throw CLI::ValidationError("--to-ps", "must be greater than --from-ps");
   }
   if (options.run != 0 && !names_run(options.path)) {
@@ -152,10 +153,11 @@ void add_tags(CLI::App& program, TagsWords& words) {
   add_output(command, "-o,--output", options.output,
              "Output [-, standard output]; a file appears when it is\n"
              "whole");
-  add_channels(command, options.channel_mask, "Only tags of these channels, 0 to 3");
-  add(command, "--from-ps", options.from_ps, "T", "Only tags at T picoseconds or later")
+  add_channels(command, options.wanted.channel_mask, "Only tags of these channels, 0 to 3");
+  add(command, "--from-ps", options.wanted.from_ps, "T", "Only tags at T picoseconds or later")
       ->transform(integer<std::int64_t>());
-  add(command, "--to-ps", options.to_ps, "T", "Only tags before T picoseconds, T itself left out")
+  add(command, "--to-ps", options.wanted.to_ps, "T",
+      "Only tags before T picoseconds, T itself left out")
       ->transform(integer<std::int64_t>());
   command->footer(
       "Examples:\n"

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "orvo/inspection/facts.h"
+#include "orvo/timing/tag_filter.h"
 
 namespace orvo::inspection {
 
@@ -36,9 +37,7 @@ struct TagsOptions {
   std::uint64_t run = 0;               ///< which recording of a run, from 1 on; 0: the only one
   std::filesystem::path output = "-";  ///< as OutputFile takes it
   TagFormat format = TagFormat::csv;
-  std::uint8_t channel_mask = 0x0F;     ///< bit c: channel c is wanted
-  std::optional<std::int64_t> from_ps;  ///< the first time that is wanted
-  std::optional<std::int64_t> to_ps;    ///< the first time after it that is not
+  timing::TagFilter wanted;
   std::uint64_t chunk_bytes = 1 << 20;
 };
 

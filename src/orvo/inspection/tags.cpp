@@ -54,19 +54,13 @@ std::string npy_header(std::uint64_t tags) {
 template <typename Put>
 std::uint64_t copy_tags(StreamInput& input, const TagsOptions& options, OutputFile& output,
                         const Put& put) {
-  const bool all = options.channel_mask == 0x0F && !options.from_ps && !options.to_ps;
-  const auto wanted = [&](const TimeTag& tag) {
-    return (options.channel_mask >> tag.channel & 1) != 0 &&
-           (!options.from_ps || tag.time_ps >= *options.from_ps) &&
-           (!options.to_ps || tag.time_ps < *options.to_ps);
-  };
   std::uint64_t count = 0;
   std::vector<TimeTag> kept;
   std::vector<char> bytes;
   input.read(options.chunk_bytes, [&](std::span<const TimeTag> tags) {
-    if (!all) {
+    if (!options.wanted.takes_all()) {
       kept.clear();
-      std::copy_if(tags.begin(), tags.end(), std::back_inserter(kept), wanted);
+      std::copy_if(tags.begin(), tags.end(), std::back_inserter(kept), options.wanted);
       tags = kept;
     }
     bytes.resize(std::max(bytes.size(), tags.size() * kMaxLineBytes));
