@@ -5,19 +5,23 @@ other channels lie. Draws with matplotlib."""
 import sys
 
 import numpy as np
+import numpy.typing as npt
 from matplotlib.figure import Figure
 
 import orvo_timing as ot
 
 
-def to_nearest_ps(times, reference):
+Times = npt.NDArray[np.int64]
+
+
+def to_nearest_ps(times: Times, reference: Times) -> Times:
     """From each of `times` the signed distance to the nearest of `reference`, which is sorted."""
     following = np.searchsorted(reference, times).clip(1, len(reference) - 1)
     since, until = times - reference[following - 1], reference[following] - times
     return np.where(since < until, since, -until)
 
 
-def main(recording_path, picture_path):
+def main(recording_path: str, picture_path: str) -> None:
     recording = ot.Recording(recording_path)
     tags = recording.tags()
     reference = np.sort(tags["time_ps"][tags["channel"] == 0])

@@ -1,10 +1,11 @@
 """Recordings in Python: the numbers of ortime and of the tool, as arrays that own what they show."""
 
-import ast
+import importlib.util
 import json
 import math
 import os
 import pathlib
+import pickle
 import re
 import shutil
 import signal
@@ -19,8 +20,12 @@ import numpy as np
 
 import orvo_timing as ot
 
-os.environ.pop("LD_PRELOAD", None)  # the programs have a sanitizer's runtime of their own
+SANITIZER = os.environ.pop("LD_PRELOAD", "")  # the programs have a sanitizer's runtime of their own
 from support.programs import TOOL, shell, stream_file
+
+# The document's, by the package that each needs.
+RECIPES = dict(zip(("pandas", "h5py", "numpy"), re.findall(
+    "```python\n(.*?)```", pathlib.Path("../docs/python.md").read_text().split("## Recipes")[1], re.S)))
 
 
 def record(folder, fault):
@@ -45,10 +50,18 @@ class Recordings(unittest.TestCase):
 
     def test_tags_are_those_of_ortime(self):
         for file in sorted(self.folder.glob("*/*/*.ortime")):
-            shell(f"ortime tags --chunk-bytes=8192 '{file}' -o '{self.folder}/t.npy'")
-            expected = np.load(self.folder / "t.npy")
-            self.assertGreater(len(expected), 50)
-            np.testing.assert_array_equal(ot.Recording(file, 8192).tags(), expected)
+            recording = ot.Recording(file, 8192)
+            from_ps, to_ps = (np.quantile(recording.tags()["time_ps"], (0.1, 0.6), method="nearest"))
+            for options, wanted in (
+                    ("", {}),
+                    ("--channel=2", dict(channel=np.uint8(2))),
+                    (f"--from-ps={from_ps}", dict(from_ps=from_ps)),
+                    (f"--channel=0,3 --to-ps={to_ps}", dict(channel=(0, 3), to_ps=int(to_ps)))):
+                shell(f"ortime tags --chunk-bytes=8192 '{file}' -o '{self.folder}/t.npy' " + options)
+                expected = np.load(self.folder / "t.npy")
+                self.assertGreater(len(expected), 50)
+                np.testing.assert_array_equal(recording.tags(**wanted), expected)
+                np.testing.assert_array_equal(np.concatenate(list(recording.blocks(7, **wanted))), expected)
 
     def test_says_its_version_and_what_it_lacks(self):
         self.assertEqual(f"ortime {ot.__version__}\n", shell("ortime --version").stdout)
@@ -66,6 +79,13 @@ class Recordings(unittest.TestCase):
             for max_tags, blocks in zip(sizes, pool.map(blocks_of, sizes)):
                 self.assertEqual({len(block) for block in blocks[:-1]} - {max_tags}, set())
                 np.testing.assert_array_equal(np.concatenate(blocks), tags)
+        recordings, blocks = zip(*ot.iterate([ot.load_run(self.file.parent), ot.Recording(self.file)], 40000))
+        self.assertEqual([(recording.path.name[-8], len(block))
+                          for recording, block in zip(recordings, blocks)],
+                         [("1", 484), ("2", 40000), ("2", 7972), ("2", 40000), ("2", 7972)])
+        np.testing.assert_array_equal(np.concatenate(blocks[3:]), tags)
+        (_, block), = ot.iterate(self.file, channel=1, to_ps=tags["time_ps"][8])
+        self.assertEqual(len(block), 2)
         block = next(iter(ot.Recording(self.file)))  # its own, as all arrays here outlive theirs
         block["time_ps"] += 1
         np.testing.assert_array_equal(block["time_ps"], tags["time_ps"][:len(block)] + 1)
@@ -97,6 +117,10 @@ class Recordings(unittest.TestCase):
                 self.assertEqual(channels, [{name: value for name, value in channel.items() if name != "pass"}
                                             for channel in there["channels"]])
                 one = ot.judge(loaded.stream_file, np.uint32(loaded.reported.divider))
+                recording = ot.Recording(loaded.stream_file)
+                self.assertEqual((recording.counts, recording.first_ps, recording.last_ps),
+                                 (tuple(c.count for c in one.channels), min(c.first_ps for c in one.channels),
+                                  max(c.last_ps for c in one.channels)))
                 self.assertEqual((one.passed, one.overflow_required, one.decoded_tags),
                                  (there["pass"], there["overflow_required"], there["decoded_tags"]))
                 for ours, theirs in zip(one.channels, judged.judged.channels, strict=True):
@@ -160,62 +184,101 @@ class Recordings(unittest.TestCase):
         in_sync = self.folder / "in_sync"  # records of a byte: a sync and its event, then half of one
         in_sync.write_bytes(stream_file(b'{"mode":"external","channel_mask":1,"delta_bits":5}',
                                         b"\x3f" + bytes(10) + b"\x3f\0\x40"))
-        found = [{name: getattr(event, name) for name in dir(event)
-                  if not name.startswith("_") and getattr(event, name)}
-                 for file, chunk_bytes in ((self.runs["shifted"] / self.file.name, 8192), (in_sync, 11))
+        found = [event for file, chunk_bytes in ((self.runs["shifted"] / self.file.name, 8192), (in_sync, 11))
                  for event in ot.Recording(file, chunk_bytes).lock_events[:3]]
         kind = ot.LockKind
         self.assertEqual(found, [
-            dict(kind=kind.LOCKED, bit_offset=3, buffer_bytes=8192),
-            dict(kind=kind.IMPLAUSIBLE_DELTA, drops_lock=True, payload_offset_bytes=44040,
-                 tags_before=9252, channel=2, delta_ps=121041000761344, prev_ps=1130963591576,
-                 record=1296, records=3449),
-            dict(kind=kind.LOCKED, payload_offset_bytes=44041, tags_before=9252, drop_bytes=1,
-                 bit_offset=3, buffer_bytes=13303),
-            dict(kind=kind.LOCKED, buffer_bytes=11),
-            dict(kind=kind.INACTIVE_CHANNEL, drops_lock=True, payload_offset_bytes=14,
-                 tags_before=1, channel=1, record=2, records=3)])
+            ot.LockEvent(kind.LOCKED, bit_offset=3, buffer_bytes=8192),
+            ot.LockEvent(kind.IMPLAUSIBLE_DELTA, drops_lock=True, payload_offset_bytes=44040,
+                         tags_before=9252, channel=2, delta_ps=121041000761344,
+                         prev_ps=1130963591576, record=1296, records=3449),
+            ot.LockEvent(kind.LOCKED, payload_offset_bytes=44041, tags_before=9252, drop_bytes=1,
+                         bit_offset=3, buffer_bytes=13303),
+            ot.LockEvent(kind.LOCKED, buffer_bytes=11),
+            ot.LockEvent(kind.INACTIVE_CHANNEL, drops_lock=True, payload_offset_bytes=14,
+                         tags_before=1, channel=1, record=2, records=3)])
+        self.assertEqual(repr(found[3]), "LockEvent(LockKind.LOCKED, buffer_bytes=11)")
+        for value in (found, ot.Recording(self.file).header, ot.judge(self.file, 310), ot.load_run(self.file.parent)):
+            self.assertEqual(pickle.loads(pickle.dumps(value)), value)
+        shifted = ot.Recording(self.runs["shifted"] / self.file.name, 8192)
+        self.assertEqual(pickle.loads(pickle.dumps(shifted)).lock_events[:3], found[:3])
 
     def test_errors(self):
         text = self.file.with_name("overflow_frequency.csv")
         undecodable = self.folder / "undecodable"
         undecodable.write_bytes(stream_file(b'{"delta_bits":99}', bytes(9)))
+        empty, six_bytes, pipe = (self.folder / name for name in ("empty", "six_bytes", "pip\udce9"))
+        empty.write_bytes(b"")
+        six_bytes.write_bytes(b"ORTIME")
+        os.mkfifo(pipe)
         foreign = self.folder / "foreign.json"
         foreign.write_text('{"pass": true}')
         with ot.Recording(self.file) as closed:
             blocks = iter(closed)
             next(blocks)
-        for error, message, call in (
-                (FileNotFoundError, "no/such", lambda: ot.Recording("no/such")),
-                (ot.FormatError, "", lambda: ot.Recording(text)),
-                (ot.FormatError, "", ot.Recording(undecodable).tags),
-                (ot.FormatError, "parse error", lambda: ot.load_run(text)),
-                (ot.FormatError, "foreign.json.*verification", lambda: ot.load_run(foreign)),
-                (FileNotFoundError, "no/such", lambda: ot.load_run("no/such")),
-                (ot.Error, "neither", lambda: ot.verify(self.folder)),
-                (ValueError, "min_tags", lambda: ot.verify(self.runs["good"], min_tags_per_channel=-1)),
-                (ValueError, "max_tags", lambda: ot.Recording(self.file).blocks(0)),
-                (TypeError, "chunk_bytes", lambda: ot.Recording(self.file, chunk_bytes=1.5)),
-                (ValueError, "divider", lambda: ot.judge(self.file, 0)),
-                (ValueError, "tolerance_ppm", lambda: ot.judge(self.file, 1, tolerance_ppm=np.nan)),
-                (ValueError, "closed", closed.tags),
-                (ValueError, "closed", closed.__enter__),
-                (ValueError, "closed", lambda: next(blocks)),
-                (ValueError, "closed", lambda: closed.lock_events)):
-            with self.assertRaisesRegex(error, message):
+        for status, error, message, call in (
+                (-2, FileNotFoundError, "no/such", lambda: ot.Recording("no/such")),
+                (-2, IsADirectoryError, str(self.folder), lambda: ot.judge(self.folder, 1)),
+                (-2, OSError, "a pipe.*pip", lambda: ot.Recording(pipe)),
+                (-2, ot.FormatError, "empty", lambda: ot.Recording(empty)),
+                (-2, ot.FormatError, "six_bytes", lambda: ot.Recording(six_bytes)),
+                (-4, ot.FormatError, "[.]csv", lambda: ot.Recording(text)),
+                (-4, ot.FormatError, "undecodable", ot.Recording(undecodable).tags),
+                (-4, ot.FormatError, "parse error", lambda: ot.load_run(text)),
+                (-4, ot.FormatError, "foreign.json.*verification", lambda: ot.load_run(foreign)),
+                (None, FileNotFoundError, "no/such", lambda: ot.load_run("no/such")),
+                (None, ot.Error, "neither", lambda: ot.verify(self.folder)),
+                (None, ot.Error, "neither", lambda: list(ot.iterate("."))),
+                (None, ValueError, "min_tags", lambda: ot.verify(self.runs["good"], min_tags_per_channel=-1)),
+                (None, ValueError, "max_tags", lambda: ot.Recording(self.file).blocks(0)),
+                (None, ValueError, "channel", lambda: ot.Recording(self.file).tags(channel=(1, 4))),
+                (None, TypeError, "from_ps", lambda: ot.Recording(self.file).tags(from_ps=1.5)),
+                (None, TypeError, "chunk_bytes", lambda: ot.Recording(self.file, chunk_bytes=1.5)),
+                (None, ValueError, "divider", lambda: ot.judge(self.file, 0)),
+                (None, ValueError, "tolerance_ppm", lambda: ot.judge(self.file, 1, tolerance_ppm=np.nan)),
+                (None, ValueError, "closed", closed.tags),
+                (None, ValueError, "closed", closed.__enter__),
+                (None, ValueError, "closed", lambda: next(blocks)),
+                (None, ValueError, "closed", lambda: closed.lock_events)):
+            with self.assertRaisesRegex(error, message) as caught:
                 call()
-        self.assertTrue(issubclass(ot.FormatError, ot.Error) and issubclass(ot.FormatError, ValueError))
+            if status:
+                self.assertIsInstance(caught.exception, ot.Error)
+                again = pickle.loads(pickle.dumps(caught.exception))
+                self.assertEqual((type(again), str(again), again.status),
+                                 (type(caught.exception), str(caught.exception), status))
+        self.assertTrue(issubclass(ot.FormatError, ValueError))
 
-    def test_stubs_name_what_there_is(self):
-        stub = pathlib.Path(ot.__file__).with_name("_native.pyi")
-        classes = {node.name: node for node in ast.parse(stub.read_text()).body
-                   if isinstance(node, ast.ClassDef) and node.name != "_Enum"}
-        self.assertLess(set(classes), set(ot.__all__))
-        for name, node in classes.items():
-            there = getattr(ot, name)
-            self.assertTrue(there.__doc__, name)
-            stubbed = {getattr(item, "name", None) or item.target.id for item in node.body
-                       if not isinstance(item, ast.Expr)}
-            public = {member for member in vars(there) if not member.startswith("_")}
-            self.assertEqual({member for member in stubbed if not member.startswith("_")},
-                             public - {"name", "value"}, name)
+    def test_recipes_do_what_they_say(self):
+        names = {}
+        self.addCleanup(os.chdir, os.getcwd())
+        os.chdir(self.folder)
+        os.symlink(self.file, "overflow_frequency_03.ortime")
+        tags = ot.Recording(self.file).tags()
+        for package, held in (("pandas", lambda: names["table"]),
+                              ("h5py", lambda: names["h5py"].File("tags.h5")),
+                              ("numpy", lambda: tags)):
+            with self.subTest(package):
+                if not importlib.util.find_spec(package):
+                    self.skipTest(f"python3-{package} is not installed")
+                exec(RECIPES[package], names)
+                for name in tags.dtype.names:
+                    np.testing.assert_array_equal(held()[name], tags[name])
+        channels, window_ps = (0, 1), 25 * 10**6  # events are 10 us apart
+        pairs = names["pairs_in"](tags, channels, window_ps)
+        self.assertGreater(pairs, len(tags))
+        self.assertEqual(names["coincidences"](ot.Recording(self.file), channels, window_ps), pairs)
+
+    def test_types_are_as_the_stubs_say(self):
+        if SANITIZER or not importlib.util.find_spec("mypy"):
+            self.skipTest("mypy is not installed, or would run with a sanitizer")
+        for package, recipe in RECIPES.items():
+            (self.folder / f"{package}_recipe.py").write_text(recipe)
+        package = pathlib.Path(ot.__file__).parent
+        (self.folder / "allowed").write_text("orvo_timing._native[.](Recording|Blocks([.]__init__)?)")
+        for check in (f"mypy.stubtest orvo_timing._native --allowlist '{self.folder}/allowed'",
+                      "mypy --strict --ignore-missing-imports ../examples/nearest_events.py "
+                      f"'{package}' '{self.folder}'/*_recipe.py"):
+            done = shell(f"MYPYPATH='{package.parent}' MYPY_CACHE_DIR='{self.folder}/cache' "
+                         f"'{sys.executable}' -m {check}")
+            self.assertEqual(done.returncode, 0, done.stdout)

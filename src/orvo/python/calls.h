@@ -1,4 +1,5 @@
-// What functions that Python calls have in common: arguments, Ctrl-C and the interpreter's lock.
+// What functions that Python calls have in common: arguments, files, errors, Ctrl-C and the
+// interpreter's lock.
 // Threads: each is called with that lock held.
 #pragma once
 
@@ -7,7 +8,7 @@
 #include <cstdint>
 #include <string>
 
-#include "orvo/timing/error.h"
+#include "orvo/timing/stream_files.h"
 
 namespace orvo::python {
 
@@ -19,6 +20,12 @@ inline constexpr std::uint64_t kMost = INT64_MAX;  // of what is counted
 /// ValueError unless it lies between the limits.
 [[nodiscard]] std::uint64_t checked(const char* name, const py::object& value, std::uint64_t least,
                                     std::uint64_t most);
+
+/// What orvo_timing/_types.py has under this name.
+[[nodiscard]] py::object type_named(const char* name);
+
+/// As Python has paths, of any bytes.
+[[nodiscard]] py::str text_of(const std::string& path);
 
 /// Ctrl-C, noticed in the main thread.
 [[nodiscard]] bool interrupted();
@@ -34,7 +41,32 @@ auto without_lock(const Work& work) {
   }
 }
 
+/// The same, of the recording at `path`, which its failure names.
+template <typename Work>
+auto decode(const std::string& path, const Work& work) {
+  try {
+    return without_lock(work);
+  } catch (const timing::Error& error) {
+    throw timing::Error(error.status(), path, error.reason());
+  }
+}
+
+/// The file is no recording, whatever the status.
+struct NoRecording : timing::Error {
+  using Error::Error;
+};
+
+/// Raises an error of the system's kind unless `path` can be opened and read more than once; throws
+/// NoRecording.
+[[nodiscard]] timing::StreamFileReader open_file(const std::string& path);
+
+/// The same, also unless its records can be decoded.
+[[nodiscard]] timing::StreamFileReader open_recording(const std::string& path);
+
 /// Adds what is known of runs to the module.
 void define_facts(py::module_& module);
+
+/// Adds Recording and its iterator to the module.
+void define_recording(py::module_& module);
 
 }  // namespace orvo::python

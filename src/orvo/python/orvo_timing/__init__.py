@@ -5,6 +5,9 @@
     tags = recording.tags()                  # fields channel (uint8) and time_ps (int64)
     for block in recording.blocks():         # the same in memory that does not grow
         ...
+    recording.tags(channel=1, from_ps=0, to_ps=10**12), recording.counts, recording.last_ps
+    for recording, block in ot.iterate(paths):
+        ...
     ot.judge("overflow_frequency_03.ortime", divider=310).passed
 
 Times are picoseconds. Decoding needs no instrument and no driver library, and releases the
@@ -17,6 +20,8 @@ import dataclasses
 import os
 import sys
 import types
+from collections.abc import Iterable, Iterator
+from typing import Union
 
 try:
     import numpy as _numpy
@@ -24,13 +29,14 @@ except ImportError as error:
     raise ImportError(f"orvo_timing needs NumPy, which {sys.executable} cannot import") from error
 
 from . import _native
-from ._native import (
-    Error, Format, FormatError, Header, LockEvent, LockKind, Mode, Recording, Transport, __version__)
+from ._native import Recording, __version__
+from ._types import Error, Format, FormatError, Header, LockEvent, LockKind, Mode, Tags, Transport
 
 __all__ = ["ChannelResult", "Error", "Facts", "Format", "FormatError", "Header", "LockEvent", "LockKind",
-           "Mode", "Recording", "RunResult", "Transport", "__version__", "judge", "load_run", "verify"]
+           "Mode", "Recording", "RunResult", "Tags", "Transport", "__version__", "iterate", "judge",
+           "load_run", "verify"]
 
-for _public in (Format, Header, LockEvent, LockKind, Mode, Recording, Transport):
+for _public in (Error, Format, FormatError, Header, LockEvent, LockKind, Mode, Recording, Transport):
     _public.__module__ = __name__
 
 
@@ -130,3 +136,33 @@ def verify(path: str | os.PathLike[str], *, tolerance_ppm: float | None = None,
                                 Facts)
     run.passed = run.verdict.passed
     return run
+
+
+Source = Union[str, "os.PathLike[str]", Recording, Facts]
+
+
+def iterate(sources: Source | Iterable[Source], max_tags: int = 1 << 14, *,
+            channel: int | Iterable[int] | None = None, from_ps: int | None = None,
+            to_ps: int | None = None) -> Iterator[tuple[Recording, Tags]]:
+    """Iterates over the blocks of many recordings, each with the recording that it is from.
+
+    sources: one or more of: a recording, its path, a run of load_run(), a directory as for load_run(). One file is open at a time. The others: as for Recording.blocks().
+
+    Raises what Recording and load_run() raise, where a recording is missing, too.
+    """
+    if isinstance(sources, (str, os.PathLike, Recording, Facts)):
+        sources = (sources,)
+    for source in sources:
+        for recording in _recordings_of(source):
+            for block in recording.blocks(max_tags, channel=channel, from_ps=from_ps, to_ps=to_ps):
+                yield recording, block
+
+
+def _recordings_of(source: Source) -> Iterable[Recording]:
+    if isinstance(source, Recording):
+        return (source,)
+    if not isinstance(source, Facts):
+        if not os.path.isdir(source):
+            return (Recording(source),)
+        source = load_run(source)
+    return (Recording(recording.stream_file) for recording in source.recordings)

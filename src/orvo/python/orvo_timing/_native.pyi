@@ -1,93 +1,37 @@
 import os
 import pathlib
-from collections.abc import Iterator
-from typing import Any, ClassVar
+from collections.abc import Iterable, Iterator
+from typing import Any
 
-import numpy as np
+from ._types import Header, LockEvent, Tags
 
 __version__: str
+STATUS_IO: int
+STATUS_FORMAT: int
 
-class Error(Exception):
-    status: int
-
-class FormatError(Error, ValueError):
-    status: int
-
-class _Enum:
-    name: str
-    value: int
-
-class Format(_Enum):
-    RAW64: ClassVar[Format]
-    DELTA32: ClassVar[Format]
-    PACKED_DELTA: ClassVar[Format]
-
-class Mode(_Enum):
-    INTERNAL: ClassVar[Mode]
-    EXTERNAL: ClassVar[Mode]
-
-class Transport(_Enum):
-    UART: ClassVar[Transport]
-    USB: ClassVar[Transport]
-    USB_ASYNC: ClassVar[Transport]
-
-class LockKind(_Enum):
-    LOCKED: ClassVar[LockKind]
-    NO_ALIGNMENT: ClassVar[LockKind]
-    REJECTED_ALIGNMENT: ClassVar[LockKind]
-    INACTIVE_CHANNEL: ClassVar[LockKind]
-    OVERFLOW_IN_SYNC: ClassVar[LockKind]
-    SYNC_CHANNEL_MISMATCH: ClassVar[LockKind]
-    NONMONOTONIC_SYNC: ClassVar[LockKind]
-    IMPLAUSIBLE_SYNC_DELTA: ClassVar[LockKind]
-    IMPLAUSIBLE_DELTA: ClassVar[LockKind]
-    IMBALANCED: ClassVar[LockKind]
-
-class Header:
-    stream_format: Format
-    mode: Mode
-    stream_transport: Transport
-    channel_mask: int
-    tdl_index: int
-    delta_bits: int
-    quantum_ps: int
-    raw64_tag_format: str
-    created_utc: str
-    application: str
-    device_product: str
-    device_serial: str
-    device_port: str
-
-class LockEvent:
-    kind: LockKind
-    drops_lock: bool
-    payload_offset_bytes: int
-    tags_before: int
-    drop_bytes: int
-    bit_offset: int
-    buffer_bytes: int
-    synced: int
-    min: int
-    max: int
-    total: int
-    record: int
-    records: int
-    channel: int
-    sync_channel: int
-    sync_chunks_left: int
-    delta_ps: int
-    next_ps: int
-    prev_ps: int
+class Blocks(Iterator[Tags]):
+    def __next__(self) -> Tags: ...
 
 class Recording:
-    path: pathlib.Path
-    header: Header
-    lock_events: list[LockEvent]
     def __init__(self, path: str | os.PathLike[str], chunk_bytes: int = ...) -> None: ...
-    def tags(self) -> np.ndarray[Any, np.dtype[np.void]]: ...
-    def blocks(self, max_tags: int = ...) -> Iterator[np.ndarray[Any, np.dtype[np.void]]]: ...
+    @property
+    def path(self) -> pathlib.Path: ...
+    @property
+    def header(self) -> Header: ...
+    @property
+    def lock_events(self) -> list[LockEvent]: ...
+    @property
+    def counts(self) -> tuple[int, int, int, int]: ...
+    @property
+    def first_ps(self) -> int | None: ...
+    @property
+    def last_ps(self) -> int | None: ...
+    def tags(self, *, channel: int | Iterable[int] | None = ..., from_ps: int | None = ...,
+             to_ps: int | None = ...) -> Tags: ...
+    def blocks(self, max_tags: int = ..., *, channel: int | Iterable[int] | None = ...,
+               from_ps: int | None = ..., to_ps: int | None = ...) -> Blocks: ...
     def close(self) -> None: ...
-    def __iter__(self) -> Iterator[np.ndarray[Any, np.dtype[np.void]]]: ...
+    def __iter__(self) -> Blocks: ...
     def __enter__(self) -> Recording: ...
     def __exit__(self, *args: object) -> None: ...
 
