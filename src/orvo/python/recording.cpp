@@ -239,30 +239,8 @@ class Recording {
   std::shared_ptr<bool> closed_ = std::make_shared<bool>(false);  // seen by its Blocks
 };
 
-}  // namespace
-
-void define_recording(py::module_& module) {
-  PYBIND11_NUMPY_DTYPE(TimeTag, channel, time_ps);
-  py::class_<Blocks>(module, "Blocks", "Iterator over a recording, from Recording.blocks().")
-      .def("__iter__", [](Blocks& blocks) -> Blocks& { return blocks; })
-      .def("__next__", &Blocks::next);
-  py::class_<Recording>(module, "Recording", R"(A stream file (.ortime).
-
-path: str or os.PathLike. chunk_bytes: payload bytes decoded at a time, 1 or more; after a lost lock
-decoding goes on with the next chunk, so small chunks save more of a damaged recording.
-
-The header is read at once, timestamps when they are asked for, each time from the front. Iterating
-over a recording is iterating over blocks().
-
-It can be pickled: as its path and chunk_bytes.
-
-Raises FormatError where the file is no recording, else Error, which is an OSError, and of its kind:
-also a FileNotFoundError, for one. A pipe is refused: a recording is read more than once.)")
-      .def(py::init<const std::filesystem::path&, const py::object&>(), py::arg("path"),
-           py::arg("chunk_bytes") = 1 << 20)
-      .def_property_readonly("path", &Recording::path, "pathlib.Path: as it was given.")
-      .def_property_readonly("header", &Recording::header,
-                             "Header: format, mode and settings of the recording.")
+void define_reading(py::class_<Recording>& recording) {
+  recording
       .def("tags", &Recording::tags, py::kw_only(), py::arg("channel") = py::none(),
            py::arg("from_ps").noconvert() = py::none(), py::arg("to_ps").noconvert() = py::none(),
            R"(All timestamps, or those that are wanted, as one array of shape (n,).
@@ -289,7 +267,35 @@ This and the next three decode the whole recording the first time that one of th
       .def_property_readonly("counts", &Recording::counts, "Timestamps of each channel, four.")
       .def_property_readonly("first_ps", &Recording::first_ps,
                              "The smallest time; None where there is no timestamp.")
-      .def_property_readonly("last_ps", &Recording::last_ps, "The largest time, likewise.")
+      .def_property_readonly("last_ps", &Recording::last_ps, "The largest time, likewise.");
+}
+
+}  // namespace
+
+void define_recording(py::module_& module) {
+  PYBIND11_NUMPY_DTYPE(TimeTag, channel, time_ps);
+  py::class_<Blocks>(module, "Blocks", "Iterator over a recording, from Recording.blocks().")
+      .def("__iter__", [](Blocks& blocks) -> Blocks& { return blocks; })
+      .def("__next__", &Blocks::next);
+  py::class_<Recording> recording(module, "Recording", R"(A stream file (.ortime).
+
+path: str or os.PathLike. chunk_bytes: payload bytes decoded at a time, 1 or more; after a lost lock
+decoding goes on with the next chunk, so small chunks save more of a damaged recording.
+
+The header is read at once, timestamps when they are asked for, each time from the front. Iterating
+over a recording is iterating over blocks().
+
+It can be pickled: as its path and chunk_bytes.
+
+Raises FormatError where the file is no recording, else Error, which is an OSError, and of its kind:
+also a FileNotFoundError, for one. A pipe is refused: a recording is read more than once.)");
+  define_reading(recording);
+  recording
+      .def(py::init<const std::filesystem::path&, const py::object&>(), py::arg("path"),
+           py::arg("chunk_bytes") = 1 << 20)
+      .def_property_readonly("path", &Recording::path, "pathlib.Path: as it was given.")
+      .def_property_readonly("header", &Recording::header,
+                             "Header: format, mode and settings of the recording.")
       .def("close", &Recording::close,
            R"(Ends the use of the recording.
 
@@ -301,7 +307,7 @@ what was read with lock events stay.)")
              self.cast<const Recording&>().enter();
              return self;
            })
-      .def("__exit__", [](Recording& recording, const py::args&) { recording.close(); })
+      .def("__exit__", [](Recording& self, const py::args&) { self.close(); })
       .def("__reduce__",
            [](const py::object& self) {
              return py::make_tuple(self.get_type(), self.cast<const Recording&>().settings());
