@@ -21,7 +21,7 @@ import os
 import sys
 import types
 from collections.abc import Iterable, Iterator
-from typing import Union
+from typing import cast, Union
 
 try:
     import numpy as _numpy
@@ -146,13 +146,13 @@ def iterate(sources: Source | Iterable[Source], max_tags: int = 1 << 14, *,
             to_ps: int | None = None) -> Iterator[tuple[Recording, Tags]]:
     """Iterates over the blocks of many recordings, each with the recording that it is from.
 
-    sources: one or more of: a recording, its path, a run of load_run(), a directory as for load_run(). One file is open at a time. The others: as for Recording.blocks().
+    sources: one or more of: a recording, its path, a run of load_run(), a directory as for load_run().
+    One file is open at a time. The others: as for Recording.blocks().
 
     Raises what Recording and load_run() raise, where a recording is missing, too.
     """
-    if isinstance(sources, (str, os.PathLike, Recording, Facts)):
-        sources = (sources,)
-    for source in sources:
+    one = isinstance(sources, (str, os.PathLike, Recording, Facts))
+    for source in cast(Iterable[Source], (sources,) if one else sources):
         for recording in _recordings_of(source):
             for block in recording.blocks(max_tags, channel=channel, from_ps=from_ps, to_ps=to_ps):
                 yield recording, block
