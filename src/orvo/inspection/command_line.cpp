@@ -18,6 +18,7 @@
 namespace orvo::inspection {
 namespace {
 
+constexpr const char* kJsonHelp = "One JSON document instead of lines";
 constexpr std::uint64_t kMaxChunkBytes = 1 << 30;  // decoded, about eight times as much in memory
 
 /// Decimal, as it stands: the library takes 010 for 8 and what is too large for the largest.
@@ -86,15 +87,9 @@ CLI::Option* add_output(CLI::App* command, const char* names, std::filesystem::p
 void add_info(CLI::App& program, InfoOptions& options) {
   CLI::App* const command =
       program.add_subcommand("info", "Header, sizes, channels and locks of stream files");
-  add(command, "PATH", options.paths, "",
-      "Stream files (.ortime), or a run for all of its\n"
-      "recordings. With any that cannot be read the status is 1")
-      ->required();
-  command->add_flag("--json", options.json, "One JSON document, {\"recordings\": [...]}");
-  command->footer(
-      "Examples:\n"
-      "  ortime info overflow_frequency_01.ortime\n"
-      "  ortime info --json logs/verification/overflow_frequency | jq '.recordings[].channels'");
+  add(command, "PATH", options.paths, "", "Stream files (.ortime) and runs")->required();
+  command->add_flag("--json", options.json, kJsonHelp);
+  command->footer("Example: ortime info overflow_frequency_01.ortime");
 }
 
 struct TagsWords {
@@ -137,32 +132,18 @@ void add_tags(CLI::App& program, TagsWords& words) {
   TagsOptions& options = words.options;
   CLI::App* const command =
       program.add_subcommand("tags", "The timestamps of a recording, in decoding order");
-  add(command, "PATH", options.path, "",
-      "Stream file (.ortime), - for standard input, or a run\n"
-      "with --run")
-      ->required();
-  add(command, "--run", options.run, "N",
-      "Recording N of a run, 1 for the first; may be left out\n"
-      "where there is one")
+  add(command, "PATH", options.path, "", "Stream file, - for standard input, or a run")->required();
+  add(command, "--run", options.run, "N", "Recording N of a run of several, from 1 on")
       ->transform(integer<std::uint64_t>(1));
-  add(command, "--format", words.format, "csv|npy",
-      "csv: lines 'channel,time_ps'; npy: a NumPy array of\n"
-      "records (channel, time_ps), to a file only. By default\n"
-      "as the output's name ends: .csv or .npy; else csv")
+  add(command, "--format", words.format, "csv|npy", "[as the output's name ends, else csv]")
       ->check(CLI::IsMember({"csv", "npy"}));
-  add_output(command, "-o,--output", options.output,
-             "Output [-, standard output]; a file appears when it is\n"
-             "whole");
-  add_channels(command, options.wanted.channel_mask, "Only tags of these channels, 0 to 3");
-  add(command, "--from-ps", options.wanted.from_ps, "T", "Only tags at T picoseconds or later")
+  add_output(command, "-o,--output", options.output, "[-, standard output]; npy: a file");
+  add_channels(command, options.wanted.channel_mask, "Only these channels, 0 to 3");
+  add(command, "--from-ps", options.wanted.from_ps, "T", "Only times of T picoseconds or more")
       ->transform(integer<std::int64_t>());
-  add(command, "--to-ps", options.wanted.to_ps, "T",
-      "Only tags before T picoseconds, T itself left out")
+  add(command, "--to-ps", options.wanted.to_ps, "T", "Only times below T picoseconds")
       ->transform(integer<std::int64_t>());
-  command->footer(
-      "Examples:\n"
-      "  ortime tags --channel 0,2 -o tags.npy overflow_frequency_01.ortime\n"
-      "  zcat 01.ortime.gz | ortime tags - | head");
+  command->footer("Example: ortime tags --channel 0,2 -o tags.npy overflow_frequency_01.ortime");
 }
 
 /// A missing file is left to whoever opens it.
@@ -182,12 +163,10 @@ void require_rate_of_file(const VerifyOptions& options) {
 
 void add_settings(CLI::App* command, GivenSettings& given) {
   add(command, "--tolerance-ppm", given.tolerance_ppm, "X",
-      "Largest accepted rate error of a channel [that of the\n"
-      "report, which has three decimals of it; or 25]")
+      "Largest rate error that passes [the report's, or 25]")
       ->check(number_from(0, "a number of at least 0"));
   add(command, "--min-tags-per-channel", given.min_tags_per_channel, "N",
-      "Fewest timestamps a channel needs to pass, which no\n"
-      "report holds [64]")
+      "Fewest timestamps that pass; in no report [64]")
       ->transform(integer<std::uint64_t>());
 }
 
@@ -196,27 +175,19 @@ void add_verify(CLI::App& program, VerifyOptions& options) {
       "verify",
       "The verdict again, from the recordings: status 0 for a pass, 2 for a\n"
       "fail, 3 where recordings and report disagree");
-  add(command, "PATH", options.path, "",
-      "A run; or a stream file, - for standard input, with one\n"
-      "of --requested-hz and --divider")
+  add(command, "PATH", options.path, "", "A run, a stream file, or - for standard input")
       ->required();
-  CLI::Option* const divider = add(command, "--divider", options.divider, "N",
-                                   "Divider of the calibration source in the recorded run")
-                                   ->transform(integer<std::uint32_t>(1));
+  CLI::Option* const divider =
+      add(command, "--divider", options.divider, "N", "Stream file: of the calibration source")
+          ->transform(integer<std::uint32_t>(1));
   add(command, "--requested-hz", options.requested_hz, "F",
-      "Frequency asked of the calibration source: stands for\n"
-      "the divider nearest to it")
+      "Stream file: stands for the divider nearest to it")
       ->check(number_from(std::numeric_limits<double>::denorm_min(), "a number greater than 0"))
       ->excludes(divider);
   add_settings(command, options.given);
-  add_channels(command, options.given.channel_mask,
-               "Only these channels count [those of the report or the\n"
-               "stream file]");
-  command->add_flag("--json", options.json, "One JSON document instead of lines");
-  command->footer(
-      "Examples:\n"
-      "  ortime verify logs/verification/overflow_frequency/20261124_160312\n"
-      "  ortime verify --requested-hz 10000 overflow_frequency_02.ortime");
+  add_channels(command, options.given.channel_mask, "Only these count [as recorded]");
+  command->add_flag("--json", options.json, kJsonHelp);
+  command->footer("Example: ortime verify logs/verification/overflow_frequency/20261124_160312");
 }
 
 void add_report(CLI::App& program, ReportOptions& options) {
@@ -224,15 +195,10 @@ void add_report(CLI::App& program, ReportOptions& options) {
       program.add_subcommand("report", "One self-contained HTML page for a run");
   add(command, "RUN", options.path, "", "A run")->required();
   add_output(command, "-o,--output", options.output, "The page; - for standard output");
-  add_output(command, "--json", options.json,
-             "What the page shows as data: results, deviations over\n"
-             "time, histograms");
+  add_output(command, "--json", options.json, "What the page shows, as data");
   add(command, "--title", options.title, "TEXT", "Such as which instrument, which bench");
   add_settings(command, options.given);
-  command->footer(
-      "Examples:\n"
-      "  ortime report -o report.html logs/verification/overflow_frequency\n"
-      "  ortime report --json data.json logs/verification/overflow_frequency/latest.json");
+  command->footer("Example: ortime report -o report.html logs/verification/overflow_frequency");
 }
 
 void require_output(const ReportOptions& options) {
@@ -260,17 +226,15 @@ int explained(const CLI::App& program, const CLI::ParseError& error, std::string
   return kExitUsage;
 }
 
-/// Option names are taken with '_' as with '-'.
-std::vector<std::string> with_hyphens(int argc, const char* const* argv) {
-  std::vector<std::string> words(argv, argv + argc);
-  for (std::string& word : words) {
-    if (word == "--") {
-      break;
-    }
-    if (word.starts_with("--")) {
-      std::replace(word.begin(), std::find(word.begin(), word.end(), '='), '_', '-');
+/// As the library takes them, the last first; option names with '_' as with '-'.
+std::vector<std::string> words_of(int argc, const char* const* argv) {
+  std::vector<std::string> words(argv + std::min(argc, 1), argv + argc);
+  for (auto word = words.begin(); word != words.end() && *word != "--"; ++word) {
+    if (word->starts_with("--")) {
+      std::replace(word->begin(), std::find(word->begin(), word->end(), '='), '_', '-');
     }
   }
+  std::reverse(words.begin(), words.end());
   return words;
 }
 
@@ -296,10 +260,7 @@ Command parse_command_line(int argc, const char* const* argv) {
   program.require_subcommand(1);
   program.fallthrough();
   std::uint64_t chunk_bytes = 1 << 20;
-  add(&program, "--chunk-bytes", chunk_bytes, "N",
-      "Payload bytes read at a time [1048576], for every\n"
-      "command; what survives of a damaged packed-delta stream\n"
-      "depends on it")
+  add(&program, "--chunk-bytes", chunk_bytes, "N", "Payload bytes read at a time [1048576]")
       ->transform(integer<std::uint64_t>(1, kMaxChunkBytes));
   program.footer(
       "A run is a run directory, its JSON report, latest.json, or an output root for its newest "
@@ -319,12 +280,8 @@ Command parse_command_line(int argc, const char* const* argv) {
   for (CLI::App* const command : program.get_subcommands({})) {
     command->group("Commands");
   }
-  const std::vector<std::string> words = with_hyphens(argc, argv);
-  std::vector<const char*> pointers(words.size());
-  std::transform(words.begin(), words.end(), pointers.begin(),
-                 [](const std::string& word) { return word.c_str(); });
   try {
-    program.parse(argc, pointers.data());
+    program.parse(words_of(argc, argv));
     info.chunk_bytes = tags.options.chunk_bytes = verify.chunk_bytes = report.chunk_bytes =
         chunk_bytes;
     if (program.got_subcommand("info")) {
