@@ -1,8 +1,5 @@
 #include "orvo/inspection/document.h"
 
-#include <fmt/format.h>
-
-#include <type_traits>
 #include <utility>
 
 #include "orvo/inspection/text.h"
@@ -28,33 +25,22 @@ void forget(Json& object, bool known, std::initializer_list<const char*> names) 
   }
 }
 
-/// What a visit calls to make members of what it visits; the stream file is another's member.
-auto into(Json& object) {
-  return [&object](const char* name, const auto& value, int = 0) {
-    using Value = std::remove_cvref_t<decltype(value)>;
-    if constexpr (!std::is_same_v<Value, std::filesystem::path>) {
-      object[name] = value;
-    }
-  };
-}
-
 /// A run, null where it has no value, and which of its channels count.
 Json run_json(const RunResult& run, bool has_verdict, const Facts& facts) {
   const bool has_source = run.divider != 0;
-  Json json = Json::object();
-  visit_run(run, into(json));
+  Json json = numbers_of(run);
   forget(json, run.requested_hz > 0, {"requested_hz"});
   forget(json, has_source, {"effective_hz", "expected_decoded_hz", "divider", "overflow_required"});
   forget(json, has_verdict, {"pass"});
   for (std::size_t c = 0; c < kChannels; ++c) {
     const ChannelResult& channel = run.channels[c];
     Json numbers = {{"channel", c}};
-    visit_channel(channel, into(numbers));
+    numbers.update(numbers_of(channel));
     forget(numbers, channel.count >= 2, {"first_ps", "last_ps"});
     forget(numbers, channel.measured_hz > 0, {"measured_hz"});
     forget(numbers, channel.measured_hz > 0 && has_source, {"ppm_error"});
     forget(numbers, has_verdict, {"pass"});
-    numbers["judged"] = verification::channel_counts(facts.settings.channel_mask, c);
+    numbers["judged"] = facts.counts(c);
     json["channels"].push_back(std::move(numbers));
   }
   return json;
@@ -74,17 +60,6 @@ Json header_json(const timing::StreamFileHeader& header) {
           {"device_product", header.device_product},
           {"device_serial", header.device_serial},
           {"device_port", header.device_port}};
-}
-
-Json differences_json(const std::vector<Difference>& differences) {
-  Json json = Json::array();
-  for (const Difference& difference : differences) {
-    json.push_back({{"channel", or_null(difference.channel)},
-                    {"name", difference.name},
-                    {"reported", Json::parse(difference.reported)},
-                    {"judged", Json::parse(difference.judged)}});
-  }
-  return json;
 }
 
 Json spread_json(const Spread& spread) {
@@ -247,7 +222,7 @@ Json json_of(const RecordingFacts& run, const Facts& facts, Depth depth) {
                                                                 : Json("option")},
        {"expected_events", run.expected_events > 0 ? Json(run.expected_events) : Json()},
        {"judged", run.judged ? run_json(*run.judged, run.verdict() != nullptr, facts) : Json()},
-       {"differences", differences_json(run.differences)},
+       {"differences", run.differences},
        {"findings", findings_json(run.findings)}});
   if (depth == Depth::intervals && run.judged) {
     add_intervals(run, json);
@@ -257,9 +232,11 @@ Json json_of(const RecordingFacts& run, const Facts& facts, Depth depth) {
 
 Json json_of(const Summary& summary, const Facts& facts) {
   Json sentences = Json::array();
-  for (const Sentence& sentence : summary.sentences) {
-    sentences.push_back(plain_text(sentence.subject + sentence.words +
-                                   (sentence.cause.empty() ? "" : ' ' + sentence.cause)));
+  for (const Json& sentence : summary.sentences) {
+    const auto part = [&](const char* name) { return sentence[name].get<std::string>(); };
+    const std::string cause = part("cause");
+    sentences.push_back(
+        plain_text(part("subject") + part("words") + (cause.empty() ? "" : ' ' + cause)));
   }
   Json advice = Json::array();
   for (const std::string& sentence : summary.advice) {
@@ -289,21 +266,6 @@ Json series_json(const RecordingFacts& run) {
 
 std::string text_of(const Json& document, int indent) {
   return document.dump(indent, ' ', false, Json::error_handler_t::replace) + '\n';
-}
-
-std::string digits_of(const std::string& name, const Json& value) {
-  int decimals = 3;  // of a picosecond
-  const auto look = [&](const char* reported, const auto&, int digits = 0) {
-    decimals = name == reported ? digits : decimals;
-  };
-  const RunResult none;
-  visit_run(none, look);
-  visit_channel(none.channels[0], look);
-  return value.is_string()         ? fmt::format("{:?}", value.get_ref<const std::string&>())
-         : value.is_number_float() ? name == "tolerance_ppm"
-                                         ? fmt::format("{}", value.get<double>())
-                                         : fmt::format("{:.{}f}", value.get<double>(), decimals)
-                                   : value.dump();
 }
 
 std::string line_of(const Json& object) {

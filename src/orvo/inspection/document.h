@@ -2,15 +2,11 @@
 // No state; any thread may call.
 #pragma once
 
-#include <nlohmann/json.hpp>
 #include <string>
 
 #include "orvo/inspection/facts.h"
-#include "orvo/inspection/findings.h"
 
 namespace orvo::inspection {
-
-using Json = nlohmann::ordered_json;
 
 /// Schema, program, and where a run is; settings and verdict are null for stream files in `info`.
 [[nodiscard]] Json document_of(const Facts& facts);
@@ -26,8 +22,6 @@ using Json = nlohmann::ordered_json;
 /// One line; what is no UTF-8 becomes U+FFFD.
 [[nodiscard]] std::string text_of(const Json& document, int indent = -1);
 
-/// `value` with as many digits as reports have under `name`, where they have it.
-[[nodiscard]] std::string digits_of(const std::string& name, const Json& value);
 /// " name=value" for each member that is not null.
 [[nodiscard]] std::string line_of(const Json& object);
 /// A line for each value, one for all the values of an object in an array; none for null.

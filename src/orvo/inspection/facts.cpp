@@ -8,7 +8,6 @@
 #include <type_traits>
 #include <utility>
 
-#include "orvo/inspection/findings.h"
 #include "orvo/timing/error.h"
 
 namespace orvo::inspection {
@@ -24,46 +23,39 @@ constexpr double kGoodCoverage = 0.9;
 /// but for this many periods at its ends.
 constexpr double kEdgePeriods = 3;
 
-struct NamedDigits {
-  std::string name;
-  std::string digits;
-};
-
-/// What a visit calls to collect what it visits, but for the path.
-auto into(std::vector<NamedDigits>& found) {
-  return [&found](const char* name, const auto& value, int decimals = 0) {
+/// What a visit calls to make members of what it visits.
+auto into(Json& object) {
+  return [&object](const char* name, const auto& value, int = 0) {
     using Value = std::remove_cvref_t<decltype(value)>;
-    if constexpr (std::is_same_v<Value, double>) {
-      found.push_back({name, fmt::format("{:.{}f}", value, decimals)});
-    } else if constexpr (!std::is_same_v<Value, std::filesystem::path>) {
-      found.push_back({name, fmt::to_string(value)});
+    if constexpr (!std::is_same_v<Value, std::filesystem::path>) {
+      object[name] = value;
     }
   };
 }
 
-/// In the digits that a report has; verdicts only `with_verdicts`.
-std::vector<Difference> differences_of(const RunResult& reported, const RunResult& judged,
-                                       bool with_verdicts) {
-  std::vector<Difference> found;
-  const auto compare = [&](std::optional<std::size_t> channel, const auto& visit,
-                           const auto& old_one, const auto& new_one) {
-    std::vector<NamedDigits> before, now;
-    visit(old_one, into(before));
-    visit(new_one, into(now));
-    for (std::size_t i = 0; i < now.size(); ++i) {
-      if (before[i].digits != now[i].digits && (with_verdicts || now[i].name != "pass")) {
-        found.push_back({channel, now[i].name, before[i].digits, now[i].digits});
-      }
+void compare(const Json& channel, const Json& reported, const Json& judged, bool with_verdicts,
+             Json& differences) {
+  for (const auto& [name, value] : judged.items()) {
+    const std::string before = digits_of(name, reported[name]);
+    const std::string now = digits_of(name, value);
+    if (before != now && (with_verdicts || name != "pass")) {
+      differences.push_back({{"channel", channel},
+                             {"name", name},
+                             {"reported", Json::parse(before)},
+                             {"judged", Json::parse(now)}});
     }
-  };
-  compare(
-      std::nullopt, [](auto& run, auto visit) { visit_run(run, visit); }, reported, judged);
-  for (std::size_t c = 0; c < kChannels; ++c) {
-    compare(
-        c, [](auto& channel, auto visit) { visit_channel(channel, visit); }, reported.channels[c],
-        judged.channels[c]);
   }
-  return found;
+}
+
+/// Verdicts differ only where they were made the same way.
+void compare(const Facts& facts, RecordingFacts& run) {
+  const bool with_verdicts = facts.same_judgement();
+  compare(nullptr, numbers_of(*run.reported), numbers_of(*run.judged), with_verdicts,
+          run.differences);
+  for (std::size_t c = 0; c < kChannels; ++c) {
+    compare(c, numbers_of(run.reported->channels[c]), numbers_of(run.judged->channels[c]),
+            with_verdicts, run.differences);
+  }
 }
 
 void look_at_coverage(const Facts& facts, RecordingFacts& run) {
@@ -72,7 +64,7 @@ void look_at_coverage(const Facts& facts, RecordingFacts& run) {
                         std::max(rate_hz, 0.0);
   double fewest = std::numeric_limits<double>::infinity();
   for (std::size_t c = 0; c < kChannels; ++c) {
-    if (verification::channel_counts(facts.settings.channel_mask, c)) {
+    if (facts.counts(c)) {
       fewest = std::min(fewest, static_cast<double>(run.shown().channels[c].count));
     }
   }
@@ -108,12 +100,40 @@ void read(const RunResult& named, RecordingOptions options, Facts& facts, Record
 
 }  // namespace
 
-std::string Difference::full_name() const {
-  return channel ? fmt::format("ch{} {}", *channel, name) : name;
+Json numbers_of(const RunResult& run) {
+  Json numbers = Json::object();
+  visit_run(run, into(numbers));
+  return numbers;
 }
 
-std::string options_behind(const std::vector<Difference>& differences) {
-  const auto is_verdict = [](const Difference& difference) { return difference.name == "pass"; };
+Json numbers_of(const ChannelResult& channel) {
+  Json numbers = Json::object();
+  visit_channel(channel, into(numbers));
+  return numbers;
+}
+
+std::string digits_of(const std::string& name, const Json& value) {
+  int decimals = 3;  // of a picosecond
+  const auto look = [&](const char* reported, const auto&, int digits = 0) {
+    decimals = name == reported ? digits : decimals;
+  };
+  const RunResult none;
+  visit_run(none, look);
+  visit_channel(none.channels[0], look);
+  return value.is_string()         ? fmt::format("{:?}", value.get_ref<const std::string&>())
+         : value.is_number_float() ? name == "tolerance_ppm"
+                                         ? fmt::format("{}", value.get<double>())
+                                         : fmt::format("{:.{}f}", value.get<double>(), decimals)
+                                   : value.dump();
+}
+
+std::string name_of(const Json& difference) {
+  const auto& name = difference["name"].get_ref<const std::string&>();
+  return difference["channel"].is_null() ? name : "ch" + difference["channel"].dump() + ' ' + name;
+}
+
+std::string options_behind(const Json& differences) {
+  const auto is_verdict = [](const Json& difference) { return difference["name"] == "pass"; };
   const auto verdicts = std::count_if(differences.begin(), differences.end(), is_verdict);
   return verdicts == 0                         ? "--chunk-bytes"
          : verdicts == std::ssize(differences) ? "--min-tags-per-channel or --tolerance-ppm"
@@ -155,7 +175,7 @@ RecordingFacts& look_into(const RunResult& named, RecordingOptions options, Fact
     run.error = error.what();
   }
   if (run.reported && run.judged) {
-    run.differences = differences_of(*run.reported, *run.judged, facts.same_judgement());
+    compare(facts, run);
   }
   if (run.reported) {
     look_at_coverage(facts, run);

@@ -1,13 +1,16 @@
 // The facts about runs: what was reported, what the recordings hold, how both were judged, and what
 // that means in words. Made here once; every command shows parts of them, through document_of().
+// Plain text: whoever shows it escapes it.
 // No state; any thread may call. Errors: timing::Error.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "orvo/inspection/recording.h"
@@ -15,6 +18,8 @@
 #include "orvo/verification/evaluation.h"
 
 namespace orvo::inspection {
+
+using Json = nlohmann::ordered_json;
 
 /// How recordings are judged; what is not given is that of the report, of the stream file's header,
 /// or the tool's default.
@@ -29,20 +34,18 @@ struct GivenSettings {
       verification::EvaluationSettings settings) const;
 };
 
-/// A value that reported and judged run do not share, in the digits of a report.
-struct Difference {
-  std::optional<std::size_t> channel;  ///< none: of the run
-  std::string name;
-  std::string reported;
-  std::string judged;
+/// What reports have of a run or a channel, but for the stream file and the channels.
+[[nodiscard]] Json numbers_of(const verification::RunResult& run);
+[[nodiscard]] Json numbers_of(const verification::ChannelResult& channel);
+/// `value` with as many digits as reports have under `name`, where they have it.
+[[nodiscard]] std::string digits_of(const std::string& name, const Json& value);
 
-  [[nodiscard]] std::string full_name() const;  ///< "ch0 count"
-};
-
+/// "ch0 count": what differs.
+[[nodiscard]] std::string name_of(const Json& difference);
 /// Options that, given as in the run, may explain differences: those of verdicts, of numbers.
-[[nodiscard]] std::string options_behind(const std::vector<Difference>& differences);
+[[nodiscard]] std::string options_behind(const Json& differences);
 
-/// Something worth saying of a run. Plain text: whoever shows it escapes it.
+/// Something worth saying of a run.
 struct Finding {
   enum class Kind {  // the worst first
     unreadable,
@@ -62,14 +65,22 @@ struct Finding {
     header
   };
 
+  /// What may differ from run to run.
+  struct Amount {
+    Amount() = default;
+    Amount(double value, std::string words) : number(value), text(std::move(words)) {}
+
+    double number = 0;
+    std::string text;
+  };
+
   Kind kind = Kind::header;
-  std::vector<std::size_t> channels;  ///< none: the run as a whole
-  std::string words;                  ///< goes on after these: "lost {}"
-  std::string detail;                 ///< and after that, for this run and channel alone
-  double amount = 0;                  ///< what may differ from run to run: the {}
-  std::string amount_text;
-  std::string cause;  ///< a sentence, or empty, like the next
-  std::string advice;
+  std::vector<std::size_t> channels = {};  ///< none: the run as a whole
+  std::string words;                       ///< goes on after these: "lost {}", {} for the amount
+  Amount amount = {};
+  std::string detail = {};  ///< goes on after the words, for this run and channel alone
+  std::string cause = {};   ///< a sentence, or empty, like the next
+  std::string advice = {};
 
   /// Half a sentence, without channels.
   [[nodiscard]] std::string text() const;
@@ -83,7 +94,9 @@ struct RecordingFacts {
   /// Without a divider what needs one is 0.
   std::optional<verification::RunResult> judged;
   bool divider_inferred = false;  ///< from the recording's first intervals
-  std::vector<Difference> differences;
+  /// Values that reported and judged run do not share, each with channel (null: the run), name,
+  /// reported, judged, in the digits of a report.
+  Json differences = Json::array();
   double expected_events = 0;  ///< of a channel in the capture; 0: unknown
   double decoded_s = 0;        ///< of the capture, by the judged channel with the fewest events
   bool incomplete = false;     ///< that falls short of the capture
@@ -106,6 +119,9 @@ struct Facts {
   std::vector<RecordingFacts> recordings;
 
   [[nodiscard]] bool ended() const { return dir.ended(); }
+  [[nodiscard]] bool counts(std::size_t channel) const {
+    return verification::channel_counts(settings.channel_mask, channel);
+  }
   /// Whether recordings are judged as they were for the report.
   [[nodiscard]] bool same_judgement() const { return ended() && !given.any(); }
 };
@@ -118,5 +134,31 @@ struct Facts {
 /// says is set here. What cannot be read is a fact, too; timing::Interrupted is none.
 RecordingFacts& look_into(const verification::RunResult& run, RecordingOptions options,
                           Facts& facts);
+
+/// Of one run, the worst first.
+[[nodiscard]] std::vector<Finding> findings_of(const Facts& facts, const RecordingFacts& run);
+
+/// What can be said of the whole.
+struct Summary {
+  const char* look = "none";  ///< pass, doubt, fail or none
+  std::string headline;       ///< "PASS, but only 51.2 ms of 350 ms decoded"
+  std::string lead;           ///< one sentence on
+  /// About equal findings in several runs and channels: number of the first run, subject ("Runs 2
+  /// and 5 to 9, channel 1"), words (": lost 1 event each."), cause (a sentence or empty).
+  Json sentences = Json::array();
+  std::vector<std::string> advice;
+  std::size_t unjudged = 0;       ///< recordings
+  std::size_t disagreements = 0;  ///< of values that were reported and judged
+  bool verdicts_differ = false;   ///< one of these: on the whole
+  bool pass = false;              ///< all judged, passed, as reported
+};
+
+[[nodiscard]] Summary summary_of(const Facts& facts);
+
+/// "Run 2 at 10 kHz"; `index` counts from 0.
+[[nodiscard]] std::string name_of_run(const Facts& facts, std::size_t index);
+
+/// A line for each lock taken, refused or lost, as far as a LockHistory keeps them.
+[[nodiscard]] std::vector<std::string> lock_history_of(const Recording& recording);
 
 }  // namespace orvo::inspection

@@ -1,11 +1,10 @@
-#include "orvo/inspection/findings.h"
-
 #include <fmt/format.h>
 
 #include <algorithm>
 #include <cmath>
 #include <utility>
 
+#include "orvo/inspection/facts.h"
 #include "orvo/inspection/text.h"
 
 namespace orvo::inspection {
@@ -24,10 +23,24 @@ constexpr double kJitterReach = 4;
 constexpr double kAlike = 0.05;
 constexpr std::size_t kMaxDifferences = 6;
 
+constexpr const char* kDamageAdvice =
+    "Bytes of a damaged stream were lost or changed before they were recorded: check cable, hub "
+    "and driver, and record again. What is there may decode further with --chunk-bytes=65536.";
+constexpr const char* kLostAdvice =
+    "Events were lost before they were recorded: record again at a lower rate, and over another "
+    "port or cable.";
+
 std::string seconds_text(double seconds) { return time_text(seconds * kPicosecondsPerSecond); }
 
 std::string since_first(std::int64_t time_ps, const Recording& recording) {
   return time_text(static_cast<double>(time_ps) - static_cast<double>(recording.first_ps));
+}
+
+Finding::Amount amount_of(std::uint64_t number, const char* thing) {
+  return {static_cast<double>(number), counted(number, thing)};
+}
+Finding::Amount times(std::uint64_t number) {
+  return {static_cast<double>(number), times_text(number)};
 }
 
 /// The findings of one run, as they come.
@@ -48,13 +61,6 @@ class Look {
     if (run_.verdict() != nullptr && !run_.verdict()->pass) {
       look_at_failures();
     }
-    if (run_.incomplete && run_.shown().pass) {
-      Finding& finding = add(Kind::coverage);
-      finding.words = "only {} of a capture of " + seconds_text(facts_.dir.capture_s) +
-                      " decoded; the rest was not judged";
-      finding.amount = run_.decoded_s;
-      finding.amount_text = seconds_text(run_.decoded_s);
-    }
     look_at_differences();
     std::stable_sort(found_.begin(), found_.end(),
                      [](const Finding& a, const Finding& b) { return a.kind < b.kind; });
@@ -62,18 +68,7 @@ class Look {
   }
 
  private:
-  Finding& add(Kind kind, std::vector<std::size_t> channels = {}) {
-    Finding& finding = found_.emplace_back();
-    finding.kind = kind;
-    finding.channels = std::move(channels);
-    return finding;
-  }
-  Finding& add_counted(Kind kind, std::size_t channel, std::uint64_t number, const char* thing) {
-    Finding& finding = add(kind, {channel});
-    finding.amount = static_cast<double>(number);
-    finding.amount_text = counted(number, thing);
-    return finding;
-  }
+  void add(Finding finding) { found_.push_back(std::move(finding)); }
 
   void look_at_file();
   void look_at_locks();
@@ -92,16 +87,16 @@ class Look {
 
 void Look::look_at_file() {
   if (!run_.error.empty()) {
-    Finding& finding = add(Kind::unreadable);
-    finding.words = "its recording was not judged";
-    finding.detail = ": " + run_.error;
-    finding.advice = run_.recording ? ""
-                                    : "Name the folder that holds the recordings, or put them "
-                                      "beside the report.";
+    add({.kind = Kind::unreadable,
+         .words = "its recording was not judged",
+         .detail = ": " + run_.error,
+         .advice = run_.recording ? ""
+                                  : "Name the folder that holds the recordings, or put them "
+                                    "beside the report."});
   } else if (run_.recording && !run_.recording->warning.empty()) {
-    Finding& finding = add(Kind::header);
-    finding.words = "its recording is odd";
-    finding.detail = ": " + run_.recording->warning;
+    add({.kind = Kind::header,
+         .words = "its recording is odd",
+         .detail = ": " + run_.recording->warning});
   }
 }
 
@@ -111,30 +106,25 @@ void Look::look_at_locks() {
   const double period_ps = kPicosecondsPerSecond / run_.shown().expected_decoded_hz;
   if (recording.header.mode == timing::Mode::internal && std::isfinite(period_ps) &&
       period_ps > kLongestStep_ps) {
-    Finding& finding = add(Kind::too_slow);
-    finding.words =
-        fmt::format("its events lie {} apart, and the decoder refuses steps above one second",
-                    time_text(period_ps));
-    finding.advice = "Ask the calibration source for more than one event a second.";
+    add({.kind = Kind::too_slow,
+         .words =
+             fmt::format("its events lie {} apart, and the decoder refuses steps above one second",
+                         time_text(period_ps)),
+         .advice = "Ask the calibration source for more than one event a second."});
   } else if (locks.count(timing::LockEvent::Kind::locked) == 0 && !locks.entries().empty()) {
-    Finding& finding = add(Kind::no_lock);
-    finding.words = "the decoder found no valid record boundary";
-    finding.advice =
-        "One silent channel is enough to hide all others: leave it out of channel_mask and record "
-        "again.";
+    add({.kind = Kind::no_lock,
+         .words = "the decoder found no valid record boundary",
+         .advice = "One silent channel is enough to hide all others: leave it out of channel_mask "
+                   "and record again."});
   } else if (damaged_) {
-    Finding& finding = add(Kind::damage);
-    finding.words = "the stream is damaged, and the decoder lost its place {}";
-    finding.amount = static_cast<double>(locks.dropped());
-    finding.amount_text = times_text(locks.dropped());
-    finding.detail = fmt::format(
-        ": {} of {} bytes decoded, {} skipped while resynchronising, {} undecoded at the end",
-        grouped(recording.decoded_bytes()), grouped(recording.read_bytes),
-        grouped(locks.skipped_bytes()), grouped(recording.undecoded_bytes));
-    finding.advice =
-        "Bytes of a damaged stream were lost or changed before they were recorded: check cable, "
-        "hub and driver, and record again. What is there may decode further with "
-        "--chunk-bytes=65536.";
+    add({.kind = Kind::damage,
+         .words = "the stream is damaged, and the decoder lost its place {}",
+         .amount = times(locks.dropped()),
+         .detail = fmt::format(
+             ": {} of {} bytes decoded, {} skipped while resynchronising, {} undecoded at the end",
+             grouped(recording.decoded_bytes()), grouped(recording.read_bytes),
+             grouped(locks.skipped_bytes()), grouped(recording.undecoded_bytes)),
+         .advice = kDamageAdvice});
   }
 }
 
@@ -142,18 +132,15 @@ void Look::look_at_time() {
   const Recording& recording = *run_.recording;
   const double span_ps =
       static_cast<double>(recording.last_ps) - static_cast<double>(recording.first_ps);
+  const std::string capture = "a capture of " + seconds_text(facts_.dir.capture_s) + " can hold";
   if (recording.tags_outside != 0) {
-    Finding& finding = add(Kind::span);
-    finding.words = "{} outside of what a capture of " + seconds_text(facts_.dir.capture_s) +
-                    " can hold, decoded from damage";
-    finding.amount = static_cast<double>(recording.tags_outside);
-    finding.amount_text = counted(recording.tags_outside, "timestamp");
+    add({.kind = Kind::span,
+         .words = "{} outside of what " + capture + ", decoded from damage",
+         .amount = amount_of(recording.tags_outside, "timestamp")});
   } else if (span_ps > longest_capture_ps(facts_.dir.capture_s)) {
-    Finding& finding = add(Kind::span);
-    finding.words = "its timestamps span {}, more than a capture of " +
-                    seconds_text(facts_.dir.capture_s) + " can hold";
-    finding.amount = span_ps;
-    finding.amount_text = time_text(span_ps);
+    add({.kind = Kind::span,
+         .words = "its timestamps span {}, more than " + capture,
+         .amount = {span_ps, time_text(span_ps)}});
   }
 }
 
@@ -161,42 +148,43 @@ void Look::look_at_intervals(std::size_t number) {
   const Recording& recording = *run_.recording;
   const IntervalSummary& s = recording.channels[number].intervals;
   if (s.gaps != 0) {
-    Finding& finding = add_counted(Kind::lost, number, s.missing_events, "event");
-    finding.words = damaged_ ? "{} missing where the stream is damaged" : "lost {}";
-    finding.detail = fmt::format(" in {} ending at {}",
-                                 s.gaps == 1 ? "a gap" : counted(s.gaps, "gap") + ", the longest",
-                                 since_first(s.longest.time_ps, recording));
-    finding.advice = damaged_ ? ""
-                              : "Events were lost before they were recorded: record again at a "
-                                "lower rate, and over another port or cable.";
+    add({.kind = Kind::lost,
+         .channels = {number},
+         .words = damaged_ ? "{} missing where the stream is damaged" : "lost {}",
+         .amount = amount_of(s.missing_events, "event"),
+         .detail = fmt::format(" in {} ending at {}",
+                               s.gaps == 1 ? "a gap" : counted(s.gaps, "gap") + ", the longest",
+                               since_first(s.longest.time_ps, recording)),
+         .advice = damaged_ ? "" : kLostAdvice});
   }
   if (s.extra_events != 0) {
-    Finding& finding = add_counted(Kind::extra, number, s.extra_events, "event");
-    finding.words = damaged_ ? "{} out of place where the stream is damaged"
-                             : "{} less than half a period after the one before";
-    finding.detail = (s.extra_events == 1 ? ", at " : ", the nearest at ") +
-                     since_first(s.shortest.time_ps, recording);
+    add({.kind = Kind::extra,
+         .channels = {number},
+         .words = damaged_ ? "{} out of place where the stream is damaged"
+                           : "{} less than half a period after the one before",
+         .amount = amount_of(s.extra_events, "event"),
+         .detail = (s.extra_events == 1 ? ", at " : ", the nearest at ") +
+                   since_first(s.shortest.time_ps, recording)});
   }
   if (s.backward_steps != 0) {
-    Finding& finding = add(Kind::backward, {number});
-    finding.words = "time goes back {}";
-    finding.amount = static_cast<double>(s.backward_steps);
-    finding.amount_text = times_text(s.backward_steps);
-    finding.detail =
-        fmt::format(", by {} at the most", time_text(-static_cast<double>(s.shortest.interval_ps)));
+    add({.kind = Kind::backward,
+         .channels = {number},
+         .words = "time goes back {}",
+         .amount = times(s.backward_steps),
+         .detail = fmt::format(", by {} at the most",
+                               time_text(-static_cast<double>(s.shortest.interval_ps)))});
   }
 }
 
 void Look::look_at_failures() {
   const std::size_t before = found_.size();
   for (std::size_t c = 0; c < kChannels; ++c) {
-    if (verification::channel_counts(facts_.settings.channel_mask, c) &&
-        !run_.verdict()->channels[c].pass) {
+    if (facts_.counts(c) && !run_.verdict()->channels[c].pass) {
       look_at_failure(c);
     }
   }
   if (found_.size() == before) {
-    add(Kind::failed).words = "reported as failed";
+    add({.kind = Kind::failed, .words = "reported as failed"});
   }
 }
 
@@ -204,33 +192,36 @@ void Look::look_at_failure(std::size_t number) {
   const ChannelResult& channel = run_.verdict()->channels[number];
   const verification::EvaluationSettings& settings = facts_.settings;
   const double rate_hz = run_.verdict()->expected_decoded_hz;
+  const std::string needed = grouped(settings.min_tags_per_channel);
+  const std::size_t before = found_.size();
   if (channel.count == 0) {
-    Finding& finding = add(Kind::silent, {number});
-    finding.words = "no timestamps decoded";
-    finding.advice = "Check what feeds a silent channel, or leave it out of channel_mask.";
+    add({.kind = Kind::silent,
+         .channels = {number},
+         .words = "no timestamps decoded",
+         .advice = "Check what feeds a silent channel, or leave it out of channel_mask."});
     return;
   }
-  const std::size_t before = found_.size();
   if (channel.count < settings.min_tags_per_channel) {
-    Finding& finding = add_counted(Kind::few, number, channel.count, "timestamp");
-    finding.words = fmt::format("only {{}}, {} needed", grouped(settings.min_tags_per_channel));
-    if (rate_hz > 0) {
-      finding.advice =
-          fmt::format("Too few timestamps: {} at {} take {}, so capture longer (--capture-s).",
-                      grouped(settings.min_tags_per_channel), hz_text(rate_hz),
-                      seconds_text(static_cast<double>(settings.min_tags_per_channel) / rate_hz));
-    }
+    const double least_s = static_cast<double>(settings.min_tags_per_channel) / rate_hz;
+    add({.kind = Kind::few,
+         .channels = {number},
+         .words = fmt::format("only {{}}, {} needed", needed),
+         .amount = amount_of(channel.count, "timestamp"),
+         .advice = rate_hz > 0 ? fmt::format("Too few timestamps: {} at {} take {}, so capture "
+                                             "longer (--capture-s).",
+                                             needed, hz_text(rate_hz), seconds_text(least_s))
+                               : ""});
   }
   if (const double ppm = std::abs(channel.ppm_error); ppm > settings.tolerance_ppm) {
-    Finding& finding = add(Kind::rate, {number});
-    finding.words = fmt::format("{{}} {}, tolerance {} ppm",
-                                channel.ppm_error < 0 ? "slow" : "fast", settings.tolerance_ppm);
-    finding.amount = ppm;
-    finding.amount_text = fixed_text(ppm, ppm < 10 ? 3 : 1, settings.tolerance_ppm) + " ppm";
-    explain_rate(number, finding);
+    add({.kind = Kind::rate,
+         .channels = {number},
+         .words = fmt::format("{{}} {}, tolerance {} ppm", channel.ppm_error < 0 ? "slow" : "fast",
+                              settings.tolerance_ppm),
+         .amount = {ppm, fixed_text(ppm, ppm < 10 ? 3 : 1, settings.tolerance_ppm) + " ppm"}});
+    explain_rate(number, found_.back());
   }
   if (found_.size() == before) {
-    add(Kind::failed, {number}).words = "reported as failed";
+    add({.kind = Kind::failed, .channels = {number}, .words = "reported as failed"});
   }
 }
 
@@ -249,8 +240,7 @@ void Look::explain_rate(std::size_t number, Finding& finding) const {
   bool alike = true;
   for (std::size_t c = 0; c < kChannels; ++c) {
     const double difference_ppm = run_.judged->channels[c].ppm_error - channel.ppm_error;
-    alike = alike && (!verification::channel_counts(facts_.settings.channel_mask, c) ||
-                      std::abs(difference_ppm) < kAlike * error_ppm);
+    alike = alike && (!facts_.counts(c) || std::abs(difference_ppm) < kAlike * error_ppm);
   }
   if (s.missing_events + s.extra_events + s.backward_steps + run_.recording->tags_outside != 0) {
     finding.cause = "Its events are not complete and in order, which the rate shows.";
@@ -270,30 +260,36 @@ void Look::explain_rate(std::size_t number, Finding& finding) const {
 }
 
 void Look::look_at_differences() {
-  if (run_.differences.empty()) {
-    return;
+  if (run_.incomplete && run_.shown().pass) {
+    add({.kind = Kind::coverage,
+         .words = "only {} of a capture of " + seconds_text(facts_.dir.capture_s) +
+                  " decoded; the rest was not judged",
+         .amount = {run_.decoded_s, seconds_text(run_.decoded_s)}});
   }
+  const std::size_t all = run_.differences.size();
   std::string words;
-  for (std::size_t i = 0; i < run_.differences.size() && i < kMaxDifferences; ++i) {
-    const Difference& d = run_.differences[i];
-    words += fmt::format("{}{} {} reported, {} now", i == 0 ? "" : "; ", d.full_name(), d.reported,
-                         d.judged);
+  for (std::size_t i = 0; i < std::min(all, kMaxDifferences); ++i) {
+    const Json& one = run_.differences[i];
+    words +=
+        fmt::format("{}{} {} reported, {} now", i == 0 ? ": " : "; ", name_of(one),
+                    digits_of(one["name"], one["reported"]), digits_of(one["name"], one["judged"]));
   }
-  if (run_.differences.size() > kMaxDifferences) {
-    words += fmt::format("; and {} more", run_.differences.size() - kMaxDifferences);
+  if (all > kMaxDifferences) {
+    words += fmt::format("; and {} more", all - kMaxDifferences);
   }
-  Finding& finding = add(Kind::differs);
-  finding.words = "the recording does not decode to what the report says";
-  finding.detail = ": " + words;
-  finding.advice = fmt::format(
-      "Where recording and report differ, one of the files has changed, or the run was made with "
-      "another {}.",
-      options_behind(run_.differences));
+  if (all != 0) {
+    add({.kind = Kind::differs,
+         .words = "the recording does not decode to what the report says",
+         .detail = words,
+         .advice = fmt::format("Where recording and report differ, one of the files has changed, "
+                               "or the run was made with another {}.",
+                               options_behind(run_.differences))});
+  }
 }
 
 }  // namespace
 
-std::string Finding::text() const { return fmt::format(fmt::runtime(words), amount_text) + detail; }
+std::string Finding::text() const { return fmt::format(fmt::runtime(words), amount.text) + detail; }
 
 std::vector<Finding> findings_of(const Facts& facts, const RecordingFacts& run) {
   return Look(facts, run).all();

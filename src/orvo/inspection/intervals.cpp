@@ -98,7 +98,8 @@ Spread spread_of(const Moments& moments, std::span<const Bin> bins, double limit
   return spread;
 }
 
-void TickCounts::add(std::int64_t ticks, std::uint64_t count) {
+void TickCounts::add(std::int64_t value_ps, std::uint64_t count) {
+  const std::int64_t ticks = value_ps >> tick_shift;
   const auto bits = static_cast<std::uint64_t>(ticks);
   std::vector<std::uint64_t>& counts = ticks < 0 ? below_0_ : others_;
   const std::size_t bin = bin_of(ticks < 0 ? 0 - bits : bits);
@@ -106,7 +107,8 @@ void TickCounts::add(std::int64_t ticks, std::uint64_t count) {
   counts[bin] += count;
 }
 
-std::vector<Bin> TickCounts::bins(double tick_ps, double offset_ps) const {
+std::vector<Bin> TickCounts::bins(double offset_ps) const {
+  const double tick_ps = std::ldexp(1.0, static_cast<int>(tick_shift));
   std::vector<Bin> bins;
   const auto take = [&](double sign_ps, std::size_t bin, std::uint64_t count) {
     if (count != 0) {
@@ -155,6 +157,7 @@ IntervalAnalysis::IntervalAnalysis(const IntervalSettings& settings) : settings_
     Lane& lane = lanes_[channel];
     lane.expected_ps = std::clamp(settings.expected_ps[channel], 1.0, 1e18);
     lane.half_ps = static_cast<std::int64_t>(lane.expected_ps / 2);
+    lane.deviations.tick_shift = lane.skews.tick_shift = settings.tick_shift;
   }
 }
 
@@ -219,18 +222,10 @@ void IntervalAnalysis::finish() {
   }
 }
 
-void IntervalAnalysis::tally(TickCounts& counts, std::int64_t value_ps, std::uint64_t count) const {
-  counts.add(value_ps >> settings_.tick_shift, count);
-}
-
-void IntervalAnalysis::tally_skew(Lane& lane, std::uint64_t skew_ps, std::uint64_t count) const {
+void IntervalAnalysis::tally_skew(Lane& lane, std::uint64_t skew_ps, std::uint64_t count) {
   const auto skew = static_cast<std::int64_t>(skew_ps);
-  tally(lane.skews, skew - lane.skew_base_ps, count);
+  lane.skews.add(skew - lane.skew_base_ps, count);
   lane.skew.add({count, static_cast<double>(skew)});
-}
-
-std::vector<Bin> IntervalAnalysis::bins_of(const TickCounts& counts, double offset_ps) const {
-  return counts.bins(std::ldexp(1.0, static_cast<int>(settings_.tick_shift)), offset_ps);
 }
 
 void IntervalAnalysis::enter_column(std::int64_t time_ps) {
@@ -296,7 +291,7 @@ void IntervalAnalysis::account(std::size_t channel, std::uint64_t interval_ps, s
     return;
   }
   const std::uint64_t difference_ps = interval_ps - static_cast<std::uint64_t>(lane.base_ps);
-  tally(lane.deviations, static_cast<std::int64_t>(difference_ps), count);
+  lane.deviations.add(static_cast<std::int64_t>(difference_ps), count);
   const double deviation_ps = interval - lane.expected_ps;
   IntervalSummary summary = {.intervals = count, .shortest = extreme, .longest = extreme};
   if (std::abs(deviation_ps) < lane.expected_ps / 2) {

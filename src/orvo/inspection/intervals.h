@@ -47,11 +47,13 @@ struct Spread {
 /// How often which number of ticks occurs; those from 1,024 on to ten binary digits.
 class TickCounts {
  public:
-  void add(std::int64_t ticks, std::uint64_t count);
+  void add(std::int64_t value_ps, std::uint64_t count);
   [[nodiscard]] bool empty() const noexcept { return below_0_.empty() && others_.empty(); }
 
-  /// What occurred, ascending, in picoseconds.
-  [[nodiscard]] std::vector<Bin> bins(double tick_ps, double offset_ps) const;
+  /// What occurred, ascending, and raised by `offset_ps`.
+  [[nodiscard]] std::vector<Bin> bins(double offset_ps) const;
+
+  unsigned tick_shift = 0;  ///< a tick is 2^tick_shift ps
 
  private:
   // By bin: with much jitter nearly every event is counted here.
@@ -127,12 +129,12 @@ class IntervalAnalysis {
   /// Of each interval from the expected one.
   [[nodiscard]] std::vector<Bin> deviations(std::size_t channel) const {
     const Lane& lane = lanes_[channel];
-    return bins_of(lane.deviations, static_cast<double>(lane.base_ps) - lane.expected_ps);
+    return lane.deviations.bins(static_cast<double>(lane.base_ps) - lane.expected_ps);
   }
   /// Of each event from the nearest one of the reference, later ones positive; events without one
   /// within half an expected interval do not count.
   [[nodiscard]] std::vector<Bin> skews(std::size_t channel) const {
-    return bins_of(lanes_[channel].skews, static_cast<double>(lanes_[channel].skew_base_ps));
+    return lanes_[channel].skews.bins(static_cast<double>(lanes_[channel].skew_base_ps));
   }
   [[nodiscard]] const Moments& skew(std::size_t channel) const { return lanes_[channel].skew; }
   /// Those that hold tags, at most 2,048.
@@ -157,9 +159,7 @@ class IntervalAnalysis {
     Moments skew;
   };
 
-  void tally(TickCounts& counts, std::int64_t value_ps, std::uint64_t count) const;
-  void tally_skew(Lane& lane, std::uint64_t skew_ps, std::uint64_t count) const;
-  [[nodiscard]] std::vector<Bin> bins_of(const TickCounts& counts, double offset_ps) const;
+  static void tally_skew(Lane& lane, std::uint64_t skew_ps, std::uint64_t count);
   void open(CountWindow& window, std::int64_t value_ps, std::int64_t expected_ps,
             std::int64_t half_ps) const;
   void enter_column(std::int64_t time_ps);

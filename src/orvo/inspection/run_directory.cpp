@@ -25,13 +25,13 @@ bool is_file(const fs::path& path) {
   return fs::is_regular_file(path, error);
 }
 
-/// Sorted: names count up.
-std::vector<fs::path> recordings_in(const fs::path& directory) {
+/// What `is_wanted` of a folder, sorted: names count up.
+template <typename Wanted>
+std::vector<fs::path> entries_of(const fs::path& directory, const Wanted& is_wanted) {
   std::vector<fs::path> found;
   std::error_code error;
   for (const fs::directory_entry& entry : fs::directory_iterator(directory, error)) {
-    if (entry.path().filename().string().starts_with(kRecordingStem) &&
-        entry.path().extension() == ".ortime" && is_file(entry.path())) {
+    if (is_wanted(entry.path())) {
       found.push_back(entry.path());
     }
   }
@@ -42,14 +42,25 @@ std::vector<fs::path> recordings_in(const fs::path& directory) {
   return found;
 }
 
+std::vector<fs::path> recordings_in(const fs::path& directory) {
+  return entries_of(directory, [](const fs::path& path) {
+    return path.filename().string().starts_with(kRecordingStem) && path.extension() == ".ortime" &&
+           is_file(path);
+  });
+}
+
 bool is_run(const fs::path& directory) {
   return is_file(directory / kReportName) || !recordings_in(directory).empty();
 }
 
-bool is_stamp(std::string_view name) {
+/// Whether it is one of a verification, whose name is when it began.
+bool is_start(const fs::path& path) {
+  const std::string name = path.filename().string();
+  std::error_code error;
   return std::equal(
-      name.begin(), name.end(), kStampShape.begin(), kStampShape.end(),
-      [](char c, char shape) { return shape == '0' ? c >= '0' && c <= '9' : c == shape; });
+             name.begin(), name.end(), kStampShape.begin(), kStampShape.end(),
+             [](char c, char shape) { return shape == '0' ? c >= '0' && c <= '9' : c == shape; }) &&
+         fs::is_directory(path, error);
 }
 
 /// Whether a start of the tool has locked the folder, which ends with it. Asks for a lock beside
@@ -60,19 +71,6 @@ bool is_held(const fs::path& directory) {
       descriptor >= 0 && flock(descriptor, LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
   close(descriptor);
   return held;
-}
-
-/// Names count up with time.
-std::vector<fs::path> starts_in(const fs::path& root) {
-  std::vector<fs::path> found;
-  std::error_code error;
-  for (const fs::directory_entry& entry : fs::directory_iterator(root, error)) {
-    if (is_stamp(entry.path().filename().string()) && entry.is_directory(error)) {
-      found.push_back(entry.path());
-    }
-  }
-  std::sort(found.begin(), found.end());
-  return found;
 }
 
 /// The last of `starts`, whatever became of it: an older run is no answer for it.
@@ -97,7 +95,7 @@ fs::path run_directory_in(const fs::path& directory) {
   if (is_run(directory)) {
     return directory;
   }
-  const std::vector<fs::path> starts = starts_in(directory);
+  const std::vector<fs::path> starts = entries_of(directory, is_start);
   if (starts.empty()) {
     throw timing::Error(OT_ERR_NOT_FOUND,
                         fmt::format("{:?} holds neither {} nor a recording nor run directories: "

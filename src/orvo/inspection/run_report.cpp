@@ -47,32 +47,22 @@ std::string text_of(const std::filesystem::path& path) {
 }
 
 /// The characters for the parser: each byte one, so that text in any encoding, or in none, can be
-/// read. Numbers that JSON has no word for, as the tool writes an infinite tolerance, as strings.
+/// read. An infinite tolerance, for which JSON has no word, as a string.
 std::u16string characters_of(std::string_view text) {
+  constexpr std::string_view kInfinite = "inf";
   std::u16string characters;
   characters.reserve(text.size());
-  const auto put = [&](std::string_view bytes) {
-    characters.append(reinterpret_cast<const unsigned char*>(bytes.data()),
-                      reinterpret_cast<const unsigned char*>(bytes.data()) + bytes.size());
-  };
   bool in_string = false;
+  bool escaped = false;
   for (std::size_t i = 0; i < text.size(); ++i) {
-    const std::string_view rest = text.substr(i);
-    const auto is_next = [&](std::string_view word) { return rest.starts_with(word); };
-    const std::size_t word = in_string                            ? 0
-                             : is_next("inf") || is_next("nan")   ? 3
-                             : is_next("-inf") || is_next("-nan") ? 4
-                                                                  : 0;
-    if (word != 0) {
-      put('"' + std::string(rest.substr(0, word)) + '"');
-      i += word - 1;
-    } else if (in_string && rest.size() > 1 && rest.front() == '\\') {
-      put(rest.substr(0, 2));
-      ++i;
-    } else {
-      put(rest.substr(0, 1));
-      in_string = in_string != (rest.front() == '"');
+    if (!in_string && text.substr(i, kInfinite.size()) == kInfinite) {
+      characters += u"\"inf\"";
+      i += kInfinite.size() - 1;
+      continue;
     }
+    characters += static_cast<unsigned char>(text[i]);
+    in_string = in_string != (text[i] == '"' && !escaped);
+    escaped = in_string && text[i] == '\\' && !escaped;
   }
   return characters;
 }
@@ -117,14 +107,6 @@ std::filesystem::path path_of(const json& value) {
   return text;
 }
 
-double number_of(const json& value) {
-  constexpr double kInfinite = std::numeric_limits<double>::infinity();
-  return value == "inf"      ? kInfinite
-         : value == "-inf"   ? -kInfinite
-         : value.is_string() ? std::numeric_limits<double>::quiet_NaN()
-                             : value.get<double>();
-}
-
 /// What a visit calls to set each value it visits.
 auto from(const json& object) {
   return [&object](const char* name, auto& value, int = 0) {
@@ -165,9 +147,11 @@ void fill(const json& report, RunDirectory& dir) {
   }
   dir.pass = report.at("pass").get<bool>();
   dir.capture_s = report.at("capture_s").get<double>();
+  const json& tolerance_ppm = report.at("tolerance_ppm");
+  constexpr double kInfinite = std::numeric_limits<double>::infinity();
   dir.settings = {
       .channel_mask = integer_of<std::uint8_t>(report.at("channel_mask")),
-      .tolerance_ppm = number_of(report.at("tolerance_ppm")),
+      .tolerance_ppm = tolerance_ppm == "inf" ? kInfinite : tolerance_ppm.get<double>(),
       .packed_bits = integer_of<std::uint8_t>(report.at("packed_delta_bits")),
       .packed_quantum_ps = integer_of<std::uint16_t>(report.at("packed_delta_quantum_ps"))};
   for (const json& run : report.at("runs").get_ref<const json::array_t&>()) {

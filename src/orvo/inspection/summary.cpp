@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
-#include "orvo/inspection/findings.h"
+#include "orvo/inspection/facts.h"
 #include "orvo/inspection/text.h"
 
 namespace orvo::inspection {
@@ -47,7 +47,7 @@ std::vector<Finding> by_channels(const std::vector<Finding>& findings) {
   std::vector<Finding> merged;
   for (const Finding& finding : findings) {
     const auto same = std::find_if(merged.begin(), merged.end(), [&](const Finding& one) {
-      return alike(one, finding) && one.amount_text == finding.amount_text &&
+      return alike(one, finding) && one.amount.text == finding.amount.text &&
              !one.channels.empty() && !finding.channels.empty();
     });
     if (same == merged.end()) {
@@ -73,8 +73,8 @@ std::vector<Group> groups_of(const Facts& facts) {
         continue;
       }
       same->runs.push_back(run);
-      same->least = finding.amount < same->least.amount ? finding : same->least;
-      same->most = finding.amount > same->most.amount ? finding : same->most;
+      same->least = finding.amount.number < same->least.amount.number ? finding : same->least;
+      same->most = finding.amount.number > same->most.amount.number ? finding : same->most;
     }
   }
   std::stable_sort(groups.begin(), groups.end(),
@@ -82,24 +82,24 @@ std::vector<Group> groups_of(const Facts& facts) {
   return groups;
 }
 
-Sentence sentence_of(const Facts& facts, const Group& group) {
+Json sentence_of(const Facts& facts, const Group& group) {
   const auto& [least, most, runs] = group;
-  Sentence sentence = {
-      runs, runs.size() == 1 ? name_of_run(facts, runs.front()) : "Runs " + list_text(runs, 1), "",
-      most.cause};
+  std::string subject =
+      runs.size() == 1 ? name_of_run(facts, runs.front()) : "Runs " + list_text(runs, 1);
   if (!most.channels.empty()) {
-    sentence.subject += most.channels.size() == 1 ? ", channel " : ", channels ";
-    sentence.subject += list_text(most.channels, 0);
+    subject += most.channels.size() == 1 ? ", channel " : ", channels ";
+    subject += list_text(most.channels, 0);
   }
-  const bool one_amount = least.amount_text == most.amount_text;
+  const bool one_amount = least.amount.text == most.amount.text;
   const bool several = runs.size() > 1 || most.channels.size() > 1;
-  sentence.words =
-      ": " +
-      fmt::format(fmt::runtime(most.words),
-                  one_amount ? most.amount_text : least.amount_text + " to " + most.amount_text) +
-      (several && one_amount && most.words.ends_with("{}") ? " each" : "") +
-      (runs.size() == 1 ? most.detail : "") + '.';
-  return sentence;
+  const std::string amount =
+      one_amount ? most.amount.text : least.amount.text + " to " + most.amount.text;
+  return {{"number", runs.front() + 1},
+          {"subject", subject},
+          {"words", ": " + fmt::format(fmt::runtime(most.words), amount) +
+                        (several && one_amount && most.words.ends_with("{}") ? " each" : "") +
+                        (runs.size() == 1 ? most.detail : "") + '.'},
+          {"cause", most.cause}};
 }
 
 /// The sentence about all that passed.
@@ -109,7 +109,7 @@ std::string largest_error_of(const Facts& facts) {
   for (std::size_t i = 0; i < facts.recordings.size(); ++i) {
     for (std::size_t c = 0; c < kChannels; ++c) {
       const double ppm = std::abs(facts.recordings[i].shown().channels[c].ppm_error);
-      if (verification::channel_counts(facts.settings.channel_mask, c) && ppm > largest_ppm) {
+      if (facts.counts(c) && ppm > largest_ppm) {
         largest_ppm = ppm;
         place = fmt::format("{}, channel {}", name_of_run(facts, i), c);
       }

@@ -67,12 +67,13 @@ std::string escaped(const std::string& text) {
 }
 
 /// For the template: numbers as they are shown, a dash for what has no value; an empty text, false
-/// and an empty list hide a section.
+/// and an empty list hide a section, as does has_NAME where a member has no value.
 mustache::data template_data(const std::string& name, const Json& value) {
   if (value.is_object()) {
     mustache::data object;
     for (const auto& [key, member] : value.items()) {
       object.set(key, template_data(key, member));
+      object.set("has_" + key, mustache::data(!member.is_null()));
     }
     return object;
   }
@@ -101,14 +102,13 @@ struct State {
   const char* words;
 };
 
-State state_of(const Facts& facts, const RecordingFacts& run, std::size_t channel) {
-  if (run.verdict() == nullptr) {
+State state_of(const Json& channel) {
+  if (channel["pass"].is_null()) {
     return {"unjudged", kDash};
   }
-  if (!verification::channel_counts(facts.settings.channel_mask, channel)) {
-    return {"unjudged", "not judged"};
-  }
-  return run.verdict()->channels[channel].pass ? State{"good", "✓ pass"} : State{"bad", "✗ FAIL"};
+  return channel["judged"] == false ? State{"unjudged", "not judged"}
+         : channel["pass"] == false ? State{"bad", "✗ FAIL"}
+                                    : State{"good", "✓ pass"};
 }
 
 /// A row a channel; of many runs, those that passed have their worst channel's alone.
@@ -123,7 +123,7 @@ Json rows_of(const Facts& facts, const RecordingFacts& run, const Json& numbers)
   for (std::size_t c = 0; c < kChannels; ++c) {
     if (!numbers[c]["ppm_error"].is_null()) {
       const auto row = condensed ? static_cast<std::size_t>(worst - channels.begin()) : c;
-      marks[row].push_back({c, channels[c].ppm_error, state_of(facts, run, c).name});
+      marks[row].push_back({c, channels[c].ppm_error, state_of(numbers[c]).name});
     }
   }
   Json rows = Json::array();
@@ -131,7 +131,7 @@ Json rows_of(const Facts& facts, const RecordingFacts& run, const Json& numbers)
     if (condensed && worst != &channels[c]) {
       continue;
     }
-    const auto [state, verdict] = state_of(facts, run, c);
+    const auto [state, verdict] = state_of(numbers[c]);
     Json row = numbers[c];
     row.update({{"state", state},
                 {"verdict", verdict},
@@ -183,51 +183,45 @@ std::string digest_of(const RecordingFacts& run) {
          (skew_ps > 0 ? ", skew up to " + time_text(skew_ps, 3) : "");
 }
 
+/// The charts of a run, and their table.
+Json figure_of(const Recording& recording, const Json& channels, const Figure& figure) {
+  Json drawn = {{"parts", figure.parts},
+                {"marks_left_out", figure.left_out},
+                {"channels", channels_of(recording, channels)}};
+  for (const std::string& kind : figure.kinds) {
+    drawn[kind] = true;
+  }
+  return drawn;
+}
+
 /// A run as the document has it, and how it is shown.
 Json run_of(const Facts& facts, std::size_t index, Json entry, const Figure& figure) {
   const RecordingFacts& run = facts.recordings[index];
   const Json shown = run.reported ? entry["reported"] : entry["judged"];
-  entry.update(
-      {{"number", index + 1},
-       {"name", name_of_run(facts, index)},
-       {"open", !run.passed_whole()},
-       {"digest", digest_of(run)},
-       {"inferred", run.divider_inferred},
-       {"source", run.shown().divider != 0},
-       {"state", ""},
-       {"verdict", ""},
-       {"exact", run.judged ? entry["judged"] : shown},  // a report rounds
-       {"period_ps", run.judged ? timing::kPicosecondsPerSecond / run.judged->expected_decoded_hz
-                                : timing::kPicosecondsPerSecond / run.shown().expected_decoded_hz},
-       {"begin_ps", figure.parts.empty() ? Json("") : entry["first_ps"]},
-       {"recorded", run.recording ? entry["header"] : Json(false)},
-       {"shown", shown}});
-  if (!shown.is_null()) {
-    entry["rows"] = rows_of(facts, run, shown["channels"]);
-  }
-  if (run.verdict() != nullptr) {
-    entry["state"] = run.verdict()->pass ? "good" : "bad";
-    entry["verdict"] = !run.verdict()->pass ? "✗ FAIL"
-                       : run.incomplete     ? "✓ PASS, incomplete"
-                                            : "✓ PASS";
-  }
-  entry["problem"] =
-      run.error.empty() && figure.parts.empty() ? "no channel has two timestamps" : run.error;
+  const verification::RunResult& exact = run.judged ? *run.judged : run.shown();
+  const bool passed = run.verdict() != nullptr && run.verdict()->pass;
+  entry.update({{"number", index + 1},
+                {"name", name_of_run(facts, index)},
+                {"open", !run.passed_whole()},
+                {"digest", digest_of(run)},
+                {"inferred", run.divider_inferred},
+                {"state", passed                     ? "good"
+                          : run.verdict() != nullptr ? "bad"
+                                                     : ""},
+                {"verdict", passed ? run.incomplete ? "✓ PASS, incomplete" : "✓ PASS"
+                            : run.verdict() != nullptr ? "✗ FAIL"
+                                                       : ""},
+                {"exact", run.judged ? entry["judged"] : shown},  // a report rounds
+                {"period_ps", timing::kPicosecondsPerSecond / exact.expected_decoded_hz},
+                {"shown", shown},
+                {"rows", shown.is_null() ? Json::array() : rows_of(facts, run, shown["channels"])},
+                {"problem", run.error},
+                {"findings", Json::array()}});
   if (!figure.parts.empty()) {
-    Json drawn = {{"parts", figure.parts},
-                  {"marks_left_out", figure.left_out},
-                  {"channels", channels_of(*run.recording, entry["channels"])}};
-    for (const std::string& kind : figure.kinds) {
-      drawn[kind] = true;
-    }
-    if (run.recording->reference) {
-      drawn["reference"] = *run.recording->reference;
-    } else {
-      drawn["reference"] = false;
-    }
-    entry["figure"] = std::move(drawn);
+    entry["figure"] = figure_of(*run.recording, entry["channels"], figure);
+  } else if (run.error.empty()) {
+    entry["problem"] = "no channel has two timestamps";
   }
-  entry["findings"] = Json::array();
   for (const Finding& finding : run.findings) {
     if (facts.recordings.size() > 1) {  // else they are above
       entry["findings"].push_back(
@@ -241,35 +235,22 @@ Json run_of(const Facts& facts, std::size_t index, Json entry, const Figure& fig
   return entry;
 }
 
-Json sentences_of(const Summary& summary) {
-  Json list = Json::array();
-  for (const Sentence& sentence : summary.sentences) {
-    list.push_back({{"number", sentence.runs.front() + 1},
-                    {"subject", sentence.subject},
-                    {"words", sentence.words},
-                    {"cause", sentence.cause}});
-  }
-  return list;
-}
-
 }  // namespace
 
-std::string page_of(const Json& document, const Facts& facts, const Summary& summary,
+std::string page_of(Json page, const Facts& facts, const Summary& summary,
                     const std::vector<Figure>& figures) {
-  Json page = document;
   page.update({{"stamp", facts.dir.path.filename().string()},
                {"look", summary.look},
                {"headline", summary.headline},
                {"lead", summary.lead},
                {"advice", summary.advice},
-               {"sentences", sentences_of(summary)},
+               {"sentences", summary.sentences},
                {"condensed", facts.recordings.size() > kManyRuns},
                {"ended", facts.ended()},
                {"instrument", false}});
   std::string channels;
   for (std::size_t c = 0; c < kChannels; ++c) {
-    channels +=
-        verification::channel_counts(facts.settings.channel_mask, c) ? fmt::format(" {}", c) : "";
+    channels += facts.counts(c) ? fmt::format(" {}", c) : "";
   }
   page["channels_judged"] = channels;
   for (std::size_t i = 0; i < facts.recordings.size(); ++i) {
@@ -277,7 +258,8 @@ std::string page_of(const Json& document, const Facts& facts, const Summary& sum
     if (page["instrument"] == false && !entry["header"].is_null()) {
       page["instrument"] = entry["header"];
     }
-    entry = run_of(facts, i, entry, figures[i]);
+    entry.erase("series");  // drawn
+    entry = run_of(facts, i, std::move(entry), figures[i]);
   }
   mustache::mustache html(kReportHtml);
   html.set_custom_escape(escaped);

@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <optional>
+#include <utility>
 
 #include "orvo/inspection/commands.h"
 #include "orvo/inspection/output_file.h"
@@ -11,12 +12,16 @@
 namespace orvo::inspection {
 namespace {
 
-std::vector<std::filesystem::path> inputs_of(const RunDirectory& dir) {
+/// The output, where one is wanted; it is to be none of the files that were read.
+void open(const std::filesystem::path& path, const RunDirectory& dir,
+          std::optional<OutputFile>& output) {
   std::vector<std::filesystem::path> inputs = {dir.report};
   for (const verification::RunResult& run : dir.runs) {
     inputs.push_back(run.stream_file);
   }
-  return inputs;
+  if (!path.empty()) {
+    output.emplace(path, inputs);
+  }
 }
 
 }  // namespace
@@ -28,16 +33,9 @@ int run(const ReportOptions& options) {
     dir = load_run(options.path);  // which says what is wrong
   }
   Facts facts = facts_about(std::move(dir), options.given);
-  const std::vector<std::filesystem::path> inputs = inputs_of(facts.dir);
-  std::optional<OutputFile> page;
-  if (!options.output.empty()) {
-    page.emplace(options.output, inputs);
-  }
-  std::optional<OutputFile> data;
-  if (!options.json.empty()) {
-    data.emplace(options.json, inputs);
-  }
-
+  std::optional<OutputFile> page, data;
+  open(options.output, facts.dir, page);
+  open(options.json, facts.dir, data);
   int status = kExitSuccess;
   Json document = document_of(facts);
   document.update(
@@ -45,15 +43,16 @@ int run(const ReportOptions& options) {
        {"made", fmt::format("{:%Y-%m-%d %H:%M} UTC", fmt::gmtime(std::time(nullptr)))}});
   Json recordings = Json::array();
   std::vector<Figure> figures;
-  std::vector<Json> series;
   const RecordingOptions look = {.chunk_bytes = options.chunk_bytes,
                                  .columns = facts.dir.runs.size() > kManyRuns ? 300U : 1000U};
   for (const verification::RunResult& run : facts.dir.runs) {
     RecordingFacts& found = look_into(run, look, facts);
     const bool drawn = found.judged && found.recording->has_intervals();
     recordings.push_back(json_of(found, facts, look.depth));
+    if (data) {
+      recordings.back()["series"] = series_json(found);
+    }
     figures.push_back(drawn && page ? draw_figure(*found.recording) : Figure());
-    series.push_back(data ? series_json(found) : Json());
     if (found.recording) {
       found.recording->forget_series();  // of many runs much
     }
@@ -67,15 +66,14 @@ int run(const ReportOptions& options) {
   document.update({{"settings", settings_json(facts)},
                    {"verdict", json_of(summary, facts)},
                    {"recordings", std::move(recordings)}});
+  if (data) {
+    data->write(text_of(document));
+  }
   if (page) {
-    page->write(page_of(document, facts, summary, figures));
+    page->write(page_of(std::move(document), facts, summary, figures));
     page->publish();
   }
   if (data) {
-    for (std::size_t i = 0; i < series.size(); ++i) {
-      document["recordings"][i]["series"] = std::move(series[i]);
-    }
-    data->write(text_of(document));
     data->publish();
   }
   return status;
