@@ -1,4 +1,5 @@
-// The Python module against the decoder it stands on, and what importing it costs.
+// The Python module against the decoder it stands on, what importing it costs, and an archive of
+// runs on all processors.
 
 #include <array>
 #include <cstdio>
@@ -45,7 +46,7 @@ Figures measure_python() {
       tags += batch.size();
     });
   });
-  std::istringstream output(output_of(ORVO_PYTHON " '" + file + "'"));
+  std::istringstream output(output_of(ORVO_PYTHON "/sum_times.py' '" + file + "'"));
   double import_seconds = 0;
   double python_seconds = 0;
   std::string python_sum;
@@ -58,6 +59,63 @@ Figures measure_python() {
           {"timestamps", static_cast<double>(tags)},
           {"bytes", static_cast<double>(std::filesystem::file_size(file))},
           {"timestamps_hz", 4 * kHz}};
+}
+
+/// Seconds that an archive takes, and how many processors take part.
+struct OnThreads {
+  double seconds = 0;
+  double processors = 0;
+};
+
+OnThreads judge_archive(const std::filesystem::path& root, int expected_recordings) {
+  std::istringstream output(output_of(ORVO_PYTHON "/judge_archive.py' '" + root.string() + "'"));
+  OnThreads found;
+  int recordings = 0;
+  output >> found.seconds >> recordings >> found.processors;
+  if (recordings != expected_recordings) throw std::logic_error("the archive has other recordings");
+  return found;
+}
+
+/// Recordings of 16 MiB and more, and the decoder alone as if on as many processors.
+Figures measure_large_archive() {
+  constexpr double kLargeSeconds = 10;
+  constexpr int kRecordings = 8;
+  static const tests::ScratchDirectory directory;
+  static const std::filesystem::path first = directory.file("overflow_frequency_01.ortime");
+  if (!std::filesystem::exists(first)) {
+    write_recording(first, captured_bytes(kHz, kLargeSeconds));
+    for (int number = 2; number <= kRecordings; ++number) {
+      std::filesystem::copy_file(
+          first, directory.file("overflow_frequency_0" + std::to_string(number) + ".ortime"));
+    }
+  }
+  const double seconds = seconds_of([] {
+    timing::StreamFileReader reader;
+    reader.open(first);
+    reader.for_each_batch(kChunkBytes, [](auto) {});
+  });
+  const OnThreads archive = judge_archive(directory.path(), kRecordings);
+  return {{"archive", archive.seconds}, {"decoder", kRecordings * seconds / archive.processors}};
+}
+
+/// Runs as the tool makes them by default, and `ortime verify` for one after the other.
+Figures measure_archive_of_runs() {
+  constexpr int kRuns = 100;
+  static const tests::ScratchDirectory directory;
+  const std::filesystem::path root = directory.path();
+  if (std::filesystem::is_empty(root)) {
+    output_of("cd '" + root.string() +
+              "' && ORVO_SIM= " ORVO_PROGRAMS "/ot-simulated " ORVO_PROGRAMS
+              "/ot_verify_overflow_frequency --output-root=out"
+              " 2>&1 && mv out/2* 100 && rm -r out && for i in $(seq 99); do cp -r 100 $i; done");
+  }
+  constexpr int kRecordings = 3 * kRuns;
+  const double seconds = seconds_of([&] {
+    output_of("for run in '" + root.string() +
+              "'/*; do " ORVO_PROGRAMS "/ortime verify \"$run\"; done");
+  });
+  const OnThreads archive = judge_archive(root, kRecordings);
+  return {{"archive", archive.seconds / kRecordings}, {"ortime verify", seconds / kRecordings}};
 }
 
 }  // namespace
@@ -79,6 +137,22 @@ void add_python(Table& table) {
                 {{"python", "import", ""}},
                 at_most(1),
                 Unit::percent});
+  constexpr double kThreads = 0.8;
+  add_benchmark("large archive", measure_large_archive);
+  add_benchmark("archive of runs", measure_archive_of_runs);
+  table.add(Row{"archive on threads, recordings of 18 MiB: rate",
+                "bare decoding times processors",
+                {{"large archive", "decoder", "archive"}},
+                at_least(kThreads)});
+  table.add(Row{"archive on threads, default runs: rate",
+                "a loop of ortime verify",
+                {{"archive of runs", "ortime verify", "archive"}},
+                at_least(1)});
+  constexpr double kMicroseconds = 1e6;
+  table.add(Absolute{"archive on threads, default runs, a recording", "archive of runs", "archive",
+                     kMicroseconds, "us"});
+  table.add(Absolute{"a loop of ortime verify over them, a recording", "archive of runs",
+                     "ortime verify", kMicroseconds, "us"});
 }
 
 }  // namespace orvo::benchmarks

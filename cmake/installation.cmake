@@ -20,7 +20,8 @@ endif()
 if(TARGET orvo_python)
   set(python_dir "lib/python3/dist-packages/orvo_timing")
   install(TARGETS orvo_python LIBRARY DESTINATION "${python_dir}" COMPONENT python)
-  install(FILES ${orvo_python_files} DESTINATION "${python_dir}" COMPONENT python)
+  install(DIRECTORY src/orvo/python/orvo_timing/ DESTINATION "${python_dir}" COMPONENT python
+          FILES_MATCHING PATTERN "*.py" PATTERN "*.pyi" PATTERN py.typed)
 endif()
 
 # The settings, as they are in the source tree.

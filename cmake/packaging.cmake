@@ -64,6 +64,7 @@ if(TARGET orvo_python)
   math(EXPR next_minor "${Python3_VERSION_MINOR} + 1")
   set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS
       "python3 (>= 3.${Python3_VERSION_MINOR}), python3 (<< 3.${next_minor}), python3-numpy")
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_SUGGESTS python3-distributed)
   # Byte-compiled when installed, and no such file left when removed.
   set(CPACK_DEBIAN_PYTHON_PACKAGE_CONTROL_EXTRA
       "${PROJECT_SOURCE_DIR}/packaging/python/postinst" "${PROJECT_SOURCE_DIR}/packaging/python/prerm")

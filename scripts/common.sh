@@ -48,6 +48,7 @@ found() {
     pybind11-dev) includes pybind11/pybind11.h ;;
     python3-dev) python 'import os, sysconfig; os.stat(sysconfig.get_path("include") + "/Python.h")' ;;
     python3-numpy) python 'import numpy' ;;
+    python3-distributed) python 'import distributed' ;;
     *) return 1 ;;
   esac >/dev/null 2>&1
 }

@@ -2,6 +2,10 @@
 #include <pybind11/stl.h>
 #include <pybind11/stl/filesystem.h>
 
+#include <atomic>
+#include <memory>
+#include <optional>
+#include <string>
 #include <vector>
 
 #include "orvo/inspection/document.h"
@@ -48,6 +52,62 @@ py::object object_of(const Json& value, const py::object& namespace_type) {
                                       : py::none();
 }
 
+/// Ends what is being done with it, from any thread, at the next chunk.
+class StopFlag {
+ public:
+  void set() { set_ = true; }
+  [[nodiscard]] bool is_set() const { return set_; }
+
+ private:
+  std::atomic<bool> set_ = false;
+};
+
+/// As interrupted(), for threads that see no signal.
+bool stopped(const StopFlag& stop) {
+  if (stop.is_set()) {
+    const py::gil_scoped_acquire lock;
+    PyErr_SetNone(PyExc_KeyboardInterrupt);
+  }
+  return stop.is_set();
+}
+
+/// Where the recording of a run is in its own folder, whatever the report says.
+fs::path place_of(const verification::RunResult& run, const inspection::RunDirectory& dir) {
+  return dir.path / run.stream_file.filename();
+}
+
+/// Of the run at `path`: whether it is being written; its verdict as reported, where that is not
+/// the one of its recordings as reported; and where they are, or should be, in its folder.
+py::tuple outline(const fs::path& path) {
+  const auto dir = without_lock([&] { return inspection::load_run(path); });
+  bool pass = true;
+  py::list files;
+  for (const verification::RunResult& run : dir.runs) {
+    pass = pass && run.pass;
+    files.append(
+        py::reinterpret_steal<py::object>(PyUnicode_DecodeFSDefault(place_of(run, dir).c_str())));
+  }
+  const bool contradicts = dir.ended() && dir.pass != pass;
+  return py::make_tuple(dir.running, contradicts ? py::object(py::bool_(dir.pass)) : py::none(),
+                        files);
+}
+
+/// The one recording, which is read in the run's folder alone.
+Json document_about_one(std::size_t number, const fs::path& path,
+                        const inspection::GivenSettings& given,
+                        const inspection::RecordingOptions& options) {
+  Facts facts = inspection::facts_about(inspection::load_run(path), given);
+  if (number >= facts.dir.runs.size()) {
+    throw timing::Error(OT_ERR_NOT_FOUND, "the run has fewer recordings than it had");
+  }
+  verification::RunResult run = facts.dir.runs[number];
+  run.stream_file = place_of(run, facts.dir);
+  const auto& found = inspection::look_into(run, options, facts);
+  Json document = inspection::json_of(found, facts, options.depth);
+  document["settings"] = inspection::settings_json(facts);
+  return document;
+}
+
 /// The document about the run at `path`, whose recordings are looked into so deep.
 Json document_about(const fs::path& path, const inspection::GivenSettings& given,
                     const inspection::RecordingOptions& options) {
@@ -69,9 +129,11 @@ py::object load(const fs::path& path, const py::object& namespace_type) {
   return object_of(document_about(path, {}, {.depth = Depth::header}), namespace_type);
 }
 
+/// The document about a run, or with a `recording` the part about that one.
 py::object verify(const fs::path& path, std::optional<double> tolerance_ppm,
                   const py::object& min_tags_per_channel, const py::object& channel_mask,
-                  const py::object& chunk_bytes, const py::object& namespace_type) {
+                  const py::object& chunk_bytes, const py::object& namespace_type,
+                  std::optional<std::size_t> recording, const std::shared_ptr<StopFlag>& stop) {
   inspection::GivenSettings given = {.tolerance_ppm = tolerance_ppm};
   if (tolerance_ppm && !(*tolerance_ppm >= 0)) {
     throw py::value_error("tolerance_ppm must be 0 or more");
@@ -83,13 +145,14 @@ py::object verify(const fs::path& path, std::optional<double> tolerance_ppm,
     given.channel_mask =
         static_cast<std::uint8_t>(checked("channel_mask", channel_mask, 0, UINT8_MAX));
   }
-  const auto bytes = checked("chunk_bytes", chunk_bytes, 1, kMost);
+  const inspection::RecordingOptions options = {
+      .depth = Depth::counts,
+      .chunk_bytes = checked("chunk_bytes", chunk_bytes, 1, kMost),
+      .interrupted = [&] { return stop ? stopped(*stop) : interrupted(); },
+      .shows_progress = false};
   const Json document = without_lock([&] {
-    return document_about(path, given,
-                          {.depth = Depth::counts,
-                           .chunk_bytes = bytes,
-                           .interrupted = interrupted,
-                           .shows_progress = false});
+    return recording ? document_about_one(*recording, path, given, options)
+                     : document_about(path, given, options);
   });
   return object_of(document, namespace_type);
 }
@@ -97,10 +160,16 @@ py::object verify(const fs::path& path, std::optional<double> tolerance_ppm,
 }  // namespace
 
 void define_facts(py::module_& module) {
+  py::class_<StopFlag, std::shared_ptr<StopFlag>>(module, "StopFlag")
+      .def(py::init<>())
+      .def("set", &StopFlag::set)
+      .def("is_set", &StopFlag::is_set);
+  module.def("outline", outline, py::arg("path"));
   module.def("load_run", load, py::arg("path"), py::arg("namespace_type"));
   module.def("verify", verify, py::arg("path"), py::arg("tolerance_ppm"),
              py::arg("min_tags_per_channel"), py::arg("channel_mask"), py::arg("chunk_bytes"),
-             py::arg("namespace_type"));
+             py::arg("namespace_type"), py::arg("recording") = py::none(),
+             py::arg("stop") = std::shared_ptr<StopFlag>());
 }
 
 }  // namespace orvo::python

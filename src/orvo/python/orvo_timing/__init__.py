@@ -31,10 +31,11 @@ except ImportError as error:
 from . import _native
 from ._native import Recording, __version__
 from ._types import Error, Format, FormatError, Header, LockEvent, LockKind, Mode, Tags, Transport
+from .archive import archive
 
 __all__ = ["ChannelResult", "Error", "Facts", "Format", "FormatError", "Header", "LockEvent", "LockKind",
-           "Mode", "Recording", "RunResult", "Tags", "Transport", "__version__", "iterate", "judge",
-           "load_run", "verify"]
+           "Mode", "Recording", "RunResult", "Tags", "Transport", "__version__", "archive", "iterate",
+           "judge", "load_run", "verify"]
 
 for _public in (Error, Format, FormatError, Header, LockEvent, LockKind, Mode, Recording, Transport):
     _public.__module__ = __name__
