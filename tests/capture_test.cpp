@@ -14,7 +14,6 @@
 #include "orvo/timing/device/device.h"
 #include "orvo/timing/error.h"
 #include "orvo/timing/stream_header.h"
-#include "support/error_of.h"
 #include "support/scratch.h"
 #include "support/scripted_driver.h"
 

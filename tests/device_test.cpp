@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "orvo/timing/device/library_status.h"
-#include "support/error_of.h"
 #include "support/scratch.h"
 #include "support/scripted_driver.h"
 

@@ -10,7 +10,6 @@
 #include <vector>
 
 #include "orvo/timing/stream_files.h"
-#include "support/error_of.h"
 #include "support/scratch.h"
 
 namespace orvo::verification {

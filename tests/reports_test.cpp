@@ -12,7 +12,6 @@
 #include "orvo/timing/error.h"
 #include "orvo/verification/directory_lock.h"
 #include "orvo/verification/interruption.h"
-#include "support/error_of.h"
 #include "support/scratch.h"
 
 namespace orvo::verification {

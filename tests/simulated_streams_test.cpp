@@ -1,5 +1,5 @@
-// Streams of the simulated instrument through the decoder: exact where nothing is damaged, and as
-// good as can be where something is.
+// Streams of the simulated instrument through the decoder: exact where nothing is damaged, judged
+// truly, and as good as can be where something is.
 //
 // ORVO_LONG_STREAMS multiplies the length of the long ones (default 1: a million events, and
 // hours).
@@ -7,12 +7,14 @@
 #include <sys/resource.h>
 
 #include <algorithm>
+#include <bit>
 #include <cstdint>
 #include <cstdlib>
 #include <iostream>
 #include <string>
 #include <vector>
 
+#include "orvo/verification/evaluation.h"
 #include "support/decoding.h"
 #include "support/instrument.h"
 
@@ -113,6 +115,54 @@ TEST(SimulatedStream, DecodesExactlyForDaysInTheSameMemory) {
             << hours_ps / kWrapPs << " turns of the clock each, +" << max_rss_kib() - before_kib
             << " KiB\n";
   EXPECT_LT(max_rss_kib() - before_kib, 4096);  // room for a sanitizer
+}
+
+std::string ppm_text(std::int64_t per_1e12) {
+  return std::to_string(1e-6 * static_cast<double>(per_1e12));
+}
+
+// With a tick q, a jitter of up to j and S from the first to the last timestamp, a computed ppm is
+// off by less than L = 10^6 (q + 2j) / S. Channels 0 and 1 have the largest error of rate that
+// passes for certain, L below the tolerance, and the smallest one that fails; no rate shows the
+// event that each loses before its first timestamp. Of n events a lost one weighs 10^6 / (n - 1)
+// ppm: 2 and 3 lose as many as pass, and one more.
+TEST(Verdict, IsTrueUpToTheLimits) {
+  std::uint64_t seed = 0;
+  for (const std::uint32_t divider : {30978U, 3098U, 310U}) {  // 1, 10 and 100 kHz
+    for (const unsigned quantum_ps : {1U, 8U, 12U, 4096U}) {
+      for (const std::uint64_t jitter_ps : {0U, 3U, 1000U}) {
+        SCOPED_TRACE(testing::Message() << divider << ' ' << quantum_ps << ' ' << jitter_ps);
+        const std::uint64_t end_ps = (++seed % 2 == 0 ? 1000 : 100) * std::uint64_t{999'900'000};
+        const std::uint64_t period_ps = std::uint64_t{divider} * 613272 / 19;
+        const std::uint64_t allowed = end_ps / period_ps * 25 / 1'000'000;
+        const std::uint64_t tick_ps = 1U << std::countr_zero(quantum_ps);
+        // In millionths of a ppm, rounded up: three periods at the ends may be cut off.
+        const auto limit = static_cast<std::int64_t>(
+            (tick_ps + 2 * jitter_ps) * 1'001'000'000'000 / (end_ps - 3 * period_ps) + 2);
+        const std::int64_t sign = seed % 4 < 2 ? 1 : -1, tolerance = 25'000'000;
+        const std::uint64_t to_wrap_ps = simulator::random_at(seed, 0) % end_ps;
+        const Instrument instrument = {
+            .quantum_ps = quantum_ps,
+            .divider = divider,
+            .duration_ps = end_ps,
+            .sim = "seed=" + std::to_string(seed) + ";jitter_ps=" + std::to_string(jitter_ps) +
+                   ";clock_ps=" + std::to_string(kWrapPs - 1 - to_wrap_ps) +
+                   ";rate_error_ppm=0:" + ppm_text(sign * (tolerance - limit)) +
+                   ",1:" + ppm_text(-sign * (tolerance + limit)) + ";lose=0:1@0,1:1@0,2:" +
+                   std::to_string(allowed) + "@40,3:" + std::to_string(allowed + 1) + "@40"};
+        verification::TagStatistics statistics;
+        instrument.for_each_batch(1 << 16, [&](auto tags) { statistics.add(tags); });
+        const verification::EvaluationSettings settings;  // with a tolerance of 25 ppm
+        const auto result = judge(statistics, derive_rates(divider, settings), settings);
+        EXPECT_EQ(result.channels[2].count, result.channels[3].count + 1);
+        for (std::size_t c = 0; c < simulator::kChannels; ++c) {
+          EXPECT_EQ(result.channels[c].pass, c % 2 == 0)
+              << c << ": " << result.channels[c].ppm_error;
+        }
+      }
+    }
+  }
+  std::cout << simulator::kChannels * seed << " verdicts\n";
 }
 
 constexpr std::size_t kChunkBytes = 256;  // of the packed recordings below each has all syncs

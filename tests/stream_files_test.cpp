@@ -1,4 +1,5 @@
-// The stream file container: what is written, what is refused, and tags in batches.
+// Stream files: a header's text, exact when written and tolerant when read; what is written, what
+// is refused, and tags in batches.
 #include "orvo/timing/stream_files.h"
 
 #include <gtest/gtest.h>
@@ -6,12 +7,13 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <regex>
 #include <stdexcept>
+#include <string>
 #include <utility>
 #include <vector>
 
 #include "support/decoding.h"
-#include "support/error_of.h"
 #include "support/record_writer.h"
 #include "support/scratch.h"
 
@@ -19,6 +21,59 @@ namespace orvo::tests {
 namespace {
 
 using timing::StreamFileHeader;
+using timing::detail::stream_header_from_json;
+using timing::detail::stream_header_to_json;
+
+/// The fixed form; every member differs from its default.
+constexpr const char* kText =
+    R"({"file_type":"orvo_timing_raw_stream_capture","schema_version":1,)"
+    R"("created_utc":"now","application":"a\tb\"c\\d\ne\rf )"
+    "\xC3\xA9\","
+    R"("device_product":"product","device_serial":"s/n 1","device_port":"/dev/ttyUSB0",)"
+    R"("stream_format":"delta32","mode":"internal","stream_transport":"usb_async",)"
+    R"("raw64_tag_format":"Raw_CF","channel_mask":5,"tdl_index":255,)"
+    R"("packed_delta_config":{"delta_bits":31,"quantum_ps":65535}})";
+
+TEST(StreamHeader, ReadsAnyTextTolerantly) {
+  const struct {
+    const char *text, *member;  // as it is written again
+  } cases[] = {
+      {kText, kText},
+      {"", R"("stream_format":"packed_delta","mode":"external","stream_transport":"usb")"},
+      {R"("mode" : "Internal")", R"("mode":"internal")"},
+      {R"("mode":1,"x":"internal")", R"("mode":"external")"},  // the next quoted text is x
+      {R"("stream_format":"PackedDelta")", R"("stream_format":"packed_delta")"},
+      {R"("stream_format":"raw_cf")", R"("stream_format":"raw64")"},
+      {R"("stream_transport":"USB-Async")", R"("stream_transport":"usb_async")"},
+      {R"("stream_transport":"serial")", R"("stream_transport":"uart")"},
+      {R"("channel_mask":31,"tdl_index":257)", R"("channel_mask":15,"tdl_index":1)"},
+      {R"("raw64_tag_format":"","mode":"internal")", R"("raw64_tag_format":"raw_cf")"},
+      {R"("application":"\r\t\n\"\\\/\u00e9","application":"2")",
+       R"("application":"\r\t\n\"\\/u00e9")"},
+      {R"("application":"v\")", R"("application":"")"},
+      {R"("application":)", R"("application":"")"},
+      {"\"quantum_ps\": \t\n\v\f\r0075}", R"("quantum_ps":75)"},
+      {R"("quantum_ps":18446744073709551618)", R"("quantum_ps":2)"},  // modulo 2^64
+      {R"("quantum_ps":-7)", R"("quantum_ps":8)"},
+  };
+  for (const auto& c : cases) {
+    const std::string written = stream_header_to_json(stream_header_from_json(c.text));
+    EXPECT_NE(written.find(c.member), std::string::npos) << c.text << " became " << written;
+  }
+  EXPECT_EQ(stream_header_from_json(R"("channel_mask":31)").channel_mask, 15);
+}
+
+TEST(StreamHeader, ValuesThatCannotStandAreReplacedWhenWritten) {
+  StreamFileHeader header;
+  header.channel_mask = 0xFF;
+  header.application = "\x01\x1F\x7F";
+  header.raw64_tag_format.clear();
+  const std::regex expected(
+      R"(.*"created_utc":"\d{4}(-\d\d){2}T\d\d(:\d\d){2}\.\d{6}Z","application":"\?\?\x7F",.*)"
+      R"("raw64_tag_format":"ps","channel_mask":15,.*)");
+  const std::string text = stream_header_to_json(header);
+  EXPECT_TRUE(std::regex_match(text, expected)) << text;
+}
 
 constexpr unsigned long kAll = ~0UL;
 
@@ -62,7 +117,7 @@ TEST_F(StreamFiles, WriterFramesHeaderAndPayload) {
   StreamFileHeader header;
   header.created_utc = "now";
   header.application = std::string(0x20000, 'a');
-  const std::string text = timing::detail::stream_header_to_json(header);
+  const std::string text = stream_header_to_json(header);
   ASSERT_EQ(text.size(), 0x20157U);
   const std::string front = "ORTIME1\n" + std::string("\x57\1\2\0", 4) + text;
   writer.open(path, header);
@@ -102,17 +157,15 @@ TEST_F(StreamFiles, WriterGathersAMebibyteAndReportsWhatFails) {
 }
 
 TEST_F(StreamFiles, WriterOpensAllOrNothing) {
-  const auto open_error = [&](const std::string& to, std::size_t bytes) {
-    StreamFileHeader header;
-    header.application = std::string(bytes, 'a');
-    return error_of([&] { writer.open(to, header); });
+  const auto open_error = [&](const std::string& to) {
+    return error_of([&] { writer.open(to, {}); });
   };
   const auto write_error = [&] { return error_of([&] { writer.write(nullptr, 0); }); };
   const char* const not_open = "StreamFileWriter: not open [-6]";
   const std::string missing = scratch.file("missing/file");
-  EXPECT_EQ(open_error(missing, 0), "StreamFileWriter: cannot open " + missing + " [-2]");
+  EXPECT_EQ(open_error(missing), "StreamFileWriter: cannot open " + missing + " [-2]");
   EXPECT_EQ(write_error(), not_open);
-  EXPECT_EQ(open_error("/dev/full", 0), "StreamFileWriter: failed to write header [-2]");
+  EXPECT_EQ(open_error("/dev/full"), "StreamFileWriter: failed to write header [-2]");
   EXPECT_EQ(write_error(), not_open);
 }
 

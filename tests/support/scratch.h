@@ -1,4 +1,5 @@
-// A directory for one test, and whole files in and out of it.
+// What a test of files needs: a directory of its own, whole files in and out of it, a disk that is
+// full, and errors as texts.
 #pragma once
 
 #include <sys/resource.h>
@@ -10,6 +11,8 @@
 #include <iterator>
 #include <string>
 #include <string_view>
+
+#include "orvo/timing/error.h"
 
 namespace orvo::tests {
 
@@ -65,6 +68,17 @@ inline std::string payload_of(const std::string& path) {
   const std::size_t end = bytes.find("}}");
   return bytes.starts_with("ORTIME1\n") && end < bytes.size() ? bytes.substr(end + 2)
                                                               : "no recording";
+}
+
+/// "message [status]" of the Error that `action` throws, or "no error".
+template <typename Action>
+std::string error_of(const Action& action) {
+  try {
+    action();
+  } catch (const timing::Error& error) {
+    return std::string(error.what()) + " [" + std::to_string(error.status()) + "]";
+  }
+  return "no error";
 }
 
 }  // namespace orvo::tests
