@@ -61,7 +61,6 @@ TEST(Open, MakesTheCallsAndClosesOnce) {
       {{}, 9600, {{"1"}, {"2"}}, "-", "no error", "discover; free; open 1 9600; close; "},
       {{}, 9600, {{"1"}}, "open", failed, "discover; free; open 1 9600; status_string -2; "},
       {{}, 9600, {}, "-", "open_first: no ORVO device found [-5]", "discover; free; "},
-      {{}, 9600, {}, "disc", "discover: status text [-2]", "discover; status_string -2; "},
   };
   for (const auto& c : cases) {
     driver = {};
