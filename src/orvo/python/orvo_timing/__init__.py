@@ -30,7 +30,8 @@ except ImportError as error:
 
 from . import _native
 from ._native import Recording, __version__
-from ._types import Error, Format, FormatError, Header, LockEvent, LockKind, Mode, Tags, Transport
+from ._types import (
+    Error, Format, FormatError, Header, LockEvent, LockKind, Mode, Tags, Transport, os_error)
 from .archive import archive
 
 __all__ = ["ChannelResult", "Error", "Facts", "Format", "FormatError", "Header", "LockEvent", "LockKind",
@@ -102,6 +103,13 @@ class Facts(types.SimpleNamespace):
     """
 
 
+def _require(path: str | os.PathLike[str]) -> None:
+    try:
+        os.stat(path)
+    except OSError as error:
+        raise os_error(error.errno or 0, os.fsdecode(path)) from error
+
+
 def load_run(path: str | os.PathLike[str]) -> Facts:
     """What is known of a run without decoding its recordings.
 
@@ -112,9 +120,9 @@ def load_run(path: str | os.PathLike[str]) -> Facts:
     Each of `recordings` has `reported`, the run as the report has it, and `stream_file`, where its
     recording is now: Recording(stream_file).
 
-    Raises OSError where there is nothing, FormatError where the report is none, Error else.
+    Raises Error: FormatError where the report is none, a FileNotFoundError where there is nothing.
     """
-    os.stat(path)
+    _require(path)
     run: Facts = _native.load_run(path, Facts)
     run.passed = run.verdict.reported_passed
     return run
@@ -132,7 +140,7 @@ def verify(path: str | os.PathLike[str], *, tolerance_ppm: float | None = None,
 
     Raises what load_run() and judge() raise; a recording that cannot be read has its `error`.
     """
-    os.stat(path)
+    _require(path)
     run: Facts = _native.verify(path, tolerance_ppm, min_tags_per_channel, channel_mask, chunk_bytes,
                                 Facts)
     run.passed = run.verdict.passed
