@@ -243,7 +243,7 @@ void Look::explain_rate(std::size_t number, Finding& finding) const {
     alike = alike && (!facts_.counts(c) || std::abs(difference_ppm) < kAlike * error_ppm);
   }
   if (s.missing_events + s.extra_events + s.backward_steps + run_.recording->tags_outside != 0) {
-    finding.cause = "Events that are missing or out of place explain it.";
+    finding.cause = "Its events are not complete and in order, which the rate shows.";
   } else if (error_ppm < jitter_ppm) {
     finding.cause = "Jitter: the first and the last event move by as much.";
     finding.advice =

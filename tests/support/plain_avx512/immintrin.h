@@ -32,7 +32,8 @@ inline V _mm512_maskz_loadu_epi64(U64 mask, const U64* from) {
   return lanes([&](unsigned i) { return from[i]; }, mask);
 }
 inline void _mm512_mask_storeu_epi64(U64* to, U64 mask, V a) {
-  for (unsigned i = 0; i < 8; ++i) to[i] = (mask >> i & 1) != 0 ? a[i] : to[i];
+  for (unsigned i = 0; i < 8; ++i)
+    if ((mask >> i & 1) != 0) to[i] = a[i];
 }
 inline V _mm512_loadu_si512(const void* from) { return *static_cast<const Unaligned*>(from); }
 inline void _mm512_storeu_si512(void* to, V a) { *static_cast<Unaligned*>(to) = a; }
