@@ -82,7 +82,7 @@ Spread spread_of(const Moments& moments, std::span<const Bin> bins, double limit
   }
   Spread spread = {moments.count, moments.mean_ps, 0,
                    std::sqrt(moments.squares / static_cast<double>(moments.count))};
-  double known_ps = 0;
+  double width_ps = 0;
   // The mean of the two in the middle, which are one of an odd number.
   for (const std::uint64_t skipped : {(count - 1) / 2, count / 2}) {
     std::uint64_t passed = 0;
@@ -90,10 +90,11 @@ Spread spread_of(const Moments& moments, std::span<const Bin> bins, double limit
       return (passed += bin.count) > skipped;
     });
     spread.median_ps += middle->value_ps / 2;
-    known_ps = middle->width_ps > 0 ? std::pow(10, std::floor(std::log10(middle->width_ps))) : 0;
+    width_ps = std::max(width_ps, middle->width_ps);
   }
-  if (known_ps > 0) {
-    spread.median_ps = std::round(spread.median_ps / known_ps) * known_ps;
+  if (width_ps > 0) {
+    const double unit_ps = std::pow(10, std::ceil(std::log10(width_ps)));
+    spread.median_ps = std::round(spread.median_ps / unit_ps) * unit_ps + 0.0;  // no -0
   }
   return spread;
 }

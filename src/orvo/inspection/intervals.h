@@ -36,7 +36,7 @@ struct Moments {
 struct Spread {
   std::uint64_t count = 0;  ///< with none, the rest is 0
   double mean_ps = 0;
-  double median_ps = 0;     ///< rounded to what its bin tells
+  double median_ps = 0;     ///< at most one of its last digit off, where its bin is wide
   double deviation_ps = 0;  ///< standard deviation
 };
 
