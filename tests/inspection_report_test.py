@@ -67,10 +67,10 @@ Runs 1 and 2: only 3.228 ms to 3.873 ms of a capture of 12.91 ms decoded; the re
 """),
                 ("lose=1:1@300,2:1@100,2:2@300", [400], 400, """fail: FAIL
 The run failed.
-Run 1 at 31 kHz, channel 1: 2 506.3 ppm slow, tolerance 25 ppm. Its events are not complete and in \
-order, which the rate shows.
-Run 1 at 31 kHz, channel 2: 7 518.8 ppm slow, tolerance 25 ppm. Its events are not complete and in \
-order, which the rate shows.
+Run 1 at 31 kHz, channel 1: 2 506.3 ppm slow, tolerance 25 ppm. Events are missing or out of \
+order, which alone makes a rate wrong.
+Run 1 at 31 kHz, channel 2: 7 518.8 ppm slow, tolerance 25 ppm. Events are missing or out of \
+order, which alone makes a rate wrong.
 Run 1 at 31 kHz, channel 1: lost 1 event in a gap ending at 9.716 ms.
 Run 1 at 31 kHz, channel 2: lost 3 events in 2 gaps, the longest ending at 9.748 ms.
 Events were lost before they were recorded: record again at a lower rate, and over another port or cable.
@@ -95,7 +95,7 @@ Against jitter capture longer (--capture-s): the same jitter then moves the rate
                 ("", [20], 20, """fail: FAIL
 The run failed.
 Run 1 at 31 kHz, channels 1 and 2: only 20 timestamps, 64 needed.
-Too few timestamps: 64 at 30.98 kHz take 2.066 ms, so capture longer (--capture-s).
+Too few timestamps: capture longer (--capture-s); 64 at 30.98 kHz take 2.066 ms.
 """),
                 ("silent=2", [1000], 1000, """fail: FAIL
 The run failed.
@@ -106,8 +106,8 @@ Check what feeds a silent channel, or leave it out of channel_mask.
 """),
                 (JUMP.format(400), [28402], 400, """fail: FAIL
 The run failed.
-Run 1 at 31 kHz, channels 1 and 2: 985 880.8 ppm slow, tolerance 25 ppm. Its events are not complete \
-and in order, which the rate shows.
+Run 1 at 31 kHz, channels 1 and 2: 985 880.8 ppm slow, tolerance 25 ppm. Events are missing or out \
+of order, which alone makes a rate wrong.
 Run 1 at 31 kHz: 4 timestamps outside of what a capture of 12.91 ms can hold, decoded from damage.
 """)):
             with self.subTest(findings):

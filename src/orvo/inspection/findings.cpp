@@ -207,8 +207,8 @@ void Look::look_at_failure(std::size_t number) {
          .channels = {number},
          .words = fmt::format("only {{}}, {} needed", needed),
          .amount = amount_of(channel.count, "timestamp"),
-         .advice = rate_hz > 0 ? fmt::format("Too few timestamps: {} at {} take {}, so capture "
-                                             "longer (--capture-s).",
+         .advice = rate_hz > 0 ? fmt::format("Too few timestamps: capture longer (--capture-s); {} "
+                                             "at {} take {}.",
                                              needed, hz_text(rate_hz), seconds_text(least_s))
                                : ""});
   }
@@ -243,7 +243,7 @@ void Look::explain_rate(std::size_t number, Finding& finding) const {
     alike = alike && (!facts_.counts(c) || std::abs(difference_ppm) < kAlike * error_ppm);
   }
   if (s.missing_events + s.extra_events + s.backward_steps + run_.recording->tags_outside != 0) {
-    finding.cause = "Its events are not complete and in order, which the rate shows.";
+    finding.cause = "Events are missing or out of order, which alone makes a rate wrong.";
   } else if (error_ppm < jitter_ppm) {
     finding.cause = "Jitter: the first and the last event move by as much.";
     finding.advice =

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 
 #include "orvo/inspection/facts.h"
 #include "orvo/inspection/text.h"
@@ -153,6 +154,29 @@ void doubt(const Facts& facts, Summary& summary) {
   }
 }
 
+/// Each once; of captures that were too short, that of the one at the lowest rate.
+std::vector<std::string> advice_of(const Facts& facts) {
+  std::vector<std::string> all;
+  std::string longest;
+  double lowest_hz = std::numeric_limits<double>::infinity();
+  for (const RecordingFacts& run : facts.recordings) {
+    for (const Finding& finding : run.findings) {
+      if (finding.kind == Finding::Kind::few) {
+        const double rate_hz = run.shown().expected_decoded_hz;
+        longest = rate_hz < lowest_hz ? finding.advice : longest;
+        lowest_hz = std::min(rate_hz, lowest_hz);
+      } else if (!finding.advice.empty() &&
+                 std::find(all.begin(), all.end(), finding.advice) == all.end()) {
+        all.push_back(finding.advice);
+      }
+    }
+  }
+  if (!longest.empty()) {
+    all.push_back(longest);
+  }
+  return all;
+}
+
 void judge_whole(const Facts& facts, Summary& summary) {
   const auto& runs = facts.recordings;
   const auto failed = std::count_if(runs.begin(), runs.end(), [](const RecordingFacts& run) {
@@ -202,14 +226,7 @@ Summary summary_of(const Facts& facts) {
   for (const Group& group : groups_of(facts)) {
     summary.sentences.push_back(sentence_of(facts, group));
   }
-  for (const RecordingFacts& run : facts.recordings) {
-    for (const Finding& finding : run.findings) {
-      if (!finding.advice.empty() && std::find(summary.advice.begin(), summary.advice.end(),
-                                               finding.advice) == summary.advice.end()) {
-        summary.advice.push_back(finding.advice);
-      }
-    }
-  }
+  summary.advice = advice_of(facts);
   return summary;
 }
 

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <cmath>
 #include <kainjow/mustache.hpp>
 #include <utility>
@@ -224,9 +225,12 @@ Json run_of(const Facts& facts, std::size_t index, Json entry, const Figure& fig
   }
   for (const Finding& finding : run.findings) {
     if (facts.recordings.size() > 1) {  // else they are above
+      std::string words = finding.text() + '.';
+      words.front() = static_cast<char>(std::toupper(static_cast<unsigned char>(words.front())));
       entry["findings"].push_back(
-          (finding.channels.empty() ? "" : fmt::format("Channel {}: ", finding.channels.front())) +
-          finding.text() + '.');
+          finding.channels.empty()
+              ? words
+              : fmt::format("Channel {}: {}.", finding.channels.front(), finding.text()));
     }
   }
   if (run.judged && run.recording->locks.entries().size() > 1) {
