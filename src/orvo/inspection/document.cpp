@@ -171,9 +171,37 @@ void add_intervals(const RecordingFacts& run, Json& json) {
                       : Json();
 }
 
+/// On the whole: of headers alone no more than what the report says.
+Json verdict_json(const Facts& facts, Depth depth) {
+  const Json reported_pass = facts.ended() ? Json(facts.dir.pass) : Json();
+  if (depth == Depth::header) {
+    return {{"reported_pass", reported_pass}};
+  }
+  const Summary& summary = facts.summary;
+  Json sentences = Json::array();
+  for (const Json& sentence : summary.sentences) {
+    const auto part = [&](const char* name) { return sentence[name].get<std::string>(); };
+    const std::string cause = part("cause");
+    sentences.push_back(
+        plain_text(part("subject") + part("words") + (cause.empty() ? "" : ' ' + cause)));
+  }
+  Json advice = Json::array();
+  for (const std::string& sentence : summary.advice) {
+    advice.push_back(plain_text(sentence));
+  }
+  return {{"pass", summary.pass},
+          {"reported_pass", reported_pass},
+          {"unjudged", summary.unjudged},
+          {"disagreements", summary.disagreements},
+          {"headline", plain_text(summary.headline)},
+          {"lead", text_or_null(plain_text(summary.lead))},
+          {"sentences", std::move(sentences)},
+          {"advice", std::move(advice)}};
+}
+
 }  // namespace
 
-Json document_of(const Facts& facts) {
+Json head_of(const Facts& facts) {
   const auto path_or_null = [](const std::filesystem::path& path) {
     return text_or_null(path.string());
   };
@@ -230,26 +258,22 @@ Json json_of(const RecordingFacts& run, const Facts& facts, Depth depth) {
   return json;
 }
 
-Json json_of(const Summary& summary, const Facts& facts) {
-  Json sentences = Json::array();
-  for (const Json& sentence : summary.sentences) {
-    const auto part = [&](const char* name) { return sentence[name].get<std::string>(); };
-    const std::string cause = part("cause");
-    sentences.push_back(
-        plain_text(part("subject") + part("words") + (cause.empty() ? "" : ' ' + cause)));
+Json document_of(Facts& facts, const std::vector<verification::RunResult>& runs,
+                 const RecordingOptions& options,
+                 const std::function<void(RecordingFacts&, Json&)>& seen) {
+  Json document = head_of(facts);
+  document["settings"] = nullptr;  // they may be those of the recordings' header
+  document["recordings"] = Json::array();
+  for (const RunResult& run : runs) {
+    RecordingFacts& found = look_into(run, options, facts);
+    Json part = json_of(found, facts, options.depth);
+    seen(found, part);
+    document["recordings"].push_back(std::move(part));
   }
-  Json advice = Json::array();
-  for (const std::string& sentence : summary.advice) {
-    advice.push_back(plain_text(sentence));
-  }
-  return {{"pass", summary.pass},
-          {"reported_pass", facts.ended() ? Json(facts.dir.pass) : Json()},
-          {"unjudged", summary.unjudged},
-          {"disagreements", summary.disagreements},
-          {"headline", plain_text(summary.headline)},
-          {"lead", text_or_null(plain_text(summary.lead))},
-          {"sentences", std::move(sentences)},
-          {"advice", std::move(advice)}};
+  facts.summary = summary_of(facts);
+  document["settings"] = settings_json(facts);
+  document["verdict"] = verdict_json(facts, options.depth);
+  return document;
 }
 
 Json series_json(const RecordingFacts& run) {

@@ -2,17 +2,25 @@
 // No state; any thread may call.
 #pragma once
 
+#include <functional>
 #include <string>
+#include <vector>
 
 #include "orvo/inspection/facts.h"
 
 namespace orvo::inspection {
 
-/// Schema, program, and where a run is; settings and verdict are null for stream files in `info`.
-[[nodiscard]] Json document_of(const Facts& facts);
+/// Schema, program, and where a run is: all that a document about several of them has but for the
+/// recordings.
+[[nodiscard]] Json head_of(const Facts& facts);
+
+/// Looks into the recordings of `runs` and sums up, which adds to `facts`. `seen` gets each
+/// recording with its part of the document, as soon as they are there.
+[[nodiscard]] Json document_of(
+    Facts& facts, const std::vector<verification::RunResult>& runs, const RecordingOptions& options,
+    const std::function<void(RecordingFacts&, Json&)>& seen = [](RecordingFacts&, Json&) {});
 
 [[nodiscard]] Json json_of(const RecordingFacts& run, const Facts& facts, Depth depth);
-[[nodiscard]] Json json_of(const Summary& summary, const Facts& facts);
 /// Tolerance and such, each with where it is from.
 [[nodiscard]] Json settings_json(const Facts& facts);
 

@@ -160,7 +160,7 @@ const RunResult* RecordingFacts::verdict() const {
 
 Facts facts_about(RunDirectory dir, const GivenSettings& given) {
   const EvaluationSettings settings = given.over(dir.settings);
-  return {std::move(dir), given, settings, {}};
+  return {std::move(dir), given, settings, {}, {}};
 }
 
 RecordingFacts& look_into(const RunResult& named, RecordingOptions options, Facts& facts) {

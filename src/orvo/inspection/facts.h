@@ -112,11 +112,27 @@ struct RecordingFacts {
   }
 };
 
+/// What can be said of the whole.
+struct Summary {
+  const char* look = "none";  ///< pass, doubt, fail or none
+  std::string headline;       ///< "PASS, but only 51.2 ms of 350 ms decoded"
+  std::string lead;           ///< one sentence on
+  /// About equal findings in several runs and channels: number of the first run, subject ("Runs 2
+  /// and 5 to 9, channel 1"), words (": lost 1 event each."), cause (a sentence or empty).
+  Json sentences = Json::array();
+  std::vector<std::string> advice;
+  std::size_t unjudged = 0;       ///< recordings
+  std::size_t disagreements = 0;  ///< of values that were reported and judged
+  bool verdicts_differ = false;   ///< one of these: on the whole
+  bool pass = false;              ///< all judged, passed, as reported
+};
+
 struct Facts {
   RunDirectory dir;  ///< of stream files alone, empty
   GivenSettings given;
   verification::EvaluationSettings settings;
   std::vector<RecordingFacts> recordings;
+  Summary summary = {};  ///< once all were looked into
 
   [[nodiscard]] bool ended() const { return dir.ended(); }
   [[nodiscard]] bool counts(std::size_t channel) const {
@@ -137,21 +153,6 @@ RecordingFacts& look_into(const verification::RunResult& run, RecordingOptions o
 
 /// Of one run, the worst first.
 [[nodiscard]] std::vector<Finding> findings_of(const Facts& facts, const RecordingFacts& run);
-
-/// What can be said of the whole.
-struct Summary {
-  const char* look = "none";  ///< pass, doubt, fail or none
-  std::string headline;       ///< "PASS, but only 51.2 ms of 350 ms decoded"
-  std::string lead;           ///< one sentence on
-  /// About equal findings in several runs and channels: number of the first run, subject ("Runs 2
-  /// and 5 to 9, channel 1"), words (": lost 1 event each."), cause (a sentence or empty).
-  Json sentences = Json::array();
-  std::vector<std::string> advice;
-  std::size_t unjudged = 0;       ///< recordings
-  std::size_t disagreements = 0;  ///< of values that were reported and judged
-  bool verdicts_differ = false;   ///< one of these: on the whole
-  bool pass = false;              ///< all judged, passed, as reported
-};
 
 [[nodiscard]] Summary summary_of(const Facts& facts);
 

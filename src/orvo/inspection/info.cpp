@@ -37,7 +37,7 @@ int run(const InfoOptions& options) {
     }
   }
   if (options.json) {
-    Json document = document_of({});
+    Json document = head_of({});
     document["recordings"] = std::move(recordings);
     std::cout << text_of(document, 2);
   }

@@ -60,7 +60,8 @@ void print(const Json& recording) {
   std::cout.flush();
 }
 
-int finish(const Facts& facts, const Summary& summary) {
+int finish(const Facts& facts) {
+  const Summary& summary = facts.summary;
   if (summary.verdicts_differ) {
     say(fmt::format("pass={} differs from the report: {}", !facts.dir.pass, facts.dir.pass));
   }
@@ -105,27 +106,20 @@ std::vector<verification::RunResult> runs_of(const Facts& facts, const VerifyOpt
 
 int run(const VerifyOptions& options) {
   Facts facts = facts_about(opened(options.path), options.given);
-  Json document = document_of(facts);
-  for (const verification::RunResult& run : runs_of(facts, options)) {
-    const RecordingFacts& found =
-        look_into(run, {.depth = Depth::counts, .chunk_bytes = options.chunk_bytes}, facts);
-    if (!facts.ended() && !found.error.empty()) {
-      throw timing::Error(OT_ERR_IO, found.error);
-    }
-    const Json recording = json_of(found, facts, Depth::counts);
-    if (facts.recordings.size() == 1) {
-      document["settings"] = settings_json(facts);
-      std::cout << (options.json ? "" : lines_of(document["settings"]));
-    }
-    explain(found, facts.recordings.size());
-    if (options.json) {
-      document["recordings"].push_back(recording);
-    } else if (found.judged) {
-      print(recording);
-    }
-  }
-  const Summary summary = summary_of(facts);
-  document["verdict"] = json_of(summary, facts);
+  const RecordingOptions look = {.depth = Depth::counts, .chunk_bytes = options.chunk_bytes};
+  const Json document = document_of(
+      facts, runs_of(facts, options), look, [&](const RecordingFacts& found, const Json& part) {
+        if (!facts.ended() && !found.error.empty()) {
+          throw timing::Error(OT_ERR_IO, found.error);
+        }
+        const bool first = facts.recordings.size() == 1;
+        std::cout << (first && !options.json ? lines_of(settings_json(facts)) : "");
+        explain(found, facts.recordings.size());
+        if (found.judged && !options.json) {
+          print(part);
+        }
+      });
+  const Summary& summary = facts.summary;
   if (options.json) {
     std::cout << text_of(document, 2);
   } else {
@@ -134,7 +128,7 @@ int run(const VerifyOptions& options) {
         summary.unjudged == 0 ? "" : fmt::format(" unjudged={}", summary.unjudged),
         summary.disagreements == 0 ? "" : fmt::format(" disagreements={}", summary.disagreements));
   }
-  return finish(facts, summary);
+  return finish(facts);
 }
 
 }  // namespace orvo::inspection

@@ -92,37 +92,25 @@ py::tuple outline(const fs::path& path) {
                         files);
 }
 
-/// The one recording, which is read in the run's folder alone.
-Json document_about_one(std::size_t number, const fs::path& path,
-                        const inspection::GivenSettings& given,
-                        const inspection::RecordingOptions& options) {
+/// The document about the run at `path`, whose recordings are looked into so deep; with a `number`
+/// the part about that recording, which is read in the run's folder alone.
+Json document_about(const fs::path& path, const inspection::GivenSettings& given,
+                    const inspection::RecordingOptions& options,
+                    std::optional<std::size_t> number = std::nullopt) {
   Facts facts = inspection::facts_about(inspection::load_run(path), given);
-  if (number >= facts.dir.runs.size()) {
+  std::vector<verification::RunResult> runs = facts.dir.runs;
+  if (!number) {
+    return inspection::document_of(facts, runs, options);
+  }
+  if (*number >= runs.size()) {
     throw timing::Error(OT_ERR_NOT_FOUND, "the run has fewer recordings than it had");
   }
-  verification::RunResult run = facts.dir.runs[number];
+  verification::RunResult run = runs[*number];
   run.stream_file = place_of(run, facts.dir);
-  const auto& found = inspection::look_into(run, options, facts);
-  Json document = inspection::json_of(found, facts, options.depth);
-  document["settings"] = inspection::settings_json(facts);
-  return document;
-}
-
-/// The document about the run at `path`, whose recordings are looked into so deep.
-Json document_about(const fs::path& path, const inspection::GivenSettings& given,
-                    const inspection::RecordingOptions& options) {
-  Facts facts = inspection::facts_about(inspection::load_run(path), given);
-  Json document = inspection::document_of(facts);
-  document["settings"] = inspection::settings_json(facts);
-  document["recordings"] = Json::array();
-  for (const verification::RunResult& run : facts.dir.runs) {
-    const auto& found = inspection::look_into(run, options, facts);
-    document["recordings"].push_back(inspection::json_of(found, facts, options.depth));
-  }
-  document["verdict"] = options.depth == Depth::header
-                            ? Json{{"reported_pass", facts.ended() ? Json(facts.dir.pass) : Json()}}
-                            : inspection::json_of(inspection::summary_of(facts), facts);
-  return document;
+  const Json document = inspection::document_of(facts, {run}, options);
+  Json part = document["recordings"].front();
+  part["settings"] = document["settings"];
+  return part;
 }
 
 py::object load(const fs::path& path, const py::object& namespace_type) {
@@ -150,10 +138,8 @@ py::object verify(const fs::path& path, std::optional<double> tolerance_ppm,
       .chunk_bytes = checked("chunk_bytes", chunk_bytes, 1, kMost),
       .interrupted = [&] { return stop ? stopped(*stop) : interrupted(); },
       .shows_progress = false};
-  const Json document = without_lock([&] {
-    return recording ? document_about_one(*recording, path, given, options)
-                     : document_about(path, given, options);
-  });
+  const Json document =
+      without_lock([&] { return document_about(path, given, options, recording); });
   return object_of(document, namespace_type);
 }
 

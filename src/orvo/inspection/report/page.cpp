@@ -241,8 +241,8 @@ Json run_of(const Facts& facts, std::size_t index, Json entry, const Figure& fig
 
 }  // namespace
 
-std::string page_of(Json page, const Facts& facts, const Summary& summary,
-                    const std::vector<Figure>& figures) {
+std::string page_of(Json page, const Facts& facts, const std::vector<Figure>& figures) {
+  const Summary& summary = facts.summary;
   page.update({{"stamp", facts.dir.path.filename().string()},
                {"look", summary.look},
                {"headline", summary.headline},

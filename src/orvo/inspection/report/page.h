@@ -15,7 +15,7 @@ inline constexpr std::size_t kManyRuns = 12;
 
 /// report.html filled with a whole document: one self-contained file. Strings of unknown origin are
 /// text in it. `figures` has one for each recording, empty where there is nothing to draw.
-[[nodiscard]] std::string page_of(Json document, const Facts& facts, const Summary& summary,
+[[nodiscard]] std::string page_of(Json document, const Facts& facts,
                                   const std::vector<Figure>& figures);
 
 }  // namespace orvo::inspection

@@ -37,40 +37,31 @@ int run(const ReportOptions& options) {
   open(options.output, facts.dir, page);
   open(options.json, facts.dir, data);
   int status = kExitSuccess;
-  Json document = document_of(facts);
-  document.update(
-      {{"title", options.title},
-       {"made", fmt::format("{:%Y-%m-%d %H:%M} UTC", fmt::gmtime(std::time(nullptr)))}});
-  Json recordings = Json::array();
   std::vector<Figure> figures;
   const RecordingOptions look = {.chunk_bytes = options.chunk_bytes,
                                  .columns = facts.dir.runs.size() > kManyRuns ? 300U : 1000U};
-  for (const verification::RunResult& run : facts.dir.runs) {
-    RecordingFacts& found = look_into(run, look, facts);
-    const bool drawn = found.judged && found.recording->has_intervals();
-    recordings.push_back(json_of(found, facts, look.depth));
+  Json document = document_of(facts, facts.dir.runs, look, [&](RecordingFacts& found, Json& part) {
+    const bool drawn = page && found.judged && found.recording->has_intervals();
+    figures.push_back(drawn ? draw_figure(*found.recording) : Figure());
     if (data) {
-      recordings.back()["series"] = series_json(found);
+      part["series"] = series_json(found);
     }
-    figures.push_back(drawn && page ? draw_figure(*found.recording) : Figure());
     if (found.recording) {
       found.recording->forget_series();  // of many runs much
     }
     say(found.recording ? found.recording->warning : "");
     if (!found.error.empty()) {
-      say(fmt::format("run {}: {}", recordings.size(), found.error));
+      say(fmt::format("run {}: {}", facts.recordings.size(), found.error));
       status = kExitError;
     }
-  }
-  const Summary summary = summary_of(facts);
-  document.update({{"settings", settings_json(facts)},
-                   {"verdict", json_of(summary, facts)},
-                   {"recordings", std::move(recordings)}});
+  });
+  document["title"] = options.title;
+  document["made"] = fmt::format("{:%Y-%m-%d %H:%M} UTC", fmt::gmtime(std::time(nullptr)));
   if (data) {
     data->write(text_of(document));
   }
   if (page) {
-    page->write(page_of(std::move(document), facts, summary, figures));
+    page->write(page_of(std::move(document), facts, figures));
     page->publish();
   }
   if (data) {
