@@ -64,6 +64,8 @@ class Report(OrtimeTest):
 Both runs passed. The largest rate error of a channel is 0.002108 ppm, tolerance 25 ppm: Run 1 at \
 31 kHz, channel 1.
 Runs 1 and 2: only 3.228 ms to 3.873 ms of a capture of 12.91 ms decoded; the rest was not judged.
+Fewer timestamps than the capture can hold: check what feeds the channels, cable, hub and driver, and \
+record again.
 """),
                 ("lose=1:1@300,2:1@100,2:2@300", [400], 400, """fail: FAIL
 The run failed.
@@ -97,12 +99,18 @@ The run failed.
 Run 1 at 31 kHz, channels 1 and 2: only 20 timestamps, 64 needed.
 Too few timestamps: capture longer (--capture-s); 64 at 30.98 kHz take 2.066 ms.
 """),
+                ("", [20], 400, """fail: FAIL
+The run failed.
+Run 1 at 31 kHz, channels 1 and 2: only 20 timestamps, 64 needed.
+Fewer timestamps than the capture can hold: check what feeds the channels, cable, hub and driver, and \
+record again.
+"""),
                 ("silent=2", [1000], 1000, """fail: FAIL
 The run failed.
 Run 1 at 31 kHz: the decoder found no valid record boundary.
 Run 1 at 31 kHz, channels 1 and 2: no timestamps decoded.
-One silent channel is enough to hide all others: leave it out of channel_mask and record again.
-Check what feeds a silent channel, or leave it out of channel_mask.
+One silent channel is enough to hide all others: check what feeds them, or leave it out of channel_mask, \
+and record again.
 """),
                 (JUMP.format(400), [28402], 400, """fail: FAIL
 The run failed.

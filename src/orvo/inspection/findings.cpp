@@ -29,6 +29,9 @@ constexpr const char* kDamageAdvice =
 constexpr const char* kLostAdvice =
     "Events were lost before they were recorded: record again at a lower rate, and over another "
     "port or cable.";
+constexpr const char* kEndedAdvice =
+    "Fewer timestamps than the capture can hold: check what feeds the channels, cable, hub and "
+    "driver, and record again.";
 
 std::string seconds_text(double seconds) { return time_text(seconds * kPicosecondsPerSecond); }
 
@@ -52,7 +55,7 @@ class Look {
   std::vector<Finding> all() {
     look_at_file();
     if (run_.judged) {
-      look_at_locks();
+      explained_ = look_at_locks();
       look_at_time();
       for (std::size_t c = 0; c < kChannels; ++c) {
         look_at_intervals(c);
@@ -71,17 +74,19 @@ class Look {
   void add(Finding finding) { found_.push_back(std::move(finding)); }
 
   void look_at_file();
-  void look_at_locks();
+  bool look_at_locks();
   void look_at_time();
   void look_at_intervals(std::size_t number);
   void look_at_failures();
   void look_at_failure(std::size_t number);
+  [[nodiscard]] std::string advice_for_few(double rate_hz) const;
   void explain_rate(std::size_t number, Finding& finding) const;
   void look_at_differences();
 
   const Facts& facts_;
   const RecordingFacts& run_;
   const bool damaged_;
+  bool explained_ = false;  // by the stream as a whole, why timestamps are missing
   std::vector<Finding> found_;
 };
 
@@ -100,7 +105,7 @@ void Look::look_at_file() {
   }
 }
 
-void Look::look_at_locks() {
+bool Look::look_at_locks() {
   const Recording& recording = *run_.recording;
   const LockHistory& locks = recording.locks;
   const double period_ps = kPicosecondsPerSecond / run_.shown().expected_decoded_hz;
@@ -114,8 +119,8 @@ void Look::look_at_locks() {
   } else if (locks.count(timing::LockEvent::Kind::locked) == 0 && !locks.entries().empty()) {
     add({.kind = Kind::no_lock,
          .words = "the decoder found no valid record boundary",
-         .advice = "One silent channel is enough to hide all others: leave it out of channel_mask "
-                   "and record again."});
+         .advice = "One silent channel is enough to hide all others: check what feeds them, or "
+                   "leave it out of channel_mask, and record again."});
   } else if (damaged_) {
     add({.kind = Kind::damage,
          .words = "the stream is damaged, and the decoder lost its place {}",
@@ -125,7 +130,10 @@ void Look::look_at_locks() {
              grouped(recording.decoded_bytes()), grouped(recording.read_bytes),
              grouped(locks.skipped_bytes()), grouped(recording.undecoded_bytes)),
          .advice = kDamageAdvice});
+  } else {
+    return false;
   }
+  return true;
 }
 
 void Look::look_at_time() {
@@ -152,7 +160,7 @@ void Look::look_at_intervals(std::size_t number) {
          .channels = {number},
          .words = damaged_ ? "{} missing where the stream is damaged" : "lost {}",
          .amount = amount_of(s.missing_events, "event"),
-         .detail = fmt::format(" in {} ending at {}",
+         .detail = fmt::format("{} in {} ending at {}", damaged_ ? "," : "",
                                s.gaps == 1 ? "a gap" : counted(s.gaps, "gap") + ", the longest",
                                since_first(s.longest.time_ps, recording)),
          .advice = damaged_ ? "" : kLostAdvice});
@@ -188,29 +196,38 @@ void Look::look_at_failures() {
   }
 }
 
+std::string Look::advice_for_few(double rate_hz) const {
+  const auto needed = facts_.settings.min_tags_per_channel;
+  const double least_s = static_cast<double>(needed) / rate_hz;
+  return !(rate_hz > 0) ? ""
+         : least_s < facts_.dir.capture_s
+             ? kEndedAdvice
+             : fmt::format(
+                   "Too few timestamps: capture longer "
+                   "(--capture-s); {} at {} take {}.",
+                   grouped(needed), hz_text(rate_hz), seconds_text(least_s));
+}
+
 void Look::look_at_failure(std::size_t number) {
   const ChannelResult& channel = run_.verdict()->channels[number];
   const verification::EvaluationSettings& settings = facts_.settings;
   const double rate_hz = run_.verdict()->expected_decoded_hz;
-  const std::string needed = grouped(settings.min_tags_per_channel);
   const std::size_t before = found_.size();
   if (channel.count == 0) {
     add({.kind = Kind::silent,
          .channels = {number},
          .words = "no timestamps decoded",
-         .advice = "Check what feeds a silent channel, or leave it out of channel_mask."});
+         .advice = explained_ ? ""
+                              : "Check what feeds a silent channel, or leave it out of "
+                                "channel_mask."});
     return;
   }
   if (channel.count < settings.min_tags_per_channel) {
-    const double least_s = static_cast<double>(settings.min_tags_per_channel) / rate_hz;
     add({.kind = Kind::few,
          .channels = {number},
-         .words = fmt::format("only {{}}, {} needed", needed),
+         .words = fmt::format("only {{}}, {} needed", grouped(settings.min_tags_per_channel)),
          .amount = amount_of(channel.count, "timestamp"),
-         .advice = rate_hz > 0 ? fmt::format("Too few timestamps: capture longer (--capture-s); {} "
-                                             "at {} take {}.",
-                                             needed, hz_text(rate_hz), seconds_text(least_s))
-                               : ""});
+         .advice = explained_ ? "" : advice_for_few(rate_hz)});
   }
   if (const double ppm = std::abs(channel.ppm_error); ppm > settings.tolerance_ppm) {
     add({.kind = Kind::rate,
@@ -264,7 +281,8 @@ void Look::look_at_differences() {
     add({.kind = Kind::coverage,
          .words = "only {} of a capture of " + seconds_text(facts_.dir.capture_s) +
                   " decoded; the rest was not judged",
-         .amount = {run_.decoded_s, seconds_text(run_.decoded_s)}});
+         .amount = {run_.decoded_s, seconds_text(run_.decoded_s)},
+         .advice = explained_ ? "" : kEndedAdvice});
   }
   const std::size_t all = run_.differences.size();
   std::string words;

@@ -157,23 +157,25 @@ void doubt(const Facts& facts, Summary& summary) {
 /// Each once; of captures that were too short, that of the one at the lowest rate.
 std::vector<std::string> advice_of(const Facts& facts) {
   std::vector<std::string> all;
+  const auto add = [&all](const std::string& advice) {
+    if (!advice.empty() && std::find(all.begin(), all.end(), advice) == all.end()) {
+      all.push_back(advice);
+    }
+  };
   std::string longest;
   double lowest_hz = std::numeric_limits<double>::infinity();
   for (const RecordingFacts& run : facts.recordings) {
+    const double rate_hz = run.shown().expected_decoded_hz;
     for (const Finding& finding : run.findings) {
-      if (finding.kind == Finding::Kind::few) {
-        const double rate_hz = run.shown().expected_decoded_hz;
-        longest = rate_hz < lowest_hz ? finding.advice : longest;
-        lowest_hz = std::min(rate_hz, lowest_hz);
-      } else if (!finding.advice.empty() &&
-                 std::find(all.begin(), all.end(), finding.advice) == all.end()) {
-        all.push_back(finding.advice);
+      if (finding.kind != Finding::Kind::few) {
+        add(finding.advice);
+      } else if (rate_hz < lowest_hz) {
+        longest = finding.advice;
+        lowest_hz = rate_hz;
       }
     }
   }
-  if (!longest.empty()) {
-    all.push_back(longest);
-  }
+  add(longest);
   return all;
 }
 
