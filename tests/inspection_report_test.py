@@ -214,11 +214,11 @@ Payload byte 68 535, after the timestamp at 115.7 ms: records begin here, 24 byt
         self.add_run(PERIODS, "clock_ps=14315120000000")
         self.report.update(packed_delta_bits=17, packed_delta_quantum_ps=16)
         self.write_stream(recording(1), payload_of(self.here / recording(1)), mode="internal",
-                          device_product='<b>"O\'Neill" \xff')
+                          device_product='<b>"O\'Neill" \xff', device_serial="<i>")
         page = self.page(PERIODS, "--title='<script>bench&\"4\"</script>\x1b'")
         for wanted in ("<h1>&lt;script&gt;bench&amp;&quot;4&quot;&lt;/script&gt;? <small>",
                        "<title>PASS: &lt;script&gt;", "<dd>17 bits, quantum 16 ps</dd>",
-                       "<dd>±25 ppm</dd>", "<dd>&lt;b&gt;&quot;O&apos;Neill&quot; \uFFFD</dd>",
+                       "<dd>±25 ppm</dd>", "<dd>&lt;b&gt;&quot;O&apos;Neill&quot; \uFFFD</dd>", "<dd>&lt;i&gt;</dd>",
                        "<title>clock returned to 0, 5.997\u00A0µs<"):
             self.assertIn(wanted, page)
         self.report["pass"] = False

@@ -1,5 +1,6 @@
 """The two programs together: what the tool found in its recordings, ortime finds again."""
 
+import json
 import os
 import re
 
@@ -30,6 +31,15 @@ class InspectionTool(ProgramTest):
                 runs = [[sorted(line.split()) for line in text.splitlines() if line.startswith("run ")]
                         for text in (re.sub(" payload_bytes=[0-9]+", "", again.out), recorded.out)]
                 self.assertEqual(runs[0], runs[1])
+
+    # Its intervals are of 15 ticks, which one record just holds, and of 16, which take two.
+    def test_counts_intervals_that_take_overflow_records(self):
+        self.record("jitter_ps=0;pace=ps:1000000000",
+                    "--frequencies-hz=1936141 --packed-bits=4 --packed-quantum-ps=32768")
+        info = json.loads(self.run_whole(f"ortime info --json '{self.run_dir()}'").out)["recordings"][0]
+        for channel, judged in zip(info["channels"], info["judged"]["channels"], strict=True):
+            ticks = (judged["last_ps"] - judged["first_ps"]) >> 15
+            self.assertEqual(channel["with_overflow"], ticks - 15 * channel["intervals"])
 
     def test_takes_what_the_tool_leaves_by_every_way(self):
         self.assertEqual(self.record("", "--tolerance-ppm=inf").status, 0)

@@ -53,6 +53,8 @@ pass=true
                 # 1000.27 and 1000.59 times slower than the source.
                 ("--requested-hz 30970 --channels 0,1", 0, "run requested_hz=30970.000 "),
                 ("--requested-hz 30960 --channels 0,1", 2, " divider=1001 "),
+                # Nearer to half the source's rate, but in time to all of it.
+                ("--requested-hz 22000000", 2, " divider=2 "),
                 ("--requested-hz 1e300", 2, " divider=1 "),
                 ("--requested-hz 1e-300", 2, " divider=4294967295 ")):
             with self.subTest(options):

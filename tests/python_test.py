@@ -112,6 +112,7 @@ class Recordings(unittest.TestCase):
             for loaded, judged, there in zip(reported.recordings, again.recordings, report, strict=True):
                 for name in there.keys() - {"pass", "stream_file", "channels"}:
                     self.assertEqual(getattr(loaded.reported, name), there[name])
+                self.assertEqual(loaded.payload_bytes, there["payload_bytes"])  # by the file's size
                 channels = [{name: getattr(channel, name) for name in there["channels"][0].keys() - {"pass"}}
                             for channel in loaded.reported.channels]
                 self.assertEqual(channels, [{name: value for name, value in channel.items() if name != "pass"}
