@@ -156,6 +156,8 @@ Payload byte 68 535, after the timestamp at 115.7 ms: records begin here, 24 byt
         self.report = {}
         self.add_run(43_400, f"{JUMP.format(7400)};{LOST_LOCK}", "--capture-s=0.1")
         self.assertIn("<p>1 of 1\u00A0lost lock not marked.</p>", self.page(7400))  # amid damage
+        self.write_tags([(1, n * 5 * 10**12 % (3333 << 32)) for n in range(200)], recording(1))
+        self.assertIn("<p>19 of 69\u00A0returns of the clock to 0 not marked.</p>", self.page(30 * 10**9))
 
     # A run that passed, on the way of which the clock returns to 0; one with a fast channel, jitter and
     # lost events; two whose recordings were replaced, by times that step back and by an event that is

@@ -50,7 +50,7 @@ class InspectionTool(ProgramTest):
             self.assertEqual(self.run_whole("ortime tags " + words).out, tags)
         for command, status, end in ((f"verify '{self.root}/latest.json'", 0, "pass=true\n"),
                                      (f"verify - --requested-hz=1000 <{file}", 0, "pass=true\n"),
-                                     (f"info {file} >/dev/full", 1, "")):
+                                     (f"info {file} >/dev/full", 1, ""), (f"info {file} >&-", 1, "")):
             with self.subTest(command):
                 ortime = self.run_whole("ortime " + command)
                 self.assertEqual(ortime.status, status, ortime.err)
