@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "orvo/inspection/document.h"
@@ -117,11 +118,9 @@ py::object load(const fs::path& path, const py::object& namespace_type) {
   return object_of(document_about(path, {}, {.depth = Depth::header}), namespace_type);
 }
 
-/// The document about a run, or with a `recording` the part about that one.
-py::object verify(const fs::path& path, std::optional<double> tolerance_ppm,
-                  const py::object& min_tags_per_channel, const py::object& channel_mask,
-                  const py::object& chunk_bytes, const py::object& namespace_type,
-                  std::optional<std::size_t> recording, const std::shared_ptr<StopFlag>& stop) {
+inspection::GivenSettings given_settings(std::optional<double> tolerance_ppm,
+                                         const py::object& min_tags_per_channel,
+                                         const py::object& channel_mask) {
   inspection::GivenSettings given = {.tolerance_ppm = tolerance_ppm};
   if (tolerance_ppm && !(*tolerance_ppm >= 0)) {
     throw py::value_error("tolerance_ppm must be 0 or more");
@@ -133,11 +132,45 @@ py::object verify(const fs::path& path, std::optional<double> tolerance_ppm,
     given.channel_mask =
         static_cast<std::uint8_t>(checked("channel_mask", channel_mask, 0, UINT8_MAX));
   }
-  const inspection::RecordingOptions options = {
-      .depth = Depth::counts,
-      .chunk_bytes = checked("chunk_bytes", chunk_bytes, 1, kMost),
-      .interrupted = [&] { return stop ? stopped(*stop) : interrupted(); },
-      .shows_progress = false};
+  return given;
+}
+
+inspection::RecordingOptions counts_of(const py::object& chunk_bytes,
+                                       timing::InterruptionCheck interrupted) {
+  return {.depth = Depth::counts,
+          .chunk_bytes = checked("chunk_bytes", chunk_bytes, 1, kMost),
+          .interrupted = std::move(interrupted),
+          .shows_progress = false};
+}
+
+/// What the document has as judged of a stream file.
+py::object judge(const fs::path& path, const py::object& divider,
+                 std::optional<double> tolerance_ppm, const py::object& min_tags_per_channel,
+                 const py::object& channel_mask, const py::object& chunk_bytes,
+                 const py::object& namespace_type) {
+  const auto options = counts_of(chunk_bytes, interrupted);
+  Facts facts = inspection::facts_about(
+      {}, given_settings(tolerance_ppm, min_tags_per_channel, channel_mask));
+  verification::RunResult run;
+  run.divider = static_cast<std::uint32_t>(checked("divider", divider, 1, UINT32_MAX));
+  run.stream_file = path;
+  (void)open_recording(path);
+  const Json document =
+      without_lock([&] { return inspection::document_of(facts, {run}, options); });
+  if (const std::string& error = facts.recordings.front().error; !error.empty()) {
+    throw timing::Error(OT_ERR_IO, error);
+  }
+  return object_of(document["recordings"].front()["judged"], namespace_type);
+}
+
+/// The document about a run, or with a `recording` the part about that one.
+py::object verify(const fs::path& path, std::optional<double> tolerance_ppm,
+                  const py::object& min_tags_per_channel, const py::object& channel_mask,
+                  const py::object& chunk_bytes, const py::object& namespace_type,
+                  std::optional<std::size_t> recording, const std::shared_ptr<StopFlag>& stop) {
+  const auto given = given_settings(tolerance_ppm, min_tags_per_channel, channel_mask);
+  const auto options =
+      counts_of(chunk_bytes, [&] { return stop ? stopped(*stop) : interrupted(); });
   const Json document =
       without_lock([&] { return document_about(path, given, options, recording); });
   return object_of(document, namespace_type);
@@ -152,6 +185,9 @@ void define_facts(py::module_& module) {
       .def("is_set", &StopFlag::is_set);
   module.def("outline", outline, py::arg("path"));
   module.def("load_run", load, py::arg("path"), py::arg("namespace_type"));
+  module.def("judge", judge, py::arg("path"), py::arg("divider"), py::arg("tolerance_ppm"),
+             py::arg("min_tags_per_channel"), py::arg("channel_mask"), py::arg("chunk_bytes"),
+             py::arg("namespace_type"));
   module.def("verify", verify, py::arg("path"), py::arg("tolerance_ppm"),
              py::arg("min_tags_per_channel"), py::arg("channel_mask"), py::arg("chunk_bytes"),
              py::arg("namespace_type"), py::arg("recording") = py::none(),

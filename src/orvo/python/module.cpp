@@ -1,22 +1,19 @@
-// orvo_timing._native: recordings as NumPy arrays, over orvo::stream and orvo::evaluation. What
-// users import, and read about, is orvo_timing/__init__.py; values and errors are Python's own, of
-// orvo_timing/_types.py.
+// orvo_timing._native: recordings as NumPy arrays, over orvo::stream, and what ortime knows of
+// them. What users import, and read about, is orvo_timing/__init__.py; values and errors are
+// Python's own, of orvo_timing/_types.py.
 //
 // Threads: every function is called with the interpreter's lock held and releases it while it reads
 // and decodes. A Blocks belongs to one thread at a time.
 #include <fcntl.h>
 #include <pybind11/pybind11.h>
-#include <pybind11/stl/filesystem.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <filesystem>
 #include <string>
 #include <utility>
 
 #include "orvo/python/calls.h"
 #include "orvo/timing/stream_decoder.h"
-#include "orvo/verification/evaluation.h"
 
 namespace orvo::python {
 namespace {
@@ -38,42 +35,6 @@ void require_readable(const std::string& path) {
   if (!readable) {
     raise(type_named("os_error")(error, text_of(path)));
   }
-}
-
-py::dict judge(const std::filesystem::path& path, const py::object& divider,
-               const py::object& channel_mask, double tolerance_ppm,
-               const py::object& min_tags_per_channel, const py::object& chunk_bytes) {
-  using namespace py::literals;
-  if (!(tolerance_ppm >= 0)) {
-    throw py::value_error("tolerance_ppm must be 0 or more");
-  }
-  const auto bytes = checked("chunk_bytes", chunk_bytes, 1, kMost);
-  timing::StreamFileReader reader = open_recording(path);
-  verification::EvaluationSettings settings = verification::settings_of(reader.header());
-  settings.tolerance_ppm = tolerance_ppm;
-  settings.min_tags_per_channel = checked("min_tags_per_channel", min_tags_per_channel, 0, kMost);
-  if (!channel_mask.is_none()) {
-    settings.channel_mask =
-        static_cast<std::uint8_t>(checked("channel_mask", channel_mask, 0, UINT8_MAX));
-  }
-  const auto rates = verification::derive_rates(
-      static_cast<std::uint32_t>(checked("divider", divider, 1, UINT32_MAX)), settings);
-  const verification::RunResult result = decode(path, [&] {
-    verification::TagStatistics statistics;
-    reader.for_each_batch(bytes, [&statistics](auto tags) { statistics.add(tags); });
-    return verification::judge(statistics, rates, settings);
-  });
-  py::list channels;
-  for (const verification::ChannelResult& channel : result.channels) {
-    channels.append(py::dict("count"_a = channel.count, "first_ps"_a = channel.first_ps,
-                             "last_ps"_a = channel.last_ps, "measured_hz"_a = channel.measured_hz,
-                             "ppm_error"_a = channel.ppm_error, "passed"_a = channel.pass));
-  }
-  return py::dict("passed"_a = result.pass, "divider"_a = result.divider,
-                  "effective_hz"_a = result.effective_hz,
-                  "expected_decoded_hz"_a = result.expected_decoded_hz,
-                  "overflow_required"_a = result.overflow_required,
-                  "decoded_tags"_a = result.decoded_tags, "channels"_a = channels);
 }
 
 /// The layer's errors as Python's, with a status.
@@ -153,6 +114,4 @@ PYBIND11_MODULE(_native, module) {
   define_errors(module);
   define_recording(module);
   define_facts(module);
-  module.def("judge", judge, py::arg("path"), py::arg("divider"), py::arg("channel_mask"),
-             py::arg("tolerance_ppm"), py::arg("min_tags_per_channel"), py::arg("chunk_bytes"));
 }

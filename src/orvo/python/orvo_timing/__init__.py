@@ -16,7 +16,6 @@ interpreter's lock. A Recording may be used by several threads, an iterator by o
 
 from __future__ import annotations
 
-import dataclasses
 import os
 import sys
 import types
@@ -34,65 +33,12 @@ from ._types import (
     Error, Format, FormatError, Header, LockEvent, LockKind, Mode, Tags, Transport, os_error)
 from .archive import archive
 
-__all__ = ["ChannelResult", "Error", "Facts", "Format", "FormatError", "Header", "LockEvent", "LockKind",
-           "Mode", "Recording", "RunResult", "Tags", "Transport", "__version__", "archive", "iterate",
-           "judge", "load_run", "verify"]
+__all__ = ["Error", "Facts", "Format", "FormatError", "Header", "LockEvent", "LockKind", "Mode",
+           "Recording", "Tags", "Transport", "__version__", "archive", "iterate", "judge", "load_run",
+           "verify"]
 
 for _public in (Error, Format, FormatError, Header, LockEvent, LockKind, Mode, Recording, Transport):
     _public.__module__ = __name__
-
-
-@dataclasses.dataclass(frozen=True)
-class ChannelResult:
-    """What a recording says of one channel.
-
-    count: decoded timestamps. first_ps, last_ps: the smallest and the largest of them, in ps; 0 below
-    two. measured_hz: their rate; 0 where there is none. ppm_error: of measured_hz against the
-    expected rate; 0 where there is none. passed: whether count and ppm_error are good enough.
-    """
-
-    count: int
-    first_ps: int
-    last_ps: int
-    measured_hz: float
-    ppm_error: float
-    passed: bool
-
-
-@dataclasses.dataclass(frozen=True)
-class RunResult:
-    """The verdict on one recording.
-
-    divider, effective_hz: of the calibration source, and the rate that it generates with it.
-    expected_decoded_hz: the same rate in the instrument's own time. overflow_required: one record
-    cannot carry the expected period. decoded_tags: of all channels. channels: all four, by number.
-    """
-
-    passed: bool
-    divider: int
-    effective_hz: float
-    expected_decoded_hz: float
-    overflow_required: bool
-    decoded_tags: int
-    channels: tuple[ChannelResult, ...]
-
-
-def judge(path: str | os.PathLike[str], divider: int, *, channel_mask: int | None = None,
-          tolerance_ppm: float = 25.0, min_tags_per_channel: int = 64,
-          chunk_bytes: int = 1 << 20) -> RunResult:
-    """Judges a recording of the calibration source as the verification tool does.
-
-    divider: of the calibration source, 1 to 2^32 - 1, as the report of the run has it. channel_mask:
-    bit c for channel c, 0 for all four; None: the recording's own. tolerance_ppm: largest accepted
-    rate error, 0 or more. min_tags_per_channel: fewest timestamps that pass. chunk_bytes: as for
-    Recording.
-
-    Raises what Recording raises, and ValueError or TypeError, which names the argument.
-    """
-    result = _native.judge(path, divider, channel_mask, tolerance_ppm, min_tags_per_channel,
-                           chunk_bytes)
-    channels = tuple(ChannelResult(**channel) for channel in result.pop("channels"))
-    return RunResult(channels=channels, **result)
 
 
 class Facts(types.SimpleNamespace):
@@ -101,6 +47,28 @@ class Facts(types.SimpleNamespace):
     docs/facts.md has a table of them. What is an object there is a Facts here, a list is a tuple, and
     what has no value is None; `pass` is called `passed`.
     """
+
+
+def judge(path: str | os.PathLike[str], divider: int, *, channel_mask: int | None = None,
+          tolerance_ppm: float = 25.0, min_tags_per_channel: int = 64,
+          chunk_bytes: int = 1 << 20) -> Facts:
+    """Judges a recording of the calibration source as the verification tool does.
+
+    divider: of the calibration source, 1 to 2^32 - 1, as the report of the run has it. channel_mask:
+    bit c for channel c, 0 for all four; None: the recording's own. tolerance_ppm: largest accepted
+    rate error, 0 or more. min_tags_per_channel: fewest timestamps that pass. chunk_bytes: as for
+    Recording.
+
+    The result is what verify() has as `judged`: `passed`, `effective_hz` (what the source generates),
+    `expected_decoded_hz` (the same in the instrument's own time), `overflow_required` (one record
+    cannot carry the period), `decoded_tags`, and `channels`, all four, with `count`, `first_ps`,
+    `last_ps`, `measured_hz`, `ppm_error` and `passed`.
+
+    Raises what Recording raises, and ValueError or TypeError, which names the argument.
+    """
+    result: Facts = _native.judge(path, divider, tolerance_ppm, min_tags_per_channel, channel_mask,
+                                  chunk_bytes, Facts)
+    return result
 
 
 def _require(path: str | os.PathLike[str]) -> None:
