@@ -161,7 +161,7 @@ class Recordings(unittest.TestCase):
             self.assertEqual(run.run_directory, str(run_dir))
             self.assertEqual((run.passed, run.settings.tolerance_ppm), (True, math.inf))
             self.assertEqual(run.recordings[0].stream_file, str(run_dir / "overflow_frequency_01.ortime"))
-        copy = self.folder / "copy"
+        copy = self.folder / "cop\udce9"
         shutil.copytree(run_dir, copy)
         self.assertTrue(ot.verify(copy).recordings[0].stream_file.startswith(str(copy)))
         (copy / "overflow_frequency.json").unlink()  # as an error leaves it
