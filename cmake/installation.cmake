@@ -28,7 +28,7 @@ endif()
 install(FILES src/orvo/verification/ot_verify_overflow_frequency.ini
         DESTINATION "${CMAKE_INSTALL_DATADIR}/orvo_timing/verification")
 
-# The simulated instrument and the word that puts it in the maker's place.
+# The simulated instrument and the command that substitutes it for the maker's library.
 install(TARGETS orvo_simulator LIBRARY DESTINATION "${simulated_dir}" NAMELINK_SKIP)
 file(RELATIVE_PATH simulated_from_programs
      "${CMAKE_INSTALL_FULL_BINDIR}" "${CMAKE_INSTALL_FULL_LIBDIR}/orvo_timing/simulated")

@@ -180,7 +180,7 @@ class IntervalAnalysis {
   unsigned column_shift_ = 20;  // about a microsecond: no finer than any chart
   Column* column_ = nullptr;    // the present one
   std::uint64_t column_begin_ps_ = 0;
-  std::uint64_t column_reach_ps_ = 0;  // from its begin to its last time
+  std::uint64_t column_reach_ps_ = 0;  // from its beginning to its last time
 };
 
 }  // namespace orvo::inspection
