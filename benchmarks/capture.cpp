@@ -30,8 +30,12 @@ double write_loop_seconds(const std::string& path, std::uint64_t total_bytes) {
     for (std::uint64_t written = 0; good && written < total_bytes; written += kChunkBytes) {
       good = write(file, chunk.data(), chunk.size()) == static_cast<ssize_t>(chunk.size());
     }
-    if (file >= 0) close(file);
-    if (!good) throw std::runtime_error("cannot write " + path);
+    if (file >= 0) {
+      close(file);
+    }
+    if (!good) {
+      throw std::runtime_error("cannot write " + path);
+    }
   });
   return seconds * kGiB / static_cast<double>(total_bytes);
 }
@@ -75,7 +79,9 @@ Figures measure_full_reads() {
         {"capture",
          capture_seconds(directory.file("captured"), kTotalBytes, kChunkBytes, kQueueChunks)}};
     for (auto& [figure, seconds] : best) {
-      if (round > 0) seconds = std::min(seconds, figures.at(figure));
+      if (round > 0) {
+        seconds = std::min(seconds, figures.at(figure));
+      }
     }
   }
   if (best["capture"] < best["write loop"]) {

@@ -41,7 +41,9 @@ double decode_seconds(Decoder& decoder, const PackedStream& stream, std::size_t 
   for (std::size_t k = 0; k < chunks; ++k) {
     append(decoder, stream.chunk(k));
     seconds += seconds_of(feed);
-    if (!locked(decoder)) throw std::logic_error("the lock was lost");
+    if (!locked(decoder)) {
+      throw std::logic_error("the lock was lost");
+    }
   }
   return seconds / (kRecordsPerChunk * static_cast<double>(chunks));
 }
@@ -67,7 +69,9 @@ double store_seconds(const PackedStream& stream) {
   };
   store();
   const double seconds = seconds_of([&] {
-    for (std::size_t k = 0; k < kChunks; ++k) store();
+    for (std::size_t k = 0; k < kChunks; ++k) {
+      store();
+    }
   });
   return seconds / (kRecordsPerChunk * kChunks);
 }

@@ -52,7 +52,9 @@ Figures measure_tool() {
                               directory.file("results") + "' >/dev/null 2>&1";
   int status = 0;
   const double seconds = seconds_of([&] { status = std::system(command.c_str()); });
-  if (status != 0) throw std::runtime_error("the tool failed");
+  if (status != 0) {
+    throw std::runtime_error("the tool failed");
+  }
   return {{"share", seconds / kAllowedSeconds}, {"seconds", seconds}};
 }
 

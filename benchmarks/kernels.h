@@ -34,7 +34,9 @@ class FastDecoder {
 /// Those that this processor can run, by the names that force them.
 [[nodiscard]] inline std::vector<std::string> kernels() {
   std::vector<std::string> names = {"portable"};
-  if (__builtin_cpu_supports("avx512vbmi")) names.emplace_back("avx512");
+  if (__builtin_cpu_supports("avx512vbmi")) {
+    names.emplace_back("avx512");
+  }
   return names;
 }
 

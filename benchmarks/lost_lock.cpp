@@ -16,14 +16,20 @@ constexpr std::size_t kPlainChunks = 3;
 /// `feed` appends bytes, decodes them and reports whether the lock is still held.
 template <typename Feed>
 double seconds_per_chunk(const PackedStream& stream, std::size_t chunks, const Feed& feed) {
-  if (!feed(stream.warm_up())) throw std::logic_error("no lock was found");
+  if (!feed(stream.warm_up())) {
+    throw std::logic_error("no lock was found");
+  }
   std::size_t lost = 0;
   const double seconds = seconds_of([&] {
     for (std::size_t k = 0; k < chunks; ++k) {
-      if (!feed(stream.chunk(k))) ++lost;
+      if (!feed(stream.chunk(k))) {
+        ++lost;
+      }
     }
   });
-  if (lost != chunks) throw std::logic_error("the lock was not lost in every chunk");
+  if (lost != chunks) {
+    throw std::logic_error("the lock was not lost in every chunk");
+  }
   return seconds / static_cast<double>(chunks);
 }
 

@@ -19,7 +19,9 @@ int main(int argc, char** argv) {
   int count = static_cast<int>(arguments.size());
   arguments.push_back(nullptr);
   benchmark::Initialize(&count, arguments.data());
-  if (benchmark::ReportUnrecognizedArguments(count, arguments.data())) return 1;
+  if (benchmark::ReportUnrecognizedArguments(count, arguments.data())) {
+    return 1;
+  }
 
   Table table;
   add_decoding(table);

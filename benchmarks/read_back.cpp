@@ -45,7 +45,9 @@ Figures measure_default_run() {
     }
   }
   const auto read_all = [] {
-    for (const Written& file : files) read_back(file);
+    for (const Written& file : files) {
+      read_back(file);
+    }
   };
   read_all();
   return {{"share",
@@ -55,7 +57,9 @@ Figures measure_default_run() {
 double status_kilobytes(const std::string& key) {
   std::ifstream status("/proc/self/status");
   for (std::string line; std::getline(status, line);) {
-    if (line.starts_with(key)) return std::stod(line.substr(key.size()));
+    if (line.starts_with(key)) {
+      return std::stod(line.substr(key.size()));
+    }
   }
   throw std::runtime_error("no " + key + " in /proc/self/status");
 }

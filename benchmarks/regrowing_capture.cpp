@@ -47,7 +47,9 @@ class RegrowingQueue {
   Chunk pop() {
     std::unique_lock lock(mutex_);
     not_empty_.wait(lock, [&] { return done_ || !chunks_.empty(); });
-    if (chunks_.empty()) return {};
+    if (chunks_.empty()) {
+      return {};
+    }
     Chunk chunk = std::move(chunks_.front());
     chunks_.pop_front();
     lock.unlock();

@@ -18,7 +18,9 @@ class Collector : public benchmark::BenchmarkReporter {
 
   void ReportRuns(const std::vector<Run>& runs) override {
     for (const Run& run : runs) {
-      if (run.run_type != Run::RT_Iteration) continue;
+      if (run.run_type != Run::RT_Iteration) {
+        continue;
+      }
       const std::string& name = run.run_name.function_name;
       if (run.error_occurred) {
         std::cerr << name << ": " << run.error_message << '\n';
@@ -26,7 +28,9 @@ class Collector : public benchmark::BenchmarkReporter {
         continue;
       }
       Figures figures;
-      for (const auto& [counter, figure] : run.counters) figures[counter] = figure;
+      for (const auto& [counter, figure] : run.counters) {
+        figures[counter] = figure;
+      }
       results_[name].push_back(std::move(figures));
     }
   }
@@ -53,7 +57,9 @@ void add_benchmark(const std::string& name, std::function<Figures()> measure) {
   const auto run = [measure = std::move(measure)](benchmark::State& state) {
     for ([[maybe_unused]] auto _ : state) {
       try {
-        for (const auto& [figure, value] : measure()) state.counters[figure] = value;
+        for (const auto& [figure, value] : measure()) {
+          state.counters[figure] = value;
+        }
       } catch (const std::exception& error) {
         state.SkipWithError(error.what());
       }

@@ -41,7 +41,9 @@ Bytes random_bytes(unsigned ones) {
   Bytes bytes(kSearchedBytes);
   for (std::uint8_t& byte : bytes) {
     auto bits = random();
-    for (unsigned k = 0; k < ones; ++k) bits |= random();
+    for (unsigned k = 0; k < ones; ++k) {
+      bits |= random();
+    }
     byte = static_cast<std::uint8_t>(bits >> 24);
   }
   return bytes;

@@ -33,10 +33,14 @@ std::vector<std::uint8_t> generate(const simulator::Settings& settings,
   std::vector<std::uint8_t> result;
   while (result.size() < bytes) {
     const auto next = payload->next(bytes - result.size(), simulator::kNever - 1);
-    if (next.empty()) break;
+    if (next.empty()) {
+      break;
+    }
     result.insert(result.end(), next.begin(), next.end());
   }
-  if (result.size() > bytes) result.resize(bytes);
+  if (result.size() > bytes) {
+    result.resize(bytes);
+  }
   return result;
 }
 

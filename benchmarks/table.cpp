@@ -17,15 +17,21 @@ struct Value {
 
 /// The least of a figure's repetitions; all figures are costs.
 double best_of(const std::vector<Figures>& repetitions, const std::string& figure) {
-  if (figure.empty()) return 1;
+  if (figure.empty()) {
+    return 1;
+  }
   double best = repetitions.front().at(figure);
-  for (const Figures& figures : repetitions) best = std::min(best, figures.at(figure));
+  for (const Figures& figures : repetitions) {
+    best = std::min(best, figures.at(figure));
+  }
   return best;
 }
 
 std::optional<Value> value_of(const Ratio& ratio, const Results& results) {
   const auto found = results.find(ratio.benchmark);
-  if (found == results.end() || found->second.empty()) return std::nullopt;
+  if (found == results.end() || found->second.empty()) {
+    return std::nullopt;
+  }
   std::vector<double> values;
   for (const Figures& figures : found->second) {
     values.push_back(figures.at(ratio.numerator) /
@@ -40,11 +46,15 @@ std::optional<Value> worst_of(const Row& row, const Results& results) {
   std::optional<Value> worst;
   for (const Ratio& ratio : row.ratios) {
     const std::optional<Value> value = value_of(ratio, results);
-    if (!value) continue;
+    if (!value) {
+      continue;
+    }
     const bool worse =
         !worst || (row.goal.kind == Goal::Kind::at_least ? value->best < worst->best
                                                          : value->best > worst->best);
-    if (worse) worst = value;
+    if (worse) {
+      worst = value;
+    }
   }
   return worst;
 }
@@ -76,7 +86,9 @@ void print_speed(std::ostream& out, const Speed& speed, const std::vector<Figure
 
 void print_row(std::ostream& out, const Row& row, const Value& value) {
   out << "| " << row.what;
-  if (row.ratios.size() > 1) out << " (" << value.benchmark << ')';
+  if (row.ratios.size() > 1) {
+    out << " (" << value.benchmark << ')';
+  }
   out << " | " << row.against << " | " << with_unit(value.best, row.unit) << " | "
       << with_unit(value.min, row.unit) << " .. " << with_unit(value.max, row.unit) << " | ";
   const bool at_most = row.goal.kind == Goal::Kind::at_most;
@@ -92,16 +104,22 @@ void Table::print(std::ostream& out, const Results& results) const {
       << "|---|---|---|---|---|\n";
   for (const Speed& speed : speeds_) {
     const auto found = results.find(speed.benchmark);
-    if (found != results.end() && !found->second.empty()) print_speed(out, speed, found->second);
+    if (found != results.end() && !found->second.empty()) {
+      print_speed(out, speed, found->second);
+    }
   }
   out << "\n| what | relative to | ratio | range | goal | met |\n|---|---|---|---|---|---|\n";
   for (const Row& row : rows_) {
-    if (const std::optional<Value> value = worst_of(row, results)) print_row(out, row, *value);
+    if (const std::optional<Value> value = worst_of(row, results)) {
+      print_row(out, row, *value);
+    }
   }
   out << '\n';
   for (const Absolute& absolute : absolutes_) {
     const auto found = results.find(absolute.benchmark);
-    if (found == results.end() || found->second.empty()) continue;
+    if (found == results.end() || found->second.empty()) {
+      continue;
+    }
     out << "- " << absolute.what << ": "
         << number(absolute.scale * best_of(found->second, absolute.figure)) << ' ' << absolute.unit
         << '\n';

@@ -55,7 +55,9 @@ double decode_seconds(const std::vector<std::uint8_t>& bytes, unsigned unsynced,
   const auto groups =
       with_kernel(kernel, [&] { return timing::detail::RecordGroups::make(format); });
   timing::detail::PackedState state;
-  for (unsigned c = unsynced; c < 4; ++c) state.channels[c].last_time_ps = 0;
+  for (unsigned c = unsynced; c < 4; ++c) {
+    state.channels[c].last_time_ps = 0;
+  }
   timing::TagBuffer buffer;
   timing::TimeTag* const tags = buffer.room_for(kRecords);
   std::fill_n(tags, kRecords, timing::TimeTag{});  // touched before the clock runs
@@ -63,7 +65,9 @@ double decode_seconds(const std::vector<std::uint8_t>& bytes, unsigned unsynced,
     for (std::size_t k = 0; k < kBatches; ++k) {
       const auto batch =
           decode_packed_records(bytes.data(), 0, kRecords, format, state, groups.get(), tags);
-      if (batch.records != kRecords) throw std::logic_error("the lock was lost");
+      if (batch.records != kRecords) {
+        throw std::logic_error("the lock was lost");
+      }
     }
   });
   return seconds / (kRecords * kBatches);
@@ -72,12 +76,16 @@ double decode_seconds(const std::vector<std::uint8_t>& bytes, unsigned unsynced,
 double plain_seconds(const std::vector<std::uint8_t>& bytes, unsigned unsynced) {
   tests::PlainDecoder plain(header());
   plain.locked = true;
-  for (unsigned c = unsynced; c < 4; ++c) plain.pk_have_time[c] = true;
+  for (unsigned c = unsynced; c < 4; ++c) {
+    plain.pk_have_time[c] = true;
+  }
   double seconds = 0;
   for (std::size_t k = 0; k < kBatches; ++k) {
     plain.input_buffer.assign(bytes.begin(), bytes.begin() + kBatchBytes);
     seconds += seconds_of([&] { benchmark::DoNotOptimize(plain.feed_packed_delta().data()); });
-    if (!plain.locked) throw std::logic_error("the lock was lost");
+    if (!plain.locked) {
+      throw std::logic_error("the lock was lost");
+    }
   }
   return seconds / (kRecords * kBatches);
 }
@@ -101,7 +109,9 @@ void add_unsynced_channels(Table& table) {
   }
   for (const std::string& kernel : kernels()) {
     std::vector<Ratio> ratios;
-    for (const std::string& name : benchmarks) ratios.push_back({name, "plain", kernel});
+    for (const std::string& name : benchmarks) {
+      ratios.push_back({name, "plain", kernel});
+    }
     table.add(Row{"decode (g) channels without a sync, " + kernel + ": speed", "plain decoder",
                   ratios, at_least(kSpeedup)});
   }

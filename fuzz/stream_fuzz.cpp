@@ -24,7 +24,9 @@ constexpr std::size_t kMaxBufferedBytes = 65'536;  // of a decoder that has not 
 
 /// A check that no build leaves out.
 void require(bool holds) {
-  if (!holds) std::abort();
+  if (!holds) {
+    std::abort();
+  }
 }
 
 /// Where every input goes as a stream file.
@@ -37,7 +39,9 @@ Tags read(timing::StreamFileReader& reader, std::size_t chunk_bytes) {
   reader.open(path());
   Tags tags;
   reader.for_each_batch(chunk_bytes, [&](std::span<const timing::TimeTag> batch) {
-    for (const timing::TimeTag& tag : batch) require(tag.channel < 4);
+    for (const timing::TimeTag& tag : batch) {
+      require(tag.channel < 4);
+    }
     require(reader.undecoded_bytes() <= kMaxBufferedBytes);
     tags.insert(tags.end(), batch.begin(), batch.end());
   });
@@ -64,14 +68,18 @@ void check_file(std::size_t chunk_bytes, std::size_t other_chunk_bytes) {
 /// search for a lock takes long), and whether the plain decoder, which is slow, has to agree.
 void check_payload(Bytes bytes) {
   constexpr std::size_t kSettingsBytes = 5;
-  if (bytes.size() < kSettingsBytes) return;
+  if (bytes.size() < kSettingsBytes) {
+    return;
+  }
   const Bytes payload = bytes.subspan(kSettingsBytes);
   const std::size_t chunk_bytes = 1 + payload.size() / (1 + bytes[4] % 8U);
   const bool compares = (bytes[4] & 8) != 0;
   timing::StreamFileHeader header;
   header.stream_format = static_cast<timing::Format>(std::min(bytes[0] & 3, 2));
   header.mode = static_cast<timing::Mode>(bytes[0] >> 2 & 1);
-  if ((bytes[0] >> 3 & 1) != 0) header.raw64_tag_format = "raw_cf";
+  if ((bytes[0] >> 3 & 1) != 0) {
+    header.raw64_tag_format = "raw_cf";
+  }
   header.channel_mask = bytes[0] >> 4;
   header.delta_bits = bytes[1];
   header.quantum_ps = static_cast<std::uint16_t>(bytes[2] << 8 | bytes[3]);
