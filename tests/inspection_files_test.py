@@ -97,7 +97,7 @@ class InspectionFiles(OrtimeTest):
                 ("a.ortime --format csv", "is an input file"),
                 ("hard", "is an input file"),
                 ("link", "is an input file"),
-                ("/dev/full", 'cannot write "/dev/full": No space left on device'),
+                ("/dev/full", 'ortime: cannot write "/dev/full": No space left on device'),
                 ("./", "Is a directory"),
                 ("missing/t", "No such file or directory"),
                 ("/dev/fd/99999999999", "cannot create")):  # not standard input
