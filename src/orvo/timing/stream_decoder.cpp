@@ -44,8 +44,8 @@ void InputBuffer::append(std::span<const std::uint8_t> bytes) {
 
 TimeTag* TagBuffer::room_for(std::size_t count) {
   if (count > capacity_) {
-    tags_.reset(new TimeTag[count]);  // not filled
-    capacity_ = count;
+    capacity_ = count + count / 8;        // chunks of one size differ by a record or two
+    tags_.reset(new TimeTag[capacity_]);  // not filled
   }
   return tags_.get();
 }
