@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdint>
 #include <limits>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -88,6 +89,34 @@ TEST(Evaluation, ChannelStatisticsAndVerdict) {
     EXPECT_EQ(channel.pass, c.pass);
     EXPECT_EQ(result.pass, c.pass);
     EXPECT_EQ(result.channels[3].count, 0U);
+  }
+}
+
+TEST(Evaluation, StatisticsOfTurnsAreThoseOfEachTag) {
+  std::vector<timing::TimeTag> turns;
+  for (std::int64_t i = 0; i < 600; ++i) {
+    turns.push_back({static_cast<std::uint8_t>(i % 4), i / 4 * 100 + i % 4});
+  }
+  for (std::size_t place = 0; place < turns.size(); ++place) {
+    const timing::TimeTag tag = turns[place];
+    const auto next = static_cast<std::uint8_t>((tag.channel + 1) % 4);
+    for (const timing::TimeTag& odd :
+         {tag, {next, tag.time_ps}, {200, tag.time_ps}, {tag.channel, -7}, {tag.channel, 99999}}) {
+      SCOPED_TRACE(testing::Message() << place << ": " << int{odd.channel} << ' ' << odd.time_ps);
+      turns[place] = odd;
+      TagStatistics at_once, one_by_one;
+      at_once.add(turns);
+      for (const timing::TimeTag& one : turns) {
+        one_by_one.add(std::span(&one, 1));
+      }
+      ASSERT_EQ(at_once.tags(), turns.size());
+      for (std::size_t channel = 0; channel < timing::kChannels; ++channel) {
+        ASSERT_EQ(at_once.channel(channel).count, one_by_one.channel(channel).count);
+        ASSERT_EQ(at_once.channel(channel).smallest_ps, one_by_one.channel(channel).smallest_ps);
+        ASSERT_EQ(at_once.channel(channel).largest_ps, one_by_one.channel(channel).largest_ps);
+      }
+    }
+    turns[place] = tag;
   }
 }
 

@@ -127,6 +127,8 @@ class TagStatistics {
   [[nodiscard]] const Channel& channel(std::size_t channel) const { return channels_[channel]; }
 
  private:
+  void add_each(std::span<const timing::TimeTag> tags, std::uint64_t count);
+
   std::array<Channel, kChannels + 1> channels_;  // the last one takes every other channel
 };
 
