@@ -1,12 +1,18 @@
 // The Python module against the decoder it stands on, what importing it costs, and an archive of
 // runs on all processors.
 
+#include <algorithm>
 #include <array>
+#include <atomic>
 #include <cstdio>
 #include <filesystem>
 #include <iostream>
+#include <limits>
 #include <sstream>
 #include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
 
 #include "orvo/timing/stream_files.h"
 #include "streams.h"
@@ -64,7 +70,7 @@ Figures measure_python() {
 /// Seconds that an archive takes, and how many processors take part.
 struct OnThreads {
   double seconds = 0;
-  double processors = 0;
+  int processors = 0;
 };
 
 OnThreads judge_archive(const std::filesystem::path& root, int expected_recordings) {
@@ -76,26 +82,43 @@ OnThreads judge_archive(const std::filesystem::path& root, int expected_recordin
   return found;
 }
 
-/// Recordings of 16 MiB and more, and the decoder alone as if on as many processors.
+/// Reads and decodes each of the files, and does nothing else.
+void decode_on_threads(const std::vector<std::string>& files, int threads) {
+  std::atomic<std::size_t> next = 0;
+  const auto decode = [&] {
+    for (std::size_t mine = next++; mine < files.size(); mine = next++) {
+      timing::StreamFileReader reader;
+      reader.open(files[mine]);
+      reader.for_each_batch(kChunkBytes, [](auto) {});
+    }
+  };
+  std::vector<std::thread> all;
+  for (int i = 0; i < threads; ++i) all.emplace_back(decode);
+  for (std::thread& thread : all) thread.join();
+}
+
+/// Recordings of 16 MiB and more, and the decoder alone on as many threads: processors that share a
+/// core, or a memory, do not come to twice the rate of one.
 Figures measure_large_archive() {
   constexpr double kLargeSeconds = 10;
   constexpr int kRecordings = 8;
   static const tests::ScratchDirectory directory;
-  static const std::filesystem::path first = directory.file("overflow_frequency_01.ortime");
-  if (!std::filesystem::exists(first)) {
-    write_recording(first, captured_bytes(kHz, kLargeSeconds));
-    for (int number = 2; number <= kRecordings; ++number) {
-      std::filesystem::copy_file(
-          first, directory.file("overflow_frequency_0" + std::to_string(number) + ".ortime"));
+  static std::vector<std::string> files;
+  while (files.size() < kRecordings) {
+    files.push_back(
+        directory.file("overflow_frequency_0" + std::to_string(files.size() + 1) + ".ortime"));
+    if (files.size() == 1) {
+      write_recording(files[0], captured_bytes(kHz, kLargeSeconds));
+    } else {
+      std::filesystem::copy_file(files[0], files.back());
     }
   }
-  const double seconds = seconds_of([] {
-    timing::StreamFileReader reader;
-    reader.open(first);
-    reader.for_each_batch(kChunkBytes, [](auto) {});
-  });
   const OnThreads archive = judge_archive(directory.path(), kRecordings);
-  return {{"archive", archive.seconds}, {"decoder", kRecordings * seconds / archive.processors}};
+  double decoder = std::numeric_limits<double>::infinity();
+  for (int round = 0; round < 5; ++round) {  // as the archive's
+    decoder = std::min(decoder, seconds_of([&] { decode_on_threads(files, archive.processors); }));
+  }
+  return {{"archive", archive.seconds}, {"decoder", decoder}};
 }
 
 /// Runs as the tool makes them by default, and `ortime verify` for one after the other.
@@ -141,7 +164,7 @@ void add_python(Table& table) {
   add_benchmark("large archive", measure_large_archive);
   add_benchmark("archive of runs", measure_archive_of_runs);
   table.add(Row{"archive on threads, recordings of 18 MiB: rate",
-                "bare decoding times processors",
+                "decoding alone on as many threads",
                 {{"large archive", "decoder", "archive"}},
                 at_least(kThreads)});
   table.add(Row{"archive on threads, default runs: rate",
