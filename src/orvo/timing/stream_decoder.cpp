@@ -1,6 +1,7 @@
 #include "orvo/timing/stream_decoder.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <new>
 #include <utility>
@@ -17,23 +18,27 @@ std::span<std::uint8_t> InputBuffer::prepare(std::size_t count) {
     throw std::bad_alloc();
   }
   const std::size_t needed = used + count + kSlackBytes;
-  if (head_ >= used && capacity_ >= needed && head_ > 0) {
+  if (head_ > 0 && head_ >= used) {
     // Moves no more bytes than were consumed since the last move: linear in the bytes received.
     std::memmove(storage_.get(), data(), used);
-  } else if (capacity_ - head_ >= needed) {
-    return {storage_.get() + tail_, count};
-  } else {
-    const std::size_t capacity = needed + std::max(needed / 8, used);
-    auto storage = std::unique_ptr<std::uint8_t[]>(new std::uint8_t[capacity]);  // not filled
-    if (used > 0) {
-      std::memcpy(storage.get(), data(), used);
-    }
-    storage_ = std::move(storage);
-    capacity_ = capacity;
+    head_ = 0;
+    tail_ = used;
   }
-  head_ = 0;
-  tail_ = used;
+  if (capacity_ - head_ < needed) {
+    grow(head_ + needed + std::max(needed / 8, used));
+  }
   return {storage_.get() + tail_, count};
+}
+
+/// The system moves pages of a large block, so that two of them are never filled at once.
+void InputBuffer::grow(std::size_t capacity) {
+  void* const grown = std::realloc(storage_.get(), capacity);  // not filled
+  if (grown == nullptr) {
+    throw std::bad_alloc();
+  }
+  static_cast<void>(storage_.release());
+  storage_.reset(static_cast<std::uint8_t*>(grown));
+  capacity_ = capacity;
 }
 
 void InputBuffer::append(std::span<const std::uint8_t> bytes) {

@@ -9,6 +9,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <memory>
 #include <span>
 
@@ -47,7 +48,13 @@ class InputBuffer {
   [[nodiscard]] std::uint64_t removed() const noexcept { return removed_; }
 
  private:
-  std::unique_ptr<std::uint8_t[]> storage_;
+  struct Free {
+    void operator()(std::uint8_t* bytes) const noexcept { std::free(bytes); }
+  };
+
+  void grow(std::size_t capacity);
+
+  std::unique_ptr<std::uint8_t[], Free> storage_;
   std::size_t capacity_ = 0;
   std::size_t head_ = 0;
   std::size_t tail_ = 0;
