@@ -12,10 +12,14 @@ import sys
 import unittest
 
 preloaded = os.environ.pop("LD_PRELOAD", "")  # by a sanitizer, for the module alone
+import orvo_timing as ot
+from orvo_timing._native import StopFlag
+from orvo_timing.archive import Pool, Settings, finished, row_of, rows as rows_of
 from support.programs import TOOL, ProgramTest, shell
 
 PYTHON = f"env LD_PRELOAD='{preloaded}' '{sys.executable}' -m "
 ARCHIVE = PYTHON + "orvo_timing.archive "
+DASK = PYTHON + "distributed.cli.dask_"
 FIRST, SECOND = "overflow_frequency_01.ortime", "overflow_frequency_02.ortime"
 SLOWLY = "--chunk-bytes=1 "
 
@@ -53,6 +57,8 @@ class Archive(ArchiveTest):
         (stopped / "overflow_frequency.json").unlink()
         text = (tampered / "overflow_frequency.json").read_text()
         (tampered / "overflow_frequency.json").write_text(text.replace('"pass":true', '"pass":false', 1))
+        begin, time, end = (tampered / SECOND).read_bytes().partition(b'"created_utc":"2')
+        (tampered / SECOND).write_bytes(begin + time[:-1] + b"=" + end)
         with open_folder(held) as descriptor:
             fcntl.flock(descriptor, fcntl.LOCK_EX)
             rows = self.table("all nowhere", status=1)
@@ -72,6 +78,7 @@ class Archive(ArchiveTest):
         self.assertEqual([(row["error"][-30:], row["requested_hz"], row["divider"]) for row in (
             rows[4], rows[-1])], [("missing", "1000.0", "30978"), ("No such file or directory", "", "")])
         self.assertGreater(int(rows[9]["ch3_count"]), 50)
+        self.assertEqual(rows[12]["start_utc"][:5], "'=026")  # no formula
         self.assertEqual([row["error"] for row in rows if row["state"] in ("judged", "being written")],
                          9 * [""])
 
@@ -106,6 +113,25 @@ class Archive(ArchiveTest):
         self.assertEqual(shell(f"{ARCHIVE} all | head -n 1", self.folder).stderr, "")
 
 
+    def test_says_what_a_cluster_lacks(self):
+        def submit(unit, _):  # to a worker that sees one of two recordings
+            state = "missing" if unit.number else "judged"
+            return finished(row_of(unit.run_directory, unit.stream_file, state))
+
+        found = []
+        with self.assertRaisesRegex(ot.Error, f"a worker does not see '.*{SECOND}'"):
+            for row in rows_of([str(self.folder / "good")], Settings(None, None, 1),
+                               Pool(submit, lambda: None, True, StopFlag())):
+                found.append(row["state"])
+        self.assertEqual(found, ["judged"])
+        no_dask = ("import runpy, sys; sys.modules['distributed'] = None; "
+                   "runpy.run_module('orvo_timing.archive', run_name='__main__')")
+        done = shell(f'{PYTHON[:-3]}-c "{no_dask}" good --scheduler tcp://127.0.0.1:1', self.folder)
+        self.assertEqual((done.returncode, done.stdout), (1, ""))
+        self.assertRegex(done.stderr, "^orvo_timing.archive: a scheduler needs Dask, package "
+                                      "python3-distributed: .*\n$")
+
+
 class Cluster(ArchiveTest):
     def test_cluster_makes_the_same_table(self):
         if not importlib.util.find_spec("distributed"):
@@ -116,11 +142,25 @@ class Cluster(ArchiveTest):
         self.table(SLOWLY + "all drift", status=2)
         with socket.create_server(("127.0.0.1", 0)) as unused:
             address = f"127.0.0.1:{unused.getsockname()[1]}"
-        scheduler = self.start(f"{PYTHON}distributed.cli.dask_scheduler --no-dashboard --host {address}")
-        workers = [self.start(f"{PYTHON}distributed.cli.dask_worker tcp://{address} --no-nanny "
-                              "--nthreads 1 --host 127.0.0.1 --no-dashboard") for _ in range(2)]
-        for process in workers:
+        scheduler = self.start(f"{DASK}scheduler --no-dashboard --host {address}")
+        # A worker could take the port first.
+        self.assertTrue(scheduler.run_until(lambda: "Scheduler at" in scheduler.err), scheduler.err)
+
+        def worker(environment=""):
+            process = self.start(f"env {environment} {DASK}worker tcp://{address} --no-nanny "
+                                 "--nthreads 1 --host 127.0.0.1 --no-dashboard")
             self.assertTrue(process.run_until(lambda: "Registered to" in process.err), process.err)
+            return process
+
+        (self.folder / "bare").mkdir()
+        (self.folder / "bare/orvo_timing.py").write_text("raise ModuleNotFoundError('not here')")
+        bare = worker(f"PYTHONPATH='{self.folder}/bare'")
+        done = shell(f"{ARCHIVE}drift --scheduler tcp://{address}", self.folder)
+        self.assertEqual((done.returncode, done.stderr.splitlines()[-1]), (
+            1, "orvo_timing.archive: a worker cannot judge: not here; has it this version of "
+               "orvo_timing?; this is not all"))
+        bare.stop()
+        workers = [worker(), worker()]
         process = self.start(f"{ARCHIVE}{SLOWLY}all drift --scheduler tcp://{address}")
         self.assertTrue(process.run_until(lambda: process.out), process.err)
         os.kill(workers[0].child.pid, signal.SIGKILL)

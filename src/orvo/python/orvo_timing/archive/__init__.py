@@ -128,10 +128,13 @@ def rows(roots: list[str], settings: Settings, pool: Pool) -> Iterator[Row]:
                 return row_of(unit.run_directory, unit.stream_file, "unreadable",
                               "ended four workers, one after another")
         row = future.result()
-        if pool.is_far and row["state"] == "missing" and os.path.exists(unit.stream_file):
+        if is_unseen(row):
             raise Error(f"a worker does not see {unit.stream_file!r}: recordings are read "
-                                "by their absolute paths from a folder that all share")
+                        "by their absolute paths from a folder that all share")
         return row
+
+    def is_unseen(row: Row) -> bool:
+        return pool.is_far and row["state"] == "missing" and os.path.exists(row["stream_file"])
 
     try:
         for unit in units(roots, pool.stop):
@@ -144,7 +147,8 @@ def rows(roots: list[str], settings: Settings, pool: Pool) -> Iterator[Row]:
     except (Stopped, Error) as problem:
         for _, future in window:
             if future.done() and not future.cancelled() and not future.exception():
-                yield future.result()
+                if not is_unseen(future.result()):
+                    yield future.result()
         if isinstance(problem, Error):
             raise
     finally:
