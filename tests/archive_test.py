@@ -1,6 +1,5 @@
 """An archive of runs judged again: its table, on threads and on a cluster."""
 
-import contextlib
 import csv
 import fcntl
 import importlib.util
@@ -59,9 +58,10 @@ class Archive(ArchiveTest):
         (tampered / "overflow_frequency.json").write_text(text.replace('"pass":true', '"pass":false', 1))
         begin, time, end = (tampered / SECOND).read_bytes().partition(b'"created_utc":"2')
         (tampered / SECOND).write_bytes(begin + time[:-1] + b"=" + end)
-        with open_folder(held) as descriptor:
-            fcntl.flock(descriptor, fcntl.LOCK_EX)
-            rows = self.table("all nowhere", status=1)
+        descriptor = os.open(held, os.O_RDONLY)
+        self.addCleanup(os.close, descriptor)
+        fcntl.flock(descriptor, fcntl.LOCK_EX)
+        rows = self.table("all nowhere", status=1)
         found = [(row["run_directory"].rpartition("/")[2], row["state"], row["reported_pass"], row["pass"],
                   row["differences"][:13], row["worst_channel"] == "2") for row in rows]
         same = ("judged", "true", "true", "", False)
@@ -176,13 +176,6 @@ class Cluster(ArchiveTest):
         done = shell(f"{ARCHIVE}all --scheduler tcp://{address}", self.folder)
         self.assertEqual((done.returncode, done.stderr), (
             1, f"orvo_timing.archive: no scheduler answers at tcp://{address} within 5 seconds\n"))
-
-
-@contextlib.contextmanager
-def open_folder(path):
-    descriptor = os.open(path, os.O_RDONLY)
-    yield descriptor
-    os.close(descriptor)
 
 
 if __name__ == "__main__":

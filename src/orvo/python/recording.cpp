@@ -299,8 +299,8 @@ also a FileNotFoundError, for one. A pipe is refused: a recording is read more t
       .def("close", &Recording::close,
            R"(Ends the use of the recording.
 
-Decoding it, going on with an iterator over it, and entering it are then a ValueError. Header and
-what was read with lock events stay.)")
+Decoding it, going on with an iterator over it, and entering it are then a ValueError. The header
+stays, and so do lock events, counts and times that were asked for before.)")
       .def("__iter__", &Recording::all_blocks)
       .def("__enter__",
            [](py::object self) {
