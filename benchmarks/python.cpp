@@ -32,7 +32,9 @@ std::string output_of(const std::string& command) {
   while (pipe != nullptr && std::fgets(line.data(), line.size(), pipe) != nullptr) {
     output += line.data();
   }
-  if (pipe == nullptr || pclose(pipe) != 0) throw std::runtime_error("failed: " + command);
+  if (pipe == nullptr || pclose(pipe) != 0) {
+    throw std::runtime_error("failed: " + command);
+  }
   return output;
 }
 
@@ -48,7 +50,9 @@ Figures measure_python() {
     timing::StreamFileReader reader;
     reader.open(file);
     reader.for_each_batch(kChunkBytes, [&](auto batch) {
-      for (const timing::TimeTag& tag : batch) sum += static_cast<std::uint64_t>(tag.time_ps);
+      for (const timing::TimeTag& tag : batch) {
+        sum += static_cast<std::uint64_t>(tag.time_ps);
+      }
       tags += batch.size();
     });
   });
@@ -57,7 +61,9 @@ Figures measure_python() {
   double python_seconds = 0;
   std::string python_sum;
   output >> import_seconds >> python_seconds >> python_sum;
-  if (python_sum != std::to_string(sum)) throw std::logic_error("the sums differ");
+  if (python_sum != std::to_string(sum)) {
+    throw std::logic_error("the sums differ");
+  }
   constexpr double kAllowedImport = 0.05;
   return {{"C++", seconds},
           {"Python", python_seconds},
@@ -78,7 +84,9 @@ OnThreads judge_archive(const std::filesystem::path& root, int expected_recordin
   OnThreads found;
   int recordings = 0;
   output >> found.seconds >> recordings >> found.processors;
-  if (recordings != expected_recordings) throw std::logic_error("the archive has other recordings");
+  if (recordings != expected_recordings) {
+    throw std::logic_error("the archive has other recordings");
+  }
   return found;
 }
 
@@ -93,8 +101,12 @@ void decode_on_threads(const std::vector<std::string>& files, int threads) {
     }
   };
   std::vector<std::thread> all;
-  for (int i = 0; i < threads; ++i) all.emplace_back(decode);
-  for (std::thread& thread : all) thread.join();
+  for (int i = 0; i < threads; ++i) {
+    all.emplace_back(decode);
+  }
+  for (std::thread& thread : all) {
+    thread.join();
+  }
 }
 
 /// Recordings of 16 MiB and more, and the decoder alone on as many threads: processors that share a
