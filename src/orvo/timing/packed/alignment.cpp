@@ -58,8 +58,10 @@ struct Parse {
     const unsigned channel = channel_of(record);
     const bool in_sync = sync_records_left > 0;
     next += format.width;
-    if (!format.active(channel) || (in_sync && (channel != sync_channel || is_flagged(record)))) {
-      reset(record, format);
+    if (!format.active(channel)) {
+      reset(Others::same);  // resets every parse
+    } else if (in_sync && (channel != sync_channel || is_flagged(record))) {
+      reset(others_at_break(starts_sync(record, format)));
     } else if (in_sync) {
       if (--sync_records_left == 0) {
         has_sync = true;
@@ -82,18 +84,17 @@ struct Parse {
     }
   }
 
-  /// A record of an inactive channel resets every parse. One that breaks a sync does not reset
-  /// those that were reset where the sync starts. These have met nothing since, and if the record
-  /// itself starts no sync, they go on as this one.
-  void reset(std::uint64_t record, const PackedFormat& format) {
-    if (!format.active(channel_of(record)) || others != Others::any) {
-      others = Others::same;
-    } else if (!starts_sync(record, format)) {
-      others = Others::same_course;
-    }
+  /// A record that breaks a sync does not reset the parses that were reset where the sync starts.
+  /// These have met nothing since, and unless the record starts a sync, they go on as this one.
+  [[nodiscard]] Others others_at_break(bool starts_sync) const {
+    return others != Others::any ? Others::same : starts_sync ? others : Others::same_course;
+  }
+
+  void reset(Others now) {
     if (has_sync) {
-      *this = {.next = next, .others = others};
+      *this = {.next = next};
     }
+    others = now;
     restart = next;
     sync_records_left = 0;
   }
@@ -130,13 +131,12 @@ std::uint64_t points_of(std::uint64_t word, std::uint64_t following, const Packe
   return points | word << 2 | following >> 62;
 }
 
-/// All such positions: only there does a parse that is not in a sync change what it does next. An
-/// object takes 128 KiB.
+/// All such positions: outside a sync only they change what a parse does next. Takes 128 KiB.
 class TurningPoints {
  public:
   /// Finds those whose record ends at or before bit `end`, which is at most 8 * kSearchedBytes.
   TurningPoints(const std::uint8_t* data, std::uint64_t end, const PackedFormat& format)
-      : width_(format.width), end_(end) {
+      : width_(format.width) {
     for (unsigned bit = 0; bit < 64; bit += width_) {
       grid_bits_ |= std::uint64_t{1} << (63 - bit);
     }
@@ -148,7 +148,7 @@ class TurningPoints {
       const std::uint64_t word = word_at(data, 64 * index);
       words_[index] = {points_of(word, following, format), next};
       if (positions - 64 * index < 64) {
-        words_[index].points &= ~(~std::uint64_t{0} >> (positions - 64 * index));
+        words_[index].points |= ~std::uint64_t{0} >> (positions - 64 * index);
       }
       next = words_[index].points != 0 ? index : next;
       following = word;
@@ -159,14 +159,16 @@ class TurningPoints {
   /// last whole record.
   [[nodiscard]] std::uint64_t next(std::uint64_t position) const {
     std::uint64_t index = position / 64;
+    if (words_[index].points << position % 64 >> 63 != 0) [[likely]] {
+      return position;  // often, and sooner known than a count
+    }
     std::uint64_t points = words_[index].points & grid_bits_ >> position % 64;
     while (points == 0) {
       index = words_[index].next;
       const auto skipped = static_cast<std::uint32_t>(64 * index - position);
       points = words_[index].points & grid_bits_ >> (width_ - 1 - (skipped - 1) % width_);
     }
-    const std::uint64_t point = 64 * index + static_cast<unsigned>(std::countl_zero(points));
-    return point + width_ <= end_ ? point : end_ - (end_ - position) % width_;
+    return 64 * index + static_cast<unsigned>(std::countl_zero(points));
   }
 
  private:
@@ -176,7 +178,6 @@ class TurningPoints {
   };
 
   unsigned width_;
-  std::uint64_t end_;
   std::uint64_t grid_bits_ = 0;  ///< the first bit of a word, and those records later
   std::array<Word, kSearchedBytes / 8 + 1> words_;
 };
@@ -192,7 +193,6 @@ class TurningPoints {
 class Search {
  public:
   Search(const InputBuffer& buffer, const PackedFormat& format);
-
   [[nodiscard]] std::optional<Alignment> run();
 
  private:
@@ -232,13 +232,12 @@ std::optional<Alignment> Search::run() {
   }
   for (std::size_t offset = 0; offset <= last_offset_; ++offset) {
     const std::uint64_t end = end_of_span(offset);
-    for (std::uint64_t begin = 8 * offset; begin < 8 * offset + width; ++begin) {
-      if (begin + width <= end) {
-        while (parses_[begin].next + width <= end) {
-          parses_[begin].read_record(data_, format_);
-        }
-        offer(parses_[begin], begin);
+    const std::uint64_t begins_end = std::min(8 * offset + width, end - width + 1);
+    for (std::uint64_t begin = 8 * offset; begin < begins_end; ++begin) {
+      while (parses_[begin].next + width <= end) {
+        parses_[begin].read_record(data_, format_);
       }
+      offer(parses_[begin], begin);
     }
   }
   return best_;
@@ -252,8 +251,10 @@ void Search::read_grid(std::uint64_t grid) {
   const std::uint64_t begins_end = grid + (bits + width - 1) / width * width;
   const std::uint64_t records = (end_of_span(0) - begins_end) / width;
   Parse late;
-  for (int eighths = 3; eighths >= 0 && late.others != Parse::Others::same; --eighths) {
-    late = parse_from(begins_end + (records - (records >> 3 * eighths)) * width, 0);
+  for (const unsigned shift : {9U, 6U, 0U}) {
+    if (late.others != Parse::Others::same) {
+      late = parse_from(begins_end + (records - (records >> shift)) * width, 0);
+    }
   }
   parses_[begins_end] = late;
   for (std::uint64_t begin = begins_end; begin > grid;) {

@@ -14,8 +14,7 @@ namespace orvo::timing::detail {
 inline constexpr std::size_t kSearchedBytes = 65'536;     ///< parsed from each byte offset
 inline constexpr std::size_t kLastOffset = 64;            ///< byte offset, several active channels
 inline constexpr std::size_t kLastOffsetOneChannel = 16;  ///< byte offset, one active channel
-inline constexpr std::uint64_t kMaxImbalance =
-    2;  ///< ratio of the most to the least active channel
+inline constexpr std::uint64_t kMaxImbalance = 2;         ///< most to least active channel
 
 // A buffer in which the search found nothing.
 inline constexpr std::size_t kReportedBytes = 4'096;  ///< a shorter one waits for more bytes
