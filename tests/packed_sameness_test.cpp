@@ -302,6 +302,8 @@ TEST(PackedSameness, LockSearchByHand) {
   } cases[] = {
       {timing::Mode::external, 3, before + kSync1 + sync0 + late_data0,
        "locked bits=5 drop_bytes=20 bit_offset=0 raw_bytes=65581"},
+      {timing::Mode::external, 3, Bytes(50, 0x40) + before + kSync1 + sync0 + late_data0,
+       "locked bits=5 drop_bytes=64 bit_offset=0 raw_bytes=65587"},
       {timing::Mode::external, 3, before + sync0 + kSync1 + late_data0,
        "no alignment bits=5 width=8 raw_bytes=65601"},
       {timing::Mode::internal, 1, Bytes(99) + kSync0 + Bytes(65'600),

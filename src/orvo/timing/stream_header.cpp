@@ -39,8 +39,12 @@ namespace detail {
 namespace {
 
 Format format_from(std::string_view name) {
-  if (name == "delta32") return Format::delta32;
-  if (name == "packed_delta" || name == "packeddelta") return Format::packed_delta;
+  if (name == "delta32") {
+    return Format::delta32;
+  }
+  if (name == "packed_delta" || name == "packeddelta") {
+    return Format::packed_delta;
+  }
   return Format::raw64;
 }
 
@@ -49,8 +53,12 @@ Mode mode_from(std::string_view name) {
 }
 
 Transport transport_from(std::string_view name) {
-  if (name == "usb") return Transport::usb;
-  if (name == "usb_async" || name == "usb-async" || name == "usbasync") return Transport::usb_async;
+  if (name == "usb") {
+    return Transport::usb;
+  }
+  if (name == "usb_async" || name == "usb-async" || name == "usbasync") {
+    return Transport::usb_async;
+  }
   return Transport::uart;
 }
 
