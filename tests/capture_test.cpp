@@ -42,7 +42,7 @@ class Capture : public testing::Test {
     return device.stream_to_file_for(path, duration, mode, format, 0xFF, 3, 1000, 12, 4,
                                      timing::Transport::usb, chunk_bytes, 0);
   }
-  /// Again until the time was enough for all of `reads`.
+  /// Repeats a capture until its time was enough for all of `reads`.
   std::uint64_t run_through(const std::vector<ScriptedDriver::Read>& reads) {
     for (Seconds duration = std::chrono::milliseconds(20);; duration *= 2) {
       driver.take_calls();

@@ -255,8 +255,8 @@ TEST(PackedSameness, LimitsOfLinesAndBuffer) {
   EXPECT_EQ(std::count(lines.begin(), lines.end(), '\n'), 200);
 }
 
-// From 4,096 tags on, a batch in which a channel has less than an eighth of another's is none of
-// the calibration source's.
+// A batch of 4,096 tags or more in which a channel has less than an eighth of another's cannot come
+// from the calibration source.
 TEST(PackedSameness, LimitsOfImbalance) {
   const timing::StreamFileHeader header = byte_header(timing::Mode::internal, 3);
   const Bytes lock = kSync0 + kSync1;
@@ -271,7 +271,7 @@ TEST(PackedSameness, LimitsOfImbalance) {
       {lock, ch0(4096), 0, "min=0 max=4096 total=4096 records=4096"},
       {lock, ch0(3648) + ch1(456), 4104, ""},
       {lock, ch0(3649) + ch1(456), 0, "min=456 max=3649 total=4105 records=4105"},
-      // Events of a channel before its first sync are none of the batch's tags.
+      // Events of a channel before its first sync give no tags.
       {{}, kSync0 + ch0(2989) + ch1(28'000) + kSync1 + ch1(1989), 2990 + 1990, ""},
   };
   for (const auto& c : cases) {

@@ -50,7 +50,7 @@ PlainDecoder::Event PlainDecoder::tally(Kind kind, const Counts& counts) const {
   return event;
 }
 
-/// What `n` records say of the start at this bit: begin after the last one that no stream has.
+/// What `n` records from this bit on hold; begins after the last of them that no stream has.
 PlainDecoder::Event PlainDecoder::parse_from(std::uint64_t byte, std::uint64_t shift,
                                              std::uint64_t n) const {
   Counts counts{};

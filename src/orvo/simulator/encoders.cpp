@@ -17,7 +17,7 @@ constexpr std::uint32_t kOverflow = kControl;
 constexpr std::uint32_t kTimeLow = kControl | 1U << 29;
 constexpr std::uint32_t kTimeHigh = kControl | 2U << 29;
 
-// Packed-delta: a larger step is shorter as a sync, by far at the clock's wrap.
+// Packed-delta: a larger step takes fewer records as a sync, far fewer at the clock's wrap.
 constexpr std::uint64_t kMaxOverflowRecords = 1000;
 
 // A reader looks for syncs of all channels in 64 KiB; slow channels in narrow records would take

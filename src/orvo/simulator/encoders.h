@@ -1,5 +1,5 @@
-// Events as bytes, one encoder a record format. An encoder appends the records of one event after
-// the other; see docs/stream-format.md for the formats.
+// Events as bytes, one encoder per record format. An encoder appends the records of one event at a
+// time; see docs/stream-format.md for the formats.
 //
 // Threads: an encoder belongs to one thread. Errors: none.
 // encode() writes one event's records at `out` and returns their end; it may write kMaxEventBytes
