@@ -105,6 +105,9 @@ class InspectionFiles(OrtimeTest):
                 self.assertEqual(self.ortime("tags a.ortime -o " + output), 1)
                 self.assertIn(error, self.err)
                 self.assertEqual(recording.read_bytes(), before)
+        self.write_tags([(0, n) for n in range(1000)], "long")
+        done = shell("ulimit -f 1; ortime tags long -o t", self.here)
+        self.assertEqual((done.returncode, done.stderr), (1, 'ortime: cannot write "t": File too large\n'))
         (self.here / "t.part").write_text("of somebody")
         target = self.here / "t"
         target.write_text("older")
@@ -120,7 +123,7 @@ class InspectionFiles(OrtimeTest):
         self.assertIn("records that cannot be decoded: packed_delta of 99 bits", self.err)
         self.assertEqual((self.here / "t.part").read_text(), "of somebody")
         # The recordings and links, the outputs and their links: nothing unfinished.
-        self.assertEqual(len(list(self.here.iterdir())), 9)
+        self.assertEqual(len(list(self.here.iterdir())), 10)
 
     def test_two_at_once_write_whole_files(self):
         self.write_tags([(0, 5)])
