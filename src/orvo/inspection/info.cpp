@@ -8,8 +8,9 @@ namespace orvo::inspection {
 int run(const InfoOptions& options) {
   int status = kExitSuccess;
   Json recordings = Json::array();
+  const RecordingOptions look = {.chunk_bytes = options.chunk_bytes};
   const auto show = [&](const verification::RunResult& run, Facts& facts) {
-    const RecordingFacts& found = look_into(run, {.chunk_bytes = options.chunk_bytes}, facts);
+    const RecordingFacts& found = look_into(run, look, facts);
     say(found.recording ? found.recording->warning : "");
     say(found.error);
     status = found.error.empty() ? status : kExitError;
