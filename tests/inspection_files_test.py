@@ -105,6 +105,7 @@ class InspectionFiles(OrtimeTest):
                 self.assertEqual(self.ortime("tags a.ortime -o " + output), 1)
                 self.assertIn(error, self.err)
                 self.assertEqual(recording.read_bytes(), before)
+        self.assertEqual(self.ortime("tags - -o hard <a.ortime"), 1)
         self.write_tags([(0, n) for n in range(1000)], "long")
         done = shell("ulimit -f 1; ortime tags long -o t", self.here)
         self.assertEqual((done.returncode, done.stderr), (1, 'ortime: cannot write "t": File too large\n'))

@@ -28,6 +28,8 @@ class InspectionTool(ProgramTest):
                 again = self.run_whole(f"ortime verify '{self.run_dir()}'")
                 self.assertEqual(again.status, recorded.status)
                 self.assertNotIn("differs", again.err)  # which names each number that does
+                short = "run 3: only 50 ms of a capture of 100 ms decoded"
+                self.assertEqual(short in again.err, sim.startswith("pace"), again.err)
                 runs = [[sorted(line.split()) for line in text.splitlines() if line.startswith("run ")]
                         for text in (re.sub(" payload_bytes=[0-9]+", "", again.out), recorded.out)]
                 self.assertEqual(runs[0], runs[1])
