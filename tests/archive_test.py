@@ -26,7 +26,7 @@ SLOWLY = "--chunk-bytes=1 "
 class ArchiveTest(ProgramTest):
     def setUp(self):
         super().setUp()
-        for name, sim in ("good", ""), ("drift", "rate_error_ppm=2:40"):
+        for name, sim in ("good", ""), ("drift", "rate_error_ppm=2:-40"):
             shell(f"{TOOL}--frequencies-hz=1000,100000 --capture-s=0.1 --output-root=runs/{name}",
                   self.folder, "pace=ps:120000000000;" + sim)
             next((self.folder / "runs" / name).glob("2*")).rename(self.folder / name)
@@ -56,8 +56,9 @@ class Archive(ArchiveTest):
         (stopped / "overflow_frequency.json").unlink()
         text = (tampered / "overflow_frequency.json").read_text()
         (tampered / "overflow_frequency.json").write_text(text.replace('"pass":true', '"pass":false', 1))
-        begin, time, end = (tampered / SECOND).read_bytes().partition(b'"created_utc":"2')
-        (tampered / SECOND).write_bytes(begin + time[:-1] + b"=" + end)
+        for file, sign in (tampered / SECOND, b"="), (cut / SECOND, b"-"):
+            begin, time, end = file.read_bytes().partition(b'"created_utc":"2')
+            file.write_bytes(begin + time[:-1] + sign + end)
         descriptor = os.open(held, os.O_RDONLY)
         self.addCleanup(os.close, descriptor)
         fcntl.flock(descriptor, fcntl.LOCK_EX)
@@ -74,11 +75,11 @@ class Archive(ArchiveTest):
             ("stopped", "no report", "", "", "", False), ("stopped", "no report", "", "", "", False),
             ("tampered", "judged", "true", "true", "pass of the w", False), ("tampered", *same),
             ("written", "being written", "", "", "", False), ("nowhere", "no folder", "", "", "", False)])
-        self.assertAlmostEqual(float(rows[2]["ppm_error"]), 40, 3)
+        self.assertAlmostEqual(float(rows[2]["ppm_error"]), -40, 3)
         self.assertEqual([(row["error"][-30:], row["requested_hz"], row["divider"]) for row in (
             rows[4], rows[-1])], [("missing", "1000.0", "30978"), ("No such file or directory", "", "")])
         self.assertGreater(int(rows[9]["ch3_count"]), 50)
-        self.assertEqual(rows[12]["start_utc"][:5], "'=026")  # no formula
+        self.assertEqual([rows[i]["start_utc"][:5] for i in (12, 1)], ["'=026", "'-026"])  # no formulas
         self.assertEqual([row["error"] for row in rows if row["state"] in ("judged", "being written")],
                          9 * [""])
 
@@ -92,7 +93,8 @@ class Archive(ArchiveTest):
             str(self.folder / "all/a" / place) for place in (
                 f"b/{FIRST}", f"b/{SECOND}", f"hard/{FIRST}", f"hard/{SECOND}")])
         self.assertIn("4 recordings of 2 runs", self.summary)
-        for roots, status in ("all", 0), ("drift", 2), ("all/a/b --min-tags-per-channel=9999999", 2):
+        for roots, status in ("all", 0), ("drift", 2), ("all/a/b --min-tags-per-channel=9999999", 2), \
+                ("all all/nowhere", 1):
             self.table(roots, status=status)
         (run / FIRST).write_bytes((run / FIRST).read_bytes()[:-100])
         self.table("all drift", status=3)

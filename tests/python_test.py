@@ -188,6 +188,8 @@ class Recordings(unittest.TestCase):
         found = [event for file, chunk_bytes in ((self.runs["shifted"] / self.file.name, 8192), (in_sync, 11))
                  for event in ot.Recording(file, chunk_bytes).lock_events[:3]]
         kind = ot.LockKind
+        info = json.loads(shell(f"ortime info --json '{self.file}'").stdout)
+        self.assertEqual([one.name.lower() for one in kind], list(info["recordings"][0]["locks"]["counts"]))
         self.assertEqual(found, [
             ot.LockEvent(kind.LOCKED, bit_offset=3, buffer_bytes=8192),
             ot.LockEvent(kind.IMPLAUSIBLE_DELTA, drops_lock=True, payload_offset_bytes=44040,
