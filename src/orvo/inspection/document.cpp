@@ -270,7 +270,9 @@ Json document_of(Facts& facts, const std::vector<verification::RunResult>& runs,
     seen(found, part);
     document["recordings"].push_back(std::move(part));
   }
-  facts.summary = summary_of(facts);
+  if (options.depth != Depth::header) {
+    facts.summary = summary_of(facts);
+  }
   document["settings"] = settings_json(facts);
   document["verdict"] = verdict_json(facts, options.depth);
   return document;

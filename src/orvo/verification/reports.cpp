@@ -239,9 +239,9 @@ void publish_latest(const std::filesystem::path& output_root, const std::filesys
   copy_file_checked(csv_path, output_root / kLatestCsv);
   copy_file_checked(json_path, output_root / kLatestJson);
   const std::filesystem::path summary_path = output_root / kLatestSummary;
+  // A new file: an instance that is late writes into the old one.
   if (std::filesystem::is_regular_file(std::filesystem::symlink_status(summary_path, error))) {
-    std::filesystem::remove(summary_path,
-                            error);  // an instance that is late writes into the old one
+    std::filesystem::remove(summary_path, error);
   }
   std::ofstream summary = open_report(summary_path, kTextNotOpened);
   try {

@@ -225,12 +225,11 @@ Json run_of(const Facts& facts, std::size_t index, Json entry, const Figure& fig
   }
   for (const Finding& finding : run.findings) {
     if (facts.recordings.size() > 1) {  // else they are above
-      std::string words = finding.text() + '.';
+      std::string words =
+          (finding.channels.empty() ? "" : fmt::format("channel {}: ", finding.channels.front())) +
+          finding.text() + '.';
       words.front() = static_cast<char>(std::toupper(static_cast<unsigned char>(words.front())));
-      entry["findings"].push_back(
-          finding.channels.empty()
-              ? words
-              : fmt::format("Channel {}: {}.", finding.channels.front(), finding.text()));
+      entry["findings"].push_back(words);
     }
   }
   if (run.judged && run.recording->locks.entries().size() > 1) {
