@@ -16,8 +16,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr const char* kReportName = "overflow_frequency.json";
-constexpr std::string_view kRecordingStem = "overflow_frequency_";
 constexpr std::string_view kStampShape = "00000000_000000";  // of a run directory's name
 
 bool is_file(const fs::path& path) {
@@ -43,14 +41,12 @@ std::vector<fs::path> entries_of(const fs::path& directory, const Wanted& is_wan
 }
 
 std::vector<fs::path> recordings_in(const fs::path& directory) {
-  return entries_of(directory, [](const fs::path& path) {
-    return path.filename().string().starts_with(kRecordingStem) && path.extension() == ".ortime" &&
-           is_file(path);
-  });
+  return entries_of(directory,
+                    [](const fs::path& path) { return is_recording_name(path) && is_file(path); });
 }
 
 bool is_run(const fs::path& directory) {
-  return is_file(directory / kReportName) || !recordings_in(directory).empty();
+  return is_file(directory / report_name()) || !recordings_in(directory).empty();
 }
 
 /// Whether it is one of a verification, whose name is when it began.
@@ -77,9 +73,9 @@ bool is_held(const fs::path& directory) {
 fs::path newest_of(const std::vector<fs::path>& starts) {
   const fs::path& newest = starts.back();
   const bool running = is_held(newest);  // the report is its last work: looked for after this
-  if (running || !is_file(newest / kReportName)) {
+  if (running || !is_file(newest / report_name())) {
     const auto older = std::find_if(starts.rbegin() + 1, starts.rend(), [](const fs::path& start) {
-      return is_file(start / kReportName);
+      return is_file(start / report_name());
     });
     throw timing::Error(
         OT_ERR_NOT_FOUND,
@@ -101,7 +97,7 @@ fs::path run_directory_in(const fs::path& directory) {
                         fmt::format("{:?} holds neither {} nor a recording nor run directories: "
                                     "a run directory is what the verification has printed after "
                                     "\"Output: \"",
-                                    directory.string(), kReportName));
+                                    directory.string(), report_name()));
   }
   return newest_of(starts);
 }
@@ -111,7 +107,7 @@ fs::path run_directory_in(const fs::path& directory) {
 fs::path directory_of(const RunDirectory& dir) {
   const fs::path beside = dir.report.parent_path();
   const fs::path run = beside / dir.runs.front().stream_file.parent_path().filename();
-  return dir.report.filename() != kReportName && is_run(run) ? run : beside;
+  return dir.report.filename() != report_name() && is_run(run) ? run : beside;
 }
 
 /// Sets where the recordings are now.
@@ -136,6 +132,13 @@ void find_recordings(RunDirectory& dir) {
 
 }  // namespace
 
+std::string report_name() { return std::string(verification::kVerificationName) + ".json"; }
+
+bool is_recording_name(const fs::path& path) {
+  return path.extension() == verification::kRecordingEnding &&
+         path.filename().string().starts_with(std::string(verification::kVerificationName) + '_');
+}
+
 bool names_run(const fs::path& path) {
   std::error_code error;  // what cannot be looked at cannot be opened either, which says why
   return path.extension() == ".json" || fs::is_directory(path, error);
@@ -150,12 +153,12 @@ RunDirectory load_run(const fs::path& path) {
                         fmt::format("cannot open {:?}: {}", path.string(), error.message()));
   }
   const bool is_directory = fs::is_directory(named, error);
-  if (!is_directory && named.extension() == ".ortime") {
+  if (!is_directory && named.extension() == verification::kRecordingEnding) {
     throw timing::Error(OT_ERR_ARGUMENT,
                         fmt::format("{:?} is a recording: name its run", path.string()));
   }
   dir.path = is_directory ? run_directory_in(named) : named.parent_path();
-  dir.report = is_directory ? dir.path / kReportName : named;
+  dir.report = is_directory ? dir.path / report_name() : named;
   if (is_directory && dir.path != named) {
     dir.notes.push_back(fmt::format("newest run: {:?}", dir.path.string()));
   }

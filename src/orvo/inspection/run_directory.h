@@ -38,6 +38,11 @@ struct RunDirectory {
   [[nodiscard]] bool ended() const { return !report.empty(); }
 };
 
+/// The JSON report in a run directory.
+[[nodiscard]] std::string report_name();
+/// Whether the tool gives recordings such names, whatever the folder.
+[[nodiscard]] bool is_recording_name(const std::filesystem::path& path);
+
 /// Whether `path` names a run as load_run() takes it, rather than a stream file.
 [[nodiscard]] bool names_run(const std::filesystem::path& path);
 

@@ -142,8 +142,8 @@ verification::RunResult run_of(const json& object) {
 }
 
 void fill(const json& report, RunDirectory& dir) {
-  if (report.at("verification") != "overflow_frequency") {
-    refuse(report.at("verification"), "is not overflow_frequency");
+  if (report.at("verification") != verification::kVerificationName) {
+    refuse(report.at("verification"), std::string("is not ") + verification::kVerificationName);
   }
   dir.pass = report.at("pass").get<bool>();
   dir.capture_s = report.at("capture_s").get<double>();

@@ -25,6 +25,11 @@ static_assert(kCalibrationBaseHz == 30'978'260.86956522);
 /// The instrument's clock counts 3333 ps for each 10/3 ns that pass.
 inline constexpr double kDecodedTimestampSecondsPerSecond = 0.9999;
 
+/// In reports, and what the names of a run's files begin with: recordings have their number and
+/// kRecordingEnding, reports their endings.
+inline constexpr const char* kVerificationName = "overflow_frequency";
+inline constexpr const char* kRecordingEnding = ".ortime";
+
 using timing::kChannels;
 
 struct ChannelResult {

@@ -144,7 +144,7 @@ void write_json_report(const std::filesystem::path& json_path, const Config& con
                        const std::vector<RunResult>& results, bool all_pass) {
   std::ofstream out = open_report(json_path, "could not open overflow JSON output");
   out << "{\n"
-      << "  \"verification\":\"overflow_frequency\",\n"
+      << "  \"verification\":\"" << kVerificationName << "\",\n"
       << "  \"pass\":" << true_or_false(all_pass) << ",\n";
   write_json_settings(out, config);
   out << "  \"runs\":[\n";
@@ -214,13 +214,14 @@ std::ostream& operator<<(std::ostream& out, Fixed number) {
 
 void write_reports(const std::filesystem::path& output_root, const std::filesystem::path& run_dir,
                    const Config& config, const std::vector<RunResult>& results, bool all_pass) {
-  const std::filesystem::path csv_path = run_dir / "overflow_frequency.csv";
-  const std::filesystem::path json_path = run_dir / "overflow_frequency.json";
+  const std::string name = kVerificationName;
+  const std::filesystem::path csv_path = run_dir / (name + ".csv");
+  const std::filesystem::path json_path = run_dir / (name + ".json");
   write_csv(csv_path, results);
   write_json_report(json_path, config, results, all_pass);
   const std::string summary_text =
       format_summary(run_dir, csv_path, json_path, config, results, all_pass);
-  write_text_file(run_dir / "overflow_frequency.summary.txt", summary_text);
+  write_text_file(run_dir / (name + ".summary.txt"), summary_text);
   publish_latest(output_root, csv_path, json_path, summary_text);
 
   std::cout << summary_text;

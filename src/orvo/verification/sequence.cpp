@@ -45,8 +45,8 @@ void announce_run(const Config& config, std::size_t index) {
 }
 
 std::string stream_file_name(unsigned long index) {
-  return (index < 10 ? "overflow_frequency_0" : "overflow_frequency_") + std::to_string(index) +
-         ".ortime";
+  return std::string(kVerificationName) + (index < 10 ? "_0" : "_") + std::to_string(index) +
+         kRecordingEnding;
 }
 
 /// Records one run and shows how far it is; returns the payload bytes.

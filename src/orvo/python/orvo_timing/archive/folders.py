@@ -8,8 +8,6 @@ from typing import NamedTuple
 
 from .. import _native
 
-REPORT = "overflow_frequency.json"
-
 
 class Folder(NamedTuple):
     path: str
@@ -17,10 +15,6 @@ class Folder(NamedTuple):
     is_run: bool = False
     links: tuple[str, ...] = ()  # to folders, which are left aside
     recordings: tuple[str, ...] = ()
-
-
-def is_recording(name: str) -> bool:
-    return name.startswith("overflow_frequency_") and name.endswith(".ortime")
 
 
 def folders(root: str) -> Iterator[Folder]:
@@ -41,10 +35,10 @@ def folders(root: str) -> Iterator[Folder]:
                         below.append(entry.name)
                     elif entry.is_symlink() and os.path.isdir(entry.path):
                         links.append(entry.path)
-                    elif is_recording(entry.name):
+                    elif _native.is_recording_name(entry.name):
                         recordings.append(entry.path)
                     else:
-                        has_report = has_report or entry.name == REPORT
+                        has_report = has_report or entry.name == _native.REPORT_NAME
         except OSError as error:
             yield Folder(path, error.strerror)
             continue
