@@ -244,7 +244,7 @@ Payload byte 68 535, after the timestamp at 115.7 ms: records begin here, 24 byt
         self.assertTrue(findings.startswith("doubt: PASS, but the recordings say otherwise\n"), findings)
         self.assertIn("Run 2 at 31 kHz: its recording was not judged: recording ", findings)
         self.assertIn("Run 3 at 31 kHz: the recording does not decode to what the report says: "
-                      "payload_bytes 7660 reported, 7641 now; ", findings)
+                      "payload_bytes=7641 (report: 7660); ", findings)
         self.assertEqual(page.count('class="advice"'), 2)
         self.assertEqual(page.count("<figure>"), 2)
         for file in self.here.glob("*.ortime"):

@@ -77,9 +77,9 @@ pass=true
         for mask in "", " --channels 0,1":  # although all that counts has passed
             self.assertEqual(self.ortime("verify ." + mask), 3)
             self.assertTrue(self.err.startswith(
-                "ortime: run 1: payload_bytes=1435 differs from the report: 1449\n"
-                "ortime: run 1: decoded_tags=297 differs from the report: 300\n"
-                "ortime: run 1: ch0 count=99 differs from the report: 100\n"), self.err)
+                "ortime: run 1: payload_bytes=1435 (report: 1449)\n"
+                "ortime: run 1: decoded_tags=297 (report: 300)\n"
+                "ortime: run 1: ch0 count=99 (report: 100)\n"), self.err)
             self.assertIn("\nortime: recordings and report disagree in 14 numbers: ", self.err)
             self.assertTrue(self.out.endswith("\npass=false disagreements=14\n"), self.out)
 
@@ -90,10 +90,10 @@ pass=true
         self.save_report()
         self.assertEqual(self.ortime("verify ."), 3)
         self.assertIn((
-            "ortime: run 1: pass=false differs from the report: true\n"
-            "ortime: run 1: ch2 pass=false differs from the report: true\n"
-            "ortime: run 1: ch3 pass=false differs from the report: true\n"
-            "ortime: pass=false differs from the report: true\n"), self.err)
+            "ortime: run 1: pass=false (report: true)\n"
+            "ortime: run 1: ch2 pass=false (report: true)\n"
+            "ortime: run 1: ch3 pass=false (report: true)\n"
+            "ortime: pass of the whole run=false (report: true)\n"), self.err)
         self.assertIn("or made with another --min-tags-per-channel or --tolerance-ppm?\n", self.err)
 
     def test_judges_what_is_there_and_names_what_is_missing(self):
@@ -125,7 +125,8 @@ pass=true
         lost, judged, _ = document["recordings"]
         self.assertIn("error", lost)
         self.assertEqual(judged["differences"], [
-            {"channel": None, "name": "decoded_tags", "reported": 301, "judged": 300}])
+            {"channel": None, "name": "decoded_tags", "reported": 301, "judged": 300,
+             "words": "decoded_tags=300 (report: 301)"}])
         channel = judged["judged"]["channels"][2]
         self.assertAlmostEqual(channel.pop("ppm_error"), run["channels"][2].pop("ppm_error"), delta=1e-6)
         self.assertAlmostEqual(channel.pop("measured_hz"), run["channels"][2].pop("measured_hz"), delta=1e-9)

@@ -39,10 +39,12 @@ void compare(const Json& channel, const Json& reported, const Json& judged, bool
     const std::string before = digits_of(name, reported[name]);
     const std::string now = digits_of(name, value);
     if (before != now && (with_verdicts || name != "pass")) {
+      const std::string place = channel.is_null() ? "" : "ch" + channel.dump() + ' ';
       differences.push_back({{"channel", channel},
                              {"name", name},
                              {"reported", Json::parse(before)},
-                             {"judged", Json::parse(now)}});
+                             {"judged", Json::parse(now)},
+                             {"words", difference_text(place + name, now, before)}});
     }
   }
 }
@@ -127,9 +129,13 @@ std::string digits_of(const std::string& name, const Json& value) {
                                    : value.dump();
 }
 
-std::string name_of(const Json& difference) {
-  const auto& name = difference["name"].get_ref<const std::string&>();
-  return difference["channel"].is_null() ? name : "ch" + difference["channel"].dump() + ' ' + name;
+std::string difference_text(const std::string& name, const std::string& judged,
+                            const std::string& reported) {
+  return fmt::format("{}={} (report: {})", name, judged, reported);
+}
+
+std::string verdict_difference_text(bool reported) {
+  return difference_text("pass of the whole run", Json(!reported).dump(), Json(reported).dump());
 }
 
 std::string options_behind(const Json& differences) {

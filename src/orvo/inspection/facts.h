@@ -40,8 +40,11 @@ struct GivenSettings {
 /// `value` with as many digits as reports have under `name`, where they have it.
 [[nodiscard]] std::string digits_of(const std::string& name, const Json& value);
 
-/// "ch0 count": what differs.
-[[nodiscard]] std::string name_of(const Json& difference);
+/// "ch0 count=99 (report: 100)".
+[[nodiscard]] std::string difference_text(const std::string& name, const std::string& judged,
+                                          const std::string& reported);
+/// The same of the verdict on the whole run, which is the opposite of the one that was `reported`.
+[[nodiscard]] std::string verdict_difference_text(bool reported);
 /// Options that, given as in the run, may explain differences: those of verdicts, of numbers.
 [[nodiscard]] std::string options_behind(const Json& differences);
 
@@ -95,7 +98,7 @@ struct RecordingFacts {
   std::optional<verification::RunResult> judged;
   bool divider_inferred = false;  ///< from the recording's first intervals
   /// Values that reported and judged run do not share, each with channel (null: the run), name,
-  /// reported, judged, in the digits of a report.
+  /// reported, judged, in the digits of a report, and its difference_text() as words.
   Json differences = Json::array();
   double expected_events = 0;  ///< of a channel in the capture; 0: unknown
   double decoded_s = 0;        ///< of the capture, by the judged channel with the fewest events

@@ -287,10 +287,7 @@ void Look::look_at_differences() {
   const std::size_t all = run_.differences.size();
   std::string words;
   for (std::size_t i = 0; i < std::min(all, kMaxDifferences); ++i) {
-    const Json& one = run_.differences[i];
-    words +=
-        fmt::format("{}{} {} reported, {} now", i == 0 ? ": " : "; ", name_of(one),
-                    digits_of(one["name"], one["reported"]), digits_of(one["name"], one["judged"]));
+    words += (i == 0 ? ": " : "; ") + run_.differences[i]["words"].get<std::string>();
   }
   if (all > kMaxDifferences) {
     words += fmt::format("; and {} more", all - kMaxDifferences);

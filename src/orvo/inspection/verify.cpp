@@ -39,10 +39,7 @@ void explain(const RecordingFacts& run, std::size_t number) {
     }
   }
   for (const Json& difference : run.differences) {
-    const auto& name = difference["name"].get_ref<const std::string&>();
-    say(fmt::format("run {}: {}={} differs from the report: {}", number, name_of(difference),
-                    digits_of(name, difference["judged"]),
-                    digits_of(name, difference["reported"])));
+    say(fmt::format("run {}: {}", number, difference["words"].get<std::string>()));
   }
 }
 
@@ -63,7 +60,7 @@ void print(const Json& recording) {
 int finish(const Facts& facts) {
   const Summary& summary = facts.summary;
   if (summary.verdicts_differ) {
-    say(fmt::format("pass={} differs from the report: {}", !facts.dir.pass, facts.dir.pass));
+    say(verdict_difference_text(facts.dir.pass));
   }
   if (summary.disagreements != 0) {
     Json all = Json::array();

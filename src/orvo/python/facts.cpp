@@ -77,8 +77,8 @@ fs::path place_of(const verification::RunResult& run, const inspection::RunDirec
   return dir.path / run.stream_file.filename();
 }
 
-/// Of the run at `path`: whether it is being written; its verdict as reported, where that is not
-/// the one of its recordings as reported; and where they are, or should be, in its folder.
+/// Of the run at `path`: whether it is being written; what is said where its verdict as reported is
+/// not the one of its recordings as reported; and where they are, or should be, in its folder.
 py::tuple outline(const fs::path& path) {
   const auto dir = without_lock([&] { return inspection::load_run(path); });
   bool pass = true;
@@ -89,8 +89,8 @@ py::tuple outline(const fs::path& path) {
         py::reinterpret_steal<py::object>(PyUnicode_DecodeFSDefault(place_of(run, dir).c_str())));
   }
   const bool contradicts = dir.ended() && dir.pass != pass;
-  return py::make_tuple(dir.running, contradicts ? py::object(py::bool_(dir.pass)) : py::none(),
-                        files);
+  return py::make_tuple(dir.running,
+                        contradicts ? inspection::verdict_difference_text(dir.pass) : "", files);
 }
 
 /// The document about the run at `path`, whose recordings are looked into so deep; with a `number`

@@ -44,12 +44,13 @@ class Settings(NamedTuple):
 
 
 class Unit(NamedTuple):
-    """One recording to judge. claim: the verdict on the whole run, where its parts say otherwise."""
+    """One recording to judge. contradiction: of the verdict on the whole run, where its parts say
+    otherwise."""
 
     run_directory: str
     number: int
     stream_file: str
-    claim: bool | None
+    contradiction: str
 
 
 class Stopped(Exception):
@@ -196,7 +197,7 @@ def units(roots: list[str], stop: _native.StopFlag) -> Iterator[Unit | Row]:
 
 def units_of(run_directory: str) -> Iterator[Unit | Row]:
     try:
-        being_written, claim, files = _native.outline(run_directory)
+        being_written, contradiction, files = _native.outline(run_directory)
     except (Error, OSError) as error:
         yield row_of(run_directory, None, "unreadable", str(error))
         return
@@ -204,7 +205,7 @@ def units_of(run_directory: str) -> Iterator[Unit | Row]:
         yield row_of(run_directory, None, "being written")
         return
     for number, file in enumerate(files):
-        yield Unit(run_directory, number, file, claim if number == 0 else None)
+        yield Unit(run_directory, number, file, contradiction if number == 0 else "")
 
 
 def judge_unit(unit: Unit, settings: Settings, stop: _native.StopFlag | None = None) -> Row:
@@ -213,7 +214,7 @@ def judge_unit(unit: Unit, settings: Settings, stop: _native.StopFlag | None = N
         recording = _native.verify(
             unit.run_directory, settings.tolerance_ppm, settings.min_tags_per_channel, None,
             settings.chunk_bytes, types.SimpleNamespace, unit.number, stop)
-        fill(row, recording, unit.claim if settings[:2] == (None, None) else None)
+        fill(row, recording, unit.contradiction if settings[:2] == (None, None) else "")
     except (Error, OSError, MemoryError) as error:
         row["error"] = str(error) or "not enough memory"
     if row["error"] is not None and not os.path.exists(unit.stream_file):
@@ -226,7 +227,7 @@ def row_of(run_directory: str, stream_file: str | None, state: str, error: str |
             "state": state, "differences": "", "error": error}
 
 
-def fill(row: Row, recording: Any, claim: bool | None) -> None:
+def fill(row: Row, recording: Any, contradiction: str) -> None:
     """Takes over what the document says of the recording."""
     row["error"] = recording.error
     row["payload_bytes"] = recording.payload_bytes
@@ -243,7 +244,8 @@ def fill(row: Row, recording: Any, claim: bool | None) -> None:
     if recording.reported is None:
         row["error"] = "the run left no report: it was stopped, or an error ended it"
     row["pass"] = recording.judged.passed
-    row["differences"] = differences(recording.differences, claim)
+    row["differences"] = "; ".join(filter(None, (
+        contradiction, *(difference.words for difference in recording.differences))))
     channels = recording.judged.channels
     row.update({f"ch{channel.channel}_count": channel.count for channel in channels})
     counting = [channel for channel in channels if channel.judged]
@@ -254,16 +256,3 @@ def fill(row: Row, recording: Any, claim: bool | None) -> None:
         worst = max(counting, key=lambda channel: (channel.ppm_error is None,
                                                    abs(channel.ppm_error or 0)))
         row["worst_channel"], row["ppm_error"] = worst.channel, worst.ppm_error
-
-
-def differences(found: tuple[Any, ...], claim: bool | None) -> str:
-    """"ch0 count=99 (report: 100); ..." """
-    def text(value: object) -> str:
-        return str(value).lower() if isinstance(value, bool) else str(value)
-
-    words = [] if claim is None else [f"pass of the whole run={text(not claim)} (report: {text(claim)})"]
-    for difference in found:
-        channel = "" if difference.channel is None else f"ch{difference.channel} "
-        words.append(f"{channel}{difference.name}={text(difference.judged)} "
-                     f"(report: {text(difference.reported)})")
-    return "; ".join(words)
