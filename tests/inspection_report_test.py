@@ -261,7 +261,7 @@ Payload byte 68 535, after the timestamp at 115.7 ms: records begin here, 24 byt
         self.assertNotIn("lost", findings_of(page))
         self.assertIn("nothing: no calibration source; deviations are from each channel's own median", page)
         self.assertEqual(self.status, 0, self.err)
-        self.assertIn("none: No verdict: the run did not end\n", findings_of(page))
+        self.assertIn("none: No verdict: there is no report\n", findings_of(page))
         self.assertIn("divider 1\u202F000, as the intervals suggest", page)
         self.assertEqual(page.count("<figure>"), 2)
         self.assertNotRegex(words_of(page, "<body>", "</body>"), "✓|✗|PASS|FAIL")

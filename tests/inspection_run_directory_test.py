@@ -86,7 +86,7 @@ class RunDirectory(OrtimeTest):
         newest.mkdir()
         self.assertEqual(self.ortime("verify root/20261126_000000"), 1)
         self.assertIn(f"holds neither {REPORT} nor a recording nor run directories", self.err)
-        left_none = "left no report: it was stopped, or an error ended it"
+        left_none = "has no report: it was stopped, an error ended it, or another program recorded it"
         for file, is_held, reason in ((None, False, left_none), (recording(1), False, left_none),
                                       (recording(1), True, "is still running"),
                                       (REPORT, True, "is still running")):

@@ -167,7 +167,8 @@ pass=true
         for words, error in (
                 ("missing --divider 1", 'cannot open "missing": No such file or directory'),
                 ("undecodable --divider 1", "records that cannot be decoded: packed_delta of 99 bits"),
-                (".", '"." left no report: it was stopped, or an error ended it; judge its recordings with')):
+                (".", '"." has no report: it was stopped, an error ended it, or another program recorded it; judge its '
+                 "recordings with")):
             self.assertEqual(self.ortime("verify " + words), 1)
             self.assertIn(error, self.err)
             self.assertEqual(self.out, "")

@@ -247,7 +247,7 @@ void say(const std::string& words) {
 }
 
 RunDirectory opened(const std::filesystem::path& path) {
-  RunDirectory dir = names_run(path) ? load_run(path) : RunDirectory();
+  RunDirectory dir = load_run(path);
   for (const std::string& note : dir.notes) {
     say(note);
   }

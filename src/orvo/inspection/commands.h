@@ -82,7 +82,7 @@ struct ReportOptions {
 /// To standard error, unless it is empty.
 void say(const std::string& words);
 
-/// The run that `path` names; an empty one where it names a stream file. Says what is to be known.
+/// load_run(), which says what is to be known.
 [[nodiscard]] RunDirectory opened(const std::filesystem::path& path);
 
 /// What a command line asks for; or the status to end with, when help or the version has been shown

@@ -98,7 +98,7 @@ void Look::look_at_file() {
          .advice = run_.recording ? ""
                                   : "Name the folder that holds the recordings, or put them "
                                     "beside the report."});
-  } else if (run_.recording && !run_.recording->warning.empty()) {
+  } else if (!run_.recording->warning.empty()) {
     add({.kind = Kind::header,
          .words = "its recording is odd",
          .detail = ": " + run_.recording->warning});

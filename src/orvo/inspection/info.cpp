@@ -26,15 +26,15 @@ int run(const InfoOptions& options) {
     facts.recordings.clear();
   };
   for (const std::filesystem::path& path : options.paths) {
-    Facts facts = facts_about(opened(path), {});
-    const std::vector<verification::RunResult> runs = facts.dir.runs;
-    for (const verification::RunResult& run : runs) {
-      show(run, facts);
+    RunDirectory dir;
+    if (names_run(path)) {
+      dir = opened(path);
+    } else {
+      dir.runs.emplace_back().stream_file = path;
     }
-    if (!names_run(path)) {
-      verification::RunResult unreported;
-      unreported.stream_file = path;
-      show(unreported, facts);
+    Facts facts = facts_about(dir, {});
+    for (const verification::RunResult& run : dir.runs) {
+      show(run, facts);
     }
   }
   if (options.json) {

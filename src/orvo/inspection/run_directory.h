@@ -12,7 +12,9 @@ namespace orvo::inspection {
 
 /// Goes on after the run's name.
 inline const char* why_no_report(bool running) {
-  return running ? "is still running" : "left no report: it was stopped, or an error ended it";
+  return running
+             ? "is still running"
+             : "has no report: it was stopped, an error ended it, or another program recorded it";
 }
 
 struct RunDirectory {

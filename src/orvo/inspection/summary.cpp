@@ -48,8 +48,7 @@ std::vector<Finding> by_channels(const std::vector<Finding>& findings) {
   std::vector<Finding> merged;
   for (const Finding& finding : findings) {
     const auto same = std::find_if(merged.begin(), merged.end(), [&](const Finding& one) {
-      return alike(one, finding) && one.amount.text == finding.amount.text &&
-             !one.channels.empty() && !finding.channels.empty();
+      return alike(one, finding) && one.amount.text == finding.amount.text;
     });
     if (same == merged.end()) {
       merged.push_back(finding);
@@ -66,8 +65,7 @@ std::vector<Group> groups_of(const Facts& facts) {
   for (std::size_t run = 0; run < facts.recordings.size(); ++run) {
     for (const Finding& finding : by_channels(facts.recordings[run].findings)) {
       const auto same = std::find_if(groups.begin(), groups.end(), [&](const Group& group) {
-        return alike(group.most, finding) && group.most.channels == finding.channels &&
-               group.runs.back() != run;
+        return alike(group.most, finding) && group.most.channels == finding.channels;
       });
       if (same == groups.end()) {
         groups.push_back({finding, finding, {run}});
@@ -189,9 +187,9 @@ void judge_whole(const Facts& facts, Summary& summary) {
     summary.headline = summary.pass ? "PASS" : "FAIL";
   } else if (!facts.ended()) {
     summary.headline = facts.dir.running ? "No verdict: the run is still running"
-                                         : "No verdict: the run did not end";
-    summary.lead = fmt::format("The verification {}. This is what it has recorded.",
-                               why_no_report(facts.dir.running));
+                                         : "No verdict: there is no report";
+    summary.lead =
+        fmt::format("The run {}. This is what was recorded.", why_no_report(facts.dir.running));
   } else if (!facts.dir.pass || failed != 0) {
     summary.look = "fail";
     summary.headline = "FAIL";

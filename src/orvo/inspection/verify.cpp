@@ -102,7 +102,8 @@ std::vector<verification::RunResult> runs_of(const Facts& facts, const VerifyOpt
 }  // namespace
 
 int run(const VerifyOptions& options) {
-  Facts facts = facts_about(opened(options.path), options.given);
+  Facts facts =
+      facts_about(names_run(options.path) ? opened(options.path) : RunDirectory(), options.given);
   const RecordingOptions look = {.depth = Depth::counts, .chunk_bytes = options.chunk_bytes};
   const Json document = document_of(
       facts, runs_of(facts, options), look, [&](const RecordingFacts& found, const Json& part) {

@@ -184,6 +184,7 @@ void define_facts(py::module_& module) {
       .def("set", &StopFlag::set)
       .def("is_set", &StopFlag::is_set);
   module.attr("REPORT_NAME") = inspection::report_name();
+  module.attr("NO_REPORT") = inspection::why_no_report(false);
   module.def("is_recording_name", inspection::is_recording_name, py::arg("name"));
   module.def("outline", outline, py::arg("path"));
   module.def("load_run", load, py::arg("path"), py::arg("namespace_type"));

@@ -28,11 +28,7 @@ void open(const std::filesystem::path& path, const RunDirectory& dir,
 
 int run(const ReportOptions& options) {
   unsetenv("ORVO_PACKED_DEBUG");  // the page has the lock history
-  RunDirectory dir = opened(options.path);
-  if (dir.path.empty()) {
-    dir = load_run(options.path);  // which says what is wrong
-  }
-  Facts facts = facts_about(std::move(dir), options.given);
+  Facts facts = facts_about(opened(options.path), options.given);
   std::optional<OutputFile> page, data;
   open(options.output, facts.dir, page);
   open(options.json, facts.dir, data);

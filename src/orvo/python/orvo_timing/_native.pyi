@@ -9,6 +9,7 @@ __version__: str
 STATUS_IO: int
 STATUS_FORMAT: int
 REPORT_NAME: str
+NO_REPORT: str
 
 class Blocks(Iterator[Tags]):
     def __next__(self) -> Tags: ...

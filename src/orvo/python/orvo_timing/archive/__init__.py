@@ -20,7 +20,7 @@ from .folders import folders, without_links
 
 # What is known of a recording; None where there is nothing to know. `state` is one of
 #   judged         again, as `ortime verify` does: `pass`, and whether there are `differences`
-#   no report      was made by a run that did not end: counts alone
+#   no report      was made by a run that has none: counts alone
 #   being written  the run, which is still running; a row without a recording
 #   missing        not in the folder of its run
 #   unreadable     the recording or, without a stream_file, the report of a run: see `error`
@@ -242,7 +242,7 @@ def fill(row: Row, recording: Any, contradiction: str) -> None:
         return
     row["state"] = "judged" if recording.reported is not None else "no report"
     if recording.reported is None:
-        row["error"] = "the run left no report: it was stopped, or an error ended it"
+        row["error"] = f"the run {_native.NO_REPORT}"
     row["pass"] = recording.judged.passed
     row["differences"] = "; ".join(filter(None, (
         contradiction, *(difference.words for difference in recording.differences))))
