@@ -34,6 +34,7 @@ class InspectionFiles(OrtimeTest):
                 ("verify f --divider 4294967296", "from 1 to 4294967295"),
                 ("verify f --requested-hz nan", "'nan' is not a number greater than 0"),
                 ("verify f --divider 3 --tolerance-ppm nan", "of at least 0"),
+                ("verify f --divider 3 --tolerance-ppm abc", "'abc' is not a number of at least 0"),
                 ("report x", "--output or --json is required"),
                 ("report x -o ''", "the name is empty"),
                 *((f"report x -o {outputs}", "needs a file of its own") for outputs in (

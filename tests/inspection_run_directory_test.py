@@ -23,13 +23,22 @@ class RunDirectory(OrtimeTest):
                 (":25.000,", ":infinite,", ": parse error at line 9,"),
                 ('ps":1000000000160', f'ps":{2**63}',
                  ": (/runs/0/channels/0/first_ps) is not an integer from -9"),
+                ('"count":100', '"count":1.5', ": (/runs/0/channels/0/count) is not an integer from 0 to 18"),
+                ('"channel":0', '"channel":1', ": (/runs/0/channels/0/channel) is not 0"),
+                ('"channels":[', '"channels":[0,', ": (/runs/0/channels) has not 4 elements"),
                 ('"runs":[', '"runs":[],"x":[', ": (/runs) is empty"),
+                (str(self.run_dir() / recording(1)), "", ": (/runs/0/stream_file) is not a path"),
                 (str(self.run_dir() / recording(1)), "a\\u0000", ": (/runs/0/stream_file) is not a path")):
             with self.subTest(error):
                 self.assertIn(old, report)
                 (self.here / REPORT).write_text(report.replace(old, new, 1))
                 self.assertEqual(self.ortime("verify ."), 1)
                 self.assertTrue(self.err.startswith(f'ortime: "./{REPORT}"{error}'), self.err)
+        self.run_of_report["channels"][0]["first_ps"] = -5
+        self.save_report()
+        self.assertEqual(self.ortime("verify ."), 3)
+        self.assertIn("run 1: ch0 first_ps=1000000000160 (report: -5)\n", self.err)
+        self.run_of_report["channels"][0]["first_ps"] = 1000000000160
         self.save_report()
         (self.here / REPORT).write_text(" " * (60 << 20) + (self.here / REPORT).read_text())
         self.assertEqual(self.ortime("verify ."), 0, self.err)  # as with very many runs
@@ -101,10 +110,19 @@ class RunDirectory(OrtimeTest):
                     self.assertEqual(self.err, (
                         f'ortime: the newest run, "./root/{newest.name}", {reason}; name its folder to look '
                         f'at it, or an older one\'s: "./root/{newer.name}"\n'))
+            if is_held:
+                self.assertEqual(self.ortime(f"report root/{newest.name} -o page.html"), 0)
+                self.assertEqual("No verdict: the run is still running" in (self.here / "page.html").read_text(),
+                                 file != REPORT)
             os.close(held)
         self.assertEqual(self.ortime("verify root"), 0)
-        self.assertEqual(self.ortime("verify missing.json"), 1)
-        self.assertEqual(self.err, 'ortime: cannot open "missing.json": No such file or directory\n')
+        os.mkfifo(self.here / "pipe.json")
+        for words, error in (("verify missing.json", 'cannot open "missing.json": No such file or directory'),
+                             ("verify pipe.json", 'cannot open "./pipe.json": Operation not supported'),
+                             (f"report {recording(1)} -o p", f'"{recording(1)}" is a recording: name its run'),
+                             ("info - <root", "standard input is a directory: name a stream file in it")):
+            self.assertEqual(self.ortime(words), 1)
+            self.assertEqual(self.err, f"ortime: {error}\n")
 
     def test_without_a_report_has_its_recordings(self):
         run = self.here / "run"

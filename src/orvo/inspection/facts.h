@@ -79,7 +79,8 @@ struct Finding {
 
   Kind kind = Kind::header;
   std::vector<std::size_t> channels = {};  ///< none: the run as a whole
-  std::string words;                       ///< goes on after these: "lost {}", {} for the amount
+  /// Goes on after these: "lost {0}{1}" with the amount, and " each" where it is that of several.
+  std::string words;
   Amount amount = {};
   std::string detail = {};  ///< goes on after the words, for this run and channel alone
   std::string cause = {};   ///< a sentence, or empty, like the next

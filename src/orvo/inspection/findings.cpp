@@ -6,6 +6,7 @@
 
 #include "orvo/inspection/facts.h"
 #include "orvo/inspection/text.h"
+#include "orvo/timing/packed/alignment.h"
 
 namespace orvo::inspection {
 namespace {
@@ -25,10 +26,11 @@ constexpr std::size_t kMaxDifferences = 6;
 
 constexpr const char* kDamageAdvice =
     "Bytes of a damaged stream were lost or changed before they were recorded: check cable, hub "
-    "and driver, and record again. What is there may decode further with --chunk-bytes=65536.";
+    "and driver, and record again. Where the decoder lost its place, more may decode with "
+    "--chunk-bytes=65536.";
 constexpr const char* kLostAdvice =
-    "Events were lost before they were recorded: record again at a lower rate, and over another "
-    "port or cable.";
+    "Events were lost or changed before they were recorded: record again at a lower rate, and over "
+    "another port or cable.";
 constexpr const char* kEndedAdvice =
     "Fewer timestamps than the capture can hold: check what feeds the channels, cable, hub and "
     "driver, and record again.";
@@ -46,11 +48,21 @@ Finding::Amount times(std::uint64_t number) {
   return {static_cast<double>(number), times_text(number)};
 }
 
+/// A lost event leaves a gap, a pulse too many an extra event; a source that has both has neither.
+bool is_damaged(const Recording& recording) {
+  IntervalSummary all;
+  for (const ChannelRecording& channel : recording.channels) {
+    all.add(channel.intervals);
+  }
+  return recording.locks.dropped() != 0 || recording.tags_outside != 0 ||
+         (all.gaps != 0 && all.extra_events != 0);
+}
+
 /// The findings of one run, as they come.
 class Look {
  public:
   Look(const Facts& facts, const RecordingFacts& run)
-      : facts_(facts), run_(run), damaged_(run.recording && run.recording->locks.dropped() != 0) {}
+      : facts_(facts), run_(run), damaged_(run.judged && is_damaged(*run.recording)) {}
 
   std::vector<Finding> all() {
     look_at_file();
@@ -108,27 +120,42 @@ void Look::look_at_file() {
 bool Look::look_at_locks() {
   const Recording& recording = *run_.recording;
   const LockHistory& locks = recording.locks;
+  const bool internal = recording.header.mode == timing::Mode::internal;
   const double period_ps = kPicosecondsPerSecond / run_.shown().expected_decoded_hz;
-  if (recording.header.mode == timing::Mode::internal && std::isfinite(period_ps) &&
-      period_ps > kLongestStep_ps) {
+  if (internal && std::isfinite(period_ps) && period_ps > kLongestStep_ps) {
     add({.kind = Kind::too_slow,
          .words =
              fmt::format("its events lie {} apart, and the decoder refuses steps above one second",
                          time_text(period_ps)),
          .advice = "Ask the calibration source for more than one event a second."});
-  } else if (locks.count(timing::LockEvent::Kind::locked) == 0 && !locks.entries().empty()) {
+  } else if (recording.header.stream_format == timing::Format::packed_delta &&
+             locks.count(timing::LockEvent::Kind::locked) == 0 &&
+             recording.read_bytes > timing::detail::kLastOffset) {
     add({.kind = Kind::no_lock,
          .words = "the decoder found no valid record boundary",
-         .advice = "One silent channel is enough to hide all others: check what feeds them, or "
-                   "leave it out of channel_mask, and record again."});
-  } else if (damaged_) {
+         .advice =
+             "One silent channel is enough to hide all others, as is damage: check what feeds "
+             "the channels, cable, hub and driver, or leave a silent channel out of "
+             "channel_mask, and record again."});
+  } else if (locks.dropped() != 0) {
     add({.kind = Kind::damage,
-         .words = "the stream is damaged, and the decoder lost its place {}",
+         .words = "the stream is damaged, and the decoder lost its place {0}{1}",
          .amount = times(locks.dropped()),
          .detail = fmt::format(
              ": {} of {} bytes decoded, {} skipped while resynchronising, {} undecoded at the end",
              grouped(recording.decoded_bytes()), grouped(recording.read_bytes),
              grouped(locks.skipped_bytes()), grouped(recording.undecoded_bytes)),
+         .advice = kDamageAdvice});
+  } else if (internal && locks.skipped_bytes() > timing::detail::kLastOffset) {
+    add({.kind = Kind::damage,
+         .words = "the decoder found its place late",
+         .detail = fmt::format(": {} of {} bytes decoded, {} skipped before",
+                               grouped(recording.decoded_bytes()), grouped(recording.read_bytes),
+                               grouped(locks.skipped_bytes())),
+         .advice = kDamageAdvice});
+  } else if (damaged_) {
+    add({.kind = Kind::damage,
+         .words = "the stream is damaged, and the decoder kept its place",
          .advice = kDamageAdvice});
   } else {
     return false;
@@ -143,7 +170,7 @@ void Look::look_at_time() {
   const std::string capture = "a capture of " + seconds_text(facts_.dir.capture_s) + " can hold";
   if (recording.tags_outside != 0) {
     add({.kind = Kind::span,
-         .words = "{} outside of what " + capture + ", decoded from damage",
+         .words = "{0}{1} outside of what " + capture + ", decoded from damage",
          .amount = amount_of(recording.tags_outside, "timestamp")});
   } else if (span_ps > longest_capture_ps(facts_.dir.capture_s)) {
     add({.kind = Kind::span,
@@ -158,7 +185,7 @@ void Look::look_at_intervals(std::size_t number) {
   if (s.gaps != 0) {
     add({.kind = Kind::lost,
          .channels = {number},
-         .words = damaged_ ? "{} missing where the stream is damaged" : "lost {}",
+         .words = damaged_ ? "{0}{1} missing where the stream is damaged" : "lost {0}{1}",
          .amount = amount_of(s.missing_events, "event"),
          .detail = fmt::format("{} in {} ending at {}", damaged_ ? "," : "",
                                s.gaps == 1 ? "a gap" : counted(s.gaps, "gap") + ", the longest",
@@ -168,8 +195,8 @@ void Look::look_at_intervals(std::size_t number) {
   if (s.extra_events != 0) {
     add({.kind = Kind::extra,
          .channels = {number},
-         .words = damaged_ ? "{} out of place where the stream is damaged"
-                           : "{} less than half a period after the one before",
+         .words = damaged_ ? "{0}{1} out of place where the stream is damaged"
+                           : "{0}{1} less than half a period after the one before",
          .amount = amount_of(s.extra_events, "event"),
          .detail = (s.extra_events == 1 ? ", at " : ", the nearest at ") +
                    since_first(s.shortest.time_ps, recording)});
@@ -177,7 +204,7 @@ void Look::look_at_intervals(std::size_t number) {
   if (s.backward_steps != 0) {
     add({.kind = Kind::backward,
          .channels = {number},
-         .words = "time goes back {}",
+         .words = "time goes back {0}{1}",
          .amount = times(s.backward_steps),
          .detail = fmt::format(", by {} at the most",
                                time_text(-static_cast<double>(s.shortest.interval_ps)))});
@@ -251,9 +278,10 @@ void Look::explain_rate(std::size_t number, Finding& finding) const {
   const ChannelRecording& recorded = run_.recording->channels[number];
   const IntervalSummary& s = recorded.intervals;
   const double error_ppm = std::abs(channel.ppm_error);
-  const double jitter_ppm =
-      1e6 * kJitterReach * recorded.spread.deviation_ps /
-      (static_cast<double>(channel.last_ps) - static_cast<double>(channel.first_ps));
+  const double ps_of_ppm =
+      1e-6 * (static_cast<double>(channel.last_ps) - static_cast<double>(channel.first_ps));
+  const double farthest_ps =
+      std::max(std::abs(recorded.smallest_ps()), std::abs(recorded.largest_ps()));
   bool alike = true;
   for (std::size_t c = 0; c < kChannels; ++c) {
     const double difference_ppm = run_.judged->channels[c].ppm_error - channel.ppm_error;
@@ -261,10 +289,13 @@ void Look::explain_rate(std::size_t number, Finding& finding) const {
   }
   if (s.missing_events + s.extra_events + s.backward_steps + run_.recording->tags_outside != 0) {
     finding.cause = "Events are missing or out of order, which alone makes a rate wrong.";
-  } else if (error_ppm < jitter_ppm) {
+  } else if (error_ppm * ps_of_ppm < kJitterReach * recorded.spread.deviation_ps) {
     finding.cause = "Jitter: the first and the last event move by as much.";
     finding.advice =
         "Against jitter capture longer (--capture-s): the same jitter then moves the rate less.";
+  } else if (error_ppm * ps_of_ppm < 2 * farthest_ps) {
+    finding.cause = "Most of the error comes from one interval.";
+    finding.advice = kLostAdvice;
   } else if (alike) {
     finding.cause =
         "A steady error of all channels: the source's or the instrument's clock is off.";
@@ -304,7 +335,9 @@ void Look::look_at_differences() {
 
 }  // namespace
 
-std::string Finding::text() const { return fmt::format(fmt::runtime(words), amount.text) + detail; }
+std::string Finding::text() const {
+  return fmt::format(fmt::runtime(words), amount.text, "") + detail;
+}
 
 std::vector<Finding> findings_of(const Facts& facts, const RecordingFacts& run) {
   return Look(facts, run).all();

@@ -74,7 +74,7 @@ struct Recording {
   Columns columns;  ///< in it, as many as were wanted or nearly half as many
   std::int64_t column_ps = 0;
 
-  /// Bytes of the payload that became tags.
+  /// Bytes of the payload that were read as records.
   [[nodiscard]] std::uint64_t decoded_bytes() const {
     return read_bytes - std::min(read_bytes, undecoded_bytes + locks.skipped_bytes());
   }

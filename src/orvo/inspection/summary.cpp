@@ -93,12 +93,13 @@ Json sentence_of(const Facts& facts, const Group& group) {
   const bool several = runs.size() > 1 || most.channels.size() > 1;
   const std::string amount =
       one_amount ? most.amount.text : least.amount.text + " to " + most.amount.text;
-  return {{"number", runs.front() + 1},
-          {"subject", subject},
-          {"words", ": " + fmt::format(fmt::runtime(most.words), amount) +
-                        (several && one_amount && most.words.ends_with("{}") ? " each" : "") +
-                        (runs.size() == 1 ? most.detail : "") + '.'},
-          {"cause", most.cause}};
+  return {
+      {"number", runs.front() + 1},
+      {"subject", subject},
+      {"words",
+       ": " + fmt::format(fmt::runtime(most.words), amount, several && one_amount ? " each" : "") +
+           (runs.size() == 1 ? most.detail : "") + '.'},
+      {"cause", most.cause}};
 }
 
 /// The sentence about all that passed.
