@@ -165,6 +165,7 @@ judged:
         self.assertEqual(bad["error"], '"bad": not an Orvo timing stream file')
         self.assertEqual(good["channels"][0]["shortest_interval_ps"], -10)
         self.assertIsNone(good["judged"]["channels"][1]["measured_hz"])
+        self.assertIsNone(good["channels"][0]["extra_events"])  # of the inputs nobody knows
         self.assertIsNone(good["judged"]["pass"])
 
     def test_locks_are_dated_by_the_tag_before(self):

@@ -5,6 +5,7 @@ import json
 import re
 import shutil
 import statistics
+import time
 
 from support.ortime import LOST_LOCK, PERIOD_PS, OrtimeTest, recording
 from support.programs import payload_of
@@ -200,6 +201,8 @@ Payload byte 68 535, after the timestamp at 115.7 ms: records begin here, 24 byt
         self.add_run(43_400, f"{JUMP.format(7400)};{LOST_LOCK}", "--capture-s=0.1")
         self.assertIn("<p>1 of 1\u00A0lost lock not marked.</p>", self.page(7400))  # amid damage
         self.write_tags([(1, n * 5 * 10**12 % (3333 << 32)) for n in range(200)], recording(1))
+        self.assertIn("Run 1 at 31 kHz: its timestamps span 995 s, more than a capture of 238.9 ms can hold.",
+                      findings_of(self.page(7400)))
         self.assertIn("<p>19 of 69\u00A0returns of the clock to 0 not marked.</p>", self.page(30 * 10**9))
 
     # A run that passed, on the way of which the clock returns to 0; one with a fast channel, jitter and
@@ -251,7 +254,8 @@ Payload byte 68 535, after the timestamp at 115.7 ms: records begin here, 24 byt
         self.assertEqual(re.findall("<details( open)?>", page), 14 * [""] + 2 * [" open"])
         # Of many runs, one row for each that passed, with the largest error.
         self.assertEqual(len(re.findall('<td class="(good|bad)">', page)), 14 + 4 + 4)
-        self.assertIn('<td>1</td><td class="good">✓ pass</td><td>−19.999737</td>', page)
+        row = page.index('<td>1</td><td class="good">✓ pass</td><td>−19.999737</td>')
+        self.assertEqual(page[row:page.index("</tr>", row)].count('<path class="good"'), 4)
         self.assertIn('<a href="#run-15">Run 15 at 31\u00A0kHz, channel 2</a>: 40.0', page)
         self.assertIn('id="run-16"', page)
 
@@ -260,12 +264,16 @@ Payload byte 68 535, after the timestamp at 115.7 ms: records begin here, 24 byt
         self.report.update(packed_delta_bits=17, packed_delta_quantum_ps=16)
         self.write_stream(recording(1), payload_of(self.here / recording(1)), mode="internal",
                           device_product='<b>"O\'Neill" \xff', device_serial="<i>")
-        page = self.page(PERIODS, "--title='<script>bench&\"4\"</script>\x1b'")
-        for wanted in ("<h1>&lt;script&gt;bench&amp;&quot;4&quot;&lt;/script&gt;? <small>",
+        page = self.page(PERIODS, "--title='<script>bench&\"4\"</script>\x1b\x7f\x85µ'")
+        for wanted in ("<h1>&lt;script&gt;bench&amp;&quot;4&quot;&lt;/script&gt;???µ <small>",
                        "<title>PASS: &lt;script&gt;", "<dd>17 bits, quantum 16 ps</dd>",
                        "<dd>±25 ppm</dd>", "<dd>&lt;b&gt;&quot;O&apos;Neill&quot; \uFFFD</dd>", "<dd>&lt;i&gt;</dd>",
                        "<title>clock returned to 0, 5.997\u00A0µs<"):
             self.assertIn(wanted, page)
+        self.assertIn('class="rates"', page)
+        for tolerance_ppm in 0, "inf":  # against which nothing can be drawn
+            self.assertEqual(self.ortime(f"report . -o page.html --tolerance-ppm={tolerance_ppm}"), 0)
+            self.assertNotIn('class="rates"', (self.here / "page.html").read_text())
         self.report["pass"] = False
         self.assertTrue(findings_of(self.page()).startswith("fail: FAIL\nThe report marks the whole "))
         shutil.copytree(self.here, self.folder / "<b>")
@@ -290,16 +298,21 @@ Payload byte 68 535, after the timestamp at 115.7 ms: records begin here, 24 byt
                       "payload_bytes=7641 (report: 7660); ", findings)
         self.assertEqual(page.count('class="advice"'), 2)
         self.assertEqual(page.count("<figure>"), 2)
-        for file in self.here.glob("*.ortime"):
-            file.unlink()
+        (self.here / recording(3)).write_text("no recording")
         findings = findings_of(self.page())
-        self.assertTrue(findings.startswith("doubt: PASS, but 3 of 3 recordings are missing\n"), findings)
+        self.assertTrue(findings.startswith("doubt: PASS, but 2 of 3 recordings could not be judged\n"), findings)
 
     def test_without_a_report_there_is_no_verdict(self):
         self.add_run(PERIODS, "rate_error_ppm=0:5000,1:-5000")
         (self.here / "overflow_frequency.json").unlink()
         # Of the inputs nobody knows when an event is missing.
         self.write_tags([(1, 1_000_000 * i) for i in (*range(50), 90, *range(91, 140))], recording(2))
+        (self.here / recording(3)).write_text("no recording")
+        page = self.page_of_directory()
+        self.assertIn(time.strftime(" on %Y-%m-%d %H:", time.gmtime()), page)
+        self.assertEqual(self.status, 1)
+        (self.here / recording(3)).unlink()
+        self.assertIn("Run 3: its recording was not judged: ", findings_of(page))
         page = self.page_of_directory()
         self.assertNotIn("lost", findings_of(page))
         self.assertIn("nothing: no calibration source; deviations are from each channel's own median", page)
@@ -313,8 +326,9 @@ Payload byte 68 535, after the timestamp at 115.7 ms: records begin here, 24 byt
         self.add_run(PERIODS)
         self.assertEqual(self.ortime("report . -o page.html --json missing/page.json"), 1)
         self.assertEqual(list(self.here.glob("page*")), [])
-        for words in f"-o {recording(1)}", "--json overflow_frequency.json":
-            self.assertEqual(self.ortime("report . " + words), 1)
+        for words in (f"report . -o {recording(1)}", "report . --json overflow_frequency.json",
+                      f"tags . --format=csv -o {recording(1)}"):
+            self.assertEqual(self.ortime(words), 1)
             self.assertIn("is an input file", self.err)
         self.assertEqual(self.ortime("verify ."), 0)
 

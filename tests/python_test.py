@@ -86,6 +86,8 @@ class Recordings(unittest.TestCase):
         np.testing.assert_array_equal(np.concatenate(blocks[3:]), tags)
         (_, block), = ot.iterate(self.file, channel=1, to_ps=tags["time_ps"][8])
         self.assertEqual(len(block), 2)
+        blocks = ot.Recording(self.file).blocks(10**9)
+        self.assertEqual([len(block) for block in (*blocks, *blocks)], [len(tags)])
         block = next(iter(ot.Recording(self.file)))  # its own, as all arrays here outlive theirs
         block["time_ps"] += 1
         np.testing.assert_array_equal(block["time_ps"], tags["time_ps"][:len(block)] + 1)

@@ -13,6 +13,8 @@ import tempfile
 import time
 import unittest
 
+os.environ["TZ"] = "NPT-5:45"  # local time is not UTC
+time.tzset()
 TOOL = "ot-simulated ot_verify_overflow_frequency "  # to be followed by its arguments
 # Without what a person has set for the tool, and with the programs on the search path.
 ENVIRONMENT = {name: text for name, text in os.environ.items() if not name.startswith("ORVO_")}
