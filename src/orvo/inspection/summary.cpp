@@ -32,6 +32,16 @@ std::string list_text(const Numbers& numbers, std::size_t from) {
   return parts.empty() ? end : fmt::format("{} and {}", fmt::join(parts, ", "), end);
 }
 
+/// "10 to 20 timestamps": the unit once, where both have it.
+std::string range_text(const std::string& least, const std::string& most) {
+  if (least == most) {
+    return most;
+  }
+  const auto end = std::mismatch(least.rbegin(), least.rend(), most.rbegin(), most.rend()).first;
+  const auto same_bytes = static_cast<std::size_t>(end - least.rbegin());
+  return least.substr(0, least.find_first_of(" \u00A0", least.size() - same_bytes)) + " to " + most;
+}
+
 /// Equal findings: of several channels of a run, and of the same channels in several runs.
 struct Group {
   Finding least;
@@ -89,17 +99,14 @@ Json sentence_of(const Facts& facts, const Group& group) {
     subject += most.channels.size() == 1 ? ", channel " : ", channels ";
     subject += list_text(most.channels, 0);
   }
-  const bool one_amount = least.amount.text == most.amount.text;
-  const bool several = runs.size() > 1 || most.channels.size() > 1;
-  const std::string amount =
-      one_amount ? most.amount.text : least.amount.text + " to " + most.amount.text;
-  return {
-      {"number", runs.front() + 1},
-      {"subject", subject},
-      {"words",
-       ": " + fmt::format(fmt::runtime(most.words), amount, several && one_amount ? " each" : "") +
-           (runs.size() == 1 ? most.detail : "") + '.'},
-      {"cause", most.cause}};
+  const bool each =
+      (runs.size() > 1 || most.channels.size() > 1) && least.amount.text == most.amount.text;
+  const std::string amount = range_text(least.amount.text, most.amount.text);
+  return {{"number", runs.front() + 1},
+          {"subject", subject},
+          {"words", ": " + fmt::format(fmt::runtime(most.words), amount, each ? " each" : "") +
+                        (runs.size() == 1 ? most.detail : "") + '.'},
+          {"cause", most.cause}};
 }
 
 /// The sentence about all that passed.
