@@ -10,7 +10,7 @@ from support.programs import TOOL, ProgramTest, shell, stream_file
 
 GOLDEN = pathlib.Path(__file__).parents[1] / "golden"
 DIVIDER = 1000  # of the calibration source
-PERIOD_PS = DIVIDER * 1e12 * 0.9999 / 30978261
+PERIOD_PS = DIVIDER * 1e12 * 0.9999 * 23 / 712_500_000
 REPORT = "overflow_frequency.json"
 
 HEADER = {"file_type": "orvo_timing_raw_stream_capture", "schema_version": 1, "created_utc": "now",
