@@ -260,7 +260,7 @@ Payload byte 68 535, after the timestamp at 115.7 ms: records begin here, 24 byt
         self.assertIn("Run 3: its recording was not judged: ", findings_of(page))
         page = self.page_of_directory()
         self.assertNotIn("lost", findings_of(page))
-        self.assertIn("nothing: no calibration source; deviations are from each channel's own median", page)
+        self.assertIn("<dd>not known; deviations are from each channel's own median", page)
         self.assertEqual(self.status, 0, self.err)
         self.assertIn("none: No verdict: there is no report\n", findings_of(page))
         self.assertIn("divider 1\u202F000, as the intervals suggest", page)

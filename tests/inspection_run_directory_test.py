@@ -34,13 +34,15 @@ class RunDirectory(OrtimeTest):
                 (self.here / REPORT).write_text(report.replace(old, new, 1))
                 self.assertEqual(self.ortime("verify ."), 1)
                 self.assertTrue(self.err.startswith(f'ortime: "./{REPORT}"{error}'), self.err)
-        self.run_of_report["channels"][0]["first_ps"] = -5
+        self.run_of_report.update(payload_bytes=1, decoded_tags=2)
+        for channel in self.run_of_report["channels"]:
+            channel["first_ps"] = -5
         self.save_report()
         self.assertEqual(self.ortime("verify ."), 3)
         self.assertIn("run 1: ch0 first_ps=1000000000160 (report: -5)\n", self.err)
-        self.run_of_report["channels"][0]["first_ps"] = 1000000000160
-        self.save_report()
-        (self.here / REPORT).write_text(" " * (60 << 20) + (self.here / REPORT).read_text())
+        self.assertEqual(self.ortime("report . --json -"), 0)
+        self.assertIn(" ch3 first_ps=1000000000928 (report: -5)\",", self.out)  # as many as are named
+        (self.here / REPORT).write_text(" " * (60 << 20) + report)
         self.assertEqual(self.ortime("verify ."), 0, self.err)  # as with very many runs
 
     def test_looks_for_recordings_in_the_directory_that_was_named_first(self):

@@ -202,6 +202,9 @@ class Recordings(unittest.TestCase):
             ot.LockEvent(kind.LOCKED, buffer_bytes=11),
             ot.LockEvent(kind.INACTIVE_CHANNEL, drops_lock=True, payload_offset_bytes=14,
                          tags_before=1, channel=1, record=2, records=3)])
+        in_sync.write_bytes(stream_file(b"{}", b""))
+        empty = ot.Recording(in_sync)
+        self.assertEqual((empty.counts, empty.first_ps, empty.last_ps), ((0, 0, 0, 0), None, None))
         self.assertEqual(repr(found[3]), "LockEvent(LockKind.LOCKED, buffer_bytes=11)")
         for value in (found, ot.Recording(self.file).header, ot.judge(self.file, 310), ot.load_run(self.file.parent)):
             self.assertEqual(pickle.loads(pickle.dumps(value)), value)

@@ -70,10 +70,10 @@ int finish(const Facts& facts) {
     for (const RecordingFacts& run : facts.recordings) {
       all.insert(all.end(), run.differences.begin(), run.differences.end());
     }
-    say(
-        fmt::format("recordings and report disagree in {} numbers: was one of them changed, or "
-                    "made with another {}?",
-                    summary.disagreements, options_behind(all)));
+    say(plain_text(
+        fmt::format("recordings and report disagree in {}: was one of them changed, or made with "
+                    "another {}?",
+                    counted(summary.disagreements, "number"), options_behind(all))));
   }
   return summary.unjudged != 0        ? kExitError
          : summary.disagreements != 0 ? kExitDisagreement
