@@ -215,6 +215,18 @@ Payload byte 68 535, after the timestamp at 115.7 ms: records begin here, 24 byt
                        "<dd>±25 ppm</dd>", "<dd>&lt;b&gt;&quot;O&apos;Neill&quot; \uFFFD</dd>", "<dd>&lt;i&gt;</dd>",
                        "<title>clock returned to 0, 5.997\u00A0µs<"):
             self.assertIn(wanted, page)
+        run = self.report["runs"][0]
+        told = json.dumps(self.report)
+        run.update(divider=0, effective_hz=0.0, expected_decoded_hz=0.0, overflow_required=False)
+        for channel in run["channels"]:
+            channel["ppm_error"] = 0.0
+        self.assertEqual(findings_of(self.page()), """doubt: PASS, but not every rate was compared
+The run passed. No rate was compared.
+Run 1 at 31 kHz, channels 0 to 3: passed by its count alone, without a rate to compare.
+""")
+        self.assertEqual(self.ortime("verify ."), 0)
+        self.assertIn("\nortime: run 1: channel 3: passed by its count alone, without a rate to", self.err)
+        self.report = json.loads(told)
         self.assertIn('class="rates"', page)
         for tolerance_ppm in 0, "inf":  # against which nothing can be drawn
             self.assertEqual(self.ortime(f"report . -o page.html --tolerance-ppm={tolerance_ppm}"), 0)

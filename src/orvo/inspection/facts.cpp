@@ -80,6 +80,7 @@ void read(const RunResult& named, RecordingOptions options, Facts& facts, Record
     require_recording(facts.dir, named);
   }
   options.divider = named.divider;
+  options.guesses_divider = !facts.ended();
   options.capture_s = facts.dir.capture_s;
   options.channel_mask =
       facts.ended() ? std::optional(facts.settings.channel_mask) : facts.given.channel_mask;

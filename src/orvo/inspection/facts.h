@@ -57,6 +57,7 @@ struct Finding {
     too_slow,
     differs,
     silent,
+    uncompared,
     few,
     rate,
     failed,
@@ -86,8 +87,9 @@ struct Finding {
   std::string cause = {};   ///< a sentence, or empty, like the next
   std::string advice = {};
 
-  /// Half a sentence, without channels.
+  /// Half a sentence, without channels; the same after "channel 2: ", where it is about one.
   [[nodiscard]] std::string text() const;
+  [[nodiscard]] std::string line() const;
 };
 
 struct RecordingFacts {
@@ -108,6 +110,11 @@ struct RecordingFacts {
 
   /// As reported, else as judged.
   [[nodiscard]] const verification::RunResult& shown() const;
+  /// Whether the rate of a channel was compared with the one to expect, rather than its count
+  /// alone.
+  [[nodiscard]] bool compares_rate(std::size_t channel) const {
+    return shown().divider != 0 && shown().channels[channel].measured_hz > 0;
+  }
   /// What has a verdict of the two: null where nobody knows the source.
   [[nodiscard]] const verification::RunResult* verdict() const;
   /// Passed as reported, and nothing says otherwise.

@@ -308,7 +308,15 @@ void Look::explain_rate(std::size_t number, Finding& finding) const {
 }
 
 void Look::look_at_differences() {
-  if (run_.incomplete && run_.shown().pass) {
+  const bool passed = run_.verdict() != nullptr && run_.verdict()->pass;
+  for (std::size_t c = 0; passed && c < kChannels; ++c) {
+    if (facts_.counts(c) && !run_.compares_rate(c)) {
+      add({.kind = Kind::uncompared,
+           .channels = {c},
+           .words = "passed by its count alone, without a rate to compare"});
+    }
+  }
+  if (run_.incomplete && passed) {
     add({.kind = Kind::coverage,
          .words = "only {} of a capture of " + seconds_text(facts_.dir.capture_s) +
                   " decoded; the rest was not judged",
@@ -337,6 +345,10 @@ void Look::look_at_differences() {
 
 std::string Finding::text() const {
   return fmt::format(fmt::runtime(words), amount.text, "") + detail;
+}
+
+std::string Finding::line() const {
+  return (channels.empty() ? "" : fmt::format("channel {}: ", channels.front())) + text();
 }
 
 std::vector<Finding> findings_of(const Facts& facts, const RecordingFacts& run) {

@@ -52,11 +52,11 @@ std::array<double, kChannels> median_intervals_ps(std::span<const TimeTag> tags)
 }
 
 /// Fills what is expected of the intervals, where need be from the recording's first tags.
-void expect(std::span<const TimeTag> first_tags, Recording& recording) {
+void expect(std::span<const TimeTag> first_tags, bool guesses_divider, Recording& recording) {
   std::array<double, kChannels> expected_ps = {};
   if (recording.divider == 0) {
     expected_ps = median_intervals_ps(first_tags);
-    if (recording.header.mode == timing::Mode::internal) {
+    if (guesses_divider && recording.header.mode == timing::Mode::internal) {
       std::array<double, kChannels> sorted = expected_ps;
       std::sort(sorted.begin(), sorted.end(), std::greater());
       const double divider = std::round(sorted[1] / expected_ps_of(1));
@@ -179,7 +179,7 @@ void read_intervals(StreamInput& input, const RecordingOptions& options, Recordi
   std::optional<IntervalAnalysis> analysis;
   std::vector<TimeTag> first_tags;
   const auto begin = [&] {
-    expect(first_tags, recording);
+    expect(first_tags, options.guesses_divider, recording);
     analysis.emplace(settings_for(recording, options.capture_s));
     analysis->add(first_tags);
   };

@@ -25,6 +25,7 @@ struct RecordingOptions {
   Depth depth = Depth::intervals;
   std::uint64_t chunk_bytes = 1 << 20;         ///< read at a time; packed-delta locks depend on it
   std::uint32_t divider = 0;                   ///< of the calibration source; 0: unknown
+  bool guesses_divider = false;                ///< then the one that fits the intervals
   double capture_s = 0;                        ///< how long was recorded; 0: unknown
   std::size_t columns = 1000;                  ///< the most that are wanted
   timing::InterruptionCheck interrupted = {};  ///< asked before each chunk is read
@@ -60,7 +61,7 @@ struct Recording {
   LockHistory locks;
   verification::TagStatistics tags;
 
-  /// As given; else the one that fits the first intervals of a recording in internal mode; else 0.
+  /// As given, or as guessed for a recording in internal mode from its first intervals; else 0.
   std::uint32_t divider = 0;
   double tick_ps = 1;                    ///< all times are multiples of it
   std::optional<std::size_t> reference;  ///< channel that skew is measured against

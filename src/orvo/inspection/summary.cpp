@@ -116,20 +116,21 @@ std::string largest_error_of(const Facts& facts) {
   for (std::size_t i = 0; i < facts.recordings.size(); ++i) {
     for (std::size_t c = 0; c < kChannels; ++c) {
       const double ppm = std::abs(facts.recordings[i].shown().channels[c].ppm_error);
-      if (facts.counts(c) && ppm > largest_ppm) {
+      if (facts.counts(c) && facts.recordings[i].compares_rate(c) && ppm > largest_ppm) {
         largest_ppm = ppm;
         place = fmt::format("{}, channel {}", name_of_run(facts, i), c);
       }
     }
   }
   const std::size_t runs = facts.recordings.size();
-  return fmt::format(
-      "{} passed. The largest rate error of a channel is {} ppm, tolerance {} ppm: {}.",
-      runs == 1   ? "The run"
-      : runs == 2 ? "Both runs"
-                  : "All " + counted(runs, "run"),
-      fixed_text(largest_ppm, 6, facts.settings.tolerance_ppm), facts.settings.tolerance_ppm,
-      place);
+  return fmt::format("{} passed. ", runs == 1   ? "The run"
+                                    : runs == 2 ? "Both runs"
+                                                : "All " + counted(runs, "run")) +
+         (place.empty()
+              ? "No rate was compared."
+              : fmt::format("The largest rate error of a channel is {} ppm, tolerance {} ppm: {}.",
+                            fixed_text(largest_ppm, 6, facts.settings.tolerance_ppm),
+                            facts.settings.tolerance_ppm, place));
 }
 
 /// Of runs that were reported as passed.
@@ -148,6 +149,12 @@ void doubt(const Facts& facts, Summary& summary) {
   } else if (summary.unjudged != 0) {
     summary.headline = fmt::format("PASS, but {} of {} could not be judged", summary.unjudged,
                                    counted(runs.size(), "recording"));
+  } else if (std::any_of(runs.begin(), runs.end(), [](const RecordingFacts& run) {
+               return std::any_of(run.findings.begin(), run.findings.end(), [](const Finding& one) {
+                 return one.kind == Finding::Kind::uncompared;
+               });
+             })) {
+    summary.headline = "PASS, but not every rate was compared";
   } else {
     summary.look = "pass";
     summary.headline = "PASS";

@@ -34,8 +34,8 @@ void explain(const RecordingFacts& run, std::size_t number) {
   }
   for (const Finding& finding : run.findings) {
     if (finding.kind == Finding::Kind::damage || finding.kind == Finding::Kind::no_lock ||
-        finding.kind == Finding::Kind::coverage) {
-      say(plain_text(fmt::format("run {}: {}", number, finding.text())));
+        finding.kind == Finding::Kind::uncompared || finding.kind == Finding::Kind::coverage) {
+      say(plain_text(fmt::format("run {}: {}", number, finding.line())));
     }
   }
   for (const Json& difference : run.differences) {

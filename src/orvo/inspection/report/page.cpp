@@ -225,9 +225,7 @@ Json run_of(const Facts& facts, std::size_t index, Json entry, const Figure& fig
   }
   for (const Finding& finding : run.findings) {
     if (facts.recordings.size() > 1) {  // else they are above
-      std::string words =
-          (finding.channels.empty() ? "" : fmt::format("channel {}: ", finding.channels.front())) +
-          finding.text() + '.';
+      std::string words = finding.line() + '.';
       words.front() = static_cast<char>(std::toupper(static_cast<unsigned char>(words.front())));
       entry["findings"].push_back(words);
     }
