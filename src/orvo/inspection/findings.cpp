@@ -104,12 +104,14 @@ class Look {
 
 void Look::look_at_file() {
   if (!run_.error.empty()) {
+    std::error_code error;  // what cannot be looked at is not there
     add({.kind = Kind::unreadable,
          .words = "its recording was not judged",
          .detail = ": " + run_.error,
-         .advice = run_.recording ? ""
-                                  : "Name the folder that holds the recordings, or put them "
-                                    "beside the report."});
+         .advice = std::filesystem::exists(run_.stream_file, error)
+                       ? ""
+                       : "Name the folder that holds the recordings, or put them beside the "
+                         "report."});
   } else if (!run_.recording->warning.empty()) {
     add({.kind = Kind::header,
          .words = "its recording is odd",

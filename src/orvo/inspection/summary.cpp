@@ -176,7 +176,7 @@ std::vector<std::string> advice_of(const Facts& facts) {
     for (const Finding& finding : run.findings) {
       if (finding.kind != Finding::Kind::few) {
         add(finding.advice);
-      } else if (rate_hz < lowest_hz) {
+      } else if (rate_hz < lowest_hz && !finding.advice.empty()) {
         longest = finding.advice;
         lowest_hz = rate_hz;
       }

@@ -46,7 +46,9 @@ std::string number_text(const std::string& name, double value) {
   if (form == std::end(kForms)) {
     return fixed_text(value, 3);
   }
-  const int decimals = name == "ppm_error" && std::abs(value) >= 1000 ? 1 : form->decimals;
+  const int decimals = name == "ppm_error" && std::abs(value) >= 1000         ? 1
+                       : name == "median_ps" && std::fmod(value, 10.0) == 0.0 ? 0  // of wide bins
+                                                                              : form->decimals;
   return form->has_sign ? signed_text(value, decimals) : fixed_text(value, decimals);
 }
 
@@ -206,6 +208,8 @@ Json run_of(const Facts& facts, std::size_t index, Json entry, const Figure& fig
                 {"open", !run.passed_whole()},
                 {"digest", digest_of(run)},
                 {"inferred", run.divider_inferred},
+                {"packed", run.recording &&
+                               run.recording->header.stream_format == timing::Format::packed_delta},
                 {"state", passed                     ? "good"
                           : run.verdict() != nullptr ? "bad"
                                                      : ""},
