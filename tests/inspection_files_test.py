@@ -31,8 +31,12 @@ class InspectionFiles(OrtimeTest):
                 ("verify f", "'f': is a stream file"),
                 ("verify -", "is a stream file"),
                 ("verify . --divider 3", "'.': is a run"),
+                ("tags . --run 0", "'0' is not an integer from 1"),
                 ("verify f --divider 4294967296", "from 1 to 4294967295"),
+                ("verify f --divider 0", "from 1 to 4294967295"),
                 ("verify f --requested-hz nan", "'nan' is not a number greater than 0"),
+                ("verify f --requested-hz 0", "'0' is not a number greater than 0"),
+                ("verify f --divider 3 --min-tags-per-channel -1", "is not an integer from 0"),
                 ("verify f --divider 3 --tolerance-ppm nan", "of at least 0"),
                 ("verify f --divider 3 --tolerance-ppm abc", "'abc' is not a number of at least 0"),
                 ("report x", "--output or --json is required"),
@@ -171,6 +175,8 @@ judged:
     def test_locks_are_dated_by_the_tag_before(self):
         self.add_run(4000, LOST_LOCK)
         self.assertEqual(self.ortime("info overflow_frequency_01.ortime --chunk-bytes 4096"), 0)
+        self.assertIn('\ndivider_from="intervals"\n', self.out)
+        self.assertEqual(self.out.count(" expected_interval_ps=32277473.684 "), 4)
         self.assertIn("\nlocks:\n  taken=2\n  dropped=1\n  skipped_bytes=26\n", self.out)
         self.assertTrue(self.out.endswith("""
   events:

@@ -42,6 +42,9 @@ ppm_error=-99.999473 pass=false judged=false
   ch3 count=0 pass=false judged=false
 pass=true
 """)
+        for options, headline in ("--channels 0,1", "PASS"), ("", "FAIL"):
+            self.ortime(f"verify {file} --divider 1000 --json {options}")
+            self.assertEqual(json.loads(self.out)["verdict"]["headline"], headline)
         for options, status, said in (
                 ("--divider 1000", 2, "channel_mask=7\n"),
                 ("--divider 1000 --tolerance-ppm 101", 0, "tolerance_ppm=101\n"),

@@ -91,7 +91,7 @@ class Recordings(unittest.TestCase):
                           for recording, block in zip(recordings, blocks)],
                          [("1", 484), ("2", 40000), ("2", 7972), ("2", 40000), ("2", 7972)])
         np.testing.assert_array_equal(np.concatenate(blocks[3:]), tags)
-        (_, block), = ot.iterate(self.file, channel=1, to_ps=tags["time_ps"][8])
+        (_, block), = ot.iterate(self.file, channel=1, from_ps=tags["time_ps"][4], to_ps=tags["time_ps"][12])
         self.assertEqual(len(block), 2)
         blocks = ot.Recording(self.file).blocks(10**9)
         self.assertEqual([len(block) for block in (*blocks, *blocks)], [len(tags)])
