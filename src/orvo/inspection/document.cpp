@@ -1,5 +1,8 @@
 #include "orvo/inspection/document.h"
 
+#include <fmt/format.h>
+
+#include <type_traits>
 #include <utility>
 
 #include "orvo/inspection/text.h"
@@ -25,17 +28,28 @@ void forget(Json& object, bool known, std::initializer_list<const char*> names) 
   }
 }
 
+/// What a visit calls to make members of what reports have, but for the stream file.
+auto into(Json& object) {
+  return [&object](const char* name, const auto& value, int = 0) {
+    using Value = std::remove_cvref_t<decltype(value)>;
+    if constexpr (!std::is_same_v<Value, std::filesystem::path>) {
+      object[name] = value;
+    }
+  };
+}
+
 /// A run, null where it has no value, and which of its channels count.
 Json run_json(const RunResult& run, bool has_verdict, const Facts& facts) {
   const bool has_source = run.divider != 0;
-  Json json = numbers_of(run);
+  Json json;
+  visit_run(run, into(json));
   forget(json, run.requested_hz > 0, {"requested_hz"});
   forget(json, has_source, {"effective_hz", "expected_decoded_hz", "divider", "overflow_required"});
   forget(json, has_verdict, {"pass"});
   for (std::size_t c = 0; c < kChannels; ++c) {
     const ChannelResult& channel = run.channels[c];
     Json numbers = {{"channel", c}};
-    numbers.update(numbers_of(channel));
+    visit_channel(channel, into(numbers));
     forget(numbers, channel.count >= 2, {"first_ps", "last_ps"});
     forget(numbers, channel.measured_hz > 0, {"measured_hz"});
     forget(numbers, channel.measured_hz > 0 && has_source, {"ppm_error"});
@@ -122,6 +136,18 @@ Json locks_json(const Recording& recording) {
           {"events_left_out", locks.left_out()}};
 }
 
+Json differences_json(const std::vector<Difference>& differences) {
+  Json json = Json::array();
+  for (const Difference& difference : differences) {
+    json.push_back({{"channel", or_null(difference.channel)},
+                    {"name", difference.name},
+                    {"reported", Json::parse(difference.reported)},
+                    {"judged", Json::parse(difference.judged)},
+                    {"words", difference.text()}});
+  }
+  return json;
+}
+
 Json findings_json(const std::vector<Finding>& findings) {
   Json json = Json::array();
   for (const Finding& finding : findings) {
@@ -179,11 +205,8 @@ Json verdict_json(const Facts& facts, Depth depth) {
   }
   const Summary& summary = facts.summary;
   Json sentences = Json::array();
-  for (const Json& sentence : summary.sentences) {
-    const auto part = [&](const char* name) { return sentence[name].get<std::string>(); };
-    const std::string cause = part("cause");
-    sentences.push_back(
-        plain_text(part("subject") + part("words") + (cause.empty() ? "" : ' ' + cause)));
+  for (const auto& [run, subject, words, cause] : summary.sentences) {
+    sentences.push_back(plain_text(subject + words + (cause.empty() ? "" : ' ' + cause)));
   }
   Json advice = Json::array();
   for (const std::string& sentence : summary.advice) {
@@ -250,7 +273,7 @@ Json json_of(const RecordingFacts& run, const Facts& facts, Depth depth) {
                                                                 : Json("option")},
        {"expected_events", run.expected_events > 0 ? Json(run.expected_events) : Json()},
        {"judged", run.judged ? run_json(*run.judged, run.verdict() != nullptr, facts) : Json()},
-       {"differences", run.differences},
+       {"differences", differences_json(run.differences)},
        {"findings", findings_json(run.findings)}});
   if (depth == Depth::intervals && run.judged) {
     add_intervals(run, json);
@@ -288,6 +311,21 @@ Json series_json(const RecordingFacts& run) {
                       {"columns", columns_json(*run.recording, channel, c)}});
   }
   return series;
+}
+
+std::string digits_of(const std::string& name, const Json& value) {
+  int decimals = 3;  // of a picosecond
+  const auto look = [&](const char* reported, const auto&, int digits = 0) {
+    decimals = name == reported ? digits : decimals;
+  };
+  const RunResult none;
+  visit_run(none, look);
+  visit_channel(none.channels[0], look);
+  return value.is_string()         ? fmt::format("{:?}", value.get_ref<const std::string&>())
+         : value.is_number_float() ? name == "tolerance_ppm"
+                                         ? fmt::format("{}", value.get<double>())
+                                         : fmt::format("{:.{}f}", value.get<double>(), decimals)
+                                   : value.dump();
 }
 
 std::string text_of(const Json& document, int indent) {

@@ -3,12 +3,15 @@
 #pragma once
 
 #include <functional>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
 #include "orvo/inspection/facts.h"
 
 namespace orvo::inspection {
+
+using Json = nlohmann::ordered_json;
 
 /// Schema, program, and where a run is: all that a document about several of them has but for the
 /// recordings.
@@ -26,6 +29,9 @@ namespace orvo::inspection {
 
 /// Of each channel the histograms of its deviations and its skew, and its columns over time.
 [[nodiscard]] Json series_json(const RecordingFacts& run);
+
+/// `value` with as many digits as reports have under `name`, where they have it.
+[[nodiscard]] std::string digits_of(const std::string& name, const Json& value);
 
 /// One line; what is no UTF-8 becomes U+FFFD.
 [[nodiscard]] std::string text_of(const Json& document, int indent = -1);

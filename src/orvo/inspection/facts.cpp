@@ -23,40 +23,49 @@ constexpr double kGoodCoverage = 0.9;
 /// but for this many periods at its ends.
 constexpr double kEdgePeriods = 3;
 
-/// What a visit calls to make members of what it visits.
-auto into(Json& object) {
-  return [&object](const char* name, const auto& value, int = 0) {
+/// What reports have of a result by its name there, in their digits, but for the stream file.
+using Values = std::vector<std::pair<std::string, std::string>>;
+
+auto into(Values& values) {
+  return [&values](const char* name, const auto& value, int digits = 0) {
     using Value = std::remove_cvref_t<decltype(value)>;
-    if constexpr (!std::is_same_v<Value, std::filesystem::path>) {
-      object[name] = value;
+    if constexpr (std::is_same_v<Value, double>) {
+      values.emplace_back(name, fmt::format("{:.{}f}", value, digits));
+    } else if constexpr (!std::is_same_v<Value, std::filesystem::path>) {
+      values.emplace_back(name, fmt::to_string(value));
     }
   };
 }
 
-void compare(const Json& channel, const Json& reported, const Json& judged, bool with_verdicts,
-             Json& differences) {
-  for (const auto& [name, value] : judged.items()) {
-    const std::string before = digits_of(name, reported[name]);
-    const std::string now = digits_of(name, value);
-    if (before != now && (with_verdicts || name != "pass")) {
-      const std::string place = channel.is_null() ? "" : "ch" + channel.dump() + ' ';
-      differences.push_back({{"channel", channel},
-                             {"name", name},
-                             {"reported", Json::parse(before)},
-                             {"judged", Json::parse(now)},
-                             {"words", difference_text(place + name, now, before)}});
+Values values_of(const RunResult& run) {
+  Values values;
+  visit_run(run, into(values));
+  return values;
+}
+
+Values values_of(const ChannelResult& channel) {
+  Values values;
+  visit_channel(channel, into(values));
+  return values;
+}
+
+/// Verdicts differ only where they were made the same way.
+void compare(std::optional<std::size_t> channel, const Values& reported, const Values& judged,
+             bool with_verdicts, std::vector<Difference>& differences) {
+  for (std::size_t i = 0; i < judged.size(); ++i) {
+    const auto& [name, value] = judged[i];
+    if (value != reported[i].second && (with_verdicts || name != "pass")) {
+      differences.push_back({channel, name, reported[i].second, value});
     }
   }
 }
 
-/// Verdicts differ only where they were made the same way.
 void compare(const Facts& facts, RecordingFacts& run) {
-  const bool with_verdicts = facts.same_judgement();
-  compare(nullptr, numbers_of(*run.reported), numbers_of(*run.judged), with_verdicts,
+  compare(std::nullopt, values_of(*run.reported), values_of(*run.judged), facts.same_judgement(),
           run.differences);
   for (std::size_t c = 0; c < kChannels; ++c) {
-    compare(c, numbers_of(run.reported->channels[c]), numbers_of(run.judged->channels[c]),
-            with_verdicts, run.differences);
+    compare(c, values_of(run.reported->channels[c]), values_of(run.judged->channels[c]),
+            facts.same_judgement(), run.differences);
   }
 }
 
@@ -103,44 +112,18 @@ void read(const RunResult& named, RecordingOptions options, Facts& facts, Record
 
 }  // namespace
 
-Json numbers_of(const RunResult& run) {
-  Json numbers = Json::object();
-  visit_run(run, into(numbers));
-  return numbers;
+std::string Difference::text() const {
+  return fmt::format("{}{}={} (report: {})", channel ? fmt::format("ch{} ", *channel) : "", name,
+                     judged, reported);
 }
 
-Json numbers_of(const ChannelResult& channel) {
-  Json numbers = Json::object();
-  visit_channel(channel, into(numbers));
-  return numbers;
+Difference verdict_difference(bool reported) {
+  return {std::nullopt, "pass of the whole run", fmt::to_string(reported),
+          fmt::to_string(!reported)};
 }
 
-std::string digits_of(const std::string& name, const Json& value) {
-  int decimals = 3;  // of a picosecond
-  const auto look = [&](const char* reported, const auto&, int digits = 0) {
-    decimals = name == reported ? digits : decimals;
-  };
-  const RunResult none;
-  visit_run(none, look);
-  visit_channel(none.channels[0], look);
-  return value.is_string()         ? fmt::format("{:?}", value.get_ref<const std::string&>())
-         : value.is_number_float() ? name == "tolerance_ppm"
-                                         ? fmt::format("{}", value.get<double>())
-                                         : fmt::format("{:.{}f}", value.get<double>(), decimals)
-                                   : value.dump();
-}
-
-std::string difference_text(const std::string& name, const std::string& judged,
-                            const std::string& reported) {
-  return fmt::format("{}={} (report: {})", name, judged, reported);
-}
-
-std::string verdict_difference_text(bool reported) {
-  return difference_text("pass of the whole run", Json(!reported).dump(), Json(reported).dump());
-}
-
-std::string options_behind(const Json& differences) {
-  const auto is_verdict = [](const Json& difference) { return difference["name"] == "pass"; };
+std::string options_behind(const std::vector<Difference>& differences) {
+  const auto is_verdict = [](const Difference& one) { return one.name.starts_with("pass"); };
   const auto verdicts = std::count_if(differences.begin(), differences.end(), is_verdict);
   return verdicts == 0                         ? "--chunk-bytes"
          : verdicts == std::ssize(differences) ? "--min-tags-per-channel or --tolerance-ppm"

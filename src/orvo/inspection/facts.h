@@ -7,7 +7,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <utility>
@@ -18,8 +17,6 @@
 #include "orvo/verification/evaluation.h"
 
 namespace orvo::inspection {
-
-using Json = nlohmann::ordered_json;
 
 /// How recordings are judged; what is not given is that of the report, of the stream file's header,
 /// or the tool's default.
@@ -34,19 +31,21 @@ struct GivenSettings {
       verification::EvaluationSettings settings) const;
 };
 
-/// What reports have of a run or a channel, but for the stream file and the channels.
-[[nodiscard]] Json numbers_of(const verification::RunResult& run);
-[[nodiscard]] Json numbers_of(const verification::ChannelResult& channel);
-/// `value` with as many digits as reports have under `name`, where they have it.
-[[nodiscard]] std::string digits_of(const std::string& name, const Json& value);
+/// A value that was reported and judged differently, both in the digits of a report.
+struct Difference {
+  std::optional<std::size_t> channel;  ///< none: of the run
+  std::string name;
+  std::string reported;
+  std::string judged;
 
-/// "ch0 count=99 (report: 100)".
-[[nodiscard]] std::string difference_text(const std::string& name, const std::string& judged,
-                                          const std::string& reported);
-/// The same of the verdict on the whole run, which is the opposite of the one that was `reported`.
-[[nodiscard]] std::string verdict_difference_text(bool reported);
+  /// "ch0 count=99 (report: 100)".
+  [[nodiscard]] std::string text() const;
+};
+
+/// Of the verdict on the whole run, which is the opposite of the one that was `reported`.
+[[nodiscard]] Difference verdict_difference(bool reported);
 /// Options that, given as in the run, may explain differences: those of verdicts, of numbers.
-[[nodiscard]] std::string options_behind(const Json& differences);
+[[nodiscard]] std::string options_behind(const std::vector<Difference>& differences);
 
 /// Something worth saying of a run.
 struct Finding {
@@ -100,9 +99,7 @@ struct RecordingFacts {
   /// Without a divider what needs one is 0.
   std::optional<verification::RunResult> judged;
   bool divider_inferred = false;  ///< from the recording's first intervals
-  /// Values that reported and judged run do not share, each with channel (null: the run), name,
-  /// reported, judged, in the digits of a report, and its difference_text() as words.
-  Json differences = Json::array();
+  std::vector<Difference> differences;
   double expected_events = 0;  ///< of a channel in the capture; 0: unknown
   double decoded_s = 0;        ///< of the capture, by the judged channel with the fewest events
   bool incomplete = false;     ///< that falls short of the capture
@@ -123,14 +120,20 @@ struct RecordingFacts {
   }
 };
 
+/// About equal findings in several runs and channels.
+struct Sentence {
+  std::size_t run = 0;  ///< number of the first one, from 1 on
+  std::string subject;  ///< "Runs 2 and 5 to 9, channel 1"
+  std::string words;    ///< ": lost 1 event each."
+  std::string cause;    ///< a sentence, or empty
+};
+
 /// What can be said of the whole.
 struct Summary {
   const char* look = "none";  ///< pass, doubt, fail or none
   std::string headline;       ///< "PASS, but only 51.2 ms of 350 ms decoded"
   std::string lead;           ///< one sentence on
-  /// About equal findings in several runs and channels: number of the first run, subject ("Runs 2
-  /// and 5 to 9, channel 1"), words (": lost 1 event each."), cause (a sentence or empty).
-  Json sentences = Json::array();
+  std::vector<Sentence> sentences;
   std::vector<std::string> advice;
   std::size_t unjudged = 0;       ///< recordings
   std::size_t disagreements = 0;  ///< of values that were reported and judged

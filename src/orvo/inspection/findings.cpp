@@ -328,7 +328,7 @@ void Look::look_at_differences() {
   const std::size_t all = run_.differences.size();
   std::string words;
   for (std::size_t i = 0; i < std::min(all, kMaxDifferences); ++i) {
-    words += (i == 0 ? ": " : "; ") + run_.differences[i]["words"].get<std::string>();
+    words += (i == 0 ? ": " : "; ") + run_.differences[i].text();
   }
   if (all > kMaxDifferences) {
     words += fmt::format("; and {} more", all - kMaxDifferences);

@@ -91,7 +91,7 @@ std::vector<Group> groups_of(const Facts& facts) {
   return groups;
 }
 
-Json sentence_of(const Facts& facts, const Group& group) {
+Sentence sentence_of(const Facts& facts, const Group& group) {
   const auto& [least, most, runs] = group;
   std::string subject =
       runs.size() == 1 ? name_of_run(facts, runs.front()) : "Runs " + list_text(runs, 1);
@@ -102,11 +102,11 @@ Json sentence_of(const Facts& facts, const Group& group) {
   const bool each =
       (runs.size() > 1 || most.channels.size() > 1) && least.amount.text == most.amount.text;
   const std::string amount = range_text(least.amount.text, most.amount.text);
-  return {{"number", runs.front() + 1},
-          {"subject", subject},
-          {"words", ": " + fmt::format(fmt::runtime(most.words), amount, each ? " each" : "") +
-                        (runs.size() == 1 ? most.detail : "") + '.'},
-          {"cause", most.cause}};
+  return {.run = runs.front() + 1,
+          .subject = subject,
+          .words = ": " + fmt::format(fmt::runtime(most.words), amount, each ? " each" : "") +
+                   (runs.size() == 1 ? most.detail : "") + '.',
+          .cause = most.cause};
 }
 
 /// The sentence about all that passed.

@@ -38,8 +38,8 @@ void explain(const RecordingFacts& run, std::size_t number) {
       say(plain_text(fmt::format("run {}: {}", number, finding.line())));
     }
   }
-  for (const Json& difference : run.differences) {
-    say(fmt::format("run {}: {}", number, difference["words"].get<std::string>()));
+  for (const Difference& difference : run.differences) {
+    say(fmt::format("run {}: {}", number, difference.text()));
   }
 }
 
@@ -60,12 +60,12 @@ void print(const Json& recording) {
 int finish(const Facts& facts) {
   const Summary& summary = facts.summary;
   if (summary.verdicts_differ) {
-    say(verdict_difference_text(facts.dir.pass));
+    say(verdict_difference(facts.dir.pass).text());
   }
   if (summary.disagreements != 0) {
-    Json all = Json::array();
+    std::vector<Difference> all;
     if (summary.verdicts_differ) {
-      all.push_back({{"name", "pass"}});
+      all.push_back(verdict_difference(facts.dir.pass));
     }
     for (const RecordingFacts& run : facts.recordings) {
       all.insert(all.end(), run.differences.begin(), run.differences.end());

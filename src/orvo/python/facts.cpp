@@ -90,7 +90,7 @@ py::tuple outline(const fs::path& path) {
   }
   const bool contradicts = dir.ended() && dir.pass != pass;
   return py::make_tuple(dir.running,
-                        contradicts ? inspection::verdict_difference_text(dir.pass) : "", files);
+                        contradicts ? inspection::verdict_difference(dir.pass).text() : "", files);
 }
 
 /// The document about the run at `path`, whose recordings are looked into so deep; with a `number`

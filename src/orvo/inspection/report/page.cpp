@@ -249,10 +249,13 @@ std::string page_of(Json page, const Facts& facts, const std::vector<Figure>& fi
                {"headline", summary.headline},
                {"lead", summary.lead},
                {"advice", summary.advice},
-               {"sentences", summary.sentences},
                {"condensed", facts.recordings.size() > kManyRuns},
                {"ended", facts.ended()},
                {"instrument", false}});
+  for (const auto& [run, subject, words, cause] : summary.sentences) {
+    page["sentences"].push_back(
+        {{"number", run}, {"subject", subject}, {"words", words}, {"cause", cause}});
+  }
   std::string channels;
   for (std::size_t c = 0; c < kChannels; ++c) {
     channels += facts.counts(c) ? fmt::format(" {}", c) : "";
