@@ -2,6 +2,7 @@
 
 import csv
 import fcntl
+import json
 import importlib.util
 import os
 import shutil
@@ -51,6 +52,8 @@ class Archive(ArchiveTest):
         shutil.move(self.folder / "drift", self.folder / "all")
         (cut / FIRST).write_bytes((cut / FIRST).read_bytes()[:-100])
         (missing / FIRST).unlink()  # although it is still where it was recorded
+        told = json.loads((missing / "overflow_frequency.json").read_text())["runs"][0]["stream_file"]
+        shutil.copytree(self.folder / "good", (self.folder / told).parent)
         (odd / FIRST).write_text("a foreign file")
         (report / "overflow_frequency.json").write_text("{}")
         (stopped / "overflow_frequency.json").unlink()
