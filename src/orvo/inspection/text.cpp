@@ -90,8 +90,8 @@ std::string time_text(double time_ps, int digits) {
   return with_unit(time_ps, digits, {"ps", "ns", "µs", "ms", "s"});
 }
 
-std::string signed_time_text(double time_ps) {
-  return std::string(time_ps >= 0.0005 ? "+" : "").append(time_text(time_ps));
+std::string signed_time_text(double time_ps, int digits) {
+  return std::string(time_ps >= 0.0005 ? "+" : "").append(time_text(time_ps, digits));
 }
 
 std::string hz_text(double rate_hz) { return with_unit(rate_hz, 4, {"Hz", "kHz", "MHz"}); }

@@ -19,7 +19,7 @@ namespace orvo::inspection {
 
 /// "99.99 µs", "−8 ps", "0 ps", to at most `digits` digits.
 [[nodiscard]] std::string time_text(double time_ps, int digits = 4);
-[[nodiscard]] std::string signed_time_text(double time_ps);
+[[nodiscard]] std::string signed_time_text(double time_ps, int digits = 4);
 /// "100 kHz", "0.4 Hz".
 [[nodiscard]] std::string hz_text(double rate_hz);
 /// "once", "2 times".

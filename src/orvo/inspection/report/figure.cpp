@@ -259,7 +259,8 @@ void draw_bars(Svg& svg, const Axes& axes, const Panel& panel, std::span<const B
              fmt::format("{}{} ps: {}", low, low == high ? "" : " to " + high,
                          counted(bar.count, thing)));
     if (named) {
-      svg.text("bin", panel.left + length, bar.y + 3.5, "start", 4, low);
+      svg.text("bin", panel.left + length, bar.y + 3.5, "start", 4,
+               low == high ? low : signed_time_text((bar.low_ps + bar.high_ps) / 2, 3));
     }
   }
 }
