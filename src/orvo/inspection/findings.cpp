@@ -48,7 +48,8 @@ Finding::Amount times(std::uint64_t number) {
   return {static_cast<double>(number), times_text(number)};
 }
 
-/// A lost event leaves a gap, a pulse too many an extra event; a source that has both has neither.
+/// Lost events leave gaps, and a pulse too many is an extra event: both together, and times that a
+/// capture cannot hold, come from changed bytes.
 bool is_damaged(const Recording& recording) {
   IntervalSummary all;
   for (const ChannelRecording& channel : recording.channels) {
