@@ -169,6 +169,7 @@ pass=true
         (self.here / REPORT).unlink()
         for words, error in (
                 ("missing --divider 1", 'cannot open "missing": No such file or directory'),
+                ("missing", 'cannot open "missing": No such file or directory'),
                 ("undecodable --divider 1", "records that cannot be decoded: packed_delta of 99 bits"),
                 (".", '"." has no report: it was stopped, an error ended it, or another program recorded it; judge its '
                  "recordings with")):

@@ -13,14 +13,15 @@
 namespace orvo::inspection {
 namespace {
 
-/// The divider that was given, or the one whose frequency is nearest to the one asked for.
+/// The divider that was given, or the one whose frequency is nearest to the one asked for; 0 for a
+/// file that is not there.
 std::uint32_t divider_of(const VerifyOptions& options) {
-  if (options.divider) {
-    return *options.divider;
+  if (!options.requested_hz) {
+    return options.divider.value_or(0);
   }
   constexpr double kBaseHz = verification::kCalibrationBaseHz;
   constexpr double kLargest = std::numeric_limits<std::uint32_t>::max();
-  const double hz = options.requested_hz.value();
+  const double hz = *options.requested_hz;
   const double below = std::clamp(std::floor(kBaseHz / hz), 1.0, kLargest - 1);
   return static_cast<std::uint32_t>(hz - kBaseHz / (below + 1) < kBaseHz / below - hz ? below + 1
                                                                                       : below);
