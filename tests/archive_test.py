@@ -14,7 +14,7 @@ import unittest
 preloaded = os.environ.pop("LD_PRELOAD", "")  # by a sanitizer, for the module alone
 import orvo_timing as ot
 from orvo_timing._native import StopFlag
-from orvo_timing.archive import Pool, Settings, finished, row_of, rows as rows_of
+from orvo_timing.archive import Pool, Settings, fill, finished, row_of, rows as rows_of
 from support.programs import TOOL, ProgramTest, shell
 
 PYTHON = f"env LD_PRELOAD='{preloaded}' '{sys.executable}' -m "
@@ -103,6 +103,16 @@ class Archive(ArchiveTest):
         self.table("all drift", status=3)
         (self.folder / "empty").mkdir()
         self.table("empty", status=1)
+
+    def test_a_silent_channel_is_the_worst_and_a_link_stays_one(self):
+        recording = ot.verify(self.folder / "drift").recordings[1]
+        recording.judged.channels[3].ppm_error = None
+        row = row_of("", "", "")
+        fill(row, recording, "")
+        self.assertEqual((row["worst_channel"], row["ppm_error"]), (3, None))
+        (self.folder / "table.csv").symlink_to("real.csv")
+        self.table("good", status=0)
+        self.assertTrue((self.folder / "table.csv").is_symlink())
 
     def test_ends_at_control_c_with_what_is_done(self):
         for number in range(100):

@@ -19,6 +19,7 @@ class InspectionFiles(OrtimeTest):
         (self.here / "link").symlink_to("target")
         for words, told in (
                 ("", "a command is missing"),
+                ("--frobnicate", "a command is missing"),
                 ("'\x1b[2J' x", r"'\x1b[2J' is no command"),
                 ("info --chunk-bytes 99999999999999999999 x", "is not an integer from 1 to 1073741824"),
                 ("tags x --channel 4",
@@ -122,14 +123,15 @@ class InspectionFiles(OrtimeTest):
         self.assertEqual(self.tags("to_t"), b"channel,time_ps\n0,5\n")  # what the link leads to
         self.assertEqual(target.read_bytes(), b"channel,time_ps\n0,5\n")
         self.assertEqual(target.stat().st_mode & 0o777, 0o600)
-        (self.here / "to_new").symlink_to("new")
-        self.tags("to_new")
-        self.assertEqual((self.here / "new").stat().st_mode, recording.stat().st_mode)
+        (self.here / "below").mkdir()
+        (self.here / "below/to_new").symlink_to("new")
+        self.tags("below/to_new")
+        self.assertEqual((self.here / "below/new").stat().st_mode, recording.stat().st_mode)
         self.assertEqual(self.ortime("tags undecodable"), 1)
         self.assertIn("records that cannot be decoded: packed_delta of 99 bits", self.err)
         self.assertEqual((self.here / "t.part").read_text(), "of somebody")
         # The recordings and links, the outputs and their links: nothing unfinished.
-        self.assertEqual(len(list(self.here.iterdir())), 10)
+        self.assertEqual(len(list(self.here.glob("**/*"))), 11)
 
     def test_two_at_once_write_whole_files(self):
         self.write_tags([(0, 5)])

@@ -29,6 +29,12 @@ TEST(LockHistory, DatesEventsAndKeepsTheFirstAndTheLast) {
   EXPECT_EQ(endless.entries().size(), 100U);
   EXPECT_EQ(endless.left_out(), 900U);
   EXPECT_EQ(endless.dropped(), 500U);
+  LockHistory skipping;
+  for (const auto kind : {LockEvent::Kind::no_alignment, LockEvent::Kind::rejected_alignment,
+                          LockEvent::Kind::locked}) {
+    skipping.add({.kind = kind, .drop_bytes = 10});
+  }
+  EXPECT_EQ(skipping.skipped_bytes(), 20U);  // the refused one is searched again
 }
 
 TEST(Progress, TellsPartRateAndTimeLeft) {

@@ -57,5 +57,8 @@ class InspectionTool(ProgramTest):
                 ortime = self.run_whole("ortime " + command)
                 self.assertEqual(ortime.status, status, ortime.err)
                 self.assertTrue(ortime.out.endswith(end), ortime.out)
+        told = [re.sub("\n(stream_file|file_bytes)=.*", "", "\n" + self.run_whole(command).out)
+                for command in (f"ortime info {file}", f"cat {file} | ortime info -")]
+        self.assertEqual(told[0], told[1])
         verify = "ortime verify - --requested-hz=1000 "
         self.assertEqual(self.run_whole(f"cat {file} | {verify}").out, self.run_whole(f"{verify}<{file}").out)

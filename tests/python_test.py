@@ -172,6 +172,9 @@ class Recordings(unittest.TestCase):
         run = ot.load_run(copy)
         self.assertEqual((run.passed, run.report, run.recordings[0].reported), (None, None, None))
         self.assertEqual(run.recordings[0].header.mode, "internal")
+        (run_dir / "overflow_frequency_01.ortime").unlink()
+        with self.assertRaises(FileNotFoundError):
+            list(ot.iterate(run_dir))
 
     def test_headers_are_those_of_ortime(self):
         descriptors = os.listdir("/proc/self/fd")

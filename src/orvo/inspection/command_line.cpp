@@ -215,10 +215,10 @@ void require_output(const ReportOptions& options) {
 int explained(const CLI::App& program, const CLI::ParseError& error, std::string_view first) {
   const auto commands = program.get_subcommands();
   std::string what = error.what();
-  if (commands.empty() && first.empty()) {
-    what = "a command is missing";
-  } else if (commands.empty() && first.front() != '-') {
+  if (commands.empty() && !first.empty() && first.front() != '-') {
     what = fmt::format("'{}' is no command; there are info, tags, verify and report", first);
+  } else if (commands.empty() && dynamic_cast<const CLI::RequiredError*>(&error) != nullptr) {
+    what = "a command is missing";
   }
   what = fmt::format("{:?}", what);  // parts of it are of unknown origin
   std::cerr << "ortime: " << what.substr(1, what.size() - 2) << "\nTry 'ortime "
