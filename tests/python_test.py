@@ -168,7 +168,10 @@ class Recordings(unittest.TestCase):
         copy = self.folder / "cop\udce9"
         shutil.copytree(run_dir, copy)
         self.assertTrue(ot.verify(copy).recordings[0].stream_file.startswith(str(copy)))
-        (copy / "overflow_frequency.json").unlink()  # as an error leaves it
+        report = copy / "overflow_frequency.json"
+        report.write_text(report.read_text().replace('"decoded_tags":', '"decoded_tags":1', 1))
+        self.assertIs(ot.verify(copy).passed, False)  # although all passes
+        report.unlink()  # as an error leaves it
         run = ot.load_run(copy)
         self.assertEqual((run.passed, run.report, run.recordings[0].reported), (None, None, None))
         self.assertEqual(run.recordings[0].header.mode, "internal")
