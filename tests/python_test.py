@@ -86,7 +86,8 @@ class Recordings(unittest.TestCase):
             for max_tags, blocks in zip(sizes, pool.map(blocks_of, sizes)):
                 self.assertEqual({len(block) for block in blocks[:-1]} - {max_tags}, set())
                 np.testing.assert_array_equal(np.concatenate(blocks), tags)
-        recordings, blocks = zip(*ot.iterate([ot.load_run(self.file.parent), ot.Recording(self.file)], 40000))
+        recordings, blocks = zip(*ot.iterate([ot.load_run(self.file.parent), ot.Recording(self.file)], 40000,
+                                             channel=(channel for channel in range(4))))
         self.assertEqual([(recording.path.name[-8], len(block))
                           for recording, block in zip(recordings, blocks)],
                          [("1", 484), ("2", 40000), ("2", 7972), ("2", 40000), ("2", 7972)])

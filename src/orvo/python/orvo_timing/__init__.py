@@ -128,6 +128,8 @@ def iterate(sources: Source | Iterable[Source], max_tags: int = 1 << 14, *,
 
     Raises what Recording and load_run() raise, where a recording is missing, too.
     """
+    if isinstance(channel, Iterable):
+        channel = tuple(channel)  # for each recording
     one = isinstance(sources, (str, os.PathLike, Recording, Facts))
     for source in cast(Iterable[Source], (sources,) if one else sources):
         for recording in _recordings_of(source):
