@@ -118,7 +118,11 @@ class Report(OrtimeTest):
         self.report = {}
         self.add_run(20, "", "--frequencies-hz=0.5")
         self.add_run(20)
-        self.assert_golden("findings.txt", said + "* one at 0.5 Hz, one too short\n" + findings_of(self.page(20)))
+        said += "* one at 0.5 Hz, one too short\n" + findings_of(self.page(20))
+        self.report = {}
+        self.add_run(400, "rate_error_ppm=3:-9")
+        self.report["channel_mask"] = 7
+        self.assert_golden("findings.txt", said + "* channel 3 does not count\n" + findings_of(self.page(400)))
 
     def assert_golden_page(self, name, page):
         numbers = (self.here / "page.json").read_text()
