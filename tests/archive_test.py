@@ -113,6 +113,8 @@ class Archive(ArchiveTest):
         (self.folder / "table.csv").symlink_to("real.csv")
         self.table("good", status=0)
         self.assertTrue((self.folder / "table.csv").is_symlink())
+        (self.folder / "good" / FIRST).unlink()
+        self.table("good", status=1)
 
     def test_ends_at_control_c_with_what_is_done(self):
         for number in range(100):

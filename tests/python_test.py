@@ -211,6 +211,8 @@ class Recordings(unittest.TestCase):
             ot.LockEvent(kind.LOCKED, buffer_bytes=11),
             ot.LockEvent(kind.INACTIVE_CHANNEL, drops_lock=True, payload_offset_bytes=14,
                          tags_before=1, channel=1, record=2, records=3)])
+        self.assertEqual([sum(channel.judged for channel in ot.judge(in_sync, 1, channel_mask=mask).channels)
+                          for mask in (None, 0)], [1, 4])  # 0: all
         in_sync.write_bytes(stream_file(b"{}", b""))
         empty = ot.Recording(in_sync)
         self.assertEqual((empty.counts, empty.first_ps, empty.last_ps), ((0, 0, 0, 0), None, None))
