@@ -237,6 +237,7 @@ Run 1 at 31 kHz, channels 0 to 3: passed by its count alone, without a rate to c
         self.assertEqual(self.ortime("verify ."), 0)
         self.assertIn("\nortime: run 1: channel 3: passed by its count alone, without a rate to", self.err)
         self.report = json.loads(told)
+        self.save_report()
         self.assertIn('class="rates"', page)
         for tolerance_ppm in 0, "inf":  # against which nothing can be drawn
             self.assertEqual(self.ortime(f"report . -o page.html --tolerance-ppm={tolerance_ppm}"), 0)
