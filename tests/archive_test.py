@@ -2,8 +2,8 @@
 
 import csv
 import fcntl
-import json
 import importlib.util
+import json
 import os
 import shutil
 import signal

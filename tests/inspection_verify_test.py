@@ -124,6 +124,7 @@ pass=true
         run["decoded_tags"] = 301  # another status, if all could be judged
         self.save_report()
         self.assertEqual(self.ortime("verify . --channels 0,1 --json"), 1)
+        self.assertIn("\nortime: recordings and report disagree in 1 number: ", self.err)
         document = json.loads(self.out)
         lost, judged, _ = document["recordings"]
         self.assertIn("error", lost)

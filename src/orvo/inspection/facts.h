@@ -47,6 +47,11 @@ struct Difference {
 /// Options that, given as in the run, may explain differences: those of verdicts, of numbers.
 [[nodiscard]] std::string options_behind(const std::vector<Difference>& differences);
 
+/// Whether the rate of a channel was compared with the one to expect, rather than its count alone.
+[[nodiscard]] inline bool compares_rate(const verification::RunResult& run, std::size_t channel) {
+  return run.divider != 0 && run.channels[channel].measured_hz > 0;
+}
+
 /// Something worth saying of a run.
 struct Finding {
   enum class Kind {  // the worst first
@@ -107,11 +112,6 @@ struct RecordingFacts {
 
   /// As reported, else as judged.
   [[nodiscard]] const verification::RunResult& shown() const;
-  /// Whether the rate of a channel was compared with the one to expect, rather than its count
-  /// alone.
-  [[nodiscard]] bool compares_rate(std::size_t channel) const {
-    return shown().divider != 0 && shown().channels[channel].measured_hz > 0;
-  }
   /// What has a verdict of the two: null where nobody knows the source.
   [[nodiscard]] const verification::RunResult* verdict() const;
   /// Passed as reported, and nothing says otherwise.

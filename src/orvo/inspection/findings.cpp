@@ -290,7 +290,7 @@ void Look::explain_rate(std::size_t number, Finding& finding) const {
     const double difference_ppm = run_.judged->channels[c].ppm_error - channel.ppm_error;
     alike = alike && (!facts_.counts(c) || std::abs(difference_ppm) < kAlike * error_ppm);
   }
-  if (s.missing_events + s.extra_events + s.backward_steps + run_.recording->tags_outside != 0) {
+  if (s.missing_events + s.extra_events + s.backward_steps != 0) {
     finding.cause = "Events are missing or out of order, which alone makes a rate wrong.";
   } else if (error_ppm * ps_of_ppm < kJitterReach * recorded.spread.deviation_ps) {
     finding.cause = "Jitter: the first and the last event move by as much.";
@@ -313,7 +313,7 @@ void Look::explain_rate(std::size_t number, Finding& finding) const {
 void Look::look_at_differences() {
   const bool passed = run_.verdict() != nullptr && run_.verdict()->pass;
   for (std::size_t c = 0; passed && c < kChannels; ++c) {
-    if (facts_.counts(c) && !run_.compares_rate(c)) {
+    if (facts_.counts(c) && !compares_rate(*run_.verdict(), c)) {
       add({.kind = Kind::uncompared,
            .channels = {c},
            .words = "passed by its count alone, without a rate to compare"});

@@ -115,8 +115,9 @@ std::string largest_error_of(const Facts& facts) {
   std::string place;
   for (std::size_t i = 0; i < facts.recordings.size(); ++i) {
     for (std::size_t c = 0; c < kChannels; ++c) {
-      const double ppm = std::abs(facts.recordings[i].shown().channels[c].ppm_error);
-      if (facts.counts(c) && facts.recordings[i].compares_rate(c) && ppm > largest_ppm) {
+      const verification::RunResult& run = facts.recordings[i].shown();
+      const double ppm = std::abs(run.channels[c].ppm_error);
+      if (facts.counts(c) && compares_rate(run, c) && ppm > largest_ppm) {
         largest_ppm = ppm;
         place = fmt::format("{}, channel {}", name_of_run(facts, i), c);
       }
